@@ -1,0 +1,73 @@
+// Platform side of error reporting: SDL message boxes, the crash, the stack text.
+#include "framework/qerror.h"
+
+#include <SDL.h>
+#include <execinfo.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "framework/qmessage.h"
+#include "framework/qstring.h"
+
+namespace {
+SDL_Window* g_owner = nullptr;
+}
+
+void qSetMessageBoxOwner(void* sdlWindow) { g_owner = static_cast<SDL_Window*>(sdlWindow); }
+
+bool qShowMessageBox(const char* caption, const char* text, QMessageBoxKind kind) {
+  const char* off = getenv("GLIMRA_NO_MESSAGEBOX");
+  if (off && *off && strcmp(off, "0") != 0) return false;
+  // Without any display SDL would still try to connect; failing fast is the documented path.
+  if (!getenv("DISPLAY") && !getenv("WAYLAND_DISPLAY")) return false;
+  SDL_MessageBoxButtonData buttons[2];
+  int nbuttons = 0;
+  if (kind == QMB_YESNO_QUESTION) {
+    buttons[0] = {SDL_MESSAGEBOX_BUTTON_RETURNKEY_DEFAULT, 1, "Yes"};
+    buttons[1] = {SDL_MESSAGEBOX_BUTTON_ESCAPEKEY_DEFAULT, 0, "No"};
+    nbuttons = 2;
+  } else {
+    buttons[0] = {SDL_MESSAGEBOX_BUTTON_RETURNKEY_DEFAULT | SDL_MESSAGEBOX_BUTTON_ESCAPEKEY_DEFAULT,
+                  1, "OK"};
+    nbuttons = 1;
+  }
+  SDL_MessageBoxData data{};
+  data.flags = kind == QMB_YESNO_QUESTION ? SDL_MESSAGEBOX_INFORMATION : SDL_MESSAGEBOX_WARNING;
+  data.window = g_owner;
+  data.title = caption ? caption : "";
+  data.message = text ? text : "";
+  data.numbuttons = nbuttons;
+  data.buttons = buttons;
+  int hit = -1;
+  if (SDL_ShowMessageBox(&data, &hit) != 0) return false;
+  return hit == 1;
+}
+
+void QCrash(const char* reason) {
+  qinfo("qerror.cpp", "QCrash", __LINE__, "Going to crash, reason: %s", reason ? reason : "");
+  // Deliberate: the platform's crash handling (core dump, watchdog restart) takes over.
+  volatile int* volatile zero = nullptr;
+  *zero = 12345;
+}
+
+void qGetStackText(qstring* out) {
+  if (!out) return;
+  void* frames[64];
+  int n = backtrace(frames, 64);
+  char** symbols = backtrace_symbols(frames, n);
+  out->Clear();
+  for (int i = 1; i < n; ++i) {
+    if (out->Length() > 100000 - 512) break;
+    *out += symbols ? symbols[i] : "?";
+    *out += "\n";
+  }
+  free(symbols);
+}
+
+void qstacktrace(const char* title) {
+  qstring text;
+  qGetStackText(&text);
+  qinfo("qerror.cpp", "qstacktrace", __LINE__, "Stacktrace [%s]:\n%s", title ? title : "",
+        text.cstr());
+}

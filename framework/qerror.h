@@ -1,0 +1,25 @@
+// Message boxes, the deliberate crash and the call-stack text: the platform side of error
+// reporting. Boxes go through SDL, which can show them before (and without) its video start.
+// Without a display a box fails at once and the caller goes on as if it had been answered
+// "no"/dismissed. The environment variable GLIMRA_NO_MESSAGEBOX=1 makes every box fail that way
+// (tests and unattended runs that must never wait for a click).
+#pragma once
+
+class qstring;
+
+enum QMessageBoxKind {
+  QMB_OK_EXCLAMATION = 0,  // one OK button, exclamation icon
+  QMB_YESNO_QUESTION = 1,  // Yes / No
+};
+
+// Shows a task-modal box; true when it was shown and answered OK or Yes.
+bool qShowMessageBox(const char* caption, const char* text, QMessageBoxKind kind);
+// The window that owns the boxes (an SDL_Window*), or null.
+void qSetMessageBoxOwner(void* sdlWindow);
+
+// Logs "Going to crash, reason: %s" and writes 12345 to address zero.
+void QCrash(const char* reason);
+// The calling thread's stack as text (at most 100000 characters).
+void qGetStackText(qstring* out);
+// Logs "Stacktrace [%s]:\n%s" with the current call stack.
+void qstacktrace(const char* title);

@@ -1,0 +1,64 @@
+#!/usr/bin/env bash
+# Builds glimra and runs every test: the normal build, the AddressSanitizer + UBSan build, and
+# the fuzz targets for a bounded time. Exits non-zero on any failure.
+#   FUZZ_SECONDS  seconds per fuzz target (default 5)
+#   JOBS          parallel build jobs (default: number of cores)
+set -u
+cd "$(dirname "$0")/.."
+. scripts/deps.sh
+glimra_install_deps || { echo "dependency installation failed"; exit 1; }
+
+JOBS=${JOBS:-$(nproc)}
+FUZZ_SECONDS=${FUZZ_SECONDS:-5}
+status=0
+
+# GUI tests need an X server: use Xvfb when there is no display.
+run_with_display() {
+  if [ -n "${DISPLAY:-}" ]; then "$@"; else xvfb-run -a -s "-screen 0 1280x1024x24" "$@"; fi
+}
+
+build() {  # dir, extra cmake args...
+  local dir=$1; shift
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null || return 1
+  cmake --build "$dir" -j "$JOBS" 2>&1 | grep -E "warning|error|Error" ; return "${PIPESTATUS[0]}"
+}
+
+echo "=== normal build and tests"
+if build build; then
+  (cd build && run_with_display ctest --output-on-failure -j "$JOBS") || status=1
+else
+  echo "build failed"; status=1
+fi
+
+echo "=== AddressSanitizer + UndefinedBehaviorSanitizer build and tests"
+if build build-asan -DGLIMRA_SANITIZE=ON -DGLIMRA_BENCH=OFF; then
+  (cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 \
+     run_with_display ctest --output-on-failure -j "$JOBS") || status=1
+else
+  echo "sanitizer build failed"; status=1
+fi
+
+echo "=== fuzz targets (${FUZZ_SECONDS}s each)"
+if ls fuzz/*_fuzz.cpp >/dev/null 2>&1; then
+  if CC=clang-14 CXX=clang++-14 build build-fuzz -DGLIMRA_FUZZ=ON; then
+    fuzzed=0; fuzzfail=0
+    for f in build-fuzz/fuzz/*_fuzz; do
+      name=$(basename "$f")
+      corpus=$(mktemp -d)
+      [ -d "fuzz/corpus/$name" ] && cp -r "fuzz/corpus/$name/." "$corpus/"
+      if "$f" -max_total_time="$FUZZ_SECONDS" -rss_limit_mb=2048 -print_final_stats=0 \
+           "$corpus" >"build-fuzz/$name.log" 2>&1; then
+        echo "fuzz $name: ok"; fuzzed=$((fuzzed + 1))
+      else
+        echo "fuzz $name: FAILED"; tail -40 "build-fuzz/$name.log"; fuzzfail=$((fuzzfail + 1)); status=1
+      fi
+      rm -rf "$corpus"
+    done
+    echo "fuzz: $fuzzed passed, $fuzzfail failed"
+  else
+    echo "fuzz build failed"; status=1
+  fi
+fi
+
+[ $status -eq 0 ] && echo "ALL TESTS PASSED" || echo "SOME TESTS FAILED"
+exit $status
