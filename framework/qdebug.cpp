@@ -16,6 +16,7 @@ namespace {
 
 int g_flags = 0;
 int g_level = 1;
+bool g_strict = false;
 
 // ---- Argument-trace stacks: two thread slots of 100 entries ----
 constexpr int kSlots = 2;
@@ -73,6 +74,8 @@ void TraceLine(const char* mark, const char* className, const char* method, cons
 int qdbgGetFlags() { return g_flags; }
 void qdbgSetFlags(int flags) { g_flags = flags; }
 int qdbgGetLevel() { return g_level; }
+bool qdbgStrict() { return g_strict; }
+void qdbgSetStrict(bool on) { g_strict = on; }
 void qdbgSetLevel(int level) { g_level = level; }
 
 // ---------------------------------------------------------------------------------------------

@@ -26,6 +26,7 @@ void qdbgSetLevel(int level);
 void qdbg_setup(QIni* ini);
 // True when "dev.strict" was set: configuration readers give their extra advice.
 bool qdbgStrict();
+void qdbgSetStrict(bool on);
 
 // Set by the network layer: answers false when the network manager is not initialised; else
 // opens the "udp_out" socket with the given description.
