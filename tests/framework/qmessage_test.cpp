@@ -1,0 +1,230 @@
+// The log writer: repeat folding, newline stripping, the mask, rotation, the second file, handlers,
+// concurrent writers and the fatal paths.
+#include "framework/qmessage.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "framework/qdebug.h"
+
+namespace {
+
+std::string ReadAll(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+std::vector<std::string> Lines(const std::string& path) {
+  std::vector<std::string> out;
+  std::ifstream in(path);
+  for (std::string line; std::getline(in, line);) out.push_back(line);
+  return out;
+}
+
+int CountContaining(const std::vector<std::string>& lines, const std::string& what) {
+  int n = 0;
+  for (auto& l : lines)
+    if (l.find(what) != std::string::npos) ++n;
+  return n;
+}
+
+class LogTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/glimra_log_XXXXXX";
+    dir_ = mkdtemp(tmpl);
+    log_ = dir_ + "/QLOG.txt";
+    qlogSetFileName(log_.c_str());
+    qlogSetMask(QLOGMASK_ERR | QLOGMASK_WARN | QLOGMASK_INFO);
+    // A line no test repeats, so folding state from an earlier test never leaks in.
+    qlogwrite(QLOG_INFO, nullptr, "setup %s", dir_.c_str());
+  }
+  void TearDown() override {
+    qlogCloseSecondFile();
+    std::string cmd = "rm -rf '" + dir_ + "'";
+    ASSERT_EQ(system(cmd.c_str()), 0);
+  }
+  std::string dir_, log_;
+};
+
+TEST_F(LogTest, RepeatsAreFoldedAndFlushedBeforeTheNextMessage) {
+  for (int i = 0; i < 3; ++i) QWARN("LogTest::Repeat", "disk is full");
+  EXPECT_EQ(CountContaining(Lines(log_), "disk is full"), 1);
+
+  QWARN("LogTest::Repeat", "disk is empty");
+  auto lines = Lines(log_);
+  ASSERT_GE(lines.size(), 3u);
+  EXPECT_NE(lines[lines.size() - 2].find("[2x repeat] disk is full"), std::string::npos);
+  EXPECT_NE(lines.back().find("disk is empty"), std::string::npos);
+  // The repeat line keeps the level and header of the folded message.
+  EXPECT_NE(lines[lines.size() - 2].find("(WARN )"), std::string::npos);
+  EXPECT_NE(lines[lines.size() - 2].find("LogTest::Repeat]"), std::string::npos);
+}
+
+TEST_F(LogTest, BoxMessagesAreNeverFolded) {
+  for (int i = 0; i < 2; ++i) qlogwrite(QLOG_ERR | QLOG_BOX, nullptr, "box text");
+  EXPECT_EQ(CountContaining(Lines(log_), "box text"), 2);
+}
+
+TEST_F(LogTest, LineFormatAndOneTrailingNewlineStripped) {
+  QERR("QIni::Read", "bad bracket in line %d\n", 7);
+  auto lines = Lines(log_);
+  ASSERT_FALSE(lines.empty());
+  const std::string& l = lines.back();
+  // "<time> (ERR  ): [<app>] <text> [<header>]"
+  EXPECT_NE(l.find(" (ERR  ): [-] bad bracket in line 7 [ERR,qmessage_test.cpp:"), std::string::npos) << l;
+  EXPECT_NE(l.find(",QIni::Read]"), std::string::npos);
+  EXPECT_EQ(ReadAll(log_).find("line 7\n\n"), std::string::npos);
+  EXPECT_EQ(CountContaining(lines, "bad bracket"), 1);
+}
+
+TEST_F(LogTest, MaskDecidesWhatReachesTheFile) {
+  qmessage("plain words");
+  QINFO("LogTest::Mask", "info words");
+  std::string text = ReadAll(log_);
+  EXPECT_EQ(text.find("plain words"), std::string::npos);
+  EXPECT_NE(text.find("info words"), std::string::npos);
+
+  qlogSetMask(QLOGMASK_MESSAGE);
+  qmessage("plain again");
+  QWARN("LogTest::Mask", "warning dropped");
+  QINFO("LogTest::Mask", "info dropped");
+  text = ReadAll(log_);
+  EXPECT_NE(text.find("plain again"), std::string::npos);
+  EXPECT_EQ(text.find("warning dropped"), std::string::npos);
+  EXPECT_EQ(text.find("info dropped"), std::string::npos);
+}
+
+TEST_F(LogTest, RotatesPastTenMillionBytes) {
+  {
+    std::ofstream big(log_, std::ios::binary | std::ios::app);
+    std::string block(1 << 20, 'x');
+    for (int i = 0; i < 10; ++i) big << block;
+  }
+  std::ofstream(dir_ + "/QLOG_OLD.txt") << "older";
+  QWARN("LogTest::Rotate", "after rotation");
+  std::string old = ReadAll(dir_ + "/QLOG_OLD.txt");
+  EXPECT_GT(old.size(), 10000000u);
+  EXPECT_EQ(old.find("older"), std::string::npos);
+  std::string fresh = ReadAll(log_);
+  EXPECT_LT(fresh.size(), 1000u);
+  EXPECT_NE(fresh.find("after rotation"), std::string::npos);
+}
+
+TEST_F(LogTest, FileNameStaysWhenTheDirectoryChanges) {
+  char before[4096];
+  ASSERT_NE(getcwd(before, sizeof(before)), nullptr);
+  ASSERT_EQ(chdir("/tmp"), 0);
+  QWARN("LogTest::Cwd", "written after chdir");
+  ASSERT_EQ(chdir(before), 0);
+  EXPECT_STREQ(qlogGetFileName(), log_.c_str());
+  EXPECT_NE(ReadAll(log_).find("written after chdir"), std::string::npos);
+}
+
+TEST_F(LogTest, SecondFileTakesErrorsAndWarningsOnly) {
+  ASSERT_TRUE(qlogOpenSecondFile());
+  QWARN("LogTest::Second", "warned %d", 1);
+  QINFO("LogTest::Second", "informed");
+  qlogCloseSecondFile();
+  std::string second = ReadAll(dir_ + "/QLOG_LAST.txt");
+  EXPECT_NE(second.find(" (WARN): warned 1 [WARN,qmessage_test.cpp:"), std::string::npos) << second;
+  EXPECT_EQ(second.find("informed"), std::string::npos);
+}
+
+std::vector<std::string>* g_captured = nullptr;
+void Capture(const char* header, const char* text) {
+  g_captured->push_back(std::string(header ? header : "") + "|" + text);
+}
+
+TEST_F(LogTest, HandlersReplaceTheDefaultAndReturnThePrevious) {
+  std::vector<std::string> captured;
+  g_captured = &captured;
+  EXPECT_EQ(qSetWarnHandler(Capture), nullptr);
+  QWARN("LogTest::Hook", "to the hook %d", 5);
+  EXPECT_EQ(qSetWarnHandler(nullptr), &Capture);
+  ASSERT_EQ(captured.size(), 1u);
+  EXPECT_NE(captured[0].find("WARN,qmessage_test.cpp:"), std::string::npos);
+  EXPECT_NE(captured[0].find(",LogTest::Hook|to the hook 5"), std::string::npos);
+  EXPECT_EQ(ReadAll(log_).find("to the hook"), std::string::npos);
+
+  // qerr gets a newline added before its handler sees the text.
+  qSetErrHandler(Capture);
+  QERR("LogTest::Hook", "no newline");
+  qSetErrHandler(nullptr);
+  EXPECT_EQ(captured.back().substr(captured.back().size() - 11), "no newline\n");
+}
+
+TEST_F(LogTest, ConcurrentWritersNeitherInterleaveNorLose) {
+  constexpr int kThreads = 4, kEach = 300;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back([t] {
+      for (int i = 0; i < kEach; ++i) QWARN("LogTest::Threads", "thread %d message %d end", t, i);
+    });
+  for (auto& th : threads) th.join();
+  auto lines = Lines(log_);
+  int seen = 0;
+  for (auto& l : lines) {
+    if (l.find("LogTest::Threads") == std::string::npos) continue;
+    ++seen;
+    // Exactly one message per line, complete.
+    EXPECT_EQ(CountContaining({l}, "thread "), 1);
+    EXPECT_NE(l.find(" end [WARN,"), std::string::npos) << l;
+  }
+  EXPECT_EQ(seen, kThreads * kEach);
+}
+
+TEST_F(LogTest, ArgumentStackReportsOverflowAndUnderflowOnce) {
+  qargReset();
+  std::vector<std::string> captured;
+  g_captured = &captured;
+  qSetErrHandler(Capture);
+  for (int i = 0; i < 105; ++i) QARGPUSH("level %d", i);
+  for (int i = 0; i < 110; ++i) qargPop();
+  qSetErrHandler(nullptr);
+  EXPECT_EQ(CountContaining(captured, "qargPush overflow; verify your qargPush/qargPop calls"), 1);
+  EXPECT_EQ(CountContaining(captured, "qargPop underflow; verify your qargPush/qargPop calls"), 1);
+  qargReset();
+}
+
+TEST_F(LogTest, TraceFileIndentsByDepth) {
+  std::string trace = dir_ + "/trace.txt";
+  ASSERT_TRUE(qtraceOpen(trace.c_str()));
+  qtraceEnter("QIni", "Read", nullptr);
+  qtraceEnter("QFile", "Open", reinterpret_cast<void*>(0x10));
+  qtraceLeave("QFile", "Open", reinterpret_cast<void*>(0x10));
+  qtraceLeave("QIni", "Read", nullptr);
+  qtraceClose();
+  auto lines = Lines(trace);
+  ASSERT_EQ(lines.size(), 4u);
+  EXPECT_EQ(lines[0], ">QIni::Read");
+  EXPECT_EQ(lines[1].substr(0, 13), "  >QFile::Ope");
+  EXPECT_NE(lines[1].find("(this=0x"), std::string::npos);
+  EXPECT_EQ(lines[2].substr(0, 13), "  <QFile::Ope");
+  EXPECT_EQ(lines[3], "<QIni::Read");
+}
+
+using LogDeathTest = LogTest;
+
+TEST_F(LogDeathTest, FatalLogsThenCrashes) {
+  EXPECT_DEATH(qfatal("Can't create font %d", 0), "");
+  std::string text = ReadAll(log_);
+  EXPECT_NE(text.find("(FATAL): [-] Can't create font 0"), std::string::npos) << text;
+  EXPECT_NE(text.find("Going to crash, reason: qfatal"), std::string::npos);
+}
+
+TEST_F(LogDeathTest, FatalExitEndsWithCodeZero) {
+  EXPECT_EXIT(qfatalexit("leaving"), ::testing::ExitedWithCode(0), "");
+  EXPECT_NE(ReadAll(log_).find("(FATAL): [-] leaving"), std::string::npos);
+}
+
+}  // namespace
