@@ -2,8 +2,11 @@
 //
 // It holds 8-bit text in a heap buffer grown to exactly what is needed (no geometric growth).
 // A string with no buffer reads as the empty string, never as a null pointer. A 16-bit
-// ("unicode") mode exists in the layout, but almost every operation refuses it with a warning;
-// its 8-bit accessor reads "<unicodestr-nyi>". Copies are deep.
+// ("unicode") mode exists in the layout, but almost every operation refuses it with a warning
+// naming the operation ("qstring:CutPath() NYI for Unicode") and answers false, -1, 0 or leaves
+// the string unchanged; its 8-bit accessor reads "<unicodestr-nyi>". Assigning 8-bit text
+// switches back to 8-bit mode. Copies are deep. Cutting helpers work in place and keep the
+// buffer's capacity.
 #pragma once
 
 #include <cstddef>
@@ -62,17 +65,20 @@ class qstring {
   // Ends the string at its last "." anywhere in it; false when there is none.
   bool CutExtension();
   // "car_12" -> "car"; false unless the string ends in "_" followed only by digits (an "_" at
-  // position 0 does not count).
+  // position 0 does not count; "car_" with no digits is cut to "car" too).
   bool CutUnderscoredNumber();
+  // Spaces and tabs.
   void CutLeadingSpaces();
   void CutTrailingSpaces();
   // Removes trailing line feeds and carriage returns.
   void CutTrailingLF();
-  // Replaces every %NAME% by the environment variable's value (unset: empty).
+  // Replaces every %NAME% by the environment variable's value (unset: empty; a lone "%" stays).
+  // The result is built in a 10,240-byte buffer: a longer one is cut there, with a warning.
   void ConvertEnv();
 
   // ---- Searching ----
-  // Index of the first (last) occurrence, case-sensitive, or -1.
+  // Index of the first (last) occurrence, case-sensitive, or -1 (also for a null text or a zero
+  // character; an empty text is found at `start`, or for FindLast at the end).
   int Find(const char* s, int start = 0) const;
   int Find(char c, int start = 0) const;
   int FindLast(const char* s) const;
@@ -87,19 +93,22 @@ class qstring {
   bool GetSubstring(int start, int n, qstring* out) const;
   char GetFirstChar() const;
   char GetLastChar() const;
-  // Line number n (from 0) of the text, without its line end; false when there is no such line.
+  // Line number n (from 0) of the text, without its "\n" or "\r\n"; false when there is no such
+  // line (a final line end does not begin another line; an empty string has none).
   bool GetLine(int n, qstring* out) const;
   // Replaces every occurrence of `what` (case-sensitive, left to right, not rescanned); answers
-  // the number of replacements.
+  // the number of replacements (0 for an empty `what`; a null `with` deletes).
   int ReplaceAll(const char* what, const char* with);
-  // First letter of every word upper case, the rest lower case (Latin-1).
+  // First letter of every word upper case, the rest lower case (Latin-1). Words are runs of
+  // letters, digits and apostrophes.
   void Capitalize();
   // Keeps only what follows the last occurrence of `c`; false when there is none.
   bool LeavePostfix(char c);
   // Turns the text into an identifier: letters, digits and "_" stay, everything else becomes
-  // "_"; a leading digit gets a "_" in front.
+  // "_" (Latin-1 letters too); a leading digit gets a "_" in front.
   void MakeID();
-  // True when the text is a plain file name: not empty, no separators and none of :*?"<>|.
+  // True when the text is a plain file name: not empty, not "." or "..", no separators, no
+  // control characters and none of :*?"<>|.
   bool IsFileName() const;
   // Optional sign then digits only.
   bool IsNumber() const;
@@ -108,19 +117,28 @@ class qstring {
   void ToUpper();  // Latin-1
   void ToLower();  // Latin-1
 
-  // Whole file into the string (binary); false when unreadable.
+  // Whole file into the string (binary; the text ends at a zero byte); false when unreadable,
+  // leaving the string unchanged and saying why in the log.
   bool FromFile(const char* fileName);
+  // Writes the text without terminator; false when the file can't be created or written.
   bool ToFile(const char* fileName) const;
 
   // Checks the text of an integer expression: digits, spaces, "-", "+", "*", "%". False with the
-  // reason ("a '.' is not allowed (floating point)", "character 'x' is not allowed").
+  // reason ("a '.' is not allowed (floating point)", "character 'x' is not allowed") for the
+  // first offending character; `reason` may be null and is cleared on success. A 16-bit string
+  // reports the error "Not supported for Unicode" and is accepted.
   bool ValidateInt(qstring* reason) const;
   // The same for reals: digits, spaces, "+-.eE".
   bool ValidateFloat(qstring* reason) const;
 
   // ---- 16-bit mode ----
+  // Widens the bytes as Latin-1. Already 16-bit: warns "qstring::ASCII2UC(); string is already
+  // unicode" and changes nothing.
   void ASCII2UC();
+  // Decodes the text as UTF-8 (a byte outside a valid sequence stands for itself, code points
+  // above 16 bits become '?'). Already 16-bit: warns "qstring::Q2UC(); string is already unicode".
   void QC2UC();
+  // Not available: warns "UC2QC nyi" and changes nothing; assign 8-bit text to leave 16-bit mode.
   void UC2QC();
   const uint16_t* wstr() const { return wide_; }
 
