@@ -1,0 +1,386 @@
+// QFile: memory end-of-data rule, seeking, line and word readers, writers and scrambling.
+#include "framework/qfile.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "framework/qmem.h"
+#include "framework/qmessage.h"
+
+namespace {
+
+std::vector<std::string> g_log;
+void Capture(const char*, const char* text) { g_log.emplace_back(text); }
+
+bool Logged(const std::string& text) {
+  for (const std::string& s : g_log)
+    if (s.find(text) != std::string::npos) return true;
+  return false;
+}
+
+class QFileTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_log.clear();
+    qSetWarnHandler(Capture);
+    qSetErrHandler(Capture);
+    char tmpl[] = "/tmp/qfile_test_XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+  }
+  void TearDown() override {
+    qSetWarnHandler(nullptr);
+    qSetErrHandler(nullptr);
+    std::string cmd = "rm -rf '" + dir_ + "'";
+    ASSERT_EQ(system(cmd.c_str()), 0);
+  }
+  std::string MakeFile(const char* name, const std::string& content) {
+    std::string path = dir_ + "/" + name;
+    FILE* fp = fopen(path.c_str(), "wb");
+    fwrite(content.data(), 1, content.size(), fp);
+    fclose(fp);
+    return path;
+  }
+  std::string ReadBack(const std::string& path) {
+    std::string out;
+    FILE* fp = fopen(path.c_str(), "rb");
+    for (int c; fp && (c = fgetc(fp)) != EOF;) out += static_cast<char>(c);
+    if (fp) fclose(fp);
+    return out;
+  }
+  // A block of exactly `text`'s size from the counted allocator, so an overread is caught.
+  static void* Block(const std::string& text) {
+    void* p = qmalloc(text.size());
+    memcpy(p, text.data(), text.size());
+    return p;
+  }
+  std::string dir_;
+};
+
+// ---- Memory end-of-data rule ----
+
+TEST_F(QFileTest, MemoryFileYieldsBytesThenEndValueTwice) {
+  QFile f(Block("xyz"), 3, QFile::READ, true);
+  EXPECT_EQ(f.GetChar(), 'x');
+  EXPECT_EQ(f.GetChar(), 'y');
+  EXPECT_EQ(f.GetChar(), 'z');
+  EXPECT_FALSE(f.IsEOF());
+  EXPECT_EQ(f.GetChar(), 255);
+  EXPECT_TRUE(f.IsEOF());
+  EXPECT_EQ(f.GetChar(), 255);
+  EXPECT_EQ(f.Tell(), 4);
+  f.UnGetChar('q');
+  EXPECT_FALSE(f.IsEOF());
+  EXPECT_EQ(f.GetChar(), 'q');
+  EXPECT_TRUE(f.IsEOF());
+}
+
+TEST_F(QFileTest, ReadPastEndCopiesOneByteMoreButNeverOutsideTheBlock) {
+  QFile f(Block("abcde"), 5, QFile::READ, true);
+  char buf[16];
+  memset(buf, '#', sizeof(buf));
+  EXPECT_EQ(f.Read(buf, 3), 3);
+  EXPECT_FALSE(f.IsEOF());
+  EXPECT_EQ(f.Read(buf, 10), 3);  // two remain, one more is counted
+  EXPECT_EQ(buf[0], 'd');
+  EXPECT_EQ(buf[1], 'e');
+  EXPECT_EQ(static_cast<unsigned char>(buf[2]), 255);
+  EXPECT_EQ(buf[3], '#');
+  EXPECT_TRUE(f.IsEOF());
+  EXPECT_EQ(f.Read(buf, 10), 0);
+
+  QFile whole(Block("ab"), 2, QFile::READ, true);
+  whole.SetUnclampedReads(true);
+  memset(buf, '#', sizeof(buf));
+  EXPECT_EQ(whole.Read(buf, 5), 5);
+  EXPECT_EQ(std::string(buf, 2), "ab");
+  EXPECT_EQ(static_cast<unsigned char>(buf[4]), 255);
+  EXPECT_TRUE(whole.IsEOF());
+}
+
+TEST_F(QFileTest, OwnedBlockIsReleasedAndBorrowedIsNot) {
+  int before = qmemGetCount();
+  { QFile f(Block("abc"), 3, QFile::READ, true); }
+  EXPECT_EQ(qmemGetCount(), before);
+  void* mine = Block("abc");
+  { QFile f(mine, 3, QFile::READ); }
+  EXPECT_EQ(qmemGetCount(), before + 1);
+  qfree(mine);
+}
+
+// ---- Seeking ----
+
+TEST_F(QFileTest, SeekFromEndDiffersBetweenStreamAndMemory) {
+  std::string path = MakeFile("ten", "0123456789");
+  QFile stream(path.c_str(), QFile::READ);
+  ASSERT_TRUE(stream.IsOpen());
+  EXPECT_TRUE(stream.Seek(-2, QFile::FROM_END));
+  EXPECT_EQ(stream.Tell(), 8);
+  EXPECT_TRUE(stream.Seek(2, QFile::FROM_END));
+  EXPECT_EQ(stream.Tell(), 12);
+
+  QFile mem(path.c_str(), QFile::READ | QFile::MEMORY);
+  ASSERT_TRUE(mem.IsMemoryFile());
+  EXPECT_TRUE(mem.Seek(2, QFile::FROM_END));
+  EXPECT_EQ(mem.Tell(), 8);
+  EXPECT_EQ(mem.GetChar(), '8');
+  EXPECT_TRUE(mem.Seek(50, QFile::FROM_END));
+  EXPECT_EQ(mem.Tell(), 0);
+  EXPECT_TRUE(mem.Seek(50, QFile::FROM_START));
+  EXPECT_EQ(mem.Tell(), 10);
+  EXPECT_TRUE(mem.Seek(3, QFile::FROM_START));
+  EXPECT_TRUE(mem.Seek(4, QFile::FROM_CURRENT));
+  EXPECT_EQ(mem.Tell(), 7);
+  EXPECT_TRUE(mem.Seek(40, QFile::FROM_CURRENT));
+  EXPECT_EQ(mem.Tell(), 10);
+  EXPECT_FALSE(mem.Seek(0, 3));
+  EXPECT_FALSE(stream.Seek(0, -1));
+}
+
+// ---- Preloading and opening ----
+
+TEST_F(QFileTest, MemoryFlagPreloadsAndClosesTheStream) {
+  std::string path = MakeFile("pre", "hello");
+  int open = qfGetOpenCount();
+  {
+    QFile f(path.c_str(), QFile::READ | QFile::MEMORY);
+    EXPECT_TRUE(f.IsMemoryFile());
+    EXPECT_EQ(f.Size(), 5);
+    EXPECT_EQ(qfGetOpenCount(), open);
+    EXPECT_STREQ(f.GetName(), path.c_str());
+    EXPECT_STREQ(f.ClassName(), "QFile");
+  }
+  EXPECT_EQ(qfGetOpenCount(), open);
+  EXPECT_TRUE(g_log.empty());
+}
+
+TEST_F(QFileTest, MemoryFlagRefusalsKeepAStream) {
+  std::string path = MakeFile("text", "a\r\nb");
+  {
+    QFile f(path.c_str(), QFile::READ_TEXT | QFile::MEMORY);
+    EXPECT_TRUE(f.IsOpen());
+    EXPECT_FALSE(f.IsMemoryFile());
+    EXPECT_TRUE(Logged("QFile ctor: READ_TEXT and MEMORY flags are incompatible (buggy); "
+                       "turning off MEMORY"));
+  }
+  {
+    QFile f(path.c_str(), QFile::APPEND | QFile::MEMORY);
+    EXPECT_FALSE(f.IsMemoryFile());
+    EXPECT_TRUE(Logged("MEMORY requested for '" + path + "' but incompatible mode (8) given"));
+  }
+  std::string empty = MakeFile("empty", "");
+  {
+    QFile f(empty.c_str(), QFile::READ | QFile::MEMORY);
+    EXPECT_TRUE(f.IsOpen());
+    EXPECT_FALSE(f.IsMemoryFile());
+  }
+  g_log.clear();
+  {
+    FILE* fp = qfopen(path.c_str(), "rb");
+    int open = qfGetOpenCount();
+    QFile f(fp, QFile::READ | QFile::MEMORY);
+    EXPECT_FALSE(f.IsMemoryFile());
+    EXPECT_EQ(f.GetChar(), 'a');
+    EXPECT_TRUE(Logged("QFile: can't use memory mapping with 'fp' takeover"));
+    EXPECT_EQ(qfGetOpenCount(), open + 1);
+  }
+}
+
+TEST_F(QFileTest, UnopenedFilesReadNothingAndCloseCountsStay) {
+  int open = qfGetOpenCount();
+  QFile missing((dir_ + "/none").c_str(), QFile::READ);
+  QFile badMode(MakeFile("x", "x").c_str(), 10);
+  for (QFile* f : {&missing, &badMode}) {
+    EXPECT_FALSE(f->IsOpen());
+    char buf[4];
+    EXPECT_EQ(f->Read(buf, 4), 0);
+    EXPECT_EQ(f->GetChar(), 0);
+    EXPECT_TRUE(f->IsEOF());
+    EXPECT_EQ(f->ReadLine(buf, 4), 0);
+    EXPECT_FALSE(f->Write("a", 1));
+  }
+  EXPECT_EQ(qfGetOpenCount(), open);
+  EXPECT_EQ(qfclose(nullptr), EOF);
+  EXPECT_TRUE(Logged("qfclose(0) called"));
+}
+
+// ---- Lines and words ----
+
+TEST_F(QFileTest, LinesDropCarriageReturnsAndKeepAnUnterminatedLastLine) {
+  std::string text = "abc\r\n\nde\nlast";
+  std::string path = MakeFile("lines", text);
+  for (int mode : {int(QFile::READ), QFile::READ | QFile::MEMORY}) {
+    QFile f(path.c_str(), mode);
+    qstring line;
+    std::vector<std::string> got;
+    while (!f.IsEOF()) {
+      f.ReadLine(&line);
+      got.emplace_back(line.cstr());
+    }
+    EXPECT_EQ(got, (std::vector<std::string>{"abc", "", "de", "last"})) << mode;
+  }
+  QFile f(Block("abcdef\n"), 7, QFile::READ, true);
+  char buf[4];
+  EXPECT_EQ(f.ReadLine(buf, 4), 3);
+  EXPECT_STREQ(buf, "abc");
+  EXPECT_EQ(f.ReadLine(buf, 4), 3);
+  EXPECT_STREQ(buf, "def");
+}
+
+TEST_F(QFileTest, SixteenBitLinesAreLittleEndian) {
+  const char raw[] = {'h', 0, 0x01, 0x04, '\r', 0, '\n', 0, 'z', 0};
+  std::string bytes(raw, sizeof(raw));
+  QFile f(Block(bytes), static_cast<int>(bytes.size()), QFile::READ, true);
+  uint16_t line[8];
+  EXPECT_EQ(f.ReadLineUC(line, 8), 2);
+  EXPECT_EQ(line[0], 'h');
+  EXPECT_EQ(line[1], 0x0401);
+  f.SetUnicodeLines(true);
+  qstring rest;
+  f.ReadLine(&rest);
+  EXPECT_STREQ(rest.cstr(), "z");
+}
+
+TEST_F(QFileTest, WordsQuotedOrPlainWithTheDelimiterPushedBack) {
+  std::string text = "  \"two words\" next";
+  QFile f(Block(text), static_cast<int>(text.size()), QFile::READ, true);
+  qstring word;
+  f.ReadWord(&word);
+  EXPECT_STREQ(word.cstr(), "two words");
+  f.ReadWord(&word);
+  EXPECT_STREQ(word.cstr(), "next");
+  EXPECT_EQ(f.ReadWord(&word), 0);
+
+  std::string two = "one two";
+  QFile g(Block(two), 7, QFile::READ, true);
+  char buf[16];
+  EXPECT_EQ(g.ReadWord(buf, -1), 3);
+  EXPECT_STREQ(buf, "one");
+  EXPECT_EQ(g.GetChar(), ' ');
+  EXPECT_EQ(g.ReadWord(buf, 3), 2);  // n - 1 bytes at most
+  EXPECT_STREQ(buf, "tw");
+}
+
+TEST_F(QFileTest, ScanToLineFindsAWholeLineOnly) {
+  std::string text = "[a]x\n[a]\nafter\n";
+  QFile f(Block(text), static_cast<int>(text.size()), QFile::READ, true);
+  EXPECT_TRUE(f.ScanToLine("[a]"));
+  qstring line;
+  f.ReadLine(&line);
+  EXPECT_STREQ(line.cstr(), "after");
+  EXPECT_FALSE(f.ScanToLine("[a]"));
+}
+
+// ---- Writing ----
+
+TEST_F(QFileTest, StreamWritersRoundTrip) {
+  std::string path = dir_ + "/out";
+  {
+    QFile f(path.c_str(), QFile::WRITE);
+    ASSERT_TRUE(f.IsOpen());
+    int reserved = f.ReserveLength();
+    EXPECT_EQ(reserved, 0);
+    EXPECT_TRUE(f.WriteShort(-2));
+    EXPECT_TRUE(f.WriteInt(0x01020304));
+    EXPECT_TRUE(f.WriteString("hi", true));
+    EXPECT_TRUE(f.WriteString("", true));
+    EXPECT_TRUE(f.WriteText("end"));
+    EXPECT_TRUE(f.PutChar('!'));
+    EXPECT_TRUE(f.FillLength(reserved));
+    EXPECT_TRUE(f.WriteAt("Z", 1, 12));
+    EXPECT_EQ(f.Tell(), 20);
+  }
+  std::string back = ReadBack(path);
+  ASSERT_EQ(back.size(), 20u);
+  EXPECT_EQ(back.substr(0, 4), std::string("\x14\0\0\0", 4));
+  EXPECT_EQ(back.substr(4, 6), std::string("\xfe\xff\x04\x03\x02\x01", 6));
+
+  QFile f(path.c_str(), QFile::READ);
+  int32_t length = 0;
+  int16_t s = 0;
+  int32_t i = 0;
+  ASSERT_TRUE(f.ReadInt(&length));
+  EXPECT_EQ(length, 20);
+  ASSERT_TRUE(f.ReadShort(&s));
+  EXPECT_EQ(s, -2);
+  ASSERT_TRUE(f.ReadInt(&i));
+  EXPECT_EQ(i, 0x01020304);
+  qstring str;
+  EXPECT_EQ(f.ReadString(&str), 2);
+  EXPECT_STREQ(str.cstr(), "Zi");  // WriteAt replaced the 'h'
+  EXPECT_EQ(f.ReadString(&str), 0);
+  EXPECT_STREQ(str.cstr(), "");
+}
+
+TEST_F(QFileTest, NegativeStringLengthIsRefused) {
+  std::string bytes("\xff\xff" "abc", 5);
+  QFile f(Block(bytes), 5, QFile::READ, true);
+  qstring s = "old";
+  EXPECT_EQ(f.ReadString(&s), 0);
+  EXPECT_STREQ(s.cstr(), "");
+}
+
+TEST_F(QFileTest, MemoryFileFullMessagesAndRefusals) {
+  std::vector<char> block(8, 0);
+  QFile f(block.data(), 8, QFile::WRITE);
+  EXPECT_FALSE(f.Write("12345678", 8));
+  EXPECT_TRUE(Logged("Memory file full, cannot write 8 bytes. There are 8 bytes available."));
+  EXPECT_TRUE(f.Write("1234567", 7));
+  EXPECT_EQ(f.Tell(), 7);
+  EXPECT_FALSE(f.WriteAt("abcd", 4, 5));
+  EXPECT_TRUE(Logged("Memory file full, cannot write 4 bytes starting at position 5, size=8"));
+  EXPECT_TRUE(f.WriteAt("ab", 2, 5));
+  EXPECT_EQ(std::string(block.data(), 8), std::string("12345ab\0", 8));
+  EXPECT_FALSE(f.PutChar('x'));
+  EXPECT_TRUE(Logged("QFile:PutChar() not supported for memory files"));
+  f.Flush();
+
+  std::vector<char> lengthBlock(16, 0);
+  QFile g(lengthBlock.data(), 16, QFile::WRITE);
+  int reserved = g.ReserveLength();
+  EXPECT_TRUE(g.Write("abcdef", 6));
+  EXPECT_TRUE(g.FillLength(reserved));
+  EXPECT_EQ(lengthBlock[0], 10);
+}
+
+// ---- Scrambling ----
+
+TEST_F(QFileTest, ScrambledWriteReadsBackAndLeavesTheCallerBufferAlone) {
+  std::string path = dir_ + "/scr";
+  const char plain[] = "The quick brown fox";
+  char buf[sizeof(plain)];
+  memcpy(buf, plain, sizeof(plain));
+  {
+    QFile f(path.c_str(), QFile::WRITE);
+    EXPECT_TRUE(f.Write("abc", 3));  // an odd start position exercises the key index
+    EXPECT_TRUE(f.WriteScrambled(buf, sizeof(buf)));
+  }
+  EXPECT_EQ(memcmp(buf, plain, sizeof(plain)), 0);
+  std::string raw = ReadBack(path);
+  ASSERT_EQ(raw.size(), 3 + sizeof(plain));
+  EXPECT_NE(raw.substr(3), std::string(plain, sizeof(plain)));
+
+  for (int mode : {int(QFile::READ), QFile::READ | QFile::MEMORY}) {
+    QFile f(path.c_str(), mode);
+    ASSERT_TRUE(f.Seek(3, QFile::FROM_START));
+    char back[sizeof(plain)];
+    EXPECT_EQ(f.ReadScrambled(back, sizeof(back)), static_cast<int>(sizeof(back)));
+    EXPECT_EQ(memcmp(back, plain, sizeof(plain)), 0) << mode;
+  }
+}
+
+// ---- Existence ----
+
+TEST_F(QFileTest, ExistsForFilesNotDirectories) {
+  EXPECT_TRUE(QFileExists(MakeFile("here", "x").c_str()));
+  EXPECT_FALSE(QFileExists(dir_.c_str()));
+  EXPECT_FALSE(QFileExists((dir_ + "/absent").c_str()));
+  EXPECT_FALSE(QFileExists(""));
+}
+
+}  // namespace
