@@ -1,0 +1,134 @@
+// QDirectory: listing order, entry information, the path-length check; working directory.
+#include "framework/qdir.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "framework/qmessage.h"
+#include "framework/qstring.h"
+
+namespace {
+
+std::vector<std::string> g_log;
+void Capture(const char*, const char* text) { g_log.emplace_back(text); }
+
+class QDirTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_log.clear();
+    qSetWarnHandler(Capture);
+    qSetErrHandler(Capture);
+    char tmpl[] = "/tmp/qdir_test_XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+  }
+  void TearDown() override {
+    qSetWarnHandler(nullptr);
+    qSetErrHandler(nullptr);
+    std::string cmd = "rm -rf '" + dir_ + "'";
+    ASSERT_EQ(system(cmd.c_str()), 0);
+  }
+  void Touch(const char* name, const std::string& content) {
+    FILE* fp = fopen((dir_ + "/" + name).c_str(), "wb");
+    ASSERT_NE(fp, nullptr);
+    fwrite(content.data(), 1, content.size(), fp);
+    fclose(fp);
+  }
+  std::vector<std::string> List(const char* directory) {
+    QDirectory d(directory);
+    EXPECT_TRUE(d.IsOpen());
+    std::vector<std::string> names;
+    char name[QDirectory::NAME_SIZE];
+    while (d.ReadNext(name)) names.emplace_back(name);
+    EXPECT_STREQ(name, "");
+    return names;
+  }
+  std::string dir_;
+};
+
+TEST_F(QDirTest, EmptyDirectoryListsDotFirst) {
+  EXPECT_EQ(List(dir_.c_str()), (std::vector<std::string>{".", ".."}));
+}
+
+TEST_F(QDirTest, NamesSortByUpperCaseBytesWithNothingFiltered) {
+  for (const char* n : {"b.jpg", "_x", "Zeta", "a2", "A.txt", ".hidden", "!bang"}) Touch(n, "");
+  ASSERT_EQ(mkdir((dir_ + "/sub").c_str(), 0755), 0);
+  // Upper-cased, "_" (0x5F) sorts after "Z", "." after "!" and before "2".
+  EXPECT_EQ(List(dir_.c_str()), (std::vector<std::string>{".", "..", "!bang", ".hidden", "A.txt",
+                                                          "a2", "b.jpg", "sub", "Zeta", "_x"}));
+}
+
+TEST_F(QDirTest, EntryInformationFromTheFileSystem) {
+  Touch("five", "12345");
+  ASSERT_EQ(mkdir((dir_ + "/sub").c_str(), 0755), 0);
+  QDirectory d(dir_.c_str());
+  char name[QDirectory::NAME_SIZE];
+  QDirEntryInfo info;
+  int seen = 0;
+  while (d.ReadNext(name, &info)) {
+    std::string n = name;
+    if (n == "five") {
+      EXPECT_EQ(info.size, 5u);
+      EXPECT_FALSE(info.isDirectory);
+      EXPECT_GT(info.modifyTime, 0);
+      EXPECT_GT(info.createTime, 0);
+      ++seen;
+    } else if (n == "sub" || n == ".") {
+      EXPECT_TRUE(info.isDirectory) << n;
+      ++seen;
+    }
+  }
+  EXPECT_EQ(seen, 3);
+}
+
+TEST_F(QDirTest, OverlongPathRefusesInformationButNamesTheEntry) {
+  std::string longDir = dir_;
+  while (longDir.size() < 1019) longDir += "/.";
+  if (longDir.size() == 1019) longDir += "/";  // 1020: ".." just fits, longer names do not
+  Touch("abcdefgh", "");
+  QDirectory d(longDir.c_str());
+  ASSERT_TRUE(d.IsOpen());
+  char name[QDirectory::NAME_SIZE];
+  QDirEntryInfo info;
+  EXPECT_TRUE(d.ReadNext(name, &info));  // "." still fits
+  EXPECT_TRUE(d.ReadNext(name, &info));  // ".."
+  g_log.clear();
+  EXPECT_FALSE(d.ReadNext(name, &info));
+  EXPECT_STREQ(name, "abcdefgh");
+  ASSERT_EQ(g_log.size(), 1u);
+  std::string expected = "Buffer overflow; dirName (" + std::to_string(longDir.size()) +
+                         ") or name (8) too large.";
+  EXPECT_NE(g_log[0].find(expected), std::string::npos) << g_log[0];
+}
+
+TEST_F(QDirTest, MissingDirectoryIsNotOpen) {
+  QDirectory d((dir_ + "/absent").c_str());
+  EXPECT_FALSE(d.IsOpen());
+  char name[QDirectory::NAME_SIZE] = "x";
+  EXPECT_FALSE(d.ReadNext(name));
+  EXPECT_STREQ(name, "");
+  EXPECT_TRUE(d.Open(dir_.c_str()));
+  EXPECT_STREQ(d.ClassName(), "QDirectory");
+}
+
+TEST_F(QDirTest, CurrentDirectoryChangesAndFailsWithAWarning) {
+  qstring before;
+  ASSERT_TRUE(QGetCurrentDirectory(&before));
+  char* real = realpath(dir_.c_str(), nullptr);
+  ASSERT_TRUE(QSetCurrentDirectory(dir_.c_str()));
+  qstring now;
+  ASSERT_TRUE(QGetCurrentDirectory(&now));
+  EXPECT_STREQ(now.cstr(), real);
+  free(real);
+  EXPECT_FALSE(QSetCurrentDirectory("absent-directory"));
+  ASSERT_EQ(g_log.size(), 1u);
+  EXPECT_NE(g_log[0].find("'absent-directory'"), std::string::npos);
+  ASSERT_TRUE(QSetCurrentDirectory(before.cstr()));
+}
+
+}  // namespace

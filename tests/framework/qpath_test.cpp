@@ -1,0 +1,88 @@
+// QPath: capacity, range checks and the search order.
+#include "framework/qpath.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+#include "framework/qmessage.h"
+
+namespace {
+
+std::vector<std::string> g_log;
+void Capture(const char*, const char* text) { g_log.emplace_back(text); }
+
+class QPathTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_log.clear();
+    qSetWarnHandler(Capture);
+    char tmpl[] = "/tmp/qpath_test_XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+  }
+  void TearDown() override {
+    qSetWarnHandler(nullptr);
+    std::string cmd = "rm -rf '" + dir_ + "'";
+    ASSERT_EQ(system(cmd.c_str()), 0);
+  }
+  std::string MakeDir(const char* name) {
+    std::string d = dir_ + "/" + name;
+    mkdir(d.c_str(), 0755);
+    return d;
+  }
+  void Touch(const std::string& path) {
+    FILE* fp = fopen(path.c_str(), "wb");
+    ASSERT_NE(fp, nullptr);
+    fclose(fp);
+  }
+  std::string dir_;
+};
+
+TEST_F(QPathTest, TwentyFirstDirectoryIsRefused) {
+  QPath p;
+  for (int i = 0; i < QPath::MAX_PATHS; ++i) EXPECT_TRUE(p.Add(("d" + std::to_string(i)).c_str()));
+  EXPECT_TRUE(g_log.empty());
+  EXPECT_FALSE(p.Add("one-too-many"));
+  ASSERT_EQ(g_log.size(), 1u);
+  EXPECT_EQ(g_log[0], "QPath:Add(); maximum (20) reached");
+  EXPECT_EQ(p.GetCount(), 20);
+  EXPECT_STREQ(p.GetPath(19), "d19");
+  EXPECT_EQ(p.GetPath(20), nullptr);
+  EXPECT_EQ(g_log.back(), "QPath:GetPath(20) out of range");
+  EXPECT_EQ(p.GetPath(-1), nullptr);
+  p.Clear();
+  EXPECT_EQ(p.GetCount(), 0);
+  EXPECT_TRUE(p.Add("again"));
+}
+
+TEST_F(QPathTest, FindsInTheOrderAdded) {
+  std::string first = MakeDir("v1.2");
+  std::string second = MakeDir("second");
+  Touch(second + "/pic.jpg");
+  Touch(second + "/both.txt");
+  Touch(first + "/both.txt");
+  QPath p;
+  p.Add(first.c_str());
+  p.Add(second.c_str());
+  EXPECT_EQ(std::string(p.FindFile("pic.jpg")), second + "/pic.jpg");
+  EXPECT_EQ(std::string(p.FindFile("both.txt")), first + "/both.txt");
+  const char* absent = "absent.png";
+  EXPECT_EQ(p.FindFile(absent), absent);
+
+  qstring full, directory;
+  EXPECT_TRUE(p.FindFile("pic.jpg", &full, &directory));
+  EXPECT_EQ(std::string(full.cstr()), second + "/pic.jpg");
+  EXPECT_EQ(std::string(directory.cstr()), second);
+  EXPECT_FALSE(p.FindFile(absent, &full, &directory));
+  EXPECT_STREQ(full.cstr(), absent);
+  EXPECT_STREQ(directory.cstr(), "");
+  // A directory of the wanted name is no file.
+  MakeDir("second/sub");
+  EXPECT_FALSE(p.FindFile("sub", &full, &directory));
+}
+
+}  // namespace
