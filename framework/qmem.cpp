@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "framework/qerror.h"
 #include "framework/qmessage.h"
+#include "framework/qstring.h"
 
 namespace {
 
@@ -29,7 +31,7 @@ struct Block {
   uint16_t line;
   uint32_t pad;
   const char* file;
-  char pad2[4];
+  char fileGuard[4];  // intact "FILE": the header in front of it can be trusted
   char head[4];
 };
 static_assert(sizeof(Block) == 48, "user bytes stay 16-byte aligned");
@@ -37,8 +39,23 @@ constexpr size_t kPlainPrefix = 16;
 const char kHead[4] = {'H', 'E', 'A', 'D'};
 const char kTail[4] = {'T', 'R', 'A', 'L'};
 const char kPlain[4] = {'P', 'L', 'N', '0'};
+const char kFileGuard[4] = {'F', 'I', 'L', 'E'};
+// Largest request: the size field is 32 bits and the guards must fit behind it.
+constexpr size_t kMaxTracked = 0x7fffffff - sizeof(Block) - 4;
+constexpr unsigned char kFreedFill = 0xDD;
+constexpr uint16_t kFlagFreed = 0x8000;
+constexpr int kMaxKeptFreed = 4096;
 
 Block* g_newest = nullptr;
+
+// Freed tracked blocks kept back (oldest first in ring order) to catch writes after release.
+Block* g_kept[kMaxKeptFreed];
+int g_keepLimit = 0;
+int g_keptFirst = 0;
+int g_keptCount = 0;
+// Set while a damage report runs: the report's own strings are released at once, not kept, so
+// that the keep is not reshuffled under the block being reported.
+int g_reporting = 0;
 
 unsigned char* UserOf(Block* b) { return reinterpret_cast<unsigned char*>(b + 1); }
 Block* BlockOf(const void* user) {
@@ -46,12 +63,77 @@ Block* BlockOf(const void* user) {
 }
 
 void PrintBlock(const Block* b, int index) {
-  qmessage("#%d: %s(%d): %s(%d) [serial %u]", index, b->file ? b->file : "?", b->line,
+  // An underrun that reached past the file guard may have overwritten the file pointer.
+  const char* file = memcmp(b->fileGuard, kFileGuard, 4) == 0 && b->file ? b->file : "?";
+  qmessage("#%d: %s(%d): %s(%d) [serial %u]", index, file, b->line,
            (b->flags & QMEM_ZERO) ? "qcalloc" : "new", static_cast<int>(b->size), b->serial);
+}
+
+// The damage line, then where the check was made from (16 frames) and the block's first bytes.
+void ReportDamage(const Block* b, const char* what) {
+  struct Reporting {
+    Reporting() { ++g_reporting; }
+    ~Reporting() { --g_reporting; }
+  } reporting;  // outlives the strings below
+  if (b) PrintBlock(b, 0);
+  qmessage("%s", what);
+  qstring stack;
+  qGetStackText(&stack);
+  qstring line;
+  for (int i = 0; i < 16 && stack.GetLine(i, &line); ++i) qmessage("    %s", line.cstr());
+  if (b && memcmp(b->fileGuard, kFileGuard, 4) == 0)
+    QMemoryDump(reinterpret_cast<const unsigned char*>(b + 1), static_cast<int>(b->size));
+}
+
+// The listed block whose user bytes start at `user`, or null; `newer` gets its newer neighbour.
+// Only the links of the blocks passed on the way are read.
+Block* FindListed(const void* user, Block** newer) {
+  Block* prev = nullptr;
+  for (Block* b = g_newest; b; prev = b, b = b->older) {
+    if (static_cast<const void*>(b + 1) == user) {
+      if (newer) *newer = prev;
+      return b;
+    }
+  }
+  return nullptr;
+}
+
+bool FreedIntact(const Block* b) {
+  const unsigned char* u = reinterpret_cast<const unsigned char*>(b + 1);
+  for (uint32_t i = 0; i < b->size; ++i)
+    if (u[i] != kFreedFill) return false;
+  return true;
+}
+
+// Reports a kept block written to after release, once: the fill is restored afterwards.
+bool CheckFreed(Block* b) {
+  if (FreedIntact(b)) return true;
+  ReportDamage(b, "  ^^^ Memory modified after having been freed!\n");
+  memset(b + 1, kFreedFill, b->size);
+  return false;
+}
+
+void ReleaseOldestKept() {
+  Block* b = g_kept[g_keptFirst];
+  g_kept[g_keptFirst] = nullptr;
+  g_keptFirst = (g_keptFirst + 1) % kMaxKeptFreed;
+  --g_keptCount;
+  CheckFreed(b);
+  free(b);
+}
+
+void KeepFreed(Block* b) {
+  memset(b + 1, kFreedFill, b->size);
+  b->flags = static_cast<uint16_t>(b->flags | kFlagFreed);
+  b->newer = b->older = nullptr;
+  if (g_keptCount >= g_keepLimit) ReleaseOldestKept();
+  g_kept[(g_keptFirst + g_keptCount) % kMaxKeptFreed] = b;
+  ++g_keptCount;
 }
 
 void* PlainAlloc(size_t size, bool zero) {
   ++g_count;
+  if (size > SIZE_MAX - kPlainPrefix) return nullptr;
   unsigned char* raw = static_cast<unsigned char*>(zero ? calloc(1, size + kPlainPrefix)
                                                         : malloc(size + kPlainPrefix));
   if (!raw) return nullptr;
@@ -91,18 +173,32 @@ void qfree(void* p) {
     free(u - kPlainPrefix);
     return;
   }
-  if (memcmp(u - 4, kHead, 4) != 0) {
-    // Neither guard: the bytes in front were overwritten; the block can't be released safely.
-    qmessage("  ^^^ Bytes trashed in front of allocation!\n");
-    return;
+  Block* newer = nullptr;
+  Block* b = nullptr;
+  if (memcmp(u - 4, kHead, 4) == 0) {
+    b = BlockOf(u);
+    if (b->flags & kFlagFreed) {
+      // Only a kept block can be seen again; releasing it twice must not list it twice.
+      ReportDamage(b, "  ^^^ Block released twice!\n");
+      return;
+    }
+    QMemoryCheckBlock(u);
+    newer = b->newer;
+  } else {
+    // The bytes in front were overwritten. A listed block whose header survived up to its file
+    // guard can still be released; anything else is left alone rather than freed blindly.
+    b = FindListed(u, &newer);
+    ReportDamage(b, "  ^^^ Bytes trashed in front of allocation!\n");
+    if (!b || memcmp(b->fileGuard, kFileGuard, 4) != 0) return;
   }
-  Block* b = BlockOf(u);
-  QMemoryCheckBlock(u);
-  if (b->newer) b->newer->older = b->older;
-  if (b->older) b->older->newer = b->newer;
+  if (newer) newer->older = b->older;
+  if (b->older) b->older->newer = newer;
   if (g_newest == b) g_newest = b->older;
   g_trackedBytes -= b->size;
-  free(b);
+  if (g_keepLimit > 0 && g_reporting == 0)
+    KeepFreed(b);
+  else
+    free(b);
 }
 
 int qmemGetCount() { return g_count.load(); }
@@ -116,6 +212,20 @@ void MqEnable(bool on) { g_tracking = on; }
 bool MqIsEnabled() { return g_tracking; }
 void MqbreakAlloc(int serial) { g_breakSerial = serial; }
 
+void MqKeepFreed(int count) {
+  if (count < 0) count = 0;
+  if (count > kMaxKeptFreed) count = kMaxKeptFreed;
+  g_keepLimit = count;
+  while (g_keptCount > g_keepLimit) ReleaseOldestKept();
+}
+
+int QMemoryCheckFreed() {
+  int bad = 0;
+  for (int i = 0; i < g_keptCount; ++i)
+    if (!CheckFreed(g_kept[(g_keptFirst + i) % kMaxKeptFreed])) ++bad;
+  return bad;
+}
+
 void* qmalloc_track(size_t size, const char* file, int line, int flags) {
   if (size == 0) {
     qmessage("# Bad allocation length (%d) in '%s', line %d\n", 0, file ? file : "?", line);
@@ -125,7 +235,7 @@ void* qmalloc_track(size_t size, const char* file, int line, int flags) {
     qerr("qmem.cpp", "qmalloc_track", __LINE__, "Malloc break set with MqbreakAlloc(%d)",
          g_breakSerial);
   ++g_count;
-  Block* b = static_cast<Block*>(malloc(sizeof(Block) + size + 4));
+  Block* b = size <= kMaxTracked ? static_cast<Block*>(malloc(sizeof(Block) + size + 4)) : nullptr;
   if (!b) {
     qmessage("# Allocation failed; %d bytes in '%s', line %d\n", static_cast<int>(size),
              file ? file : "?", line);
@@ -138,6 +248,7 @@ void* qmalloc_track(size_t size, const char* file, int line, int flags) {
   b->flags = static_cast<uint16_t>(flags);
   b->line = static_cast<uint16_t>(line);
   b->file = file;
+  memcpy(b->fileGuard, kFileGuard, 4);
   memcpy(b->head, kHead, 4);
   if (g_newest) g_newest->newer = b;
   g_newest = b;
@@ -155,16 +266,13 @@ bool QMemoryCheckBlock(const void* p) {
   if (!p) return true;
   const unsigned char* u = static_cast<const unsigned char*>(p);
   if (memcmp(u - 4, kPlain, 4) == 0) return true;  // untracked blocks carry no guards
-  bool front = memcmp(u - 4, kHead, 4) == 0;
-  if (!front) {
-    qmessage("  ^^^ Bytes trashed in front of allocation!\n");
+  if (memcmp(u - 4, kHead, 4) != 0) {
+    ReportDamage(FindListed(u, nullptr), "  ^^^ Bytes trashed in front of allocation!\n");
     return false;
   }
   const Block* b = BlockOf(u);
   if (memcmp(u + b->size, kTail, 4) != 0) {
-    PrintBlock(b, 0);
-    qmessage("  ^^^ Bytes trashed behind end of allocation!\n");
-    QMemoryDump(u, static_cast<int>(b->size));
+    ReportDamage(b, "  ^^^ Bytes trashed behind end of allocation!\n");
     return false;
   }
   return true;
@@ -174,7 +282,7 @@ int QMemoryCheckAll() {
   int bad = 0;
   for (Block* b = g_newest; b; b = b->older)
     if (!QMemoryCheckBlock(UserOf(b))) ++bad;
-  return bad;
+  return bad + QMemoryCheckFreed();
 }
 
 static int ListBlocks(const char* title) {

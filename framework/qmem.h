@@ -9,7 +9,8 @@
 
 #include <cstddef>
 
-// Plain entry points; qfree(nullptr) does nothing.
+// Plain entry points; qfree(nullptr) does nothing. A size that cannot be represented answers
+// null (and still counts).
 void* qmalloc(size_t size);
 void* qcalloc(size_t size);
 void qfree(void* p);
@@ -27,10 +28,18 @@ bool MqIsEnabled();
 void MqbreakAlloc(int serial);
 // The tracking allocator. Size 0 is refused with a log line; answers null on failure.
 void* qmalloc_track(size_t size, const char* file, int line, int flags);
-// Checks one tracked block's guards; false and a report when they are trashed.
+// Checks one tracked block's guards; false and a report (the block, the damage, 16 lines of
+// stack, the first bytes) when they are trashed.
 bool QMemoryCheckBlock(const void* p);
-// Checks every tracked block; answers the number of damaged ones.
+// Checks every tracked block and every kept freed one; answers the number of damaged ones.
 int QMemoryCheckAll();
+// Keeps the last `count` (at most 4096; 0, the default, keeps none) freed tracked blocks filled
+// with 0xDD, so that a write through a stale pointer lands there and can be found; each is
+// checked when it is finally released.
+void MqKeepFreed(int count);
+// Reports "  ^^^ Memory modified after having been freed!\n" once for every kept block written
+// to since its release; answers their number.
+int QMemoryCheckFreed();
 // Prints every block still listed; answers their number.
 int QMemoryReportLeaks(const char* title);
 // Reports tracked blocks of the 204-fill kind whose bytes were never written; answers their number.
