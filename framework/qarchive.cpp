@@ -133,8 +133,8 @@ bool QArchive::LoadDirectory() {
   if (fseek(fp_, 0, SEEK_END) != 0) return false;
   const long fileSize = ftell(fp_);
   if (fileSize < 8 || fileSize > INT_MAX) {
-    QERR("QArchive::LoadDirectory", "QArchive(%s): file size '%ld' is no archive's", GetName(),
-         fileSize);
+    QERR("QArchive::LoadDirectory", "QArchive(%s): file size '%ld' is out of range for an archive",
+         GetName(), fileSize);
     return false;
   }
   uint32_t dirPos = 0;

@@ -179,7 +179,8 @@ int QArchive::DecompressChunk(const uint8_t* in, int n, uint8_t* out, int outCap
       const uint8_t* src = dst - offset;
       for (int i = 0; i < len; ++i) dst[i] = src[i];
     } else {
-      for (int i = 0; i < len && length + i < outCap; ++i) out[length + i] = out[length + i - offset];
+      for (int i = 0; i < len && length + i < outCap; ++i)
+        out[length + i] = out[length + i - offset];
     }
     length += len;
   }
