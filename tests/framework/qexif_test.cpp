@@ -1,0 +1,313 @@
+// QExif: real pictures written by other programs, and hand-built segments aimed at the checks.
+#include "framework/qexif.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes Fixture(const char* name) {
+  std::string path = std::string(GLIMRA_SOURCE_DIR) + "/tests/data/exif/" + name;
+  std::ifstream in(path, std::ios::binary);
+  EXPECT_TRUE(in.good()) << path;
+  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+int32_t ReadFile(QExif* x, const char* name) {
+  Bytes b = Fixture(name);
+  return x->ReadFromJpeg(b.data(), b.size());
+}
+
+// Builds a little-endian EXIF payload: "Exif\0\0", the TIFF header, then whatever is appended.
+// Offsets given to the entries count from the TIFF header, as in files.
+constexpr uint8_t kLittleHeader[] = {'E', 'x', 'i', 'f', 0, 0, 'I', 'I', 42, 0, 8, 0, 0, 0};
+
+struct SegmentBuilder {
+  Bytes b{std::begin(kLittleHeader), std::end(kLittleHeader)};
+
+  size_t Tiff() const { return b.size() - 6; }  // current offset relative to the TIFF header
+  void U16(uint16_t v) {
+    b.push_back(static_cast<uint8_t>(v));
+    b.push_back(static_cast<uint8_t>(v >> 8));
+  }
+  void U32(uint32_t v) {
+    U16(static_cast<uint16_t>(v));
+    U16(static_cast<uint16_t>(v >> 16));
+  }
+  void Entry(uint16_t tag, uint16_t format, uint32_t count, uint32_t value) {
+    U16(tag);
+    U16(format);
+    U32(count);
+    U32(value);
+  }
+  void PutU32(size_t at, uint32_t v) {
+    for (int k = 0; k < 4; ++k) b[at + k] = static_cast<uint8_t>(v >> (8 * k));
+  }
+  int32_t Parse(QExif* x) const { return x->ReadExifSegment(b.data(), b.size()); }
+};
+
+constexpr uint16_t kShort = 3, kLong = 4, kRational = 5, kAscii = 2;
+
+// ---------------------------------------------------------------------------------------------
+
+TEST(QExifJpeg, OrientationInBothByteOrders) {
+  QExif x;
+  EXPECT_EQ(ReadFile(&x, "orient6_ii.jpg"), 0);
+  EXPECT_EQ(x.orientation, 6);
+  EXPECT_EQ(x.littleEndian, 1);
+
+  EXPECT_EQ(ReadFile(&x, "orient8_mm.jpg"), 0);
+  EXPECT_EQ(x.orientation, 8);
+  EXPECT_EQ(x.littleEndian, 0);
+}
+
+TEST(QExifJpeg, PaddingAfterEndMarkerIsIgnored) {
+  QExif x;
+  EXPECT_EQ(ReadFile(&x, "trailing.jpg"), 0);
+  EXPECT_EQ(x.orientation, 6);
+}
+
+TEST(QExifJpeg, NotAJpegStream) {
+  QExif x;
+  EXPECT_EQ(ReadFile(&x, "truncated.jpg"), QExif::NOT_JPEG);
+  EXPECT_EQ(ReadFile(&x, "picture.tga"), QExif::NOT_JPEG);
+  EXPECT_EQ(x.ReadFromJpeg(nullptr, 100), QExif::NOT_JPEG);
+  const uint8_t tiny[] = {0xFF, 0xD8, 0xFF};
+  EXPECT_EQ(x.ReadFromJpeg(tiny, sizeof(tiny)), QExif::NOT_JPEG);
+}
+
+TEST(QExifJpeg, NoExifSegment) {
+  QExif x;
+  // Stale values from an earlier picture must not survive.
+  ASSERT_EQ(ReadFile(&x, "orient6_ii.jpg"), 0);
+  EXPECT_EQ(ReadFile(&x, "plain.jpg"), QExif::NO_EXIF);
+  EXPECT_EQ(x.orientation, 0);
+  // Only the first APP1 is looked at, and here it holds XMP.
+  EXPECT_EQ(ReadFile(&x, "xmp_first.jpg"), QExif::NO_EXIF);
+  EXPECT_EQ(x.orientation, 0);
+  // Start marker and padding only: the search for an end marker stops at the start marker.
+  const uint8_t empty[] = {0xFF, 0xD8, 0, 0xFF, 0};
+  EXPECT_EQ(x.ReadFromJpeg(empty, sizeof(empty)), QExif::NO_EXIF);
+}
+
+TEST(QExifJpeg, OrientationStoredAsLongIsIgnored) {
+  QExif x;
+  EXPECT_EQ(ReadFile(&x, "orient_long.jpg"), 0);
+  EXPECT_EQ(x.orientation, 0);
+}
+
+TEST(QExifJpeg, SegmentLengthChecks) {
+  QExif x;
+  EXPECT_EQ(ReadFile(&x, "short_segment.jpg"), QExif::CORRUPT);
+  // A length running past the end marker.
+  Bytes b = Fixture("orient6_ii.jpg");
+  ASSERT_EQ(b[20], 0xFF);
+  ASSERT_EQ(b[21], 0xE1);
+  b[22] = 0x7F;
+  EXPECT_EQ(x.ReadFromJpeg(b.data(), b.size()), QExif::CORRUPT);
+}
+
+TEST(QExifJpeg, FrameworkStringStopsAtFirstZero) {
+  QExif x;
+  // Marker found, length 0x0102 runs past the end: proves the string's bytes were searched.
+  qstring s("\xFF\xD8\xFF\xE1\x01\x02\xFF\xD9");
+  EXPECT_EQ(x.ReadFromJpeg(s), QExif::CORRUPT);
+  // A real file's text ends in its JFIF header: no end marker there.
+  Bytes b = Fixture("orient6_ii.jpg");
+  b.push_back(0);
+  qstring file(reinterpret_cast<const char*>(b.data()));
+  EXPECT_EQ(x.ReadFromJpeg(file), QExif::NOT_JPEG);
+}
+
+// Values as exiftool wrote them (see make_fixtures.sh).
+TEST(QExifJpeg, DescriptiveAndCameraFields) {
+  QExif x;
+  ASSERT_EQ(ReadFile(&x, "described.jpg"), 0);
+  EXPECT_EQ(x.orientation, 3);
+  EXPECT_STREQ(x.description.cstr(), "Harbour at dusk");
+  EXPECT_STREQ(x.cameraMake.cstr(), "Glimra Test");
+  EXPECT_STREQ(x.cameraModel.cstr(), "Fixture One");
+  EXPECT_STREQ(x.software.cstr(), "fixture writer");
+  EXPECT_STREQ(x.dateTime.cstr(), "2021:06:05 14:03:09");
+  EXPECT_STREQ(x.rightsNotice.cstr(), "CC0 test fixture");
+
+  EXPECT_DOUBLE_EQ(x.exposureTime, 1.0 / 250);
+  EXPECT_STREQ(x.dateTimeOriginal.cstr(), "2021:06:05 14:03:07");
+  EXPECT_STREQ(x.dateTimeDigitized.cstr(), "2021:06:05 14:03:08");
+  EXPECT_DOUBLE_EQ(x.shutterSpeedValue, 56573.0 / 7102);
+  EXPECT_DOUBLE_EQ(x.exposureBias, -0.7);
+  EXPECT_DOUBLE_EQ(x.subjectDistance, 2.5);
+  EXPECT_EQ(x.meteringMode, 5);
+  EXPECT_EQ(x.flash, 16);
+  EXPECT_DOUBLE_EQ(x.focalLength, 35);
+  EXPECT_STREQ(x.subSecTimeOriginal.cstr(), "42");
+  EXPECT_EQ(x.imageWidth, 16u);
+  EXPECT_DOUBLE_EQ(x.focalPlaneXResolution, 1000);
+  EXPECT_DOUBLE_EQ(x.focalPlaneYResolution, 2000);
+  EXPECT_EQ(x.focalLengthIn35mm, 52);
+  EXPECT_DOUBLE_EQ(x.lensInfo.focalLengthMin, 24);
+  EXPECT_DOUBLE_EQ(x.lensInfo.focalLengthMax, 70);
+  EXPECT_DOUBLE_EQ(x.lensInfo.fStopMin, 2.8);
+  EXPECT_DOUBLE_EQ(x.lensInfo.fStopMax, 4);
+  EXPECT_STREQ(x.lensMake.cstr(), "Glimra Optics");
+
+  const QExif::GeoLocation& g = x.geoLocation;
+  EXPECT_TRUE(g.hasPosition);
+  EXPECT_NEAR(g.latitude, -33.8568, 1e-9);
+  EXPECT_NEAR(g.longitude, -70.6693, 1e-9);
+  EXPECT_EQ(g.latComponents.direction, 'S');
+  EXPECT_EQ(g.lonComponents.direction, 'W');
+  EXPECT_DOUBLE_EQ(g.latComponents.degrees, 33);
+  EXPECT_DOUBLE_EQ(g.latComponents.minutes, 51);
+  EXPECT_DOUBLE_EQ(g.latComponents.seconds, 24.48);
+  EXPECT_DOUBLE_EQ(g.altitude, -12.5);
+  EXPECT_DOUBLE_EQ(g.dop, 1.5);
+
+  // The next parse starts from a clear record.
+  ASSERT_EQ(ReadFile(&x, "orient8_mm.jpg"), 0);
+  EXPECT_TRUE(x.cameraMake.IsEmpty());
+  EXPECT_FALSE(x.geoLocation.hasPosition);
+  EXPECT_DOUBLE_EQ(x.exposureTime, 0);
+}
+
+// ---------------------------------------------------------------------------------------------
+
+TEST(QExifSegment, HeaderChecks) {
+  QExif x;
+  EXPECT_EQ(x.ReadExifSegment(nullptr, 20), QExif::NO_EXIF);
+  const uint8_t xmp[] = "http://ns.adobe.com/xap/1.0/";
+  EXPECT_EQ(x.ReadExifSegment(xmp, sizeof(xmp)), QExif::NO_EXIF);
+
+  SegmentBuilder s;
+  EXPECT_EQ(x.ReadExifSegment(s.b.data(), 13), QExif::CORRUPT);
+  s.b[6] = 'I';
+  s.b[7] = 'M';
+  EXPECT_EQ(s.Parse(&x), QExif::BAD_BYTE_ORDER);
+  s.b[7] = 'I';
+  s.b[8] = 43;
+  EXPECT_EQ(s.Parse(&x), QExif::CORRUPT);
+}
+
+TEST(QExifSegment, DirectoryBounds) {
+  QExif x;
+  SegmentBuilder s;
+  s.U16(1);
+  s.Entry(274, kShort, 1, 6);
+  s.U32(0);
+  ASSERT_EQ(s.Parse(&x), 0);
+  EXPECT_EQ(x.orientation, 6);
+
+  // Entry count one too many for the bytes left.
+  SegmentBuilder many = s;
+  many.b[14] = 2;
+  EXPECT_EQ(many.Parse(&x), QExif::CORRUPT);
+  // IFD0 beyond the data, and inside the TIFF header.
+  SegmentBuilder far = s;
+  far.PutU32(10, 0xFFFFFFF0u);
+  EXPECT_EQ(far.Parse(&x), QExif::CORRUPT);
+  // At offset 4 the count would be read from the offset field itself (4 entries).
+  SegmentBuilder inside = s;
+  inside.PutU32(10, 4);
+  inside.b.resize(100);
+  EXPECT_EQ(inside.Parse(&x), QExif::CORRUPT);
+  // The next-IFD field must fit too.
+  EXPECT_EQ(x.ReadExifSegment(s.b.data(), s.b.size() - 1), QExif::CORRUPT);
+}
+
+TEST(QExifSegment, HostileEntryValuesAreIgnored) {
+  QExif x;
+  SegmentBuilder s;
+  s.U16(5);
+  s.Entry(271, kAscii, 6, 0x7FFFFFF0u);           // text far outside
+  s.Entry(274, kShort, 0x80000001u, 8);           // 2 x count wraps to 2 in 32 bits
+  s.Entry(272, kAscii, 4, 'a' | 'b' << 8 | 'c' << 16 | 'd' << 24);  // inline, no final zero
+  s.Entry(274, kShort, 0, 6);                     // no value
+  s.Entry(258, kShort, 2, 8 | 8 << 16);
+  s.U32(0);
+  ASSERT_EQ(s.Parse(&x), 0);
+  EXPECT_TRUE(x.cameraMake.IsEmpty());
+  EXPECT_STREQ(x.cameraModel.cstr(), "abcd");
+  EXPECT_EQ(x.orientation, 0);
+  EXPECT_EQ(x.sampleBits, 8);
+}
+
+TEST(QExifSegment, SubDirectoriesAreReadOnce) {
+  // Tag 11 is the GPS precision and 37385 the flash of the EXIF directory; elsewhere they mean
+  // nothing, so a value in `dop` or `flash` shows that a directory was read a second time.
+  QExif x;
+  SegmentBuilder s;
+  s.U16(5);
+  s.Entry(274, kShort, 1, 3);
+  s.Entry(11, kRational, 1, 8 + 2 + 5 * 12 + 4);
+  s.Entry(37385, kShort, 1, 1);
+  s.Entry(34665, kLong, 1, 8);  // both pointers lead back to IFD0
+  s.Entry(34853, kLong, 1, 8);
+  s.U32(0);
+  s.U32(3);
+  s.U32(2);
+  ASSERT_EQ(s.Parse(&x), 0);
+  EXPECT_EQ(x.orientation, 3);
+  EXPECT_DOUBLE_EQ(x.geoLocation.dop, 0);
+  EXPECT_EQ(x.flash, 0);
+
+  // The GPS pointer leads to the EXIF directory, which is read once, as EXIF.
+  SegmentBuilder t;
+  const uint32_t sub = 8 + 2 + 2 * 12 + 4;
+  t.U16(2);
+  t.Entry(34665, kLong, 1, sub);
+  t.Entry(34853, kLong, 1, sub);
+  t.U32(0);
+  t.U16(1);
+  t.Entry(11, kRational, 1, sub + 2 + 12 + 4);
+  t.U32(0);
+  t.U32(3);
+  t.U32(2);
+  ASSERT_EQ(t.Parse(&x), 0);
+  EXPECT_DOUBLE_EQ(x.geoLocation.dop, 0);
+  // The same directory reached only through the GPS pointer is read as GPS.
+  t.b[6 + 8 + 2] = 0x99;  // the EXIF pointer's tag becomes an unknown one
+  ASSERT_EQ(t.Parse(&x), 0);
+  EXPECT_DOUBLE_EQ(x.geoLocation.dop, 1.5);
+}
+
+TEST(QExifSegment, FailureKeepsFieldsReadSoFar) {
+  QExif x;
+  SegmentBuilder s;
+  s.U16(2);
+  s.Entry(274, kShort, 1, 8);
+  s.Entry(34665, kLong, 1, 0x10000);  // EXIF sub-IFD outside the data
+  s.U32(0);
+  EXPECT_EQ(s.Parse(&x), QExif::CORRUPT);
+  EXPECT_EQ(x.orientation, 8);
+}
+
+TEST(QExifSegment, GpsNeedsThreeRationals) {
+  QExif x;
+  SegmentBuilder s;
+  s.U16(1);
+  s.Entry(34853, kLong, 1, 8 + 2 + 12 + 4);
+  s.U32(0);
+  size_t gps = s.b.size();
+  s.U16(4);
+  s.Entry(1, kAscii, 2, 'N');
+  s.Entry(2, kRational, 2, 0);  // two components only: no latitude
+  s.Entry(3, kAscii, 2, 'E');
+  s.Entry(4, kRational, 3, 0);  // offset patched below
+  s.U32(0);
+  uint32_t lon = static_cast<uint32_t>(s.Tiff());
+  for (uint32_t v : {10u, 1u, 30u, 1u, 36u, 1u}) s.U32(v);
+  s.PutU32(gps + 2 + 3 * 12 + 8, lon);
+  ASSERT_EQ(s.Parse(&x), 0);
+  EXPECT_FALSE(x.geoLocation.hasPosition);
+  EXPECT_DOUBLE_EQ(x.geoLocation.longitude, 10.51);
+  EXPECT_DOUBLE_EQ(x.geoLocation.latitude, 0);
+}
+
+}  // namespace
