@@ -99,6 +99,7 @@ void QIni::Parse(const char* data, size_t size) {
   Tokenizer tok(data, size, &line_);
   QIniNode* stack[MAX_LEVEL];
   int level = 0;
+  long excess = 0;  // open groups beyond the nesting limit
   stack[0] = root_;
   QIniNode* sym = nullptr;  // the current symbol
   std::string text;
@@ -132,9 +133,11 @@ void QIni::Parse(const char* data, size_t size) {
         }
         sym->type_ = QIniNode::GROUP;
         if (level + 1 >= MAX_LEVEL) {
-          // The bracket count is off by one from here on; existing files rely on nothing better.
+          // The group stays empty and its content lands in the deepest open group, so no tree
+          // is ever deeper than MAX_LEVEL; its "}" is still counted, so the brackets after it
+          // keep their meaning (and a written tree reads back the same).
           QWARN("QIni::Read", "QIni: '%s' nests too deep (max %d levels)", sym->name_.cstr(), MAX_LEVEL);
-          stack[level] = sym;
+          ++excess;
         } else {
           stack[++level] = sym;
         }
@@ -143,7 +146,9 @@ void QIni::Parse(const char* data, size_t size) {
 
       case '}':
         tok.Take();
-        if (level == 0)
+        if (excess > 0)
+          --excess;
+        else if (level == 0)
           QERR("QIni::Read", "QIni(%s); more '}' brackets than '{' near line %d", file, line_);
         else
           --level;
@@ -191,9 +196,9 @@ void QIni::Parse(const char* data, size_t size) {
     }
   }
 
-  if (level > 0)
-    QERR("QIni::Read", "QIni(%s); brackets don't match; still %d closing bracket(s) expected at end of file.",
-         file, level);
+  if (level + excess > 0)
+    QERR("QIni::Read", "QIni(%s); brackets don't match; still %ld closing bracket(s) expected at end of file.",
+         file, level + excess);
   else if (level < 0)
     QERR("QIni::Read", "QIni(%s); too many closing bracket(s) found (%d).", file, -level);
 }

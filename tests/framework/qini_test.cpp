@@ -1,0 +1,339 @@
+// QIni: the reader's quirks, lookups, getters, writing and the iterator.
+#include "framework/qini.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "framework/qdebug.h"
+#include "framework/qmessage.h"
+
+namespace {
+
+std::vector<std::string>* g_lines = nullptr;
+void Capture(const char* /*header*/, const char* text) {
+  if (g_lines) g_lines->push_back(text);
+}
+
+// Collects warnings, errors and debug lines while alive.
+class LogCapture {
+ public:
+  LogCapture() {
+    g_lines = &lines;
+    warn_ = qSetWarnHandler(Capture);
+    err_ = qSetErrHandler(Capture);
+    dbg_ = qSetDbgHandler(Capture);
+  }
+  ~LogCapture() {
+    qSetWarnHandler(warn_);
+    qSetErrHandler(err_);
+    qSetDbgHandler(dbg_);
+    g_lines = nullptr;
+  }
+  bool Has(const std::string& text) const {
+    for (const auto& l : lines)
+      if (l == text || l == text + "\n") return true;
+    return false;
+  }
+  int CountContaining(const std::string& part) const {
+    int n = 0;
+    for (const auto& l : lines) n += l.find(part) != std::string::npos;
+    return n;
+  }
+  std::vector<std::string> lines;
+
+ private:
+  QMessageHandler warn_, err_, dbg_;
+};
+
+// A QIni over text, as if read from "mem.ini".
+struct MemIni {
+  explicit MemIni(const std::string& text, int flags = 0) : ini("mem.ini", flags | QIni::NO_READ) {
+    ini.ReadFromMemory(text.data(), text.size());
+  }
+  std::string Get(const char* key) {
+    char buf[QIni::MAX_TEXT];
+    return ini.GetString(key, buf, "<none>") ? buf : std::string("<missing:") + buf + ">";
+  }
+  std::string Text() {
+    qstring s;
+    ini.WriteToString(&s);
+    return s.cstr();
+  }
+  QIni ini;
+};
+
+std::string TempDir() {
+  char tmpl[] = "/tmp/qini_test_XXXXXX";
+  const char* d = mkdtemp(tmpl);
+  return d ? d : "/tmp";
+}
+
+void WriteFile(const std::string& name, const std::string& text) { std::ofstream(name) << text; }
+std::string ReadFile(const std::string& name) {
+  std::stringstream ss;
+  ss << std::ifstream(name).rdbuf();
+  return ss.str();
+}
+
+}  // namespace
+
+TEST(QIniLookup, FirstBlockWinsAndValuesStayUntrimmed) {
+  MemIni m("resolution\n{\n  width=800\n  fullscreen= 1\n}\nresolution\n{\n  width=1024\n  depth=32\n}\n");
+  EXPECT_EQ(m.Get("resolution.width"), "800");
+  EXPECT_EQ(m.Get("resolution.depth"), "32");  // keys only the second block has still count
+  EXPECT_EQ(m.Get("resolution.fullscreen"), " 1");
+  EXPECT_EQ(m.ini.GetInt("resolution.fullscreen", 7), 1);
+  EXPECT_TRUE(m.ini.GetBool("resolution.fullscreen", false));
+}
+
+TEST(QIniLookup, GroupWithoutValueIsNotAKey) {
+  MemIni m("res\n{\n  w=1\n}\n");
+  EXPECT_EQ(m.Get("res"), "<missing:<none>>");
+  EXPECT_EQ(m.Get("res.w.x"), "<missing:<none>>");
+  EXPECT_EQ(m.Get(""), "<missing:<none>>");
+  EXPECT_EQ(m.ini.GetInt("res", 5), 5);
+}
+
+TEST(QIniLookup, ReferencesAnswerKeysOfTheReferencedGroup) {
+  LogCapture log;
+  MemIni m("ref_car\n{\n wheels=4\n color=red\n}\nmycar~ref_car\n{\n color=blue\n}\nbad~nowhere\n");
+  EXPECT_EQ(m.Get("mycar.color"), "blue");
+  EXPECT_EQ(m.Get("mycar.wheels"), "4");
+  EXPECT_EQ(m.Get("mycar.doors"), "<missing:<none>>");
+  EXPECT_TRUE(log.Has("QIni(mem.ini): reference (~) to unknown tree 'nowhere' in line 10"));
+}
+
+TEST(QIniLookup, SelfAndCyclicReferencesTerminate) {
+  LogCapture log;
+  // "~" keeps the current symbol, so the second reference makes t refer to itself.
+  MemIni m("g\n{\n x=1\n}\nt~g\n~t\na\n{\n x=2\n b~a\n}\n");
+  EXPECT_TRUE(log.Has("QIni(mem.ini): ref to tree 't' without child in line 6"));
+  EXPECT_EQ(m.Get("t.x"), "<missing:<none>>");
+  EXPECT_EQ(m.Get("a.b.b.b.x"), "2");
+  EXPECT_EQ(m.Get("a.b.b.b.nothing"), "<missing:<none>>");
+  EXPECT_EQ(m.ini.CountChildren("t"), 0);
+  EXPECT_EQ(m.Text(), "g\n{\n  x=1\n}\nt~t\n{\n}\na\n{\n  x=2\n  b~a\n  {\n  }\n}\n");
+}
+
+TEST(QIniLookup, FallbackIsAskedAndMissingKeysReported) {
+  MemIni main("a=1\n", QIni::WARN_MISSING), back("b=2\n");
+  main.ini.SetFallback(&back.ini);
+  EXPECT_EQ(main.Get("a"), "1");
+  EXPECT_EQ(main.Get("b"), "2");
+  LogCapture log;
+  EXPECT_EQ(main.Get("c"), "<missing:<none>>");
+  EXPECT_TRUE(log.Has("QIni: 'c' not found in info (mem.ini) or fallback."));
+  back.ini.SetFallback(&main.ini);  // a loop of fallbacks must still end
+  EXPECT_EQ(main.ini.GetInt("c", 9), 9);
+}
+
+TEST(QIniRead, SyntaxFaultsAreReportedAndReadingGoesOn) {
+  LogCapture log;
+  MemIni m("resolution.width=800\nx=1\n}\n{\ny=2\n= 3\n");
+  EXPECT_TRUE(log.Has("QIni(mem.ini): key with '.' found (resolution.width) - won't work; use { } to define subtrees (line 1)"));
+  EXPECT_TRUE(log.Has("QIni: assign without symbol in line 1"));
+  EXPECT_TRUE(log.Has("QIni(mem.ini); more '}' brackets than '{' near line 3"));
+  EXPECT_TRUE(log.Has("QIni: { without groupname"));
+  EXPECT_EQ(m.Get("resolution.width"), "<missing:<none>>");
+  EXPECT_EQ(m.Get("y"), " 3");  // the current symbol stays until the next word or bracket
+  EXPECT_EQ(m.Get("x"), "1");
+}
+
+TEST(QIniRead, TabsStayInWordsAndSemicolonOnlyStartsATokenComment) {
+  MemIni m("a\tb=1 ;x\n;note\n");
+  EXPECT_EQ(m.Get("a\tb"), "1 ;x");
+  EXPECT_EQ(m.Text(), "a\tb=1 ;x\n;note\n");
+}
+
+TEST(QIniRead, HugeAndHostileInputStaysBounded) {
+  LogCapture log;
+  std::string big(1 << 20, 'v');
+  MemIni m("k=" + big + "\n" + big + "=1\nnext=ok\n");
+  EXPECT_EQ(m.Get("k"), big.substr(0, QIni::MAX_WORD));
+  EXPECT_EQ(m.Get(big.substr(0, QIni::MAX_WORD).c_str()), "1");
+  EXPECT_EQ(m.Get("next"), "ok");
+
+  std::string deep;
+  for (int i = 0; i < 100000; ++i) deep += "a\n{\n";
+  MemIni d(deep + "z=1\n");
+  EXPECT_TRUE(log.Has("QIni: 'a' nests too deep (max 10 levels)"));
+  EXPECT_TRUE(log.Has("QIni(mem.ini); brackets don't match; still 100000 closing bracket(s) expected at end of file."));
+  EXPECT_EQ(d.Get("a.a.a.a.a.a.a.a.a.z"), "1");
+  EXPECT_EQ(d.ini.CountChildren(nullptr), 1);
+
+  // Keys of high bytes and long keys whose byte-weighted sum wraps still find their bucket.
+  std::string hi(1000, '\xff'), lo(1000, 'z');
+  MemIni h(hi + "=neg\n" + lo + "=pos\n");
+  EXPECT_EQ(h.Get(hi.c_str()), "neg");
+  EXPECT_EQ(h.Get(lo.c_str()), "pos");
+}
+
+TEST(QIniGetters, IntegersAreValidatedThenEvaluated) {
+  LogCapture log;
+  MemIni m("v=1024.0\ne=2*512\nx=-(3+4)*2 % 5\nz=\nd=7/0\n");
+  EXPECT_EQ(m.ini.GetInt("v", 0), 1024);
+  EXPECT_TRUE(log.Has("v value '1024.0' (in mem.ini) is not a valid integer: a '.' is not allowed (floating point)"));
+  EXPECT_EQ(m.ini.GetInt("e", 0), 1024);
+  EXPECT_EQ(m.ini.GetInt("x", 0), -4);
+  EXPECT_EQ(m.ini.GetInt("z", 5), 0);
+  EXPECT_EQ(m.ini.GetInt("d", 5), 0);
+  EXPECT_EQ(m.ini.GetInt("missing", 5), 5);
+  EXPECT_FALSE(m.ini.GetBool("z", true));
+}
+
+TEST(QIniGetters, RealsVectorsAndHosts) {
+  LogCapture log;
+  MemIni m("f=2.5\nbad=1,5\nvec=1, 2 ,3\nhost=10.0.0.7:5001\nname= example-host\nwrong=300.1.1.1\n");
+  EXPECT_DOUBLE_EQ(m.ini.GetFloat("f", 0), 2.5);
+  EXPECT_DOUBLE_EQ(m.ini.GetFloat("bad", 0), 1.0);
+  EXPECT_TRUE(log.Has("bad value '1,5' (in mem.ini) is not a valid float: character ',' is not allowed"));
+  double d[4];
+  const double defs[4] = {9, 9, 9, 8};
+  EXPECT_TRUE(m.ini.GetFloats("vec", 4, d, defs));
+  EXPECT_EQ(d[2], 3.0);
+  EXPECT_EQ(d[3], 8.0);
+  EXPECT_TRUE(m.ini.GetFloats("nokey", 4, d, defs));  // reals answer true even when missing
+  EXPECT_EQ(d[0], 9.0);
+  int iv[4];
+  EXPECT_TRUE(m.ini.GetInts("vec", 4, iv, 6));
+  EXPECT_EQ(iv[1], 2);
+  EXPECT_EQ(iv[3], 0);
+  EXPECT_FALSE(m.ini.GetInts("nokey", 2, iv, 6));
+  EXPECT_EQ(iv[1], 6);
+
+  qstring host;
+  int port = 0;
+  EXPECT_TRUE(m.ini.GetHost("host", &host, &port));
+  EXPECT_STREQ(host.cstr(), "10.0.0.7");
+  EXPECT_EQ(port, 5001);
+  EXPECT_TRUE(m.ini.GetHost("name", &host));
+  EXPECT_STREQ(host.cstr(), "example-host");
+  EXPECT_FALSE(m.ini.GetHost("wrong", &host));
+  EXPECT_STREQ(host.cstr(), "localhost");
+  EXPECT_TRUE(log.Has("QIni:GetHost(); bad format of host IP (300.1.1.1) for key 'wrong'"));
+  EXPECT_FALSE(m.ini.GetHost("nokey", &host));
+  EXPECT_STREQ(host.cstr(), "localhost");
+}
+
+TEST(QIniStructure, DeleteSetAndStrictAdvice) {
+  MemIni m("a\n{\n  b=1\n  c=2\n}\n");
+  EXPECT_TRUE(m.ini.Delete("a.b"));
+  EXPECT_FALSE(m.ini.Delete("a.nothing"));
+  EXPECT_EQ(m.Get("a.b"), "1");  // the index still knows deleted keys
+  EXPECT_TRUE(m.ini.SetInt("a.c", 5));
+  EXPECT_TRUE(m.ini.SetBool("effects.show_info", true));
+  EXPECT_FALSE(m.ini.SetString("bad key", "x"));
+  EXPECT_FALSE(m.ini.SetString("a..b", "x"));
+  EXPECT_TRUE(m.ini.IsModified());
+  EXPECT_EQ(m.Text(), "a\n{\n  c=5\n}\neffects\n{\n  show_info=1\n}\n");
+
+  LogCapture log;
+  qdbgSetStrict(true);
+  MemIni s("g\n{\n x=1\n}\nh~g\n");
+  qdbgSetStrict(false);
+  EXPECT_TRUE(log.Has("Reference 'g' in 'mem.ini', line 5 should preferably start with 'ref_'"));
+}
+
+TEST(QIniIterator, WalksInFileOrderWithinTheDepthLimit) {
+  MemIni m("a=1\n;c\ng\n{\n  b=2\n  h\n  {\n    c=3\n  }\n}\n");
+  QIniIterator top(&m.ini);
+  std::string names;
+  while (const QIniNode* n = top.GetNext()) names += std::string(n->GetName()) + " ";
+  EXPECT_EQ(names, "a g ");
+  QIniIterator all(&m.ini);
+  names.clear();
+  while (const QIniNode* n = all.GetNextAny()) names += std::string(n->GetName()) + " ";
+  EXPECT_EQ(names, "a ; g b h c ");
+  QIniIterator sub(&m.ini, "g.h");
+  const QIniNode* c = sub.GetNext();
+  ASSERT_NE(c, nullptr);
+  qstring path;
+  c->GetFullPath(&path);
+  EXPECT_STREQ(path.cstr(), "g.h.c");
+
+  // Groups past the nesting limit stay empty and their content joins the deepest open group,
+  // so a read tree always fits the iterator's stack.
+  std::string deep;
+  for (int i = 0; i < 12; ++i) deep += "n\n{\n";
+  LogCapture log;
+  MemIni d(deep + "leaf=1\n");
+  QIniIterator it(&d.ini);
+  int count = 0;
+  while (it.GetNextAny()) ++count;
+  EXPECT_EQ(count, 13);
+  EXPECT_EQ(log.CountContaining("nests too deep"), 3);
+  EXPECT_EQ(log.CountContaining("nestLevel"), 0);
+}
+
+TEST(QIniWrite, WrittenFileReadsBackToTheSameTree) {
+  const std::string text =
+      ";head comment\nref_base\n{\n  size=3\n  ;inner\n  deep\n  {\n    x= spaced \n  }\n}\n"
+      "item~ref_base\n=tagged\n{\n  size=4\n}\nplain~ref_base\n{\n}\nv=2*512\nv=second\n";
+  MemIni m(text);
+  EXPECT_EQ(m.Text(), text);
+  std::string dir = TempDir(), name = dir + "/out.ini";
+  ASSERT_TRUE(m.ini.Write(name.c_str(), false));
+  QIni back(name.c_str());
+  EXPECT_TRUE(back.IsFound());
+  qstring again;
+  back.WriteToString(&again);
+  EXPECT_EQ(std::string(again.cstr()), text);
+  EXPECT_EQ(back.GetInt("item.size", 0), 4);
+  EXPECT_EQ(back.GetStringDirect("plain.deep.x"), std::string(" spaced "));
+  EXPECT_EQ(back.GetStringDirect("item"), std::string("tagged"));
+  EXPECT_EQ(back.GetInt("v", 0), 1024);
+  std::filesystem::remove_all(dir);
+}
+
+TEST(QIniWrite, ChangedFileIsOnlyOverwrittenWithoutTheQuestion) {
+  setenv("GLIMRA_NO_MESSAGEBOX", "1", 1);  // every question is answered "no" at once
+  std::string dir = TempDir(), name = dir + "/glimra.ini";
+  WriteFile(name, "a=1\n");
+  {
+    QIni ini(name.c_str());
+    WriteFile(name, "a=2\n");
+    auto t = std::filesystem::last_write_time(name);
+    std::filesystem::last_write_time(name, t + std::chrono::seconds(5));
+    ini.SetInt("a", 3);
+    EXPECT_FALSE(ini.Write());
+    EXPECT_FALSE(ini.IsModified());
+    EXPECT_EQ(ReadFile(name), "a=2\n");
+    EXPECT_TRUE(ini.Write());  // nothing modified: nothing to do
+    EXPECT_EQ(ReadFile(name), "a=2\n");
+  }
+  {
+    QIni ini(name.c_str(), QIni::NO_READ);
+    ini.SetInt("b", 4);
+    EXPECT_TRUE(ini.Write());
+    EXPECT_EQ(ReadFile(name), "b=4\n");
+    ini.SetInt("b", 5);  // the time written is remembered: no question this time either
+    EXPECT_TRUE(ini.Write());
+    EXPECT_EQ(ReadFile(name), "b=5\n");
+  }
+  LogCapture log;
+  QIni missing((dir + "/none.ini").c_str());
+  EXPECT_FALSE(missing.IsFound());
+  EXPECT_EQ(log.CountContaining("can't open ini file '" + dir + "/none.ini', current directory is '"), 1);
+  std::filesystem::remove_all(dir);
+}
+
+TEST(QIniWrite, ReloadWritesChangesThenRereads) {
+  std::string dir = TempDir(), name = dir + "/r.ini";
+  WriteFile(name, "a=1\n");
+  QIni ini(name.c_str());
+  ini.SetInt("a", 2);
+  EXPECT_TRUE(ini.Reload());
+  EXPECT_EQ(ini.GetInt("a", 0), 2);
+  EXPECT_FALSE(ini.IsModified());
+  ini.Clear();
+  EXPECT_EQ(ini.GetInt("a", 0), 0);
+  std::filesystem::remove_all(dir);
+}
