@@ -183,6 +183,7 @@ void QIni::Index(QIniNode* n) {
     head = n;
   head->bucketTail_ = n;
   n->flags_ |= QIniNode::INDEXED;
+  anyIndexed_ = true;
 }
 
 void QIni::FreeTree() {
@@ -199,7 +200,8 @@ void QIni::FreeTree() {
     qfree(n);
   }
   root_ = nullptr;
-  if (buckets_) memset(buckets_, 0, sizeof(QIniNode*) * HASH_SIZE);
+  if (buckets_ && anyIndexed_) memset(buckets_, 0, sizeof(QIniNode*) * HASH_SIZE);
+  anyIndexed_ = false;
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -179,6 +179,7 @@ class QIni : public QObject {
   bool hasFileTime_ = false;
   std::filesystem::file_time_type fileTime_{};
   QIniNode** buckets_ = nullptr;  // HASH_SIZE heads, from qcalloc
+  bool anyIndexed_ = false;       // spares clearing an untouched bucket table
 };
 
 // Walks the children of a group in file order, deleted nodes skipped. Holds pointers into the
