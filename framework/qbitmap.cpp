@@ -34,6 +34,12 @@ void CopyRun(uint8_t* dst, int64_t dn, int64_t di, const uint8_t* src, int64_t s
   if (hi > lo) memmove(dst + (di + lo) * 4, src + (si + lo) * 4, size_t(hi - lo) * 4);
 }
 
+int64_t FloorDiv(int64_t a, int64_t b) {
+  int64_t q = a / b;
+  if ((a % b != 0) && ((a < 0) != (b < 0))) --q;
+  return q;
+}
+
 // Pixel moves of a quarter or half turn. `dest(i, j, &row, &col)` places source column i of
 // source row j (both relative to the source rect). Unchecked moves are only used when the
 // caller has shown that every index lies inside both blocks.
@@ -67,6 +73,26 @@ struct PixelMove {
           dest(i, j, &row, &col);
           Move(i, j, row, col);
         }
+    }
+  }
+
+  // For rects that do not fit: visits only the source rows and columns whose pixel lies in the
+  // source block. A rect wider than the whole block is cut to it, so absurd extents cost no
+  // more than the block itself.
+  template <class Dest>
+  void Clipped(Dest dest) const {
+    const int64_t w = std::min<int64_t>(sr.wid, srcPixels);
+    const int64_t jLo = std::max<int64_t>(0, FloorDiv(-int64_t(sr.x) - w, srcWidth) + 1 - sr.y);
+    const int64_t jHi =
+        std::min<int64_t>(sr.hgt - 1, FloorDiv(srcPixels - 1 - sr.x, srcWidth) - sr.y);
+    int64_t row, col;
+    for (int64_t j = jLo; j <= jHi; ++j) {
+      const int64_t start = (sr.y + j) * srcWidth + sr.x;
+      const int64_t iHi = std::min(w, srcPixels - start);
+      for (int64_t i = std::max<int64_t>(0, -start); i < iHi; ++i) {
+        dest(int(i), int(j), &row, &col);
+        Move(int(i), int(j), row, col);
+      }
     }
   }
 
@@ -221,21 +247,26 @@ bool QBitMap::Rotate(int angle, const QRect* srcRect, QBitMap* dst, const QRect*
   m.checked = !(Inside(s.y, int64_t(s.y) + h - 1, s.x, int64_t(s.x) + w - 1, width_, m.srcPixels) &&
                 Inside(rowLo, rowHi, colLo, colHi, dst->width_, m.dstPixels));
 
-  if (angle == 90) {
-    m.Banded([&](int i, int j, int64_t* row, int64_t* col) {
-      *row = int64_t(d.y) + d.hgt - 1 - i;
-      *col = int64_t(d.x) + j;
-    });
-  } else if (angle == 180) {
-    m.RowWise([&](int i, int j, int64_t* row, int64_t* col) {
-      *row = int64_t(d.y) + h - 1 - j;
-      *col = int64_t(d.x) + w - 1 - i;
-    });
+  auto turn90 = [&](int i, int j, int64_t* row, int64_t* col) {
+    *row = int64_t(d.y) + d.hgt - 1 - i;
+    *col = int64_t(d.x) + j;
+  };
+  auto turn180 = [&](int i, int j, int64_t* row, int64_t* col) {
+    *row = int64_t(d.y) + h - 1 - j;
+    *col = int64_t(d.x) + w - 1 - i;
+  };
+  auto turn270 = [&](int i, int j, int64_t* row, int64_t* col) {
+    *row = int64_t(d.y) + i;
+    *col = int64_t(d.x) + d.wid - 1 - j;
+  };
+  if (m.checked) {
+    if (angle == 90) m.Clipped(turn90);
+    else if (angle == 180) m.Clipped(turn180);
+    else m.Clipped(turn270);
   } else {
-    m.Banded([&](int i, int j, int64_t* row, int64_t* col) {
-      *row = int64_t(d.y) + i;
-      *col = int64_t(d.x) + d.wid - 1 - j;
-    });
+    if (angle == 90) m.Banded(turn90);
+    else if (angle == 180) m.RowWise(turn180);
+    else m.Banded(turn270);
   }
   return true;
 }

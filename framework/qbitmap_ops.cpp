@@ -146,11 +146,24 @@ void QBitMap::InvertChannel(int channel, int x, int y, int wid, int hgt) {
   }
   if (wid == -1) wid = width_;
   if (hgt == -1) hgt = height_;
-  ForEachRowSpan(Pixels32(), width_, int64_t(height_) - 1 - y, hgt, x, wid,
-                 [&](int64_t first, int64_t count) {
-                   for (uint8_t* p = pixels_ + first * 4 + channel; count > 0; --count, p += 4)
-                     *p = uint8_t(255 - *p);
-                 });
+  const int64_t n = Pixels32(), x0 = x, w = wid, rowTop = int64_t(height_) - 1 - y;
+  if (w <= width_) {
+    ForEachRowSpan(n, width_, rowTop, hgt, x0, w, [&](int64_t first, int64_t count) {
+      for (uint8_t* p = pixels_ + first * 4 + channel; count > 0; --count, p += 4)
+        *p = uint8_t(255 - *p);
+    });
+    return;
+  }
+  // Spans wider than a row overlap, and a pixel covered twice is back where it was: count the
+  // spans over each pixel instead of walking them, so that any extent costs one pass.
+  if (n == 0 || w <= 0 || hgt <= 0) return;
+  const int64_t rowLo = rowTop - hgt + 1;
+  uint8_t* p = pixels_ + channel;
+  for (int64_t i = 0; i < n; ++i, p += 4) {
+    const int64_t lo = std::max(rowLo, FloorDiv(i - x0 - w, width_) + 1);
+    const int64_t hi = std::min(rowTop, FloorDiv(i - x0, width_));
+    if (hi >= lo && ((hi - lo + 1) & 1)) *p = uint8_t(255 - *p);
+  }
 }
 
 // ---------------------------------------------------------------------------------------------
