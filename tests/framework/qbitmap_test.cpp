@@ -1,0 +1,345 @@
+// QBitMap: allocation and ownership, the two coordinate conventions (rotations and top-down
+// copies), pixel operations with their exact arithmetic, and the quirks that run past a rectangle
+// (which must still stay inside the block: run under AddressSanitizer).
+#include "framework/qbitmap.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "framework/qmem.h"
+#include "framework/qmessage.h"
+
+namespace {
+
+std::vector<std::string> g_log;
+void Capture(const char* /*header*/, const char* text) { g_log.push_back(text); }
+
+class BitmapTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_log.clear();
+    oldWarn_ = qSetWarnHandler(Capture);
+    oldErr_ = qSetErrHandler(Capture);
+  }
+  void TearDown() override {
+    qSetWarnHandler(oldWarn_);
+    qSetErrHandler(oldErr_);
+  }
+  static bool Logged(const std::string& text) {
+    for (auto& l : g_log)
+      if (l.find(text) != std::string::npos) return true;
+    return false;
+  }
+  QMessageHandler oldWarn_ = nullptr, oldErr_ = nullptr;
+};
+
+// Pixel at column x of memory row `row` as 0xRRGGBBAA.
+uint32_t Px(const QBitMap& bm, int x, int row) {
+  const uint8_t* p = bm.GetAddress(x, row);
+  if (!p) return 0xDEADBEEF;
+  return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
+}
+
+void Put(QBitMap& bm, int x, int row, uint32_t rgba) {
+  uint8_t* p = bm.GetAddress(x, row);
+  p[0] = uint8_t(rgba >> 24), p[1] = uint8_t(rgba >> 16), p[2] = uint8_t(rgba >> 8), p[3] = uint8_t(rgba);
+}
+
+// The picture as seen on screen, top row first, each pixel's value.
+std::vector<std::vector<uint32_t>> Screen(const QBitMap& bm) {
+  std::vector<std::vector<uint32_t>> rows;
+  for (int row = bm.GetHeight() - 1; row >= 0; --row) {
+    rows.emplace_back();
+    for (int x = 0; x < bm.GetWidth(); ++x) rows.back().push_back(Px(bm, x, row));
+  }
+  return rows;
+}
+
+// Numbers every pixel: (x, memory row) holds the packed value 10 * row + x + 1.
+void Number(QBitMap& bm) {
+  for (int row = 0; row < bm.GetHeight(); ++row)
+    for (int x = 0; x < bm.GetWidth(); ++x) Put(bm, x, row, uint32_t(10 * row + x + 1));
+}
+
+using Rows = std::vector<std::vector<uint32_t>>;
+
+}  // namespace
+
+TEST_F(BitmapTest, AllocRefusesBadGeometryAndLeavesTheBitmapEmpty) {
+  QBitMap bm(32, 2, 2);
+  ASSERT_NE(bm.GetBuffer(), nullptr);
+  EXPECT_EQ(bm.GetSize(), 16);
+  for (auto [w, h] : {std::pair{0, 5}, std::pair{-2, 4}, std::pair{70000, 70000}}) {
+    g_log.clear();
+    EXPECT_FALSE(bm.Alloc(32, w, h));
+    EXPECT_EQ(bm.GetBuffer(), nullptr);
+    EXPECT_EQ(bm.GetWidth(), 0);
+    EXPECT_TRUE(Logged("QBitMap::Alloc() failed on " + std::to_string(w) + "x" + std::to_string(h) +
+                       ", depth 32, flags 0"));
+  }
+  QBitMap deep(24, 2, 2);
+  EXPECT_TRUE(Logged("Really only dep=32 is supported"));
+  EXPECT_EQ(deep.GetSize(), 12);
+}
+
+TEST_F(BitmapTest, ExternalPixelsAreNeverFreedAndClonesOwnTheirs) {
+  const int before = qmemGetCount();
+  uint8_t block[2 * 1 * 4] = {1, 2, 3, 4, 5, 6, 7, 8};
+  {
+    QBitMap bm;
+    ASSERT_TRUE(bm.Alloc(32, 2, 1, 0, block));
+    EXPECT_EQ(bm.GetFlags() & QBitMap::EXTERNAL, QBitMap::EXTERNAL);
+    QBitMap* clone = bm.CreateClone(true);
+    ASSERT_NE(clone, nullptr);
+    EXPECT_NE(clone->GetBuffer(), block);
+    EXPECT_EQ(clone->GetFlags() & QBitMap::EXTERNAL, 0u);
+    EXPECT_EQ(Px(*clone, 1, 0), 0x05060708u);
+    delete clone;
+    // Reallocating drops the borrowed block without freeing it and owns the new one.
+    ASSERT_TRUE(bm.Resize(1, 1, false));
+    EXPECT_EQ(bm.GetFlags() & QBitMap::EXTERNAL, 0u);
+  }
+  EXPECT_EQ(qmemGetCount(), before);
+  EXPECT_EQ(block[7], 8);
+}
+
+TEST_F(BitmapTest, RotationsOfAnAsymmetricPicture) {
+  // On screen:  d e f     (memory row 1)
+  //             a b c     (memory row 0)
+  QBitMap src(32, 3, 2);
+  const uint32_t a = 1, b = 2, c = 3, d = 4, e = 5, f = 6;
+  Put(src, 0, 0, a), Put(src, 1, 0, b), Put(src, 2, 0, c);
+  Put(src, 0, 1, d), Put(src, 1, 1, e), Put(src, 2, 1, f);
+
+  QBitMap q(32, 2, 3);
+  ASSERT_TRUE(src.Rotate(90, nullptr, &q, nullptr));
+  EXPECT_EQ(Screen(q), (Rows{{a, d}, {b, e}, {c, f}}));
+  QBitMap h(32, 3, 2);
+  ASSERT_TRUE(src.Rotate(180, nullptr, &h, nullptr));
+  EXPECT_EQ(Screen(h), (Rows{{c, b, a}, {f, e, d}}));
+  QBitMap t(32, 2, 3);
+  ASSERT_TRUE(src.Rotate(270, nullptr, &t, nullptr));
+  EXPECT_EQ(Screen(t), (Rows{{f, c}, {e, b}, {d, a}}));
+
+  // Left pixel A, right pixel B: a quarter turn puts A on top, in memory row 1.
+  QBitMap wide(32, 2, 1), tall(32, 1, 2);
+  Put(wide, 0, 0, 0xA), Put(wide, 1, 0, 0xB);
+  ASSERT_TRUE(wide.Rotate(90, nullptr, &tall, nullptr));
+  EXPECT_EQ(Px(tall, 0, 1), 0xAu);
+  EXPECT_EQ(Px(tall, 0, 0), 0xBu);
+}
+
+TEST_F(BitmapTest, RotateRefusesOtherAnglesAndStaysInsideAWrongSizedDestination) {
+  QBitMap src(32, 3, 2), dst(32, 2, 3);
+  Number(src);
+  dst.Fill(nullptr, QColor(0x11223344u));
+  EXPECT_FALSE(src.Rotate(45, nullptr, &dst, nullptr));
+  EXPECT_TRUE(Logged("QBitMap:Rotate(); angle 45 not supported"));
+  EXPECT_EQ(Px(dst, 1, 2), 0x11223344u);
+  // Nothing is checked: the parts that land outside the small block are dropped.
+  QBitMap small(32, 1, 1);
+  for (int angle : {90, 180, 270}) EXPECT_TRUE(src.Rotate(angle, nullptr, &small, nullptr));
+  const QRect far{-5, 7, 3, 2}, absurd{-2000000000, -7, 2000000000, 2000000000};
+  EXPECT_TRUE(src.Rotate(90, &far, &dst, &far));
+  EXPECT_TRUE(src.Rotate(270, &absurd, &dst, &absurd));
+
+  // A source rect one column right of the picture reads on into the next memory row, and the
+  // pixel past the block is dropped: its destination keeps what it had.
+  QBitMap half(32, 3, 2);
+  half.Fill(nullptr, QColor(0x99u));
+  const QRect shifted{1, 0, 3, 2};
+  ASSERT_TRUE(src.Rotate(180, &shifted, &half, nullptr));
+  EXPECT_EQ(Screen(half), (Rows{{11, 3, 2}, {0x99, 13, 12}}));
+}
+
+TEST_F(BitmapTest, CopyPixelsFromCountsRowsFromTheTop) {
+  QBitMap src(32, 3, 3), dst(32, 4, 3);
+  Number(src);  // top-down row 0 is memory row 2: values 21 22 23
+  dst.Fill(nullptr, QColor(0u));
+  // Top-down source rows 0..1 from column 1, to top-down row 1 column 2 of the destination.
+  ASSERT_TRUE(dst.CopyPixelsFrom(&src, 1, 0, 2, 2, 2, 1));
+  EXPECT_EQ(Screen(dst), (Rows{{0, 0, 0, 0}, {0, 0, 22, 23}, {0, 0, 12, 13}}));
+
+  // Too wide and too tall: capped with both messages, and the copy still happens.
+  QBitMap big(32, 5, 4);
+  Number(big);
+  ASSERT_TRUE(dst.CopyPixelsFrom(&big, 0, 0, 5, 4, 0, 0));
+  EXPECT_TRUE(Logged("QBitMap:CopyPixelsFrom() swid>wid (5>4); capping"));
+  EXPECT_TRUE(Logged("QBitMap:CopyPixelsFrom() shgt>hgt(4>3); capping"));
+  EXPECT_EQ(Screen(dst)[0], (std::vector<uint32_t>{31, 32, 33, 34}));
+}
+
+TEST_F(BitmapTest, CopyPixelsFromRunsOnInMemoryButNotPastTheBlock) {
+  QBitMap src(32, 4, 1), dst(32, 4, 2);
+  Number(src);
+  dst.Fill(nullptr, QColor(0u));
+  // Four pixels from column 2 of the bottom row wrap into the row above.
+  ASSERT_TRUE(dst.CopyPixelsFrom(&src, 0, 0, 4, 1, 2, 1));
+  EXPECT_EQ(Screen(dst), (Rows{{3, 4, 0, 0}, {0, 0, 1, 2}}));
+  // From the top row the same copy would leave the block: only what fits arrives.
+  ASSERT_TRUE(dst.CopyPixelsFrom(&src, 0, 0, 4, 1, 2, 0));
+  EXPECT_EQ(Screen(dst)[0], (std::vector<uint32_t>{3, 4, 1, 2}));
+  EXPECT_TRUE(dst.CopyPixelsFrom(&src, -100, 50, 4, 1, 1000, -1000));
+  // Whole-block copies between different sizes take what both have.
+  QBitMap one(32, 1, 1);
+  one.CopyFrom(&dst);
+  EXPECT_EQ(Px(one, 0, 0), Px(dst, 0, 0));
+  dst.CopyFrom(&one);
+  QBitMap deep(24, 4, 1);
+  EXPECT_FALSE(deep.CopyPixelsFrom(&src, 0, 0, 1, 1, 0, 0));
+  EXPECT_TRUE(Logged("Only implemented for depth=32"));
+}
+
+TEST_F(BitmapTest, MakeGrayTruncatesItsWeightedSum) {
+  QBitMap bm(32, 4, 1);
+  Put(bm, 0, 0, 0xFF000011u), Put(bm, 1, 0, 0x00FF0022u);
+  Put(bm, 2, 0, 0x0000FF33u), Put(bm, 3, 0, 0xFFFFFF44u);
+  bm.MakeGray();
+  EXPECT_EQ(Px(bm, 0, 0), 0x35353511u);  // 53
+  EXPECT_EQ(Px(bm, 1, 0), 0xB5B5B522u);  // 181
+  EXPECT_EQ(Px(bm, 2, 0), 0x14141433u);  // 20
+  EXPECT_EQ(Px(bm, 3, 0), 0xFEFEFE44u);  // 254, not 255
+}
+
+TEST_F(BitmapTest, FillClipsRightAndBottomButLetsNegativeXRunOn) {
+  QBitMap bm(32, 4, 3);
+  bm.Fill(nullptr, QColor(0u));
+  const QRect inside{1, 0, 2, 1};
+  bm.Fill(&inside, QColor(0x05u));
+  EXPECT_EQ(Screen(bm)[0], (std::vector<uint32_t>{0, 5, 5, 0}));
+
+  const QRect past{3, 1, 4, 5};
+  bm.Fill(&past, QColor(0x07u));
+  EXPECT_TRUE(Logged("Fill r->x+r->wid>wid (3+4>4)"));
+  EXPECT_TRUE(Logged("Fill r->y+r->hgt>hgt (1+5>3)"));
+  EXPECT_EQ(Screen(bm), (Rows{{0, 5, 5, 0}, {0, 0, 0, 7}, {0, 0, 0, 7}}));
+
+  // x = -3 becomes 0 and keeps its width 6: top-down row 1 (memory row 1) runs into row 2.
+  bm.Fill(nullptr, QColor(0u));
+  const QRect negative{-3, 1, 6, 1};
+  bm.Fill(&negative, QColor(0x090909FFu), true);
+  EXPECT_TRUE(Logged("r->x<0"));
+  const uint32_t k = 0x09090900;  // alpha kept at 0
+  EXPECT_EQ(Screen(bm), (Rows{{k, k, 0, 0}, {k, k, k, k}, {0, 0, 0, 0}}));
+  // From the top row, and with absurd extents, the fill stops at the end of the block.
+  const QRect top{-3, 0, 6, 1}, huge{-3, -3, 2000000000, 2000000000};
+  bm.Fill(&top, QColor(0x0A00u));
+  EXPECT_EQ(Screen(bm)[0], (std::vector<uint32_t>{0xA00, 0xA00, 0xA00, 0xA00}));
+  bm.Fill(&huge, QColor(0x0B00u));
+  EXPECT_EQ(Px(bm, 0, 0), 0xB00u);
+  EXPECT_TRUE(Logged("r->y<0"));
+}
+
+TEST_F(BitmapTest, SetColorAtIsTopDownAndWarnsOutOfRange) {
+  QBitMap bm(32, 3, 2);
+  bm.Fill(nullptr, QColor(0u));
+  bm.SetColorAt(2, 0, QColor(1, 2, 3, 4));
+  EXPECT_EQ(Px(bm, 2, 1), 0x01020304u);
+  bm.SetColorAt(3, 0, QColor(9, 9, 9));
+  bm.SetColorAt(0, -1, QColor(9, 9, 9));
+  EXPECT_TRUE(Logged("QBitMap:SetColorAt(3,0) out of range (3x2)"));
+  EXPECT_TRUE(Logged("QBitMap:SetColorAt(0,-1) out of range (3x2)"));
+}
+
+TEST_F(BitmapTest, InvertChannelOverARectOrEverything) {
+  QBitMap bm(32, 3, 2);
+  bm.Fill(nullptr, QColor(0x10203040u));
+  bm.InvertChannel(1, 1, 0, 2, 1);  // green of the top row's right two pixels
+  EXPECT_EQ(Screen(bm), (Rows{{0x10203040, 0x10DF3040, 0x10DF3040},
+                              {0x10203040, 0x10203040, 0x10203040}}));
+  bm.InvertChannel(3, 0, 0, -1, -1);
+  EXPECT_EQ(Px(bm, 0, 0), 0x102030BFu);
+  EXPECT_EQ(Px(bm, 2, 1), 0x10DF30BFu);
+  // Spans wider than a row overlap; a pixel inverted twice is back where it was.
+  QBitMap two(32, 2, 2);
+  two.Fill(nullptr, QColor(0u));
+  two.InvertChannel(0, 0, 0, 3, 2);  // memory spans [2, 5) and [0, 3): pixel 2 twice
+  EXPECT_EQ(Screen(two), (Rows{{0, 0xFF000000}, {0xFF000000, 0xFF000000}}));
+  two.InvertChannel(2, -1000000000, -5, 2000000000, 2000000000);
+  QBitMap deep(24, 2, 2);
+  deep.InvertChannel(0);
+  EXPECT_TRUE(Logged("QBitMap::InvertChannel() only supported for 32-bit"));
+}
+
+TEST_F(BitmapTest, LutLiftsDarkPixelsThatQualifyByAlpha) {
+  QBitMap bm(32, 4, 1);
+  Put(bm, 0, 0, 0x101010FEu);  // L = 16, opaque enough for mode 0
+  Put(bm, 1, 0, 0x101010FDu);  // alpha 253: only mode 1
+  Put(bm, 2, 0, 0x10101000u);  // alpha 0: never
+  Put(bm, 3, 0, 0x404040FFu);  // L = 64: above the floor
+  bm.Lut(50, 0);
+  EXPECT_EQ(Px(bm, 0, 0), 0x323232FEu);
+  EXPECT_EQ(Px(bm, 1, 0), 0x101010FDu);
+  bm.Lut(50, 1);
+  EXPECT_EQ(Px(bm, 1, 0), 0x323232FDu);
+  EXPECT_EQ(Px(bm, 2, 0), 0x10101000u);
+  EXPECT_EQ(Px(bm, 3, 0), 0x404040FFu);
+}
+
+TEST_F(BitmapTest, ResizeWithoutGLScalesNearestNeighbour) {
+  QBitMap bm(32, 4, 4);
+  Number(bm);  // memory row r holds 10r+1 .. 10r+4
+  ASSERT_TRUE(bm.Resize(2, 2, true));
+  EXPECT_TRUE(Logged("QBitMap:Resize() failed; no OpenGL context"));
+  // The source only steps once the accumulator exceeds the target: columns 0 and 1, rows 0, 1.
+  EXPECT_EQ(Screen(bm), (Rows{{11, 12}, {1, 2}}));
+
+  QBitMap row(32, 2, 1);
+  Number(row);
+  ASSERT_TRUE(row.Resize(4, 1, true));
+  EXPECT_EQ(Screen(row)[0], (std::vector<uint32_t>{1, 1, 1, 2}));
+  EXPECT_FALSE(row.Resize(0, 3, true));
+  EXPECT_TRUE(Logged("QBitMap::Alloc() failed on 0x3, depth 32"));
+  EXPECT_EQ(row.GetWidth(), 4);
+}
+
+TEST_F(BitmapTest, CropToKeepsATopDownRectangle) {
+  QBitMap bm(32, 4, 3);
+  Number(bm);  // screen rows: 21..24, 11..14, 1..4
+  ASSERT_TRUE(bm.CropTo(QRect{1, 1, 2, 2}));
+  EXPECT_EQ(bm.GetWidth(), 2);
+  EXPECT_EQ(Screen(bm), (Rows{{12, 13}, {2, 3}}));
+  EXPECT_FALSE(bm.CropTo(QRect{0, 0, 0, 1}));
+}
+
+TEST_F(BitmapTest, AlphaOperations) {
+  QBitMap bm(32, 2, 1);
+  Put(bm, 0, 0, 0x11223300u), Put(bm, 1, 0, 0x44556680u);
+  bm.ScaleAlpha(3, 1, 10);  // 0 -> 10, 128 -> 394 capped
+  EXPECT_EQ(Px(bm, 0, 0) & 255, 10u);
+  EXPECT_EQ(Px(bm, 1, 0) & 255, 255u);
+  bm.SetAlpha(0);
+  Put(bm, 1, 0, 0x44556601u);
+  bm.AlphaToMask();
+  EXPECT_EQ(Px(bm, 0, 0), 0x00000000u);
+  EXPECT_EQ(Px(bm, 1, 0), 0xFFFFFF01u);
+
+  QBitMap other(32, 1, 1);  // smaller: only the first pixel is added to
+  Put(other, 0, 0, 0x0A141E28u);
+  ASSERT_TRUE(bm.Accumulate(&other, 2));
+  EXPECT_EQ(Px(bm, 0, 0), 0x050A0F14u);
+  EXPECT_EQ(Px(bm, 1, 0), 0xFFFFFF01u);
+  EXPECT_FALSE(bm.MergeAlpha(&other));
+  EXPECT_TRUE(Logged("Bitmaps must be the same size/width"));
+  EXPECT_TRUE(bm.Blend(&other));  // different sizes: first pixel only
+  EXPECT_FALSE(bm.Blend(nullptr));
+  EXPECT_TRUE(Logged("Source bitmap is not valid"));
+}
+
+TEST_F(BitmapTest, RLECompressPacksRunsAndLiterals) {
+  QBitMap bm(32, 200, 1);
+  bm.Fill(nullptr, QColor(0x01020304u));
+  Put(bm, 198, 0, 0xAu), Put(bm, 199, 0, 0xBu);
+  int size = -1;
+  uint8_t* packed = bm.RLECompress(&size);
+  ASSERT_NE(packed, nullptr);
+  // Runs of 128 and 70, then the two odd pixels as literals.
+  ASSERT_EQ(size, 5 + 5 + 1 + 8);
+  EXPECT_EQ(packed[0], 255);
+  EXPECT_EQ(packed[5], 127 + 70);
+  EXPECT_EQ(packed[10], 1);
+  EXPECT_EQ(packed[18], 0xB);
+  qfree(packed);
+}
