@@ -1,0 +1,151 @@
+// QXWindow: the native window, its life and the operations this platform does not offer.
+#include "framework/qxwindow.h"
+
+#include <SDL.h>
+
+#include <GL/gl.h>
+
+#include "framework/qapp_display.h"
+#include "framework/qbitmap.h"
+#include "framework/qevent.h"
+#include "framework/qmessage.h"
+
+QXWindow::QXWindow(QWindow* parent, const char* name, int x, int y, int wid, int hgt)
+    : QWindow(parent, name, x, y, wid, hgt) {
+  // A top-level window paints from its own state, so pending motion only needs its latest spot.
+  compressMotion_ = true;
+}
+
+QXWindow::~QXWindow() { DestroyNative(); }
+
+void QXWindow::SetFullScreenSettings(const QFullScreenSettings* s) {
+  settings_ = s ? *s : QFullScreenSettings();
+}
+
+bool QXWindow::CreateNative() {
+  Uint32 flags = SDL_WINDOW_OPENGL;
+  if (!(prefs_ & PREF_NORESIZE) && !IsFullScreen()) flags |= SDL_WINDOW_RESIZABLE;
+  const bool near = (settings_.flags & QFullScreenSettings::NEAR_FULLSCREEN) != 0;
+  if (!(prefs_ & PREF_WM) || near || (settings_.flags & QFullScreenSettings::NO_BORDER))
+    flags |= SDL_WINDOW_BORDERLESS;
+  int x = x_, y = y_, w = wid_ > 0 ? wid_ : 640, h = hgt_ > 0 ? hgt_ : 480;
+  SDL_Rect desk;
+  if (near && SDL_GetDisplayBounds(0, &desk) == 0) {
+    x = desk.x;
+    y = desk.y;
+    w = desk.w;
+    h = desk.h;
+  }
+  window_ = SDL_CreateWindow(GetName()[0] ? GetName() : "glimra", x, y, w, h, flags);
+  if (!window_) return false;
+  nativeId_ = SDL_GetWindowID(window_);
+  x_ = x;
+  y_ = y;
+  wid_ = w;
+  hgt_ = h;
+  return true;
+}
+
+void QXWindow::DestroyNative() {
+  RestoreDesktopMode();
+  if (context_) {
+    if (SDL_GL_GetCurrentContext() == context_) SDL_GL_MakeCurrent(window_, nullptr);
+    SDL_GL_DeleteContext(static_cast<SDL_GLContext>(context_));
+    context_ = nullptr;
+  }
+  if (window_) {
+    QEventBindWindow(nativeId_, nullptr);
+    SDL_DestroyWindow(window_);
+    window_ = nullptr;
+    nativeId_ = 0;
+  }
+}
+
+bool QXWindow::Create() {
+  if (created_) return true;
+  if (!EnableOpenGL()) return false;
+  SetIcon(101);
+  QEventBindWindow(nativeId_, this);
+  created_ = true;
+  if (IsFullScreen()) SwitchToFullScreen();
+  if (prefs_ & PREF_OPTION) SDL_GL_SetSwapInterval(1);
+  int w = 0, h = 0;
+  SDL_GL_GetDrawableSize(window_, &w, &h);
+  OnResize(w, h);
+  return true;
+}
+
+bool QXWindow::Hide() {
+  if (!window_) {
+    QERR("QXWindow::Hide", "Can't hide X QWindow");
+    return false;
+  }
+  SDL_HideWindow(window_);
+  visible_ = false;
+  return true;
+}
+
+bool QXWindow::Show() {
+  if (window_) SDL_ShowWindow(window_);
+  visible_ = true;
+  return window_ != nullptr;
+}
+
+void QXWindow::Move(int x, int y) {
+  QWindow::Move(x, y);
+  if (window_) SDL_SetWindowPosition(window_, x, y);
+}
+
+void QXWindow::Size(int wid, int hgt) {
+  if (window_) SDL_SetWindowSize(window_, wid, hgt);
+  OnResize(wid, hgt);
+}
+
+void QXWindow::Raise() {
+  if (window_) SDL_RaiseWindow(window_);
+}
+
+bool QXWindow::SetIcon(int resource) {
+  const uint8_t* rgba = nullptr;
+  int w = 0, h = 0;
+  if (!window_ || !qGetIconResource(resource, &rgba, &w, &h)) return false;
+  SDL_Surface* s = SDL_CreateRGBSurfaceWithFormatFrom(const_cast<uint8_t*>(rgba), w, h, 32, w * 4,
+                                                      SDL_PIXELFORMAT_RGBA32);
+  if (!s) return false;
+  SDL_SetWindowIcon(window_, s);
+  SDL_FreeSurface(s);
+  return true;
+}
+
+bool QXWindow::ReadPixels(QBitMap* out, bool front) {
+  if (!out || !MakeCurrent()) {
+    QWARN("QXWindow::ReadPixels", "QXWindow(%s): no context to read pixels from", GetName());
+    return false;
+  }
+  int w = 0, h = 0;
+  SDL_GL_GetDrawableSize(window_, &w, &h);
+  if (w <= 0 || h <= 0) return false;
+  if (out->GetWidth() != w || out->GetHeight() != h || out->GetDepth() != 32 ||
+      !out->GetBuffer()) {
+    if (!out->Alloc(32, w, h)) return false;
+  }
+  if (out->GetSize() < w * h * 4) {
+    QWARN("QXWindow::ReadPixels", "QXWindow(%s): bitmap of '%d' bytes too small", GetName(),
+          out->GetSize());
+    return false;
+  }
+  glReadBuffer(front ? GL_FRONT : GL_BACK);
+  glPixelStorei(GL_PACK_ALIGNMENT, 1);
+  // OpenGL's rows run bottom-up, as the bitmap's do.
+  glReadPixels(0, 0, w, h, GL_RGBA, GL_UNSIGNED_BYTE, out->GetBuffer());
+  return glGetError() == GL_NO_ERROR;
+}
+
+void QXWindow::FocusKeys() { QERR("QXWindow::FocusKeys", "QXWindow::FocusKeys() nyi/win32"); }
+void QXWindow::Lower() { QERR("QXWindow::Lower", "QXWindow::Lower() nyi/win32"); }
+void QXWindow::Map() { QERR("QXWindow::Map", "QXWindow::Map() nyi/win32"); }
+void QXWindow::Unmap() { QERR("QXWindow::Unmap", "QXWindow::Unmap() nyi/win32"); }
+void QXWindow::SetIconName(const char* /*name*/) {
+  QERR("QXWindow::SetIconName", "QXWindow::SetIconName() nyi/win32/Mac");
+}
+void QXWindow::Destroy() { QERR("QXWindow::Destroy", "QXWindow:Destroy NYI"); }

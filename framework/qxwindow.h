@@ -1,0 +1,96 @@
+// QXWindow: a top-level window with a native window of its own and a compatibility-profile
+// OpenGL context (fixed function, immediate mode and display lists available).
+//
+// Create makes the native window at the window's rectangle with the preferences fixed so far,
+// gives it the OpenGL context, and switches the display to full screen when asked. The context
+// comes from the first method (32 colour bits, 16 depth bits, double buffer, sRGB-capable); when
+// the platform refuses that window or context, the old method retries with the full-screen
+// settings' depth, alpha, stencil and stereo bits. Without any context the program cannot draw:
+// Create then answers false.
+//
+// Full screen covers the whole screen without a border; leaving it (RestoreDesktopMode, the
+// destructor) gives the desktop its own mode back. The window owns its native window and its
+// context; the settings record is copied. Window styles: full screen or ".near_fullscreen" have no
+// border; a window not managed by the window manager (PrefWM off) or with ".no_border" has none
+// either; PrefNoResize drops the resize frame. Main thread only.
+#pragma once
+
+#include <cstdint>
+
+#include "framework/fullscreensettings.h"
+#include "framework/qwindow.h"
+
+class QBitMap;
+struct SDL_Window;
+
+class QXWindow : public QWindow {
+ public:
+  explicit QXWindow(QWindow* parent = nullptr, const char* name = nullptr, int x = 0, int y = 0,
+                    int wid = 0, int hgt = 0);
+  // Leaves full screen, deletes the context and the native window.
+  ~QXWindow() override;
+  const char* ClassName() const override { return "QXWindow"; }
+
+  // Copies the settings used by the full-screen switch and the old context method; null
+  // forgets them (defaults apply).
+  void SetFullScreenSettings(const QFullScreenSettings* s);
+  const QFullScreenSettings& GetFullScreenSettings() const { return settings_; }
+
+  // Native window, context, full screen. False (with the reason logged) when the window or an
+  // OpenGL context cannot be had; the window is then not created.
+  bool Create() override;
+  // Changes the display mode to the settings' size, depth and refresh rate, retrying without
+  // the rate when it is refused. False, staying in the desktop mode, when neither works.
+  bool SwitchToFullScreen();
+  // Back to the desktop's mode; nothing when not in full screen.
+  void RestoreDesktopMode();
+  bool IsModeSwitched() const { return modeSwitched_; }
+
+  // The two context methods; each logs its failures and answers false.
+  bool EnableOpenGL();
+  bool EnableOpenGLOld();
+
+  bool MakeCurrent() override;
+  void Swap() override;
+  int GetDepth() const override { return 32; }
+  bool Hide() override;
+  bool Show() override;
+  void Move(int x, int y) override;
+  void Size(int wid, int hgt) override;
+  // Brings the window to the front with the keyboard focus.
+  void Raise();
+  // Sets icon resource `resource` (101 is the application's); false for an unknown one.
+  bool SetIcon(int resource);
+  // Copies the front (what is shown) or back buffer into `out` (32-bit, bottom-up rows, the
+  // window's size). False with a warning when the window has no context or `out` cannot hold it.
+  bool ReadPixels(QBitMap* out, bool front);
+
+  // Not offered by this platform: each reports "<name> nyi/..." and does nothing.
+  void FocusKeys();
+  void Lower();
+  void Map();
+  void Unmap();
+  void SetIconName(const char* name);
+  void Destroy();
+
+  SDL_Window* GetNativeWindow() const { return window_; }
+  uint32_t GetNativeId() const { return nativeId_; }
+  // The pixel format number noted in "Pixfmt %d" (SDL's pixel format value of the window).
+  int GetPixelFormat() const { return pixfmt_; }
+  // True when GL_RENDERER named a software rasteriser.
+  bool IsSoftwareRendering() const { return software_; }
+
+ private:
+  bool CreateNative();
+  void DestroyNative();
+  // Logs the "Pixfmt" note and the software warning; returns whether stereo was granted.
+  bool DescribePixelFormat();
+
+  QFullScreenSettings settings_;
+  SDL_Window* window_ = nullptr;
+  void* context_ = nullptr;  // SDL_GLContext
+  uint32_t nativeId_ = 0;
+  int pixfmt_ = 0;
+  bool software_ = false;
+  bool modeSwitched_ = false;
+};

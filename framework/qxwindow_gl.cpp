@@ -1,0 +1,112 @@
+// QXWindow: the OpenGL context, by the first method and by the old one.
+#include <SDL.h>
+
+#include <GL/gl.h>
+
+#include <cstring>
+
+#include "framework/qmessage.h"
+#include "framework/qxwindow.h"
+
+namespace {
+
+void AskCompatibilityProfile() {
+  SDL_GL_ResetAttributes();
+  SDL_GL_SetAttribute(SDL_GL_CONTEXT_PROFILE_MASK, SDL_GL_CONTEXT_PROFILE_COMPATIBILITY);
+}
+
+int Attr(SDL_GLattr a) {
+  int v = 0;
+  return SDL_GL_GetAttribute(a, &v) == 0 ? v : 0;
+}
+
+}  // namespace
+
+bool QXWindow::DescribePixelFormat() {
+  pixfmt_ = int(SDL_GetWindowPixelFormat(window_));
+  int color = Attr(SDL_GL_BUFFER_SIZE);
+  if (color == 0)
+    color = Attr(SDL_GL_RED_SIZE) + Attr(SDL_GL_GREEN_SIZE) + Attr(SDL_GL_BLUE_SIZE) +
+            Attr(SDL_GL_ALPHA_SIZE);
+  const int stereo = Attr(SDL_GL_STEREO);
+  QINFO("QXWindow::EnableOpenGL",
+        "Pixfmt %d: %d color bits, %d depthbuffer bits, %d stencil bits, %d alpha, stereo: %d.",
+        pixfmt_, color, Attr(SDL_GL_DEPTH_SIZE), Attr(SDL_GL_STENCIL_SIZE),
+        Attr(SDL_GL_ALPHA_SIZE), stereo);
+  const char* renderer = reinterpret_cast<const char*>(glGetString(GL_RENDERER));
+  software_ = renderer && (strstr(renderer, "llvmpipe") || strstr(renderer, "softpipe") ||
+                           strstr(renderer, "Software"));
+  if (software_)
+    QWARN("QXWindow::EnableOpenGL", "Pixel format (%d) uses software rendering; will be slow!",
+          pixfmt_);
+  return stereo != 0;
+}
+
+bool QXWindow::EnableOpenGL() {
+  AskCompatibilityProfile();
+  SDL_GL_SetAttribute(SDL_GL_RED_SIZE, 8);
+  SDL_GL_SetAttribute(SDL_GL_GREEN_SIZE, 8);
+  SDL_GL_SetAttribute(SDL_GL_BLUE_SIZE, 8);
+  SDL_GL_SetAttribute(SDL_GL_ALPHA_SIZE, 8);
+  SDL_GL_SetAttribute(SDL_GL_DEPTH_SIZE, 16);
+  SDL_GL_SetAttribute(SDL_GL_DOUBLEBUFFER, 1);
+  SDL_GL_SetAttribute(SDL_GL_FRAMEBUFFER_SRGB_CAPABLE, 1);
+  if (!window_ && !CreateNative()) {
+    QDBG("QXWindow::EnableOpenGL", "QXWindow(%s): first method window refused: %s\n", GetName(),
+         SDL_GetError());
+  } else {
+    context_ = SDL_GL_CreateContext(window_);
+    if (context_ && SDL_GL_MakeCurrent(window_, static_cast<SDL_GLContext>(context_)) == 0) {
+      DescribePixelFormat();
+      return true;
+    }
+  }
+  // Drivers that refuse the first method still give a context the old way.
+  QWARN("QXWindow::EnableOpenGL", "SetPixelFormat failed, are you using an Intel GPU?.");
+  QWARN("QXWindow::EnableOpenGL", "Reverting to the old method of creating the OpenGL context.");
+  return EnableOpenGLOld();
+}
+
+bool QXWindow::EnableOpenGLOld() {
+  DestroyNative();
+  AskCompatibilityProfile();
+  const bool wantStereo = (settings_.flags & QFullScreenSettings::QUAD_BUFFERED) != 0;
+  SDL_GL_SetAttribute(SDL_GL_BUFFER_SIZE, 32);
+  SDL_GL_SetAttribute(SDL_GL_RED_SIZE, 8);
+  SDL_GL_SetAttribute(SDL_GL_GREEN_SIZE, 8);
+  SDL_GL_SetAttribute(SDL_GL_BLUE_SIZE, 8);
+  SDL_GL_SetAttribute(SDL_GL_ALPHA_SIZE, settings_.alphaBits);
+  SDL_GL_SetAttribute(SDL_GL_DEPTH_SIZE, settings_.depthBits);
+  SDL_GL_SetAttribute(SDL_GL_STENCIL_SIZE, settings_.stencilBits);
+  SDL_GL_SetAttribute(SDL_GL_DOUBLEBUFFER, 1);
+  if (wantStereo) {
+    SDL_GL_SetAttribute(SDL_GL_STEREO, 1);
+    QINFO("QXWindow::EnableOpenGLOld", "Quad-buffered stereo enabled - PFD_STEREO flag set");
+  }
+  if (!CreateNative()) {
+    QERR("QXWindow::EnableOpenGLOld", "(QXWindow) ChoosePixelFormat() failed ('%s')",
+         SDL_GetError());
+    return false;
+  }
+  context_ = SDL_GL_CreateContext(window_);
+  if (!context_ || SDL_GL_MakeCurrent(window_, static_cast<SDL_GLContext>(context_)) != 0) {
+    QERR("QXWindow::EnableOpenGLOld", "(QXWindow) SetPixelFormat() failed ('%s')",
+         SDL_GetError());
+    DestroyNative();
+    return false;
+  }
+  if (!DescribePixelFormat() && wantStereo)
+    QERR("QXWindow::EnableOpenGLOld",
+         "Requested STEREO (quadbuffered) but no suitable pixelformat present");
+  return true;
+}
+
+bool QXWindow::MakeCurrent() {
+  if (!window_ || !context_) return false;
+  if (SDL_GL_GetCurrentContext() == context_ && SDL_GL_GetCurrentWindow() == window_) return true;
+  return SDL_GL_MakeCurrent(window_, static_cast<SDL_GLContext>(context_)) == 0;
+}
+
+void QXWindow::Swap() {
+  if (window_ && context_) SDL_GL_SwapWindow(window_);
+}

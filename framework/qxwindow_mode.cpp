@@ -1,0 +1,69 @@
+// QXWindow: switching the display into a full-screen mode and back.
+#include <SDL.h>
+
+#include "framework/qmessage.h"
+#include "framework/qxwindow.h"
+
+namespace {
+
+// Applies `want` (refresh rate 0 = any) to the window in full screen. A mode is refused when the
+// display has nothing close to it, or when a rate was asked and the closest mode has another.
+bool ApplyMode(SDL_Window* win, const SDL_DisplayMode& want) {
+  int display = SDL_GetWindowDisplayIndex(win);
+  if (display < 0) display = 0;
+  SDL_DisplayMode got;
+  if (!SDL_GetClosestDisplayMode(display, &want, &got)) return false;
+  if (want.refresh_rate > 0 && got.refresh_rate != want.refresh_rate) return false;
+  if (SDL_SetWindowDisplayMode(win, &got) != 0) return false;
+  return SDL_SetWindowFullscreen(win, SDL_WINDOW_FULLSCREEN) == 0;
+}
+
+Uint32 FormatForBits(int bits, Uint32 current) {
+  switch (bits) {
+    case 16: return SDL_PIXELFORMAT_RGB565;
+    case 24: return SDL_PIXELFORMAT_RGB888;
+    case 32: return SDL_PIXELFORMAT_RGB888;
+    default: return current;
+  }
+}
+
+}  // namespace
+
+bool QXWindow::SwitchToFullScreen() {
+  SDL_DisplayMode mode;
+  int display = window_ ? SDL_GetWindowDisplayIndex(window_) : 0;
+  if (!window_ || SDL_GetCurrentDisplayMode(display < 0 ? 0 : display, &mode) != 0) {
+    QWARN("QXWindow::SwitchToFullScreen", "QXWindow: Can't get the display settings");
+    return false;
+  }
+  mode.w = settings_.width;
+  mode.h = settings_.height;
+  mode.format = FormatForBits(settings_.bits, mode.format);
+  if (settings_.refreshRate > 0) {
+    mode.refresh_rate = settings_.refreshRate;
+    if (ApplyMode(window_, mode)) {
+      modeSwitched_ = true;
+      QINFO("QXWindow::SwitchToFullScreen", "QXWindow: Set fullscreen mode to %dx%dx%d@%d",
+            settings_.width, settings_.height, settings_.bits, settings_.refreshRate);
+      return true;
+    }
+    QWARN("QXWindow::SwitchToFullScreen", "QXWindow: Can't set fullscreen mode %dx%dx%d@%d",
+          settings_.width, settings_.height, settings_.bits, settings_.refreshRate);
+    settings_.refreshRate = 0;
+  }
+  mode.refresh_rate = 0;
+  if (!ApplyMode(window_, mode)) {
+    QERR("QXWindow::SwitchToFullScreen",
+         "QXWindow: Can't set fullscreen mode %dx%dx%d even without setting the frequency",
+         settings_.width, settings_.height, settings_.bits);
+    return false;
+  }
+  modeSwitched_ = true;
+  return true;
+}
+
+void QXWindow::RestoreDesktopMode() {
+  if (!window_ || !modeSwitched_) return;
+  SDL_SetWindowFullscreen(window_, 0);
+  modeSwitched_ = false;
+}
