@@ -142,7 +142,9 @@ bool QBitMap::Alloc(int depth, int width, int height, int flags, void* pixels) {
   Free();
   const int64_t bytes = BlockBytes(depth, width, height);
   uint8_t* block = nullptr;
-  if (bytes > 0) block = pixels ? static_cast<uint8_t*>(pixels) : static_cast<uint8_t*>(qmalloc(size_t(bytes)));
+  if (bytes > 0)
+    block = pixels ? static_cast<uint8_t*>(pixels)
+                   : static_cast<uint8_t*>(qmalloc(size_t(bytes)));
   if (!block) {
     QWARN("QBitMap::Alloc", "QBitMap::Alloc() failed on %dx%d, depth %d, flags %d\n", width,
           height, depth, flags);
@@ -167,7 +169,8 @@ uint8_t* QBitMap::GetAddress(int x, int y) const {
 }
 
 QBitMap* QBitMap::CreateClone(bool copyPixels) const {
-  QBitMap* clone = new (std::nothrow) QBitMap(depth_, width_, height_, int(flags_ & ~uint32_t(EXTERNAL)));
+  QBitMap* clone =
+      new (std::nothrow) QBitMap(depth_, width_, height_, int(flags_ & ~uint32_t(EXTERNAL)));
   if (!clone || (pixels_ && !clone->pixels_)) {
     QERR("QBitMap::CreateClone", "Unable to create clone bitmap");
     delete clone;

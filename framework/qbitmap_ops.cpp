@@ -50,7 +50,9 @@ struct GrayWeights {
 };
 
 // The luminance of Lut and the colorize filter, in unsigned integers.
-inline unsigned Luma(unsigned r, unsigned g, unsigned b) { return ((r + 2 * g) * 29 + b * 13) / 100; }
+inline unsigned Luma(unsigned r, unsigned g, unsigned b) {
+  return ((r + 2 * g) * 29 + b * 13) / 100;
+}
 
 uint32_t PackedPixel(const uint8_t* p) {
   return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
@@ -106,7 +108,8 @@ void QBitMap::Fill(const QRect* r, QColor color, bool keepAlpha) {
                            uint8_t(color.GetA())};
   const int bytes = keepAlpha ? 3 : 4;
   auto fill = [&](int64_t first, int64_t count) {
-    for (uint8_t* p = pixels_ + first * 4; count > 0; --count, p += 4) memcpy(p, rgba, size_t(bytes));
+    for (uint8_t* p = pixels_ + first * 4; count > 0; --count, p += 4)
+      memcpy(p, rgba, size_t(bytes));
   };
   const int64_t rowTop = int64_t(height_) - 1 - y;
   if (w >= width_ && h > 0) {
@@ -275,7 +278,9 @@ uint8_t* QBitMap::RLECompress(int* retSize) const {
           static_cast<long long>(worst));
     return nullptr;
   }
-  auto same = [&](int64_t a, int64_t b) { return memcmp(pixels_ + a * 4, pixels_ + b * 4, 4) == 0; };
+  auto same = [&](int64_t a, int64_t b) {
+    return memcmp(pixels_ + a * 4, pixels_ + b * 4, 4) == 0;
+  };
   int64_t i = 0, o = 0;
   while (i < n) {
     int64_t run = 1;

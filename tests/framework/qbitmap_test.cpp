@@ -44,7 +44,8 @@ uint32_t Px(const QBitMap& bm, int x, int row) {
 
 void Put(QBitMap& bm, int x, int row, uint32_t rgba) {
   uint8_t* p = bm.GetAddress(x, row);
-  p[0] = uint8_t(rgba >> 24), p[1] = uint8_t(rgba >> 16), p[2] = uint8_t(rgba >> 8), p[3] = uint8_t(rgba);
+  p[0] = uint8_t(rgba >> 24), p[1] = uint8_t(rgba >> 16);
+  p[2] = uint8_t(rgba >> 8), p[3] = uint8_t(rgba);
 }
 
 // The picture as seen on screen, top row first, each pixel's value.

@@ -25,7 +25,8 @@ struct Picture {
   }
   void Set(int x, uint32_t rgba) {
     uint8_t* p = bm.GetAddress(x, 0);
-    p[0] = uint8_t(rgba >> 24), p[1] = uint8_t(rgba >> 16), p[2] = uint8_t(rgba >> 8), p[3] = uint8_t(rgba);
+    p[0] = uint8_t(rgba >> 24), p[1] = uint8_t(rgba >> 16);
+    p[2] = uint8_t(rgba >> 8), p[3] = uint8_t(rgba);
   }
   uint32_t Get(int x) const {
     const uint8_t* p = bm.GetAddress(x, 0);
