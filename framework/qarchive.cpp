@@ -392,7 +392,7 @@ int QArchive::GetFileSize() {
   if (!fp_) return -1;
   const long here = ftell(fp_);
   int total = 0;
-  const bool ok = Unpack(GetName(), nullptr, 0, nullptr, nullptr, &total);
+  const bool ok = Unpack("(current block)", nullptr, 0, nullptr, nullptr, &total);
   fseek(fp_, here, SEEK_SET);
   return ok ? total : -1;
 }
