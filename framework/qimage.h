@@ -1,0 +1,83 @@
+// QImage: a QBitMap that fills itself from a picture file.
+//
+// The reader is chosen by the file name alone, never by the contents: the upper-cased name is
+// searched for ".RGB", ".TGA", ".JPG"/".JPE", ".PSD", ".MIP", ".PNG", ".BMP" in that order and the
+// first hit anywhere in the path wins (a directory "x.tga.d" makes every file below it a Targa
+// file). PNG names are accepted without touching the file or the pixels.
+//
+// Every reader leaves the bitmap at 32 bits per pixel, RGBA, rows bottom-up (see qbitmap.h).
+// A reader that fails after allocating leaves an allocated, partly filled bitmap behind: callers
+// test the answer (or IsRead after the loading constructor), never the pixels. Each failure is
+// logged once by the reader that finds it. Files are distrusted: sizes are checked against the
+// format's limits and the file's length before anything is allocated, and no read or write
+// leaves the buffers it belongs to.
+//
+// Targa files are read whole through the virtual file system when one exists (ReadTGA), else
+// line by line from a stdio stream (ReadTGASlow); the two paths differ on purpose in messages,
+// checks and run-length handling. JPEG goes through libjpeg; a library error ends the read with
+// a warning naming the file and the library's text.
+// Not thread-safe (the log and libjpeg's state are per call, but the bitmap is not guarded).
+#pragma once
+
+#include <cstdint>
+
+#include "framework/qbitmap.h"
+
+class QImage : public QBitMap {
+ public:
+  // Largest width (and JPEG height) the readers take.
+  static constexpr int MAX_SIZE = 16384;
+
+  // Empty picture named "qimage".
+  QImage();
+  // Names the object `name` and reads it; failure logs "QImage ctor: can't load '%s'" and sets
+  // the failed flag (IsRead answers false). The object must still be deleted by the caller.
+  QImage(const char* name, int depth = 0, int width = 0, int height = 0, int flags = 0);
+  const char* ClassName() const override { return "QImage"; }
+
+  // False only when the loading constructor's read failed.
+  bool IsRead() const { return loadFailed_ == 0; }
+
+  // Reads with the reader the name asks for. False for an unknown name (logged) or when the
+  // reader fails; true at once, pixels untouched, for a PNG name.
+  bool Read(const char* name);
+
+  // Targa through the virtual file system (ReadTGASlow when there is none). False for a file
+  // that can't be opened (silently), no data, "too wide", colour maps, unsupported type/depth
+  // pairs, and data that is short or whose run-length packets cross a line ("Image '%s' is
+  // corrupt").
+  bool ReadTGA(const char* name);
+  // Targa from a stdio stream. False for an unreadable header, out of memory, "too wide" and
+  // colour maps; an unsupported type/depth pair answers true with the pixels unset, and
+  // run-length packets that cross a line are cut at the line's end.
+  bool ReadTGASlow(const char* name);
+  // JPEG through libjpeg. False when the file can't be opened, is larger than 16384 in either
+  // direction or than its length can hold, or the library reports an error or a premature end.
+  bool ReadJPG(const char* name);
+  // Uncompressed 24-bit and 8-bit (as grey) Windows bitmaps; rows are taken unpadded. False for
+  // a short header or memory; other kinds answer true with the pixels unset.
+  bool ReadBMP(const char* name);
+  // SGI RGB in either byte order, uncompressed or run-length. False for a short header, a width
+  // above 16384, row tables outside the file, or a row that can't be read.
+  bool ReadRGB(const char* name);
+  // Photoshop layers composited over white (qpsd.h). False when the layers can't be read or the
+  // picture is empty.
+  bool ReadPSD(const char* name);
+  // The "PIM " 4-bit palette format. False for a wrong header, a bad colour map, an unsupported
+  // pixel type, or memory.
+  bool ReadMIP(const char* name);
+
+  // Decodes one run-length Targa line of `width` pixels at `bpp` 24 or 32 from [src, end) into
+  // the 4-byte pixels at `dst`. Answers the position after the line; null, with "Image '%s' is
+  // corrupt", when a packet crosses the line's end or the data ends first. Other depths answer
+  // `src` and decode nothing.
+  const uint8_t* DecompressTgaLine(const uint8_t* src, const uint8_t* end, uint8_t* dst, int bpp,
+                                   int width);
+  // Stores one decoded JPEG scanline of `components` samples per pixel in memory row `row` of
+  // `bm`. Counts other than 1, 3 and 4 warn and leave the row unset.
+  static void PutLine(const uint8_t* scanline, int row, QBitMap* bm, int components,
+                      const char* name);
+
+ private:
+  int loadFailed_ = 0;
+};

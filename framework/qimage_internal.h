@@ -1,0 +1,87 @@
+// Helpers shared by the picture readers and writers (qimage*.cpp, qpsd.cpp); not for other code.
+//
+// Every reader trusts nothing in a file: sizes are computed in 64 bits and compared with the
+// file's length before a block is allocated for them. A reader that decodes from a stream accepts
+// a file shorter than its header promises (the missing pixels stay zero) as long as the file
+// holds at least an eighth of the data the header asks for; beyond that the header is taken as a
+// lie and the read is refused, so that a 100-byte file cannot make us allocate a gigabyte.
+#pragma once
+
+#include <csetjmp>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+
+#include <jpeglib.h>
+
+#include "framework/qfile.h"
+#include "framework/qmem.h"
+
+namespace qimage_detail {
+
+// Owner of a block from the counted allocator.
+struct QFreeDeleter {
+  void operator()(void* p) const { qfree(p); }
+};
+using QBlock = std::unique_ptr<uint8_t, QFreeDeleter>;
+
+// Owner of a stream opened with qfopen.
+struct QFcloseDeleter {
+  void operator()(FILE* fp) const {
+    if (fp) qfclose(fp);
+  }
+};
+using QStream = std::unique_ptr<FILE, QFcloseDeleter>;
+
+// How much shorter than promised a streamed file may be (see above).
+constexpr int64_t kShortfallFactor = 8;
+
+// True when `haveBytes` of file can plausibly hold `needBytes` of encoded pixels.
+inline bool FitsFile(int64_t needBytes, int64_t haveBytes) {
+  if (needBytes < 0) return false;
+  if (haveBytes < 0) haveBytes = 0;
+  return needBytes <= haveBytes * kShortfallFactor;
+}
+
+// Length of an open stream; the position is kept. 0 when it cannot be taken.
+inline int64_t StreamLength(FILE* fp) {
+  long here = ftell(fp);
+  if (here < 0 || fseek(fp, 0, SEEK_END) != 0) return 0;
+  long size = ftell(fp);
+  fseek(fp, here, SEEK_SET);
+  return size < 0 ? 0 : size;
+}
+
+inline uint16_t Le16(const uint8_t* p) { return uint16_t(p[0] | (p[1] << 8)); }
+inline uint32_t Le32(const uint8_t* p) {
+  return uint32_t(p[0]) | (uint32_t(p[1]) << 8) | (uint32_t(p[2]) << 16) | (uint32_t(p[3]) << 24);
+}
+inline uint16_t Be16(const uint8_t* p) { return uint16_t((p[0] << 8) | p[1]); }
+inline uint32_t Be32(const uint8_t* p) {
+  return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | uint32_t(p[3]);
+}
+
+// Reads exactly n bytes; false on a short read (for memory files too, whose reads run one
+// filler byte past the end).
+inline bool ReadAll(QFile* f, void* buffer, int n) {
+  if (n == 0) return true;
+  return f->Read(buffer, n) == n && !f->IsEOF();
+}
+
+// libjpeg's standard error manager with an error exit that jumps back to the reader or writer
+// that set `jump`, with the library's text in `text`.
+struct JpegError {
+  jpeg_error_mgr pub;
+  jmp_buf jump;
+  void (*standardEmit)(j_common_ptr, int);
+  bool endIsError;  // the reader's switch: a premature end fails the read
+  char text[JMSG_LENGTH_MAX];
+};
+
+[[noreturn]] inline void JpegErrorExit(j_common_ptr cinfo) {
+  JpegError* err = reinterpret_cast<JpegError*>(cinfo->err);
+  (*cinfo->err->format_message)(cinfo, err->text);
+  longjmp(err->jump, 1);
+}
+
+}  // namespace qimage_detail

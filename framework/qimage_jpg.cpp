@@ -1,0 +1,144 @@
+// QImage JPEG reader over libjpeg's version 62 interface (libjpeg-turbo).
+//
+// Three-component files are decoded straight into the bitmap's rows as RGBA (the library writes
+// alpha 255), last memory row first; other component counts go through PutLine a scanline at a
+// time. The library's standard error manager prints its warnings; its error exit, and the
+// warning for a file that ends inside the pixel data, jump back here and end the read.
+#include <csetjmp>
+#include <cstdio>
+#include <cstring>
+
+#include <jerror.h>
+
+#include "framework/qimage.h"
+#include "framework/qimage_internal.h"
+#include "framework/qmessage.h"
+
+using namespace qimage_detail;
+
+namespace {
+
+// Even a flat picture needs a Huffman code for the DC value of every 8 x 8 block; one bit per
+// eight blocks (4096 pixels per byte) is far below what any real file reaches.
+constexpr int64_t kMaxPixelsPerByte = 4096;
+// Scanlines handed to the library per call on the direct path.
+constexpr int kLinesPerCall = 16;
+
+// The warning for a file that ends early fails the read while pixels are still wanted; every
+// other message goes to the standard manager.
+void EmitMessage(j_common_ptr cinfo, int level) {
+  JpegError* err = reinterpret_cast<JpegError*>(cinfo->err);
+  if (level < 0 && err->endIsError && cinfo->err->msg_code == JWRN_JPEG_EOF) JpegErrorExit(cinfo);
+  err->standardEmit(cinfo, level);
+}
+
+// Owns the decompressor and the stream for the whole read, including the jump out of libjpeg.
+struct JpegDecoder {
+  jpeg_decompress_struct cinfo;
+  JpegError err;
+  FILE* fp;
+  ~JpegDecoder() {
+    jpeg_destroy_decompress(&cinfo);  // harmless on a zeroed or half-made decompressor
+    if (fp) qfclose(fp);
+  }
+};
+
+// The decode proper. Nothing with a destructor lives in this frame: libjpeg may jump out of it.
+bool Decode(JpegDecoder* dec, QImage* img, const char* name) {
+  j_decompress_ptr cinfo = &dec->cinfo;
+  cinfo->err = jpeg_std_error(&dec->err.pub);
+  dec->err.standardEmit = dec->err.pub.emit_message;
+  dec->err.pub.error_exit = JpegErrorExit;
+  dec->err.pub.emit_message = EmitMessage;
+  dec->err.endIsError = true;
+  if (setjmp(dec->err.jump)) {
+    QWARN("QImage::ReadJPG", "QImage:ReadJPG(%s); %s", name, dec->err.text);
+    return false;
+  }
+  jpeg_create_decompress(cinfo);
+  const int64_t fileLength = StreamLength(dec->fp);
+  jpeg_stdio_src(cinfo, dec->fp);
+  jpeg_read_header(cinfo, TRUE);
+
+  const int width = int(cinfo->image_width);
+  const int height = int(cinfo->image_height);
+  if (cinfo->image_width > unsigned(QImage::MAX_SIZE) || cinfo->image_height > unsigned(QImage::MAX_SIZE)) {
+    QWARN("QImage::ReadJPG", "QImage:ReadJPG(); (%s) is %dx%d large; supported only upto %dx%d",
+          name, width, height, QImage::MAX_SIZE, QImage::MAX_SIZE);
+    return false;
+  }
+  if (int64_t(width) * height > fileLength * kMaxPixelsPerByte) {
+    QWARN("QImage::ReadJPG", "QImage:ReadJPG(); (%s) is %dx%d, more than its %lld bytes can hold",
+          name, width, height, static_cast<long long>(fileLength));
+    return false;
+  }
+  if (!img->Alloc(32, width, height, int(img->GetFlags()))) {
+    QWARN("QImage::ReadJPG", "QImage:ReadJPG(); (%s) out of memory", name);
+    return false;
+  }
+
+  const int components = cinfo->num_components;
+  uint8_t* pixels = img->GetBuffer();
+  const size_t stride = size_t(width) * 4;
+  if (components == 3) {
+    cinfo->out_color_space = JCS_EXT_RGBA;
+    jpeg_start_decompress(cinfo);
+    JSAMPROW rows[kLinesPerCall];
+    while (cinfo->output_scanline < cinfo->output_height) {
+      const int first = int(cinfo->output_scanline);
+      int n = height - first;
+      if (n > kLinesPerCall) n = kLinesPerCall;
+      // Scanline k belongs in memory row height - 1 - k: the file is top-down.
+      for (int k = 0; k < n; ++k) rows[k] = pixels + size_t(height - 1 - first - k) * stride;
+      jpeg_read_scanlines(cinfo, rows, JDIMENSION(n));
+    }
+  } else {
+    jpeg_start_decompress(cinfo);
+    JSAMPARRAY line = (*cinfo->mem->alloc_sarray)(
+        reinterpret_cast<j_common_ptr>(cinfo), JPOOL_IMAGE,
+        JDIMENSION(cinfo->output_width * JDIMENSION(cinfo->output_components)), 1);
+    while (cinfo->output_scanline < cinfo->output_height) {
+      jpeg_read_scanlines(cinfo, line, 1);
+      QImage::PutLine(line[0], height - int(cinfo->output_scanline), img, components, name);
+    }
+  }
+  // Every pixel is in; a file that lacks only its end marker is still a whole picture.
+  dec->err.endIsError = false;
+  jpeg_finish_decompress(cinfo);
+  return true;
+}
+
+}  // namespace
+
+void QImage::PutLine(const uint8_t* scanline, int row, QBitMap* bm, int components,
+                     const char* name) {
+  uint8_t* dst = bm->GetAddress(0, row);
+  const int width = bm->GetWidth();
+  if (components != 1 && components != 3 && components != 4) {
+    QWARN("QImage::PutLine", "QImage:ReadJPG(%s); unsupported number of components (%d)", name,
+          components);
+    return;
+  }
+  if (!dst) return;
+  for (int x = 0; x < width; ++x, dst += 4, scanline += components) {
+    if (components == 1) {
+      dst[0] = dst[1] = dst[2] = scanline[0];
+    } else {
+      dst[0] = scanline[0], dst[1] = scanline[1], dst[2] = scanline[2];
+    }
+    dst[3] = 255;
+  }
+}
+
+bool QImage::ReadJPG(const char* name) {
+  FILE* fp = qfopen(name, "rb");
+  if (!fp) {
+    printf("Can't open %s\n", name);
+    return false;
+  }
+  JpegDecoder dec;
+  memset(&dec.cinfo, 0, sizeof(dec.cinfo));
+  memset(&dec.err, 0, sizeof(dec.err));
+  dec.fp = fp;
+  return Decode(&dec, this, name);
+}

@@ -1,0 +1,635 @@
+// QImage readers: fixtures written by ImageMagick and netpbm (tests/data/images, see
+// make_fixtures.sh) compared pixel for pixel with what those programs encoded; hand-made files
+// for the quirks and the faults; every fixture cut at every length and random bytes, which must
+// never crash (run under AddressSanitizer too).
+#include "framework/qimage.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <jpeglib.h>
+
+#include "framework/qmessage.h"
+#include "framework/virtualfilesystem.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+std::vector<std::string> g_log;
+void Capture(const char*, const char* text) { g_log.push_back(text); }
+
+bool Logged(const std::string& text) {
+  for (auto& l : g_log)
+    if (l.find(text) != std::string::npos) return true;
+  return false;
+}
+
+Bytes Load(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+Bytes Fixture(const char* name) {
+  Bytes b = Load(std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/" + name);
+  EXPECT_FALSE(b.empty()) << name;
+  return b;
+}
+void Save(const std::string& path, const Bytes& b) {
+  unlink(path.c_str());  // a fresh file: truncating one in place makes ext4 flush it to disk
+  std::ofstream out(path, std::ios::binary);
+  out.write(reinterpret_cast<const char*>(b.data()), std::streamsize(b.size()));
+}
+
+// Pixel as 0xRRGGBBAA at column x, y counted from the top of the picture.
+uint32_t At(const QBitMap& bm, int x, int y) {
+  const uint8_t* p = bm.GetAddress(x, bm.GetHeight() - 1 - y);
+  if (!p) return 0xDEADBEEF;
+  return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
+}
+uint32_t Rgba(int r, int g, int b, int a) {
+  return (uint32_t(r) << 24) | (uint32_t(g) << 16) | (uint32_t(b) << 8) | uint32_t(a);
+}
+
+// The picture every lossless fixture encodes (make_fixtures.sh), y from the top.
+uint32_t Src(int x, int y, bool alpha = true) {
+  return Rgba(40 * x + 10, 80 * y + 20, (30 * x * y + 5) % 256, alpha ? 255 - 20 * (x + y) : 255);
+}
+void ExpectSource(const QBitMap& bm, bool alpha, const char* what) {
+  ASSERT_EQ(bm.GetWidth(), 5) << what;
+  ASSERT_EQ(bm.GetHeight(), 3) << what;
+  for (int y = 0; y < 3; ++y)
+    for (int x = 0; x < 5; ++x) EXPECT_EQ(At(bm, x, y), Src(x, y, alpha)) << what << " " << x << "," << y;
+}
+
+// Binary PGM/PPM written by ImageMagick (maxval 255): samples top row first.
+struct Pnm {
+  int w = 0, h = 0, channels = 0;
+  Bytes px;
+};
+Pnm ReadPnm(const char* name) {
+  Bytes b = Fixture(name);
+  Pnm p;
+  char magic[3] = {};
+  int maxval = 0, used = 0;
+  if (sscanf(reinterpret_cast<const char*>(b.data()), "%2s %d %d %d%n", magic, &p.w, &p.h, &maxval, &used) == 4) {
+    p.channels = magic[1] == '5' ? 1 : 3;
+    p.px.assign(b.begin() + used + 1, b.end());
+  }
+  return p;
+}
+// Largest difference of R, G, B from the reference; alpha must be 255.
+int MaxDiff(const QBitMap& bm, const Pnm& ref) {
+  int worst = 0;
+  for (int y = 0; y < ref.h; ++y)
+    for (int x = 0; x < ref.w; ++x) {
+      const uint32_t v = At(bm, x, y);
+      if ((v & 0xFF) != 255) return 1000;
+      for (int c = 0; c < 3; ++c) {
+        const int mine = int(v >> (24 - 8 * c)) & 0xFF;
+        const int theirs = ref.px[size_t(y * ref.w + x) * ref.channels + (ref.channels == 1 ? 0 : c)];
+        worst = std::max(worst, std::abs(mine - theirs));
+      }
+    }
+  return worst;
+}
+
+class QImageTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_log.clear();
+    oldWarn_ = qSetWarnHandler(Capture);
+    oldErr_ = qSetErrHandler(Capture);
+    oldDbg_ = qSetDbgHandler(Capture);
+    char tmpl[] = "/tmp/qimage_test_XXXXXX";
+    dir_ = mkdtemp(tmpl);
+  }
+  void TearDown() override {
+    QSetVirtualFileSystem(nullptr);
+    qSetWarnHandler(oldWarn_);
+    qSetErrHandler(oldErr_);
+    qSetDbgHandler(oldDbg_);
+    std::string cmd = "rm -rf '" + dir_ + "'";
+    EXPECT_EQ(system(cmd.c_str()), 0);
+  }
+  std::string Tmp(const std::string& name) const { return dir_ + "/" + name; }
+  // Writes `b` under `name` in the temporary directory and answers the path.
+  std::string Put(const std::string& name, const Bytes& b) const {
+    Save(Tmp(name), b);
+    return Tmp(name);
+  }
+  // Reads a fixture through the given reader; vfs chooses the Targa path.
+  static bool ReadFixture(QImage* img, const char* name) {
+    return img->Read((std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/" + name).c_str());
+  }
+
+  QVirtualFileSystem vfs_;
+  std::string dir_;
+  QMessageHandler oldWarn_ = nullptr, oldErr_ = nullptr, oldDbg_ = nullptr;
+};
+
+// A hand-made Targa: 18-byte header, then `data`.
+Bytes Tga(int type, int depth, int w, int h, int descriptor, const Bytes& data, int cmap = 0) {
+  Bytes b(18, 0);
+  b[1] = uint8_t(cmap), b[2] = uint8_t(type), b[12] = uint8_t(w), b[13] = uint8_t(w >> 8);
+  b[14] = uint8_t(h), b[15] = uint8_t(h >> 8), b[16] = uint8_t(depth), b[17] = uint8_t(descriptor);
+  b.insert(b.end(), data.begin(), data.end());
+  return b;
+}
+
+// A JPEG of the given size written by libjpeg, a flat grey.
+Bytes MakeJpeg(int w, int h) {
+  jpeg_compress_struct c;
+  jpeg_error_mgr err;
+  c.err = jpeg_std_error(&err);
+  jpeg_create_compress(&c);
+  unsigned char* out = nullptr;
+  unsigned long size = 0;
+  jpeg_mem_dest(&c, &out, &size);
+  c.image_width = JDIMENSION(w), c.image_height = JDIMENSION(h);
+  c.input_components = 3, c.in_color_space = JCS_RGB;
+  jpeg_set_defaults(&c);
+  jpeg_start_compress(&c, TRUE);
+  std::vector<uint8_t> row(size_t(w) * 3, 128);
+  JSAMPROW r = row.data();
+  while (c.next_scanline < c.image_height) jpeg_write_scanlines(&c, &r, 1);
+  jpeg_finish_compress(&c);
+  Bytes b(out, out + size);
+  jpeg_destroy_compress(&c);
+  free(out);
+  return b;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Choosing the reader, construction
+// ---------------------------------------------------------------------------------------------
+
+TEST_F(QImageTest, ReaderIsChosenByTheFirstSubstringAnywhereInThePath) {
+  QImage img;
+  EXPECT_TRUE(img.Read(Put("photo.JPEG", Fixture("photo.jpg")).c_str()));
+  EXPECT_EQ(img.GetWidth(), 16);
+
+  // A bitmap name inside a directory named like a Targa file is read as Targa.
+  ASSERT_EQ(mkdir(Tmp("x.tga.d").c_str(), 0700), 0);
+  EXPECT_TRUE(img.Read(Put("x.tga.d/pic.bmp", Fixture("rgba32_bl.tga")).c_str()));
+  ExpectSource(img, true, "tga in dir");
+
+  EXPECT_FALSE(img.Read(Tmp("notes.txt").c_str()));
+  EXPECT_TRUE(Logged("QImage:Read(): image '" + Tmp("notes.txt") + "' has unknown file format"));
+}
+
+TEST_F(QImageTest, PngNameIsAcceptedWithoutTouchingFileOrPixels) {
+  QImage img;
+  ASSERT_TRUE(ReadFixture(&img, "rgba32_bl.tga"));
+  EXPECT_TRUE(img.Read(Tmp("does/not/exist.png").c_str()));
+  ExpectSource(img, true, "after png");
+}
+
+TEST_F(QImageTest, ConstructorNamesTheObjectAndFlagsAFailedLoad) {
+  QImage empty;
+  EXPECT_STREQ(empty.GetName(), "qimage");
+  EXPECT_STREQ(empty.ClassName(), "QImage");
+  EXPECT_TRUE(empty.IsRead());
+
+  const std::string good = std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/rgb24.tga";
+  QImage ok(good.c_str());
+  EXPECT_TRUE(ok.IsRead());
+  EXPECT_STREQ(ok.GetName(), good.c_str());
+
+  const std::string bad = Tmp("missing.jpg");
+  QImage failed(bad.c_str());
+  EXPECT_FALSE(failed.IsRead());
+  EXPECT_TRUE(Logged("QImage ctor: can't load '" + bad + "'"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Targa, both paths
+// ---------------------------------------------------------------------------------------------
+
+TEST_F(QImageTest, TargaFixturesDecodeOnBothPaths) {
+  for (bool inMemory : {false, true}) {
+    QSetVirtualFileSystem(inMemory ? &vfs_ : nullptr);
+    const char* path = inMemory ? "memory" : "stdio";
+    QImage img;
+    for (const char* name : {"rgba32_bl.tga", "rgba32_tl.tga", "rle32.tga"}) {
+      ASSERT_TRUE(ReadFixture(&img, name)) << name << " " << path;
+      ExpectSource(img, true, name);
+    }
+    for (const char* name : {"rgb24.tga", "rle24.tga"}) {
+      ASSERT_TRUE(ReadFixture(&img, name)) << name << " " << path;
+      ExpectSource(img, false, name);
+    }
+    // Grey: the level is also the opacity.
+    ASSERT_TRUE(ReadFixture(&img, "grey8.tga")) << path;
+    Pnm ref = ReadPnm("grey8_ref.pgm");
+    for (int y = 0; y < 3; ++y)
+      for (int x = 0; x < 5; ++x) {
+        const int g = ref.px[size_t(y * 5 + x)];
+        EXPECT_EQ(At(img, x, y), Rgba(g, g, g, g)) << path;
+      }
+  }
+}
+
+TEST_F(QImageTest, TargaPacketAcrossALineFailsInMemoryAndIsCutOnTheStream) {
+  // 2 x 2, 32-bit run-length: a run of 4 pixels on the first line, then 2 raw pixels.
+  const Bytes data = {0x83, 1, 2, 3, 4, 0x01, 10, 20, 30, 40, 50, 60, 70, 80};
+  const std::string file = Put("cross.tga", Tga(10, 32, 2, 2, 0, data));
+
+  QSetVirtualFileSystem(&vfs_);
+  QImage mem;
+  EXPECT_FALSE(mem.Read(file.c_str()));
+  EXPECT_TRUE(Logged("Image 'qimage' is corrupt"));
+
+  QSetVirtualFileSystem(nullptr);
+  QImage slow;
+  ASSERT_TRUE(slow.Read(file.c_str()));
+  // Bottom-left origin: the first line is the bottom one.
+  EXPECT_EQ(At(slow, 0, 1), Rgba(3, 2, 1, 4));
+  EXPECT_EQ(At(slow, 1, 1), Rgba(3, 2, 1, 4));
+  EXPECT_EQ(At(slow, 0, 0), Rgba(30, 20, 10, 40));
+  EXPECT_EQ(At(slow, 1, 0), Rgba(70, 60, 50, 80));
+}
+
+TEST_F(QImageTest, TargaRefusalsDifferBetweenThePaths) {
+  const std::string pal = Put("pal.tga", Tga(1, 8, 2, 2, 0, Bytes(4 + 768, 0), 1));
+  const std::string grey16 = Put("g16.tga", Tga(3, 16, 2, 2, 0, Bytes(8, 7)));
+  const std::string wide = Put("wide.tga", Tga(2, 24, 16385, 1, 0, Bytes(16385 * 3, 1)));
+
+  QSetVirtualFileSystem(&vfs_);
+  QImage img;
+  EXPECT_FALSE(img.Read(pal.c_str()));
+  EXPECT_TRUE(Logged("QImage:ReadTGA(" + pal + "); colormap is not supported"));
+  EXPECT_FALSE(img.Read(grey16.c_str()));
+  EXPECT_TRUE(Logged("QImage:ReadTGA(); no image loader for type 3, pixDepth 16"));
+  EXPECT_FALSE(img.Read(wide.c_str()));
+  EXPECT_TRUE(Logged("QImage:ReadTGA(" + wide + "); too wide (max width=16384)"));
+  EXPECT_FALSE(img.Read(Tmp("absent.tga").c_str()));
+
+  QSetVirtualFileSystem(nullptr);
+  g_log.clear();
+  EXPECT_FALSE(img.Read(pal.c_str()));
+  EXPECT_TRUE(Logged("QImage:ReadTGA(); colormap is not supported"));
+  EXPECT_TRUE(img.Read(grey16.c_str()));  // deliberately true, pixels unset
+  EXPECT_EQ(img.GetWidth(), 2);
+  EXPECT_FALSE(img.Read(wide.c_str()));
+  EXPECT_TRUE(Logged("QImage:ReadTGA(); too wide"));
+}
+
+TEST_F(QImageTest, TargaLyingSizesAreRefusedBeforeAllocating) {
+  // 100 bytes claiming 16384 x 16384 at 32 bits (a gigabyte of pixels).
+  const std::string big = Put("big.tga", Tga(2, 32, 16384, 16384, 0, Bytes(82, 0)));
+  const std::string bigRle = Put("bigrle.tga", Tga(10, 32, 16384, 16384, 0, Bytes(82, 0xFF)));
+  for (bool inMemory : {false, true}) {
+    QSetVirtualFileSystem(inMemory ? &vfs_ : nullptr);
+    QImage img;
+    EXPECT_FALSE(img.Read(big.c_str()));
+    EXPECT_FALSE(img.Read(bigRle.c_str()));
+    EXPECT_EQ(img.GetBuffer(), nullptr);
+  }
+  // An identifier length of 128 or more moves the start back before the file.
+  Bytes back = Tga(2, 24, 1, 1, 0, {1, 2, 3});
+  back[0] = 0x90;
+  QSetVirtualFileSystem(&vfs_);
+  QImage img;
+  EXPECT_FALSE(img.Read(Put("back.tga", back).c_str()));
+  QSetVirtualFileSystem(nullptr);
+  EXPECT_TRUE(img.Read(Tmp("back.tga").c_str()));  // the backwards seek fails; data at 18
+  EXPECT_EQ(At(img, 0, 0), Rgba(3, 2, 1, 255));
+}
+
+// ---------------------------------------------------------------------------------------------
+// JPEG
+// ---------------------------------------------------------------------------------------------
+
+TEST_F(QImageTest, JpegMatchesTheReferenceDecode) {
+  QImage img;
+  ASSERT_TRUE(ReadFixture(&img, "photo.jpg"));
+  EXPECT_LE(MaxDiff(img, ReadPnm("photo_ref.ppm")), 1);
+  ASSERT_TRUE(ReadFixture(&img, "progressive.jpg"));
+  EXPECT_LE(MaxDiff(img, ReadPnm("progressive_ref.ppm")), 1);
+  ASSERT_TRUE(ReadFixture(&img, "grey.jpg"));
+  EXPECT_LE(MaxDiff(img, ReadPnm("grey_ref.pgm")), 1);
+
+  // Adobe CMYK stores inverted samples; the first three become R, G, B as they lie.
+  ASSERT_TRUE(ReadFixture(&img, "cmyk.jpg"));
+  int c = 0, m = 0, y = 0, k = 0;
+  Bytes ref = Fixture("cmyk_ref.txt");
+  ASSERT_EQ(sscanf(reinterpret_cast<const char*>(ref.data()), "0,0: (%d,%d,%d,%d)", &c, &m, &y, &k), 4);
+  const uint32_t v = At(img, 3, 3);
+  EXPECT_NEAR(int(v >> 24), 255 - c, 2);
+  EXPECT_NEAR(int((v >> 16) & 0xFF), 255 - m, 2);
+  EXPECT_NEAR(int((v >> 8) & 0xFF), 255 - y, 2);
+  EXPECT_EQ(v & 0xFF, 255u);
+}
+
+TEST_F(QImageTest, JpegSizeLimitIs16384EachWay) {
+  QImage img;
+  EXPECT_TRUE(img.Read(Put("edge.jpg", MakeJpeg(16384, 8)).c_str()));
+  EXPECT_EQ(img.GetWidth(), 16384);
+  EXPECT_EQ(At(img, 16383, 7), Rgba(128, 128, 128, 255));
+  for (auto [w, h] : {std::pair{16385, 8}, std::pair{8, 16385}}) {
+    const std::string f = Put("over.jpg", MakeJpeg(w, h));
+    EXPECT_FALSE(img.Read(f.c_str()));
+    EXPECT_TRUE(Logged("QImage:ReadJPG(); (" + f + ") is " + std::to_string(w) + "x" +
+                       std::to_string(h) + " large; supported only upto 16384x16384"));
+  }
+}
+
+TEST_F(QImageTest, JpegLibraryErrorsEndTheReadWithAWarning) {
+  QImage img;
+  Bytes photo = Fixture("photo.jpg");
+  const std::string cut = Put("cut.jpg", Bytes(photo.begin(), photo.begin() + long(photo.size()) * 2 / 3));
+  EXPECT_FALSE(img.Read(cut.c_str()));
+  EXPECT_TRUE(Logged("QImage:ReadJPG(" + cut + "); Premature end of JPEG file"));
+
+  Bytes junk = {0xFF, 0xD8, 0xFF, 0xC0, 0x00, 0x03, 0x42};
+  const std::string bad = Put("junk.jpg", junk);
+  g_log.clear();
+  EXPECT_FALSE(img.Read(bad.c_str()));
+  EXPECT_TRUE(Logged("QImage:ReadJPG(" + bad + "); "));
+
+  EXPECT_FALSE(img.Read(Tmp("absent.jpg").c_str()));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Windows bitmap
+// ---------------------------------------------------------------------------------------------
+
+TEST_F(QImageTest, BitmapRowsAreReadUnpadded) {
+  QImage img;
+  ASSERT_TRUE(ReadFixture(&img, "rgb24_w4.bmp"));
+  ASSERT_EQ(img.GetWidth(), 4);
+  for (int y = 0; y < 3; ++y)
+    for (int x = 0; x < 4; ++x) EXPECT_EQ(At(img, x, y), Src(x, y, false));
+
+  // 15-byte rows are padded to 16 in the file: each row starts one byte later than we read.
+  ASSERT_TRUE(ReadFixture(&img, "rgb24_w5.bmp"));
+  Bytes stream;
+  for (int y = 2; y >= 0; --y) {
+    for (int x = 0; x < 5; ++x) {
+      const uint32_t s = Src(x, y, false);
+      stream.insert(stream.end(), {uint8_t(s >> 8), uint8_t(s >> 16), uint8_t(s >> 24)});
+    }
+    stream.push_back(0);
+  }
+  for (int i = 0; i < 15; ++i) {
+    const uint8_t* b = &stream[size_t(i) * 3];
+    EXPECT_EQ(At(img, i % 5, 2 - i / 5), Rgba(b[2], b[1], b[0], 255)) << i;
+  }
+  EXPECT_NE(At(img, 0, 1), Src(0, 1, false));  // sheared
+
+  // 8 bits: the palette index itself is the grey level.
+  ASSERT_TRUE(ReadFixture(&img, "index8.bmp"));
+  Bytes bmp = Fixture("index8.bmp");
+  const size_t offset = bmp[10] | (bmp[11] << 8);
+  for (int i = 0; i < 15; ++i) {
+    const uint8_t v = bmp[offset + size_t(i)];
+    EXPECT_EQ(At(img, i % 5, 2 - i / 5), Rgba(v, v, v, 255)) << i;
+  }
+}
+
+TEST_F(QImageTest, BitmapShortOrLyingFiles) {
+  QImage img;
+  Bytes bmp = Fixture("rgb24_w4.bmp");
+  bmp.resize(bmp.size() - 12);  // the top row is missing
+  ASSERT_TRUE(img.Read(Put("short.bmp", bmp).c_str()));
+  EXPECT_EQ(At(img, 0, 0), Rgba(0, 0, 0, 255));
+  EXPECT_EQ(At(img, 0, 2), Src(0, 2, false));
+
+  Bytes liar = Fixture("rgb24_w4.bmp");
+  liar[18] = 0x30, liar[19] = 0x75, liar[22] = 0x30, liar[23] = 0x75;  // 30000 x 30000
+  EXPECT_FALSE(img.Read(Put("liar.bmp", liar).c_str()));
+
+  Bytes rle = Fixture("rgb24_w4.bmp");
+  rle[30] = 1;  // compressed: deliberately true with the pixels unset
+  EXPECT_TRUE(img.Read(Put("rle.bmp", rle).c_str()));
+  EXPECT_TRUE(Logged("unsupported #bits (24) or compression (1)"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// SGI RGB
+// ---------------------------------------------------------------------------------------------
+
+TEST_F(QImageTest, SgiInBothByteOrdersAndRunLength) {
+  QImage img;
+  for (const char* name : {"rgba_be.rgb", "rgba_le.rgb", "rgba_be_rle.rgb"}) {
+    ASSERT_TRUE(ReadFixture(&img, name)) << name;
+    ExpectSource(img, true, name);
+  }
+  // One channel: green and blue copy red, alpha is opaque.
+  ASSERT_TRUE(ReadFixture(&img, "grey_be_rle.rgb"));
+  Pnm ref = ReadPnm("grey_be_rle_ref.pgm");
+  for (int i = 0; i < 15; ++i) {
+    const int g = ref.px[size_t(i)];
+    EXPECT_EQ(At(img, i % 5, i / 5), Rgba(g, g, g, 255));
+  }
+}
+
+TEST_F(QImageTest, SgiLyingTablesAndOverlongRows) {
+  QImage img;
+  Bytes rle = Fixture("rgba_be_rle.rgb");
+  Bytes far = rle;
+  far[512] = 0x7F;  // first row starts 2 GB into the file
+  EXPECT_FALSE(img.Read(Put("far.rgb", far).c_str()));
+  EXPECT_TRUE(Logged("QImage::Read: can't read rle chunk"));
+
+  // Every row of the first channel points at one run of 127 pixels: it runs on into the rows
+  // above and, for the top row, would leave the picture.
+  Bytes runs = rle;
+  const uint32_t at = uint32_t(runs.size());
+  runs.insert(runs.end(), {0x7F, 0x55, 0x00});
+  for (int row = 0; row < 3; ++row) {
+    for (int k = 0; k < 4; ++k) runs[512 + row * 4 + k] = uint8_t(at >> (24 - 8 * k));
+    for (int k = 0; k < 4; ++k) runs[512 + 48 + row * 4 + k] = uint8_t(3 >> (24 - 8 * k));
+  }
+  ASSERT_TRUE(img.Read(Put("runs.rgb", runs).c_str()));
+  EXPECT_EQ(At(img, 4, 0) >> 24, 0x55u);
+
+  Bytes wide = Fixture("rgba_be.rgb");
+  wide[6] = 0x40, wide[7] = 0x01;  // 16385
+  EXPECT_FALSE(img.Read(Put("wide.rgb", wide).c_str()));
+  EXPECT_TRUE(Logged(Tmp("wide.rgb") + " width 16385 out of bounds"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Photoshop
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+struct PsdBuilder {
+  Bytes b;
+  void U8(int v) { b.push_back(uint8_t(v)); }
+  void U16(int v) { U8(v >> 8), U8(v); }
+  void U32(uint32_t v) { U16(int(v >> 16)), U16(int(v & 0xFFFF)); }
+  void Header(int rows, int cols) {
+    for (char c : std::string("8BPS")) U8(c);
+    U16(1);
+    for (int i = 0; i < 6; ++i) U8(0);
+    U16(3), U32(uint32_t(rows)), U32(uint32_t(cols)), U16(8), U16(3);
+    U32(0), U32(0), U32(0), U32(0);  // colour data, resources, layer-and-mask, layer info
+  }
+  // A layer record with channels 0, 1, 2 and the given mask record length.
+  void Layer(int top, int left, int bottom, int right, int maskSize) {
+    U32(uint32_t(top)), U32(uint32_t(left)), U32(uint32_t(bottom)), U32(uint32_t(right));
+    U16(3);
+    for (int id = 0; id < 3; ++id) U16(id), U32(0);
+    for (char c : std::string("8BIMnorm")) U8(c);
+    U8(255), U8(0), U8(0), U8(0);
+    U32(uint32_t(4 + maskSize + 4 + 2));
+    U32(uint32_t(maskSize));
+    for (int i = 0; i < maskSize; ++i) U8(0);
+    U32(0);
+    U8(1), U8('L');
+  }
+};
+
+}  // namespace
+
+TEST_F(QImageTest, PsdLayersAreCompositedOverWhite) {
+  QImage img;
+  ASSERT_TRUE(ReadFixture(&img, "layers.psd"));
+  ASSERT_EQ(img.GetWidth(), 6);
+  ASSERT_EQ(img.GetHeight(), 4);
+  // Outside every layer: the white start.
+  EXPECT_EQ(At(img, 0, 0), Rgba(255, 255, 255, 255));
+  // The opaque layer (its alpha channel comes last, weight 255): s * 255 >> 8, alpha
+  // 255 * 255 >> 8.
+  EXPECT_EQ(At(img, 1, 1), Rgba(199, 99, 49, 254));
+  // The half-transparent layer (alpha 128): its first pixel still uses the weight 255, the
+  // others the 128 left by the previous pixel's alpha.
+  const int a = (254 * (255 - 128) + 128 * 128) >> 8;
+  EXPECT_EQ(At(img, 3, 2), Rgba((10 * 255 + 199 * 0) >> 8, (20 * 255) >> 8, (30 * 255) >> 8, a));
+  EXPECT_EQ(At(img, 4, 2), Rgba((10 * 128 + 255 * 127) >> 8, (20 * 128 + 255 * 127) >> 8,
+                                (30 * 128 + 255 * 127) >> 8, (255 * 127 + 128 * 128) >> 8));
+}
+
+TEST_F(QImageTest, PsdMaskOf36BytesFailsAndEdgesStayInside) {
+  PsdBuilder masked;
+  masked.Header(2, 2);
+  masked.U16(1);
+  masked.Layer(0, 0, 1, 1, 36);
+  QImage img;
+  EXPECT_FALSE(img.Read(Put("mask.psd", masked.b).c_str()));
+  EXPECT_TRUE(Logged("Unsupported layer mask size (36)"));
+
+  // A 2 x 2 layer at (1, 1) on a 2 x 2 canvas (PackBits, -128 repeating 129 times): the parts
+  // past the right and bottom edges wrap or fall outside the pixel block.
+  PsdBuilder edge;
+  edge.Header(2, 2);
+  edge.U16(1);
+  edge.Layer(1, 1, 3, 3, 0);
+  for (int ch = 0; ch < 3; ++ch) {
+    edge.U16(1), edge.U16(2), edge.U16(2);
+    // Each row's packet makes 129 bytes: it fills the channel and runs past its buffer.
+    edge.U8(0x80), edge.U8(40 + ch), edge.U8(0x80), edge.U8(40 + ch);
+  }
+  edge.b.resize(edge.b.size() + 64, 0);  // room for the merged image a real file has
+  ASSERT_TRUE(img.Read(Put("edge.psd", edge.b).c_str()));
+  const uint32_t layer = Rgba(39, 40, 41, 255);
+  EXPECT_EQ(At(img, 1, 1), layer);
+  EXPECT_EQ(At(img, 0, 0), layer);  // (2, 1) wrapped into the row above
+  EXPECT_EQ(At(img, 0, 1), layer);  // (2, 2) wrapped back into the block from below it
+  EXPECT_EQ(At(img, 1, 0), Rgba(255, 255, 255, 255));
+}
+
+// ---------------------------------------------------------------------------------------------
+// MIP
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+Bytes Mip(int w, int h, int bytesPerRow, int pixelType, int cmapSize, const Bytes& pixels) {
+  Bytes b = {'P', 'I', 'M', ' '};
+  b.resize(12, 0);
+  b.resize(b.size() + 13, 0);
+  b.back() = 5;  // kind: no colour map here
+  b.resize(b.size() + 12 + 7 + 12, 0);
+  b.resize(b.size() + 13, 0);
+  b.back() = uint8_t(pixelType);
+  for (int v : {w, h, bytesPerRow})
+    for (int k = 0; k < 4; ++k) b.push_back(uint8_t(v >> (8 * k)));
+  b.resize(b.size() + 3, 0);
+  const size_t cmap = b.size();
+  b.resize(cmap + 76, 0);
+  b[cmap + 8] = uint8_t(cmapSize);
+  for (int i = 0; i < 16; ++i) {  // entry i: B = i, G = 16 i, R = 255 - i, A = 200
+    uint8_t* e = &b[cmap + 12 + size_t(i) * 4];
+    e[0] = uint8_t(i), e[1] = uint8_t(16 * i), e[2] = uint8_t(255 - i), e[3] = 200;
+  }
+  b.resize(b.size() + 12, 0);
+  b.insert(b.end(), pixels.begin(), pixels.end());
+  return b;
+}
+uint32_t Entry(int i) { return Rgba(255 - i, 16 * i, i, 200); }
+
+}  // namespace
+
+TEST_F(QImageTest, MipNibblesThroughThePalette) {
+  QImage img;
+  // 3 x 2, two bytes per row: the odd width skips each row's last low nibble.
+  ASSERT_TRUE(img.Read(Put("a.mip", Mip(3, 2, 2, 2, 64, {0x12, 0x3F, 0x45, 0x6F})).c_str()));
+  EXPECT_TRUE(Logged("QImage:ReadMip(" + Tmp("a.mip") + ")"));
+  const int want[2][3] = {{1, 2, 3}, {4, 5, 6}};
+  for (int y = 0; y < 2; ++y)
+    for (int x = 0; x < 3; ++x) EXPECT_EQ(At(img, x, y), Entry(want[y][x]));
+
+  EXPECT_FALSE(img.Read(Put("b.mip", Mip(3, 2, 2, 2, 32, {1, 2, 3, 4})).c_str()));
+  EXPECT_TRUE(Logged("MIP with CMAP size!=64; unexpected"));
+  EXPECT_TRUE(Logged("Failed to read CMAP in " + Tmp("b.mip")));
+  EXPECT_FALSE(img.Read(Put("c.mip", Mip(3, 2, 2, 3, 64, {1, 2, 3, 4})).c_str()));
+  EXPECT_TRUE(Logged("MIP type 3 not yet supported"));
+  Bytes wrong = Mip(3, 2, 2, 2, 64, {1, 2, 3, 4});
+  wrong[3] = 'X';
+  EXPECT_FALSE(img.Read(Put("d.mip", wrong).c_str()));
+  EXPECT_TRUE(Logged("MIP image doesn't have correct header"));
+  EXPECT_FALSE(img.Read(Put("e.mip", Mip(100000, 100000, 50000, 2, 64, {1})).c_str()));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Hostile input: every reader, every cut, random bytes
+// ---------------------------------------------------------------------------------------------
+
+TEST_F(QImageTest, EveryReaderSurvivesTruncationAndNoise) {
+  const char* fixtures[] = {"rgba32_bl.tga", "rle32.tga",     "rle24.tga",       "grey8.tga",
+                            "photo.jpg",     "progressive.jpg", "cmyk.jpg",      "rgb24_w5.bmp",
+                            "index8.bmp",    "rgba_be.rgb",   "rgba_be_rle.rgb", "grey_be_rle.rgb",
+                            "layers.psd"};
+  std::mt19937 rng(1234);
+  for (bool inMemory : {false, true}) {
+    QSetVirtualFileSystem(inMemory ? &vfs_ : nullptr);
+    for (const char* name : fixtures) {
+      const Bytes whole = Fixture(name);
+      const std::string ext = strrchr(name, '.');
+      const std::string path = Tmp("cut" + ext);
+      for (size_t n = 0; n < whole.size(); ++n) {
+        Save(path, Bytes(whole.begin(), whole.begin() + long(n)));
+        QImage img;
+        const bool ok = img.Read(path.c_str());
+        // Cutting a Targa anywhere in memory leaves too little data.
+        if (inMemory && ext == ".tga") {
+          EXPECT_FALSE(ok) << name << " cut at " << n;
+        }
+      }
+      for (int round = 0; round < 20; ++round) {
+        Bytes noisy = whole;
+        for (int k = 0; k < 4; ++k) noisy[rng() % noisy.size()] = uint8_t(rng());
+        Save(path, noisy);
+        QImage img;
+        img.Read(path.c_str());
+      }
+    }
+  }
+  g_log.clear();
+}
