@@ -1,0 +1,171 @@
+// QBitMap writers: Targa and JPEG output read back by ImageMagick, SGI output read back by our
+// reader (no other program reads its little-endian byte order), and the refusals.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "framework/qbitmap.h"
+#include "framework/qimage.h"
+#include "framework/qmessage.h"
+
+namespace {
+
+std::vector<std::string> g_log;
+void Capture(const char*, const char* text) { g_log.push_back(text); }
+bool Logged(const std::string& text) {
+  for (auto& l : g_log)
+    if (l.find(text) != std::string::npos) return true;
+  return false;
+}
+
+// Runs a shell command and answers its standard output.
+std::string Shell(const std::string& cmd) {
+  std::string out;
+  FILE* p = popen(cmd.c_str(), "r");
+  if (!p) return out;
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) out.append(buf, n);
+  pclose(p);
+  return out;
+}
+bool HaveImageMagick() { return Shell("identify -version 2>/dev/null").find("ImageMagick") != std::string::npos; }
+
+// ImageMagick's decode of `file` as 8-bit RGBA, top row first. ImageMagick 6 keeps a Targa's
+// rows in file order and only records the origin, hence -auto-orient.
+std::vector<uint8_t> MagickRgba(const std::string& file) {
+  const std::string out = Shell("convert '" + file + "' -auto-orient -depth 8 rgba:- 2>/dev/null");
+  return std::vector<uint8_t>(out.begin(), out.end());
+}
+
+// A w x h picture that tells rows, columns and channels apart; (x, y) with y from the top.
+void Paint(QBitMap* bm, int w, int h) {
+  ASSERT_TRUE(bm->Alloc(32, w, h));
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      uint8_t* p = bm->GetAddress(x, h - 1 - y);
+      p[0] = uint8_t(x * 255 / (w - 1)), p[1] = uint8_t(y * 255 / (h - 1));
+      p[2] = uint8_t((x + y) * 4), p[3] = uint8_t(255 - 3 * x);
+    }
+}
+
+class QImageWriteTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_log.clear();
+    oldWarn_ = qSetWarnHandler(Capture);
+    oldErr_ = qSetErrHandler(Capture);
+    oldDbg_ = qSetDbgHandler(Capture);
+    char tmpl[] = "/tmp/qimage_write_test_XXXXXX";
+    dir_ = mkdtemp(tmpl);
+  }
+  void TearDown() override {
+    qSetWarnHandler(oldWarn_);
+    qSetErrHandler(oldErr_);
+    qSetDbgHandler(oldDbg_);
+    EXPECT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0);
+  }
+  std::string Tmp(const std::string& name) const { return dir_ + "/" + name; }
+
+  std::string dir_;
+  QMessageHandler oldWarn_ = nullptr, oldErr_ = nullptr, oldDbg_ = nullptr;
+};
+
+}  // namespace
+
+TEST_F(QImageWriteTest, TargaReadsBackInImageMagick) {
+  if (!HaveImageMagick()) GTEST_SKIP() << "ImageMagick is not installed";
+  QBitMap bm;
+  Paint(&bm, 7, 5);
+  const std::string colour = Tmp("out.tga"), grey = Tmp("grey.tga");
+  ASSERT_TRUE(bm.Write(colour.c_str(), 1));
+  EXPECT_TRUE(Logged("WriteTGA(" + colour + ", format 1)"));
+  ASSERT_TRUE(bm.Write(grey.c_str(), 2));
+
+  EXPECT_EQ(Shell("identify -format '%w %h' '" + colour + "'"), "7 5");
+  const std::vector<uint8_t> rgba = MagickRgba(colour), g = MagickRgba(grey);
+  ASSERT_EQ(rgba.size(), 7u * 5 * 4);
+  ASSERT_EQ(g.size(), 7u * 5 * 4);
+  for (int y = 0; y < 5; ++y)
+    for (int x = 0; x < 7; ++x) {
+      const uint8_t* p = bm.GetAddress(x, 4 - y);
+      const size_t at = size_t(y * 7 + x) * 4;
+      for (int c = 0; c < 4; ++c) EXPECT_EQ(rgba[at + size_t(c)], p[c]) << x << "," << y << " ch " << c;
+      // Grey is the red byte.
+      EXPECT_EQ(g[at], p[0]);
+      EXPECT_EQ(g[at + 2], p[0]);
+    }
+}
+
+TEST_F(QImageWriteTest, JpegReadsBackInImageMagickAndOurs) {
+  if (!HaveImageMagick()) GTEST_SKIP() << "ImageMagick is not installed";
+  QBitMap bm;
+  Paint(&bm, 32, 16);
+  const std::string file = Tmp("out.jpg");
+  ASSERT_TRUE(bm.Write(file.c_str(), 3, 95));
+  EXPECT_EQ(Shell("identify -format '%w %h %[colorspace]' '" + file + "'"), "32 16 sRGB");
+  const std::vector<uint8_t> theirs = MagickRgba(file);
+  ASSERT_EQ(theirs.size(), 32u * 16 * 4);
+  QImage back;
+  ASSERT_TRUE(back.Read(file.c_str()));
+  int worst = 0;
+  for (int y = 0; y < 16; ++y)
+    for (int x = 0; x < 32; ++x) {
+      const uint8_t* p = bm.GetAddress(x, 15 - y);
+      const uint8_t* q = back.GetAddress(x, 15 - y);
+      for (int c = 0; c < 3; ++c) {
+        worst = std::max(worst, std::abs(int(theirs[size_t(y * 32 + x) * 4 + size_t(c)]) - p[c]));
+        EXPECT_NEAR(q[c], theirs[size_t(y * 32 + x) * 4 + size_t(c)], 1);
+      }
+      EXPECT_EQ(q[3], 255);
+    }
+  EXPECT_LE(worst, 12);  // lossy, but the picture is the one we wrote, the right way up
+}
+
+TEST_F(QImageWriteTest, SgiRoundTripsEveryChannel) {
+  QBitMap bm;
+  Paint(&bm, 9, 4);
+  const std::string file = Tmp("out.rgb");
+  ASSERT_TRUE(bm.Write(file.c_str(), 0));
+  QImage back;
+  ASSERT_TRUE(back.Read(file.c_str()));
+  ASSERT_EQ(back.GetWidth(), 9);
+  ASSERT_EQ(back.GetHeight(), 4);
+  EXPECT_EQ(memcmp(back.GetBuffer(), bm.GetBuffer(), size_t(bm.GetSize())), 0);
+
+  // And the Targa writer through our own reader, both paths alike.
+  ASSERT_TRUE(bm.Write(Tmp("out.tga").c_str(), 1));
+  ASSERT_TRUE(back.Read(Tmp("out.tga").c_str()));
+  EXPECT_EQ(memcmp(back.GetBuffer(), bm.GetBuffer(), size_t(bm.GetSize())), 0);
+}
+
+TEST_F(QImageWriteTest, RefusalsAreReportedOnce) {
+  QBitMap bm;
+  Paint(&bm, 4, 4);
+  EXPECT_FALSE(bm.Write(Tmp("x.gif").c_str(), 7));
+  EXPECT_TRUE(Logged("QBitMap:Write(); unsupported format 7 to write '" + Tmp("x.gif") + "'"));
+  EXPECT_FALSE(bm.Write(Tmp("no/dir/x.tga").c_str(), 1));
+  EXPECT_FALSE(bm.Write(Tmp("no/dir/x.jpg").c_str(), 3));
+  EXPECT_TRUE(Logged("QBitMap::WriteJPG(" + Tmp("no/dir/x.jpg") + "); can't open file"));
+
+  QBitMap wide(32, 8193, 1);
+  g_log.clear();
+  EXPECT_FALSE(wide.Write(Tmp("w.tga").c_str(), 1));
+  EXPECT_TRUE(Logged("QBitMap:WriteTGA(); image too wide"));
+  EXPECT_FALSE(wide.Write(Tmp("w.rgb").c_str(), 0));
+  EXPECT_TRUE(Logged("QBitMap:Write; image too wide"));
+  EXPECT_NE(access(Tmp("w.tga").c_str(), F_OK), 0);
+
+  // An empty bitmap cannot become a JPEG: the library's error comes back as a warning.
+  QBitMap empty;
+  g_log.clear();
+  EXPECT_FALSE(empty.Write(Tmp("e.jpg").c_str(), 3));
+  EXPECT_EQ(g_log.size(), 1u);
+}
