@@ -366,6 +366,6 @@ bool QApp::SaveScreenshot(const char* base, qstring* name) {
   if (name) *name = file;
   qmessage("> Saving screenshot of UI in '%s'\n", file.cstr());
   QBitMap shot;
-  if (!mainWin_->ReadPixels(&shot, true)) return false;
+  if (!mainWin_->ReadPixels(&shot, false)) return false;
   return shot.Write(file.cstr(), 1, 0);
 }

@@ -53,6 +53,8 @@ void PushKey(const SDL_KeyboardEvent& k, bool press) {
   QEvent e;
   e.win = WindowOf(k.windowID);
   int vk = QEventVirtualKey(k.keysym.sym);
+  // X maps control + alt + F1..F12 to console-switch symbols; the physical key still counts.
+  if (!vk) vk = QEventVirtualKey(SDL_SCANCODE_TO_KEYCODE(k.keysym.scancode));
   if (!vk) return;
   FillPointer(&e);
   const int before = g_mods;

@@ -1,0 +1,251 @@
+// QApp without a display: tables, centring, the dispatch of one loop step, the exit path, and
+// the window preferences and refused operations around it.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "framework/qapp.h"
+#include "framework/qini.h"
+#include "framework/qmessage.h"
+#include "framework/qwindow.h"
+#include "framework/qwinmgr.h"
+
+namespace {
+
+std::vector<std::string> g_lines;
+void Collect(const char*, const char* text) { g_lines.push_back(text ? text : ""); }
+
+struct App : ::testing::Test {
+  QMessageHandler old[3] = {};
+  QApp* app = nullptr;
+  void SetUp() override {
+    g_lines.clear();
+    old[0] = qSetWarnHandler(Collect);
+    old[1] = qSetErrHandler(Collect);
+    old[2] = qSetMessageHandler(Collect);
+    QEventInit();
+    QEventFlush();
+    app = new QApp("unit", nullptr, QApp::HEADLESS);
+  }
+  void TearDown() override {
+    delete app;
+    QEventFlush();
+    qSetWarnHandler(old[0]);
+    qSetErrHandler(old[1]);
+    qSetMessageHandler(old[2]);
+  }
+  static int Seen(const std::string& text) {
+    int n = 0;
+    for (const std::string& l : g_lines) n += l.find(text) != std::string::npos;
+    return n;
+  }
+  static void Push(int type, int n = 0, QWindow* win = nullptr) {
+    QEvent e;
+    e.type = type;
+    e.n = n;
+    e.win = win;
+    QEventPush(&e);
+  }
+};
+
+using QAppTables = App;
+using QAppStep = App;
+using QAppExitDeathTest = App;
+
+bool H1(QEvent*) { return false; }
+bool H2(QEvent*) { return false; }
+bool H3(QEvent*) { return false; }
+bool H4(QEvent*) { return false; }
+bool H5(QEvent*) { return false; }
+bool H6(QEvent*) { return false; }
+void Nop() {}
+
+TEST_F(QAppTables, SixthKeyboardHandlerIsRefusedAndAFreedSlotIsReused) {
+  EXPECT_EQ(QGetApp(), app);
+  EXPECT_STREQ(app->GetAppClassName(), "Tarn");
+  for (auto h : {H1, H2, H3, H4, H5}) EXPECT_TRUE(app->AddKeyboardHandler(h));
+  EXPECT_FALSE(app->AddKeyboardHandler(H6));
+  EXPECT_EQ(Seen("QApp::AddKeyboardHandler(); out of handlers"), 1);
+  EXPECT_TRUE(app->RemoveKeyboardHandler(H3));
+  EXPECT_TRUE(app->AddKeyboardHandler(H6));
+  EXPECT_FALSE(app->RemoveKeyboardHandler(H3));
+  EXPECT_EQ(Seen("QApp::RemoveKeyboardHandler(); can't find handler (0x"), 1);
+}
+
+TEST_F(QAppTables, ProcedureTablesStopAtTheirCapacity) {
+  for (int i = 0; i < QApp::MAX_CLEANUP_PROCS; ++i) ASSERT_TRUE(app->AddCleanupProc(Nop));
+  EXPECT_FALSE(app->AddCleanupProc(Nop));
+  EXPECT_EQ(Seen("QApp::AddCleanupProc(); out of space - memory leaks WILL occur!"), 1);
+  EXPECT_FALSE(app->AddCrashProc(nullptr));
+  EXPECT_EQ(Seen("QApp:AddCrashProc(); func=0"), 1);
+  for (int i = 0; i < QApp::MAX_CRASH_PROCS; ++i) ASSERT_TRUE(app->AddCrashProc(Nop));
+  EXPECT_FALSE(app->AddCrashProc(Nop));
+  EXPECT_EQ(Seen("QApp::AddCrashProc(); out of space"), 1);
+}
+
+TEST_F(QAppTables, RefusedOperationsAndASecondConfiguration) {
+  EXPECT_EQ(app->AddTimer(10, Nop), 0);
+  EXPECT_EQ(app->GetEventFD(), -1);
+  EXPECT_EQ(app->GetVTraceCount(), 0);
+  EXPECT_EQ(Seen("QApp:AddTimer() not supported on Win32/Linux"), 1);
+  EXPECT_EQ(Seen("QApp:GetEventFD() not supported on this platform."), 1);
+  EXPECT_EQ(Seen("QApp:GetVTraceCount() no longer supported"), 1);
+  QIni a("a.ini", QIni::NO_READ), b("b.ini", QIni::NO_READ);
+  EXPECT_TRUE(app->SetIni(&a));
+  EXPECT_FALSE(app->SetIni(&b));
+  EXPECT_EQ(Seen("ini is already open; call CloseIni() first"), 1);
+  EXPECT_EQ(app->GetIni(), &a);
+  app->CloseIni();
+  EXPECT_TRUE(app->SetIni(&b));
+}
+
+TEST_F(QAppTables, MinusOneCentresOnTheWorkAreaWithTheKeptFormula) {
+  app->SetDesktop(QRect{0, 0, 1280, 1024}, QRect{100, 50, 1180, 974});
+  app->SetWindowRect(-1, -1, 300, 200);
+  // (right - width - left) / 2: the left edge is subtracted, not added back.
+  EXPECT_EQ(app->GetWindowRect().x, (1280 - 300 - 100) / 2);
+  EXPECT_EQ(app->GetWindowRect().y, (1024 - 200 - 50) / 2);
+  app->SetDesktop(QRect{0, 0, 101, 101}, QRect{0, 0, 101, 101});
+  app->SetWindowRect(-1, -2, 200, 60);
+  EXPECT_EQ(app->GetWindowRect().x, -49);  // -99 / 2 rounds toward zero
+  EXPECT_EQ(app->GetWindowRect().y, -2);   // only exactly -1 centres
+  EXPECT_EQ(app->GetWindowRect().wid, 200);
+}
+
+TEST_F(QAppStep, IdleRunsOncePerEmptyStep) {
+  static int idles;
+  idles = 0;
+  app->SetIdleProc([] { ++idles; });
+  EXPECT_EQ(app->Run1(), 2);
+  EXPECT_EQ(idles, 1);
+  EXPECT_FALSE(app->Run());
+  EXPECT_EQ(idles, 1);  // Run returns at once and is not an idle step
+}
+
+TEST_F(QAppStep, ModifierBitsMergeIntoKeysAndShiftF11IsNoScreenshot) {
+  static std::vector<int> seen;
+  seen.clear();
+  ASSERT_TRUE(app->Create());
+  app->AddKeyboardHandler([](QEvent* e) {
+    seen.push_back(e->n);
+    return false;
+  });
+  Push(QEVENT_KEYPRESS, QK_SHIFT);
+  Push(QEVENT_KEYPRESS, QK_F11);
+  Push(QEVENT_KEYRELEASE, QK_SHIFT);
+  Push(QEVENT_KEYPRESS, QK_F11);
+  Push(QEVENT_KEYPRESS, QK_CONTROL);
+  Push(QEVENT_KEYPRESS, QK_ALT);
+  Push(QEVENT_KEYPRESS, QK_F11);
+  Push(QEVENT_FOCUSOUT);
+  Push(QEVENT_KEYPRESS, 'A');
+  for (int i = 0; i < 9; ++i) EXPECT_EQ(app->Run1(), 1);
+  const std::vector<int> want = {QK_SHIFT | QKEY_SHIFT, QK_F11 | QKEY_SHIFT, QK_SHIFT, QK_F11,
+                                 QK_CONTROL | QKEY_CONTROL, QK_ALT | QKEY_CONTROL | QKEY_ALT,
+                                 QK_F11 | QKEY_CONTROL | QKEY_ALT, 'A'};
+  EXPECT_EQ(seen, want);
+  EXPECT_EQ(Seen("No BC"), 1);  // only the plain F11
+  EXPECT_EQ(Seen("> No UI present."), 1);
+  EXPECT_EQ(app->GetModifiers(), 0);
+}
+
+TEST_F(QAppStep, ConsumersInOrderAndPointerState) {
+  static int procCalls;
+  procCalls = 0;
+  ASSERT_TRUE(app->Create());
+  EXPECT_EQ(app->GetWindowManager()->GetBackground(), QColor(94, 94, 94, 255));
+  QWindow win(nullptr, "target");
+  win.SetEventCallback([](QWindow*, QEvent* e, void*) { return e->type == QEVENT_BUTTONPRESS; });
+  app->GetWindowManager()->AddWindow(&win);
+  app->SetEventProc([](QEvent*) { return ++procCalls, false; });
+  app->AddKeyboardHandler([](QEvent* e) { return e->n == 'Q'; });
+
+  Push(QEVENT_KEYPRESS, 'Q', &win);
+  EXPECT_EQ(app->Run1(), 0);  // a keyboard handler took it
+  EXPECT_EQ(procCalls, 0);
+  Push(QEVENT_BUTTONPRESS, 33, &win);  // button numbers wrap at 32
+  EXPECT_EQ(app->Run1(), 0);           // the window manager's window took it
+  EXPECT_EQ(procCalls, 0);
+  EXPECT_EQ(app->GetButtons(), 2u);
+  QEvent move;
+  move.type = QEVENT_MOTION;
+  move.x = 12;
+  move.y = 34;
+  QEventPush(&move);
+  EXPECT_EQ(app->Run1(), 1);
+  EXPECT_EQ(procCalls, 1);
+  EXPECT_TRUE(app->IsMouseInside());
+  EXPECT_EQ(app->GetMouseX(), 12);
+  Push(QEVENT_BUTTONRELEASE, 1);
+  Push(QEVENT_LEAVE);
+  EXPECT_FALSE(app->Run());  // dispatches both
+  EXPECT_EQ(app->GetButtons(), 0u);
+  EXPECT_FALSE(app->IsMouseInside());
+  app->GetWindowManager()->RemoveWindow(&win);
+}
+
+void Say(const char* what) { fprintf(stderr, "%s\n", what); }
+
+TEST_F(QAppExitDeathTest, CloseRequestRunsExitThenCleanupsLastFirst) {
+  EXPECT_EXIT(
+      {
+        app->SetExitProc([] { Say("exit proc"); });
+        app->AddCleanupProc([] { Say("cleanup A"); });
+        app->AddCleanupProc([] { Say("cleanup B"); });
+        app->AddCleanupProc([] { Say("cleanup C"); });
+        Push(QEVENT_CLOSE);
+        app->Run1();
+        Say("not reached");
+      },
+      ::testing::ExitedWithCode(0),
+      "exit proc\n.*calling cleanup proc 2.*cleanup C\n  cleanup 2 returned.*cleanup B\n.*"
+      "cleanup A\n  cleanup 0 returned.");
+}
+
+TEST_F(QAppExitDeathTest, ExitCodeIsPassedOn) {
+  EXPECT_EXIT(app->Exit(7), ::testing::ExitedWithCode(7), "");
+}
+
+// A real window stand-in: created without a native window.
+struct FakeReal : QWindow {
+  FakeReal() : QWindow(nullptr, "real") {}
+  bool Create() override { return created_ = true; }
+};
+
+TEST(QWindowPrefs, RefusedAfterCreationAndSoftWindowsNeedARealParent) {
+  QMessageHandler old = qSetErrHandler(Collect);
+  g_lines.clear();
+  FakeReal real;
+  QWindow orphan(nullptr, "orphan");
+  orphan.MakeSoftWindow();
+  EXPECT_FALSE(orphan.Create());
+  QWindow child(&real, "child");
+  child.MakeSoftWindow();
+  EXPECT_FALSE(child.Create());  // the parent is not created yet
+  real.Create();
+  child.PrefNoResize();
+  EXPECT_TRUE(child.Create());
+  EXPECT_EQ(child.GetRealWindow(), &real);
+  child.PrefFullScreen();
+  child.PrefWM();
+  child.MakeRealX();
+  EXPECT_EQ(child.GetPrefs(), QWindow::PREF_SOFT | QWindow::PREF_NORESIZE);
+  EXPECT_FALSE(child.PaintTexture(0, QRect{0, 0, 4, 4}, 0, 0));
+  EXPECT_FALSE(child.PaintTexture(5, QRect{0, 0, 0, 4}, 0, 0));
+  qSetErrHandler(old);
+  auto seen = [](const char* t) {
+    int n = 0;
+    for (const std::string& l : g_lines) n += l.find(t) != std::string::npos;
+    return n;
+  };
+  EXPECT_EQ(seen("QWindow::Create() without a parent real X window"), 2);
+  EXPECT_EQ(seen("QWindow:PrefFullScreen() called after window was created"), 1);
+  EXPECT_EQ(seen("QWindow:PrefWM() called after window was created"), 1);
+  EXPECT_EQ(seen("QWindow:MakeRealX() called after window was created"), 1);
+  EXPECT_EQ(seen("QWindow:PaintTexture(); no texture"), 1);
+  EXPECT_EQ(seen("QWindow:PaintTexture(); texGrid.wid=0"), 1);
+}
+
+}  // namespace

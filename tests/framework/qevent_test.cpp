@@ -1,0 +1,171 @@
+// Event ring, motion compression, cancelled events, dead keys and the key-code translation.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "framework/qevent.h"
+#include "framework/qmessage.h"
+#include "framework/qwindow.h"
+
+namespace {
+
+std::vector<std::string> g_lines;
+void Collect(const char*, const char* text) { g_lines.push_back(text ? text : ""); }
+
+// Collects warnings and errors for one test; the ring starts empty.
+struct Ring : ::testing::Test {
+  QMessageHandler oldWarn = nullptr, oldErr = nullptr;
+  void SetUp() override {
+    g_lines.clear();
+    oldWarn = qSetWarnHandler(Collect);
+    oldErr = qSetErrHandler(Collect);
+    QEventInit();
+    QEventFlush();
+    QEventResetDeadKey();
+  }
+  void TearDown() override {
+    QEventFlush();
+    qSetWarnHandler(oldWarn);
+    qSetErrHandler(oldErr);
+  }
+  static int Seen(const std::string& text) {
+    int n = 0;
+    for (const std::string& l : g_lines) n += l.find(text) != std::string::npos;
+    return n;
+  }
+  static void Push(int type, QWindow* win, int n = 0, int x = 0, int y = 0) {
+    QEvent e;
+    e.type = type;
+    e.win = win;
+    e.n = n;
+    e.x = x;
+    e.y = y;
+    QEventPush(&e);
+  }
+};
+
+using QEventRing = Ring;
+using QEventDeadKeys = Ring;
+
+TEST_F(QEventRing, KeepsOrderAcrossTheWrapAndRefusesTheEventPastCapacity) {
+  // Move the head so the full ring wraps over the end of its slots.
+  for (int i = 0; i < 1500; ++i) Push(QEVENT_KEYPRESS, nullptr, i);
+  QEvent e;
+  for (int i = 0; i < 1500; ++i) ASSERT_TRUE(QEventNext(&e));
+  for (int i = 0; i < QEVENT_RING_SIZE; ++i) Push(QEVENT_KEYPRESS, nullptr, i);
+  EXPECT_EQ(QEventCount(), QEVENT_RING_SIZE);
+  EXPECT_EQ(Seen("QEventPush(); out of space"), 0);
+  Push(QEVENT_KEYPRESS, nullptr, 99999);
+  EXPECT_EQ(Seen("QEventPush(); out of space"), 1);
+  EXPECT_EQ(QEventCount(), QEVENT_RING_SIZE);
+  for (int i = 0; i < QEVENT_RING_SIZE; ++i) {
+    ASSERT_TRUE(QEventNext(&e));
+    ASSERT_EQ(e.n, i);
+  }
+  // Empty again: peek and get answer type 0 without a platform to wait for.
+  QEventPeek(&e);
+  EXPECT_EQ(e.type, QEVENT_NONE);
+  EXPECT_FALSE(QEventNext(&e));
+  EXPECT_FALSE(QEventPending());
+}
+
+TEST_F(QEventRing, ExposeIsNeverQueuedAndPeekLeavesTheHead) {
+  Push(QEVENT_EXPOSE, nullptr);
+  EXPECT_EQ(QEventCount(), 0);
+  Push(QEVENT_BUTTONPRESS, nullptr, 3);
+  QEvent e;
+  QEventPeek(&e);
+  EXPECT_EQ(e.type, QEVENT_BUTTONPRESS);
+  EXPECT_EQ(QEventCount(), 1);
+}
+
+TEST_F(QEventRing, MotionOfACompressingWindowKeepsOneEventWithTheLatestPosition) {
+  QWindow fast(nullptr, "fast"), plain(nullptr, "plain");
+  fast.SetCompressMotion(true);
+  Push(QEVENT_MOTION, &fast, 0, 1, 1);
+  Push(QEVENT_KEYPRESS, &fast, 65);
+  Push(QEVENT_MOTION, &plain, 0, 7, 7);
+  for (int i = 2; i <= 50; ++i) Push(QEVENT_MOTION, &fast, 0, i * 10, i * 20);
+  Push(QEVENT_MOTION, &plain, 0, 8, 8);
+  EXPECT_EQ(QEventCount(), 4);  // fast motion, key, two plain motions
+  QEvent e;
+  QEventNext(&e);
+  EXPECT_EQ(e.type, QEVENT_MOTION);
+  EXPECT_EQ(e.win, &fast);
+  EXPECT_EQ(e.x, 500);
+  EXPECT_EQ(e.y, 1000);
+  // Once taken off the ring, the next motion queues anew.
+  Push(QEVENT_MOTION, &fast, 0, 3, 3);
+  EXPECT_EQ(QEventCount(), 4);
+}
+
+TEST_F(QEventRing, RemovedWindowLeavesCancelledEventsInPlace) {
+  QWindow keep(nullptr, "keep");
+  {
+    QWindow gone(nullptr, "gone");
+    Push(QEVENT_KEYPRESS, &gone, 1);
+    Push(QEVENT_KEYPRESS, &keep, 2);
+    Push(QEVENT_BUTTONPRESS, &gone, 3);
+    QEventRemoveWindow(&gone);
+    Push(QEVENT_KEYRELEASE, &gone, 4);
+  }  // the destructor cancels what was queued after the explicit removal
+  QEvent e;
+  const int expectType[] = {QEVENT_CANCELLED, QEVENT_KEYPRESS, QEVENT_CANCELLED, QEVENT_CANCELLED};
+  for (int i = 0; i < 4; ++i) {
+    ASSERT_TRUE(QEventNext(&e));
+    EXPECT_EQ(e.type, expectType[i]) << i;
+    EXPECT_EQ(e.n, i + 1);
+    EXPECT_EQ(e.win, e.type == QEVENT_CANCELLED ? nullptr : &keep);
+  }
+}
+
+TEST_F(QEventDeadKeys, GraveThenEComposesOnceThenPlain) {
+  EXPECT_EQ(QEventDeadKey(QKEY_ALT | 0xC0), QKEY_ALT | 0xC0);
+  EXPECT_EQ(QEventDeadKey('E'), 0x107);
+  EXPECT_EQ(QEventDeadKey('E'), 'E');
+}
+
+TEST_F(QEventDeadKeys, UnlistedPairPassesAndClearsTheAccent) {
+  QEventDeadKey(QKEY_ALT | 0xBC);  // cedilla
+  EXPECT_EQ(QEventDeadKey('A'), 'A');
+  EXPECT_EQ(QEventDeadKey('C'), 'C');  // the accent is gone: no cedilla C either
+}
+
+TEST_F(QEventDeadKeys, LoneModifierKeepsTheAccentAndBitsSurvive) {
+  QEventDeadKey(QKEY_ALT | 0xDE);  // acute
+  EXPECT_EQ(QEventDeadKey(QK_SHIFT), QK_SHIFT);
+  EXPECT_EQ(QEventDeadKey(QKEY_SHIFT | 'E'), QKEY_SHIFT | 0x108);
+  QEventDeadKey(QKEY_ALT | QKEY_SHIFT | 0x36);  // circumflex
+  EXPECT_EQ(QEventDeadKey('O'), 0x112);
+  QEventDeadKey(QKEY_ALT | QKEY_SHIFT | 0xC0);  // tilde, not grave
+  EXPECT_EQ(QEventDeadKey('N'), 0x10F);
+  QEventDeadKey(QKEY_ALT | 0xBF);  // stroke
+  // A modifier key that already carries a bit is an ordinary key: it clears the accent.
+  EXPECT_EQ(QEventDeadKey(QKEY_SHIFT | QK_SHIFT), QKEY_SHIFT | QK_SHIFT);
+  EXPECT_EQ(QEventDeadKey('O'), 'O');
+}
+
+TEST(QEventKeys, PlatformKeyCodesBecomeVirtualKeys) {
+  // SDL key codes: printable keys are their character, the others carry bit 30.
+  constexpr int kScan = 1 << 30;
+  EXPECT_EQ(QEventVirtualKey('a'), 65);
+  EXPECT_EQ(QEventVirtualKey('z'), 90);
+  EXPECT_EQ(QEventVirtualKey('7'), 55);
+  EXPECT_EQ(QEventVirtualKey(27), QK_ESCAPE);
+  EXPECT_EQ(QEventVirtualKey('\r'), QK_RETURN);
+  EXPECT_EQ(QEventVirtualKey('`'), 0xC0);
+  EXPECT_EQ(QEventVirtualKey(','), 0xBC);
+  EXPECT_EQ(QEventVirtualKey('\''), 0xDE);
+  EXPECT_EQ(QEventVirtualKey(kScan | 58), QK_F1);
+  EXPECT_EQ(QEventVirtualKey(kScan | 68), QK_F11);
+  EXPECT_EQ(QEventVirtualKey(kScan | 69), QK_F12);
+  EXPECT_EQ(QEventVirtualKey(kScan | 80), QK_LEFT);
+  EXPECT_EQ(QEventVirtualKey(kScan | 82), QK_UP);
+  EXPECT_EQ(QEventVirtualKey(kScan | 225), QK_SHIFT);
+  EXPECT_EQ(QEventVirtualKey(kScan | 228), QK_CONTROL);  // right control
+  EXPECT_EQ(QEventVirtualKey(kScan | 226), QK_ALT);
+  EXPECT_EQ(QEventVirtualKey(kScan | 300), 0);
+}
+
+}  // namespace
