@@ -5,51 +5,28 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstring>
-#include <string>
-#include <vector>
 
-#include "framework/qmessage.h"
+#include "support/logcapture.h"
 
 namespace {
-
-std::vector<std::string> g_lines;
-void Collect(const char*, const char* text) { g_lines.push_back(text); }
-
-int CountSeen(const std::string& text) {
-  int n = 0;
-  for (const std::string& l : g_lines)
-    if (l.find(text) != std::string::npos) ++n;
-  return n;
-}
-
-class MemTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    g_lines.clear();
-    oldMsg_ = qSetMessageHandler(Collect);
-    oldErr_ = qSetErrHandler(Collect);
-    oldDbg_ = qSetDbgHandler(Collect);
+// Tracking (and keeping freed blocks) only for the test that asks for it.
+struct Tracking {
+  explicit Tracking(int keep = 0) {
+    MqEnable(true);
+    MqKeepFreed(keep);
   }
-  void TearDown() override {
+  ~Tracking() {
     MqKeepFreed(0);
     MqEnable(false);
-    qSetMessageHandler(oldMsg_);
-    qSetErrHandler(oldErr_);
-    qSetDbgHandler(oldDbg_);
   }
-  QMessageHandler oldMsg_ = nullptr, oldErr_ = nullptr, oldDbg_ = nullptr;
 };
-
 }  // namespace
 
-TEST_F(MemTest, ReportWithoutTrackingSaysHowToEnableIt) {
+TEST(QMem, CounterFollowsEveryEntryPointInBothModes) {
+  LogCapture log;
   EXPECT_EQ(QMemoryReportLeaks("off"), 0);
-  EXPECT_EQ(CountSeen("--- Memory tracking is not enabled - call MqEnable() to enable before "
-                     "QMemoryReportLeaks\n"), 1);
-}
-
-TEST_F(MemTest, CounterFollowsEveryEntryPoint) {
+  EXPECT_TRUE(log.Seen("--- Memory tracking is not enabled - call MqEnable() to enable before "
+                       "QMemoryReportLeaks\n"));
   for (bool tracking : {false, true}) {
     MqEnable(tracking);
     int before = qmemGetCount();
@@ -59,104 +36,89 @@ TEST_F(MemTest, CounterFollowsEveryEntryPoint) {
     EXPECT_EQ(qmemGetCount(), before + 3);
     EXPECT_STREQ(s, "abc");
     for (int i = 0; i < 64; ++i) ASSERT_EQ(z[i], 0) << i;
-    EXPECT_EQ(qstrdup(nullptr), nullptr);
+    MqEnable(!tracking);  // blocks are released right whatever the switch says now
     qfree(a);
     qfree(s);
     qfree(z);
     qfree(nullptr);
     EXPECT_EQ(qmemGetCount(), before);
-    // A block made with tracking on is released correctly after it is switched off.
-    MqEnable(true);
-    void* t = qmalloc(5);
-    MqEnable(false);
-    qfree(t);
-    EXPECT_EQ(qmemGetCount(), before);
-    EXPECT_EQ(QMemoryCheckAll(), 0);
   }
-}
-
-TEST_F(MemTest, UnrepresentableSizesFail) {
+  MqEnable(false);
   EXPECT_EQ(qmalloc(SIZE_MAX), nullptr);
   EXPECT_EQ(qcalloc(SIZE_MAX - 8), nullptr);
-  MqEnable(true);
+}
+
+TEST(QMem, TrackingRefusesZeroAndUnrepresentableSizes) {
+  LogCapture log;
+  Tracking on;
   long bytes = qmemGetTrackedBytes();
   EXPECT_EQ(qmalloc(SIZE_MAX), nullptr);
   EXPECT_EQ(qmalloc_track(size_t(1) << 33, "big.cpp", 9, 0), nullptr);
-  EXPECT_EQ(CountSeen("# Allocation failed;"), 2);
+  EXPECT_EQ(log.Count("# Allocation failed;"), 2);
   EXPECT_EQ(qmalloc_track(0, "zero.cpp", 7, 0), nullptr);
-  EXPECT_EQ(CountSeen("# Bad allocation length (0) in 'zero.cpp', line 7\n"), 1);
+  EXPECT_TRUE(log.Seen("# Bad allocation length (0) in 'zero.cpp', line 7\n"));
   EXPECT_EQ(qmemGetTrackedBytes(), bytes);
 }
 
-TEST_F(MemTest, GuardsCatchOverrunAndUnderrun) {
-  MqEnable(true);
+TEST(QMem, GuardsCatchOverrunAndUnderrun) {
+  LogCapture log;
+  Tracking on;
   unsigned char* p = static_cast<unsigned char*>(qmalloc_track(16, "guard.cpp", 42, 0));
-  ASSERT_NE(p, nullptr);
-  EXPECT_TRUE(QMemoryCheckBlock(p));
-
+  ASSERT_TRUE(QMemoryCheckBlock(p));
   unsigned char saved = p[16];
   p[16] = 'x';  // one byte too far: lands on the tail guard
   EXPECT_FALSE(QMemoryCheckBlock(p));
-  EXPECT_EQ(CountSeen("  ^^^ Bytes trashed behind end of allocation!\n"), 1);
-  EXPECT_EQ(CountSeen("#0: guard.cpp(42): new(16) [serial"), 1);
+  EXPECT_TRUE(log.Seen("  ^^^ Bytes trashed behind end of allocation!\n"));
+  EXPECT_TRUE(log.Seen("#0: guard.cpp(42): new(16) [serial"));
   EXPECT_EQ(QMemoryCheckAll(), 1);
   p[16] = saved;
 
-  g_lines.clear();
+  log.Clear();
   p[-1] = 'x';  // one byte in front
   EXPECT_FALSE(QMemoryCheckBlock(p));
-  EXPECT_EQ(CountSeen("  ^^^ Bytes trashed in front of allocation!\n"), 1);
-  EXPECT_EQ(CountSeen("guard.cpp(42)"), 1);  // the block is still named
-  // Releasing it reports again and still gives it back.
+  EXPECT_TRUE(log.Seen("  ^^^ Bytes trashed in front of allocation!\n"));
+  EXPECT_TRUE(log.Seen("guard.cpp(42)"));  // the block is still named
   long bytes = qmemGetTrackedBytes();
-  qfree(p);
+  qfree(p);  // reported again, and still given back
   EXPECT_EQ(qmemGetTrackedBytes(), bytes - 16);
-  EXPECT_EQ(QMemoryReportLeaks("after underrun"), 0);
 }
 
-TEST_F(MemTest, LeakReportListsWhatIsStillAllocated) {
-  MqEnable(true);
+TEST(QMem, ReportsListLeaksAndUntouchedBlocks) {
+  LogCapture log;
+  Tracking on;
   void* kept = qmalloc_track(24, "leaky.cpp", 321, QMEM_ZERO);
-  void* freed = qmalloc_track(8, "tidy.cpp", 5, 0);
-  qfree(freed);
+  qfree(qmalloc_track(8, "tidy.cpp", 5, 0));
   EXPECT_EQ(QMemoryReportLeaks("test"), 1);
-  EXPECT_EQ(CountSeen("### Tarn Memory Report (test) ###\n"), 1);
-  EXPECT_EQ(CountSeen("leaky.cpp(321): qcalloc(24)"), 1);
-  EXPECT_EQ(CountSeen("tidy.cpp"), 0);
+  EXPECT_TRUE(log.Seen("### Tarn Memory Report (test) ###\n"));
+  EXPECT_TRUE(log.Seen("leaky.cpp(321): qcalloc(24)"));
+  EXPECT_FALSE(log.Seen("tidy.cpp"));
   qfree(kept);
   EXPECT_EQ(QMemoryReportLeaks("empty"), 0);
-}
 
-TEST_F(MemTest, UninitializedBlocksAreFound) {
-  MqEnable(true);
-  unsigned char* untouched = static_cast<unsigned char*>(qmalloc_track(8, "u.cpp", 1, QMEM_MARK_UNINIT));
-  unsigned char* written = static_cast<unsigned char*>(qmalloc_track(8, "w.cpp", 2, QMEM_MARK_UNINIT));
-  EXPECT_EQ(untouched[3], 204);
+  auto* untouched = static_cast<unsigned char*>(qmalloc_track(8, "u.cpp", 1, QMEM_MARK_UNINIT));
+  auto* written = static_cast<unsigned char*>(qmalloc_track(8, "w.cpp", 2, QMEM_MARK_UNINIT));
   written[7] = 1;
   EXPECT_EQ(QMemoryCheckUninitialized(), 1);
-  EXPECT_EQ(CountSeen("u.cpp(1)"), 1);
-  EXPECT_EQ(CountSeen("w.cpp(2)"), 0);
+  EXPECT_TRUE(log.Seen("u.cpp(1)"));
+  EXPECT_FALSE(log.Seen("w.cpp(2)"));
   qfree(untouched);
   qfree(written);
 }
 
-TEST_F(MemTest, KeptFreedBlocksRevealWritesAfterRelease) {
-  MqEnable(true);
-  MqKeepFreed(2);
-  unsigned char* p = static_cast<unsigned char*>(qmalloc_track(32, "stale.cpp", 77, 0));
+TEST(QMem, KeptFreedBlocksRevealWritesAfterRelease) {
+  LogCapture log;
+  Tracking on(2);
+  auto* p = static_cast<unsigned char*>(qmalloc_track(32, "stale.cpp", 77, 0));
   qfree(p);
   EXPECT_EQ(QMemoryCheckFreed(), 0);
   p[5] = 0;  // through the stale pointer: the block is kept, so this stays inside it
   EXPECT_EQ(QMemoryCheckFreed(), 1);
-  EXPECT_EQ(CountSeen("  ^^^ Memory modified after having been freed!\n"), 1);
-  EXPECT_EQ(CountSeen("stale.cpp(77)"), 1);
+  EXPECT_EQ(log.Count("  ^^^ Memory modified after having been freed!\n"), 1);
+  EXPECT_TRUE(log.Seen("stale.cpp(77)"));
   EXPECT_EQ(QMemoryCheckFreed(), 0);  // reported once
-
-  // A second release of a kept block is refused rather than listed twice.
-  qfree(p);
-  EXPECT_EQ(CountSeen("released twice"), 1);
-  // Pushing it out of the keep checks it on the way.
+  qfree(p);  // a second release is refused rather than kept twice
+  EXPECT_TRUE(log.Seen("released twice"));
   p[6] = 0;
-  for (int i = 0; i < 2; ++i) qfree(qmalloc(4));
-  EXPECT_EQ(CountSeen("  ^^^ Memory modified after having been freed!\n"), 2);
+  for (int i = 0; i < 2; ++i) qfree(qmalloc(4));  // pushed out of the keep, checked on the way
+  EXPECT_EQ(log.Count("  ^^^ Memory modified after having been freed!\n"), 2);
 }

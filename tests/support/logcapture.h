@@ -1,0 +1,26 @@
+// LogCapture: for one test, collects what the framework reports (warnings, errors, plain and
+// debug messages) and sends the log file, which takes the info lines, to a temporary directory.
+// The previous handlers and log file come back when it is destroyed.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "framework/qmessage.h"
+
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  // Lines (or log-file text) containing `text`.
+  int Count(const std::string& text) const;
+  bool Seen(const std::string& text) const { return Count(text) > 0; }
+  void Clear();
+
+ private:
+  QMessageHandler old_[4];
+  std::string oldFile_, dir_;
+};
