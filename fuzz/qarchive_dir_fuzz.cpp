@@ -24,6 +24,8 @@ const std::string& ScratchPath() {
     if (fd >= 0) close(fd);
     return std::string(tmpl);
   }();
+  static const bool cleanup = atexit([] { unlink(path.c_str()); }) == 0;
+  (void)cleanup;
   return path;
 }
 
