@@ -366,6 +366,8 @@ bool QApp::SaveScreenshot(const char* base, qstring* name) {
   if (name) *name = file;
   qmessage("> Saving screenshot of UI in '%s'\n", file.cstr());
   QBitMap shot;
+  // The back buffer still holds the last frame drawn; the front buffer of a window reads back
+  // empty on many X servers and compositors.
   if (!mainWin_->ReadPixels(&shot, false)) return false;
   return shot.Write(file.cstr(), 1, 0);
 }
