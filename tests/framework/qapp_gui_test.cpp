@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -56,6 +57,7 @@ x.XSendEvent(d, ev.window, 0, 0, c.byref(ev)); x.XFlush(d); x.XCloseDisplay(d)
 )PY";
 
 pid_t g_xvfb = -1;
+int g_displayFd = -1;
 
 class WinTest : public ::testing::Test {
  protected:
@@ -75,11 +77,18 @@ class WinTest : public ::testing::Test {
       _exit(127);
     }
     close(fds[1]);
+    // Xvfb writes the number and the newline apart; the pipe stays open for it until the end,
+    // since a write into a closed pipe would end the server.
+    g_displayFd = fds[0];
     char buf[32] = {};
+    size_t n = 0;
     pollfd p{fds[0], POLLIN, 0};
-    ssize_t n = poll(&p, 1, 10000) > 0 ? read(fds[0], buf, sizeof(buf) - 1) : 0;
-    close(fds[0]);
-    if (n <= 0) {
+    while (n < sizeof(buf) - 1 && !memchr(buf, '\n', n) && poll(&p, 1, 10000) > 0) {
+      ssize_t got = read(fds[0], buf + n, sizeof(buf) - 1 - n);
+      if (got <= 0) break;
+      n += size_t(got);
+    }
+    if (!memchr(buf, '\n', n)) {
       kill(g_xvfb, SIGTERM);
       waitpid(g_xvfb, nullptr, 0);
       g_xvfb = -1;
@@ -90,6 +99,8 @@ class WinTest : public ::testing::Test {
     (void)system("setxkbmap -option srvrkeys:none >/dev/null 2>&1");
   }
   static void TearDownTestSuite() {
+    if (g_displayFd >= 0) close(g_displayFd);
+    g_displayFd = -1;
     if (g_xvfb > 0) {
       kill(g_xvfb, SIGTERM);
       waitpid(g_xvfb, nullptr, 0);
