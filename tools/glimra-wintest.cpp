@@ -1,8 +1,9 @@
 // glimra-wintest: opens the framework's main window at a given size, draws frames cleared to
 // 51, 102, 153 and reports on standard output what the GUI tests check: the window's size, the
 // first frame's centre pixel read back, and every key press as the application's current event
-// record holds it. A close request ends it through QApp::Exit; its exit and clean-up procedures
-// log "wintest: exit proc" and "wintest: cleanup A/B/C" into QLOG.txt of the given directory.
+// record holds it (V also resizes the window to 400 x 300 and reports the viewport). A close
+// request ends it through QApp::Exit; its exit and clean-up procedures log "wintest: exit proc"
+// and "wintest: cleanup A/B/C" into QLOG.txt of the given directory.
 //   glimra-wintest DIR WIDTH HEIGHT [fullscreen]
 #include <unistd.h>
 
@@ -42,7 +43,15 @@ void Frame() {
 }
 
 bool OnKey(QEvent* e) {
-  if (e->type == QEVENT_KEYPRESS) printf("key %d\n", e->n);
+  if (e->type != QEVENT_KEYPRESS) return false;
+  printf("key %d\n", e->n);
+  QShell* win = QGetApp()->GetMainWindow();
+  if (e->n == 'V' && win) {  // resize to 400 x 300 and report the viewport that follows
+    win->Size(400, 300);
+    GLint vp[4] = {};
+    glGetIntegerv(GL_VIEWPORT, vp);
+    printf("viewport %d %d %d %d\n", vp[0], vp[1], vp[2], vp[3]);
+  }
   return false;
 }
 

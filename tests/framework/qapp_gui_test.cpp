@@ -243,14 +243,17 @@ TEST_F(WinTest, WindowFrameKeysScreenshotAndCloseRequest) {
             (std::vector<std::string>{"key 524306", "key 524476", "key 65"}));
   EXPECT_EQ(Keys("key Escape Left Return", 3),
             (std::vector<std::string>{"key 27", "key 37", "key 13"}));
+  // The shell's viewport follows a resize.
+  EXPECT_EQ(Keys("key v", 2), (std::vector<std::string>{"key 86", "viewport 0 0 400 300"}));
+  EXPECT_EQ(Geometry(wid, "Width:"), 400);
   EXPECT_EQ(Keys("key ctrl+alt+F11", 3),
             (std::vector<std::string>{"key 262161", "key 786450", "key 786554"}));
   std::string shot;
-  for (int i = 0; i < 50 && shot.size() < 18 + 320 * 240 * 4; ++i) {
+  for (int i = 0; i < 50 && shot.size() < 18 + 400 * 300 * 4; ++i) {
     usleep(100 * 1000);
     shot = ReadFile("ui0000.tga");
   }
-  ASSERT_EQ(shot.size() >= 18 + 320 * 240 * 4, true) << shot.size();
+  ASSERT_GE(shot.size(), 18u + 400 * 300 * 4) << shot.size();
   EXPECT_EQ(shot[2], 2);  // uncompressed true colour
   EXPECT_EQ((unsigned char)shot[18], 153);  // blue, green, red of the cleared frame
   EXPECT_EQ((unsigned char)shot[19], 102);

@@ -1,0 +1,77 @@
+// The developer console: with a terminal program it shows standard output at once; without
+// one it reports nothing and the streams stay where they were.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "framework/qshell.h"
+
+namespace {
+
+std::string Slurp(const std::string& path) {
+  std::ifstream f(path);
+  std::stringstream s;
+  s << f.rdbuf();
+  return s.str();
+}
+
+struct Console : ::testing::Test {
+  std::string dir;
+  void SetUp() override {
+    char tmpl[] = "/tmp/glimra-console-test-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir = tmpl;
+  }
+  void TearDown() override { (void)system(("rm -rf " + dir).c_str()); }
+
+  // Runs the console in a child whose standard output goes to `stdoutFile` (not a terminal)
+  // and whose PATH is `path`; answers the child's exit status.
+  int RunChild(const std::string& path, const std::string& stdoutFile) {
+    pid_t pid = fork();
+    if (pid == 0) {
+      int out = open(stdoutFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      dup2(out, 1);
+      dup2(out, 2);
+      setenv("PATH", path.c_str(), 1);
+      QOpenDeveloperConsole();
+      printf("hello console\n");  // no flush: the console makes the stream unbuffered
+      _exit(0);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+};
+
+TEST_F(Console, TerminalShowsWhatIsWrittenAtOnce) {
+  // A stand-in terminal: runs its "-e" command with the output into a file.
+  std::string term = dir + "/x-terminal-emulator";
+  std::ofstream(term) << "#!/bin/sh\n[ \"$1\" = -e ] && shift\nexec \"$@\" > " << dir
+                      << "/seen.txt\n";
+  chmod(term.c_str(), 0755);
+  ASSERT_EQ(RunChild(dir + ":/usr/bin:/bin", dir + "/stdout.txt"), 0);
+  std::string seen;
+  for (int i = 0; i < 50 && seen.find("hello console") == std::string::npos; ++i) {
+    usleep(100 * 1000);
+    seen = Slurp(dir + "/seen.txt");
+  }
+  EXPECT_EQ(seen, "hello console\n");
+  EXPECT_EQ(Slurp(dir + "/stdout.txt"), "");  // the text went to the console instead
+}
+
+TEST_F(Console, WithoutATerminalNothingIsReportedAndOutputStays) {
+  mkdir((dir + "/empty").c_str(), 0700);
+  ASSERT_EQ(RunChild(dir + "/empty", dir + "/stdout.txt"), 0);
+  EXPECT_EQ(Slurp(dir + "/stdout.txt"), "hello console\n");
+}
+
+}  // namespace
