@@ -32,8 +32,9 @@ bool QImage::ReadBMP(const char* name) {
   const bool supported = compression == 0 && (bits == 24 || bits == 8);
   if (width > 0 && height > 0) {
     // What the pixel data needs; unsupported kinds at the best run-length ratio there is.
-    const int64_t need = supported ? int64_t(width) * height * (bits / 8)
-                                   : (int64_t(width) * height + 255) / 256;
+    const int64_t count = int64_t(width) * height;  // below 2^62
+    const int64_t need = count > (int64_t(1) << 40) ? count  // beyond any file either way
+                         : supported ? count * (bits / 8) : (count + 255) / 256;
     const int64_t have = int64_t(file.Size()) - (supported ? int64_t(pixelOffset) : 54);
     if (!FitsFile(need, have)) {
       QWARN("QImage::ReadBMP", "QImage:ReadBMP(%s); %dx%d is more than its %d bytes can hold",

@@ -61,7 +61,9 @@ constexpr int64_t kMaxPackBitsGain = 65;
 
 int64_t LayerArea(const QPSD::Layer& l) {
   const int64_t h = int64_t(l.bottom) - l.top, w = int64_t(l.right) - l.left;
-  return h > 0 && w > 0 ? h * w : 0;
+  if (h <= 0 || w <= 0) return 0;
+  // Sides reach 2^32; the product of two such is more than any file can fill anyway.
+  return h > (int64_t(1) << 31) || w > (int64_t(1) << 31) ? int64_t(1) << 62 : h * w;
 }
 
 }  // namespace
@@ -260,7 +262,11 @@ void QPSD::Render(QBitMap* bm) const {
   memset(pixels, 255, size_t(size));
   for (int i = 0; i < numLayers_; ++i) {
     const Layer& l = layers_[i];
-    if (!l.visible) continue;
+    // Only channels with pixels had their area checked against the file; a layer without any
+    // has nothing to paint however large it claims to be.
+    bool painted = false;
+    for (int c = 0; c < l.numChannels; ++c) painted = painted || l.channels[c].data;
+    if (!l.visible || !painted) continue;
     const int64_t lw = int64_t(l.right) - l.left;
     const int64_t area = LayerArea(l);
     int w = 255;  // weight of the colour channels: the last transparency value seen

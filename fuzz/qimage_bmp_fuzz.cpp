@@ -1,0 +1,7 @@
+// Windows bitmap bytes, read as a file.
+#include "fuzz/qimage_fuzz.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  qimage_fuzz::ReadAs("f.bmp", data, size);
+  return 0;
+}
