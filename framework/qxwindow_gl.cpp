@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "framework/qmessage.h"
+#include "framework/qopengl.h"
 #include "framework/qxwindow.h"
 
 namespace {
@@ -110,3 +111,6 @@ bool QXWindow::MakeCurrent() {
 void QXWindow::Swap() {
   if (window_ && context_) SDL_GL_SwapWindow(window_);
 }
+
+// Declared in qopengl.h: the one place portable code learns the current context.
+void* QGLGetCurrentContext() { return SDL_GL_GetCurrentContext(); }

@@ -1,0 +1,72 @@
+// DMesh: the flat quad and its painting.
+#include "d3/dmesh.h"
+
+#include <GL/gl.h>
+
+#include "d3/dglobal.h"
+#include "d3/dtexture.h"
+#include "framework/qmessage.h"
+
+bool DMesh::DefineFlat2D(float w, float h) {
+  polygons_ = 0;
+  if (!(w > 0.0f) || !(h > 0.0f)) {
+    QWARN("DMesh::DefineFlat2D", "DMesh(%s): flat quad size '%gx%g' is empty", GetName(),
+          double(w), double(h));
+    return false;
+  }
+  const float x = w / 2.0f, y = h / 2.0f;
+  quad_[0] = {-x, -y, 0.0f, 0.0f, 0.0f};
+  quad_[1] = {x, -y, 0.0f, 1.0f, 0.0f};
+  quad_[2] = {x, y, 0.0f, 1.0f, 1.0f};
+  quad_[3] = {-x, y, 0.0f, 0.0f, 1.0f};
+  polygons_ = 1;
+  return true;
+}
+
+const DMeshVertex* DMesh::GetVertex(int i) const {
+  return polygons_ > 0 && i >= 0 && i < QUAD_VERTICES ? &quad_[i] : nullptr;
+}
+
+bool DMesh::SetPolygonTexture(int poly, DTexture* texture, const QRect& texRect) {
+  if (poly < 0 || poly >= polygons_) {
+    QWARN("DMesh::SetPolygonTexture", "DMesh(%s): no polygon '%d'", GetName(), poly);
+    return false;
+  }
+  texture_ = texture;
+  texRect_ = texRect;
+  return true;
+}
+
+DTexture* DMesh::GetPolygonTexture(int poly) const {
+  return poly >= 0 && poly < polygons_ ? texture_ : nullptr;
+}
+
+void DMesh::Paint() const {
+  if (polygons_ == 0 || !DGlobal::IsOpenGLAvailable()) return;
+  // Texture coordinates span the texture rectangle, in texels of the texture's own size.
+  float u0 = 0.0f, v0 = 0.0f, du = 1.0f, dv = 1.0f;
+  const bool textured = texture_ && texture_->GetID() != 0;
+  if (textured && texture_->GetWidth() > 0 && texture_->GetHeight() > 0 && texRect_.wid > 0 &&
+      texRect_.hgt > 0) {
+    const float tw = float(texture_->GetWidth()), th = float(texture_->GetHeight());
+    u0 = float(texRect_.x) / tw;
+    v0 = float(texRect_.y) / th;
+    du = float(texRect_.wid) / tw;
+    dv = float(texRect_.hgt) / th;
+  }
+  glDisable(GL_BLEND);
+  if (textured) {
+    glEnable(GL_TEXTURE_2D);
+    texture_->Select();
+    glTexEnvi(GL_TEXTURE_ENV, GL_TEXTURE_ENV_MODE, GL_REPLACE);
+  } else {
+    glDisable(GL_TEXTURE_2D);
+  }
+  glBegin(GL_QUADS);
+  for (const DMeshVertex& p : quad_) {
+    glTexCoord2f(u0 + p.u * du, v0 + p.v * dv);
+    glVertex3f(p.x, p.y, p.z);
+  }
+  glEnd();
+  if (textured) glDisable(GL_TEXTURE_2D);
+}

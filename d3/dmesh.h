@@ -1,0 +1,53 @@
+// DMesh: the graphics library's mesh as far as the slideshow draws one: polygons of textured
+// vertices, each polygon with an optional texture and a texture rectangle.
+//
+// DefineFlat2D makes the one flat quad the slideshow shows its picture on, centred at (0, 0) in
+// the plane z = 0: corners (-w/2, -h/2), (w/2, -h/2), (w/2, h/2), (-w/2, h/2) with texture
+// coordinates (0,0), (1,0), (1,1), (0,1). A polygon's texture rectangle (texels, x and y from the
+// texture's origin) chooses the part of the texture those coordinates span; the whole texture
+// is the rectangle (0, 0, texture width, texture height).
+//
+// Textures are borrowed: the owner keeps them alive while the mesh can be painted. Paint draws
+// with texturing on, blending off and the texels unmodulated, in whatever projection is set
+// (QCanvas::Set3D for the slideshow). Main thread only.
+#pragma once
+
+#include "framework/qdrawable.h"
+#include "framework/qobject.h"
+
+class DTexture;
+
+struct DMeshVertex {
+  float x, y, z;
+  float u, v;
+};
+
+class DMesh : public QObject {
+ public:
+  static constexpr int MAX_POLYGONS = 1;
+  static constexpr int QUAD_VERTICES = 4;
+
+  explicit DMesh(const char* name = nullptr) : QObject(name) {}
+  const char* ClassName() const override { return "DMesh"; }
+
+  // Replaces the mesh by one quad of `w` x `h`; false with a warning for a size that is not
+  // positive (the mesh is then empty).
+  bool DefineFlat2D(float w, float h);
+  int GetPolygonCount() const { return polygons_; }
+  // Vertex `i` of polygon 0; null outside.
+  const DMeshVertex* GetVertex(int i) const;
+
+  // Gives polygon `poly` its texture (may be null: drawn untextured) and texture rectangle.
+  // False with a warning for a polygon the mesh does not have.
+  bool SetPolygonTexture(int poly, DTexture* texture, const QRect& texRect);
+  DTexture* GetPolygonTexture(int poly) const;
+
+  // Draws the polygons; nothing while OpenGL is unavailable or the mesh is empty.
+  void Paint() const;
+
+ private:
+  int polygons_ = 0;
+  DMeshVertex quad_[QUAD_VERTICES] = {};
+  DTexture* texture_ = nullptr;
+  QRect texRect_;
+};

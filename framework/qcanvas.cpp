@@ -1,0 +1,113 @@
+// QCanvas: clears, projections and text on a window's OpenGL context.
+#include "framework/qcanvas.h"
+
+#include <GL/gl.h>
+#include <GL/glext.h>
+
+#include "d3/dglobal.h"
+#include "d3/dtexfont.h"
+#include "framework/qdrawable.h"
+#include "framework/qfont.h"
+#include "framework/qmessage.h"
+
+namespace {
+
+// Untextured colours are screen values: encoding them again would brighten them.
+class ScreenValues {
+ public:
+  ScreenValues() : was_(DGlobal::IsFramebufferEncoding()) {
+    if (was_) glDisable(GL_FRAMEBUFFER_SRGB);
+  }
+  ~ScreenValues() {
+    if (was_) glEnable(GL_FRAMEBUFFER_SRGB);
+  }
+  ScreenValues(const ScreenValues&) = delete;
+  ScreenValues& operator=(const ScreenValues&) = delete;
+
+ private:
+  bool was_;
+};
+
+}  // namespace
+
+QCanvas::QCanvas(QDrawable* drawable, const char* name) : QObject(name), drawable_(drawable) {}
+
+int QCanvas::GetWidth() const { return drawable_ ? drawable_->GetWidth() : 0; }
+int QCanvas::GetHeight() const { return drawable_ ? drawable_->GetHeight() : 0; }
+
+bool QCanvas::Current() const {
+  if (!drawable_ || !drawable_->MakeCurrent()) return false;
+  DGlobal::IsOpenGLAvailable();  // prepares a new context's colour handling
+  return true;
+}
+
+void QCanvas::SetClearColor(int r, int g, int b, int a) { clearColor_ = QColor(r, g, b, a); }
+
+bool QCanvas::Clear(int what) {
+  if (!Current()) return false;
+  GLbitfield bits = 0;
+  if (what & CLEAR_COLOR) bits |= GL_COLOR_BUFFER_BIT;
+  if (what & CLEAR_DEPTH) bits |= GL_DEPTH_BUFFER_BIT;
+  ScreenValues screen;
+  glClearColor(clearColor_.GetR() / 255.0f, clearColor_.GetG() / 255.0f,
+               clearColor_.GetB() / 255.0f, clearColor_.GetA() / 255.0f);
+  glClearDepth(1.0);
+  glClear(bits);
+  return true;
+}
+
+bool QCanvas::DrawBackBuffer() {
+  if (!Current()) return false;
+  glDrawBuffer(GL_BACK);
+  return true;
+}
+
+bool QCanvas::Set3D(float d) {
+  if (!(d > 0.0f)) {
+    QWARN("QCanvas::Set3D", "QCanvas(%s): viewing distance '%g' must be positive", GetName(),
+          double(d));
+    return false;
+  }
+  if (!Current()) return false;
+  const double w = GetWidth(), h = GetHeight();
+  glViewport(0, 0, GLsizei(w), GLsizei(h));
+  glMatrixMode(GL_PROJECTION);
+  glLoadIdentity();
+  glFrustum(-w / (2.0 * d), w / (2.0 * d), -h / (2.0 * d), h / (2.0 * d), NEAR_PLANE, FAR_PLANE);
+  glMatrixMode(GL_MODELVIEW);
+  glLoadIdentity();
+  glTranslatef(0.0f, 0.0f, -d);
+  glEnable(GL_DEPTH_TEST);
+  glDepthFunc(GL_LEQUAL);
+  mode_ = MODE_3D;
+  return true;
+}
+
+bool QCanvas::Set2D() {
+  if (!Current()) return false;
+  const int w = GetWidth(), h = GetHeight();
+  glViewport(0, 0, w, h);
+  glMatrixMode(GL_PROJECTION);
+  glLoadIdentity();
+  glOrtho(0.0, w, h, 0.0, -1.0, 1.0);
+  glMatrixMode(GL_MODELVIEW);
+  glLoadIdentity();
+  glDisable(GL_DEPTH_TEST);
+  mode_ = MODE_2D;
+  return true;
+}
+
+void QCanvas::SetColor(int r, int g, int b, int a) {
+  color_ = QColor(r, g, b, a);
+  if (DGlobal::IsOpenGLAvailable()) glColor4ub(GLubyte(r), GLubyte(g), GLubyte(b), GLubyte(a));
+}
+
+int QCanvas::Text(int x, int y, const char* text, int len) {
+  DTexFont* tf = font_ ? font_->GetTexFont() : nullptr;
+  if (!tf || !text || !Current()) return x;
+  tf->SetColor(color_);
+  const uint32_t keep = tf->GetFlags() & DTexFont::HAS_UNICODE;
+  tf->SetFlags(keep | (uint32_t(drawFlag_) & (DTexFont::PREMULTIPLIED | DTexFont::BOLD)));
+  ScreenValues screen;
+  return tf->Paint(text, float(x), float(y), len);
+}

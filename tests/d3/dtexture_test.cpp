@@ -1,0 +1,226 @@
+// Textures on the framework's window (skipped without a display): exact sizes, pixel values
+// unchanged on screen in both colour paths, reference counts, mipmap refusal after creation;
+// and without OpenGL: the name table and the internal-format rule.
+#define GL_GLEXT_PROTOTYPES
+#include "d3/dtexture.h"
+
+#include <GL/gl.h>
+#include <GL/glext.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "d3/dglobal.h"
+#include "d3/dmesh.h"
+#include "framework/qbitmap.h"
+#include "framework/qcanvas.h"
+#include "framework/qshell.h"
+#include "support/glwindow.h"
+#include "support/logcapture.h"
+
+namespace {
+
+using testgl::B;
+using testgl::G;
+using testgl::Pixel;
+using testgl::R;
+
+#define NEED_WINDOW()                                         \
+  QShell* win = testgl::Window();                             \
+  if (!win) GTEST_SKIP() << "needs a display (run under Xvfb)"; \
+  (void)win
+
+// Vertical stripes of distinct colours, 8 columns each; mid-grey first.
+const int kStripes[][3] = {{128, 128, 128}, {255, 0, 0},   {0, 255, 0}, {0, 0, 255},
+                           {200, 100, 50},  {10, 20, 30},  {1, 254, 77}, {64, 192, 33}};
+constexpr int kStripeWid = 8;
+
+void FillStripes(QBitMap* bm) {
+  uint8_t* p = bm->GetBuffer();
+  for (int y = 0; y < bm->GetHeight(); ++y)
+    for (int x = 0; x < bm->GetWidth(); ++x, p += 4) {
+      const int* c = kStripes[(x / kStripeWid) % 8];
+      p[0] = uint8_t(c[0]), p[1] = uint8_t(c[1]), p[2] = uint8_t(c[2]), p[3] = 255;
+    }
+}
+
+// Draws the texture 1:1 with its top-left corner at window pixel (x, y) in the 2D mode.
+void Draw2D(QShell* win, DTexture* tex, int x, int y) {
+  QCanvas canvas(win);
+  canvas.SetClearColor(0, 0, 0, 255);
+  ASSERT_TRUE(canvas.Clear());
+  ASSERT_TRUE(canvas.Set2D());
+  DMesh mesh;
+  ASSERT_TRUE(mesh.DefineFlat2D(float(tex->GetWidth()), float(tex->GetHeight())));
+  mesh.SetPolygonTexture(0, tex, QRect{0, 0, tex->GetWidth(), tex->GetHeight()});
+  glTranslatef(float(x + tex->GetWidth() / 2), float(y + tex->GetHeight() / 2), 0.0f);
+  mesh.Paint();
+}
+
+void ExpectStripesAt(int x0, int y0, int wid, int hgt) {
+  for (int x = 0; x < wid; ++x) {
+    const int* c = kStripes[(x / kStripeWid) % 8];
+    for (int y : {0, hgt / 2, hgt - 1}) {
+      const uint32_t p = Pixel(x0 + x, y0 + y);
+      ASSERT_EQ(R(p), c[0]) << "column " << x << " row " << y;
+      ASSERT_EQ(G(p), c[1]) << "column " << x << " row " << y;
+      ASSERT_EQ(B(p), c[2]) << "column " << x << " row " << y;
+    }
+  }
+}
+
+TEST(DTextureColour, PixelValuesReachTheScreenUnchanged) {
+  NEED_WINDOW();
+  QBitMap bm(32, 64, 16);
+  FillStripes(&bm);
+  {
+    DBitMapTexture tex(&bm, "stripes");
+    ASSERT_NE(tex.GetID(), 0u);
+    // The window asks for an sRGB-capable framebuffer: sRGB textures, encoding back on write.
+    if (DGlobal::IsFramebufferSRGB()) {
+      EXPECT_EQ(tex.GetInternalFormat(), unsigned(GL_SRGB8_ALPHA8));
+      EXPECT_TRUE(DGlobal::IsFramebufferEncoding());
+    }
+    Draw2D(win, &tex, 100, 50);
+    ExpectStripesAt(100, 50, 64, 16);
+    EXPECT_TRUE(tex.Detach());
+  }
+  // Linear both ways gives the same values.
+  DGlobal::SetLinearColour(true);
+  {
+    DBitMapTexture tex(&bm, "stripes-linear");
+    EXPECT_EQ(tex.GetInternalFormat(), unsigned(GL_RGBA));
+    EXPECT_FALSE(DGlobal::IsFramebufferEncoding());
+    Draw2D(win, &tex, 300, 200);
+    ExpectStripesAt(300, 200, 64, 16);
+  }
+  DGlobal::FollowFramebuffer();
+  EXPECT_EQ(DGlobal::IsFramebufferEncoding(), DGlobal::IsFramebufferSRGB());
+}
+
+TEST(DTextureSize, BitmapSizeIsKeptExactly) {
+  NEED_WINDOW();
+  QBitMap bm(32, 1000, 750);
+  memset(bm.GetBuffer(), 90, size_t(bm.GetSize()));
+  DBitMapTexture tex(&bm, "big");
+  ASSERT_NE(tex.GetID(), 0u);
+  tex.Select();
+  GLint w = 0, h = 0;
+  glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, &w);
+  glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_HEIGHT, &h);
+  EXPECT_EQ(w, 1000);
+  EXPECT_EQ(h, 750);
+  EXPECT_EQ(tex.GetWidth(), 1000);
+  EXPECT_EQ(tex.GetBitMapHeight(), 750);
+  // Mipmaps were wanted and generated: the last level of the chain exists.
+  GLint last = 0;
+  glGetTexLevelParameteriv(GL_TEXTURE_2D, 9, GL_TEXTURE_WIDTH, &last);
+  EXPECT_EQ(last, 1);
+
+  // A bitmap smaller than the texture is refused, not read past its end.
+  QBitMap small(32, 10, 10);
+  LogCapture log;
+  EXPECT_FALSE(tex.FromBitMap(&small));
+  EXPECT_TRUE(log.Seen("doesn't fill texture 1000x750"));
+}
+
+TEST(DTextureLifecycle, DetachCountsDownOnceThenComplains) {
+  NEED_WINDOW();
+  QBitMap bm(32, 4, 4);
+  memset(bm.GetBuffer(), 255, size_t(bm.GetSize()));
+  DBitMapTexture tex(&bm, "twice");
+  EXPECT_EQ(tex.GetRefCount(), 1);
+  LogCapture log;
+  EXPECT_TRUE(tex.Detach());
+  EXPECT_FALSE(log.Seen("refCount<0"));
+  EXPECT_FALSE(tex.Detach());
+  EXPECT_TRUE(log.Seen("DTexture:Detach(); refCount<0 (refCount=-1); too many Detach() calls"));
+}
+
+TEST(DTextureLifecycle, MipmapChoiceIsFixedAtCreation) {
+  NEED_WINDOW();
+  QBitMap bm(32, 8, 8);
+  memset(bm.GetBuffer(), 7, size_t(bm.GetSize()));
+  DBitMapTexture tex(&bm, "fixed");
+  LogCapture log;
+  tex.EnableMipmap(false);
+  EXPECT_TRUE(log.Seen("DTexture:EnableMipmap() called after creation (fixed)"));
+  EXPECT_TRUE(tex.GetFlags() & DTexture::MIPMAP);
+  EXPECT_EQ(tex.GetMinFilter(), unsigned(GL_LINEAR_MIPMAP_LINEAR));
+  tex.Select();
+  GLint min = 0;
+  glGetTexParameteriv(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, &min);
+  EXPECT_EQ(min, GL_LINEAR_MIPMAP_LINEAR);
+
+  // Before creation the choice holds, with the kept nearest/linear pairing.
+  DBitMapTexture plain;
+  plain.EnableMipmap(false);
+  ASSERT_TRUE(plain.FromBitMap(&bm));
+  glGetTexParameteriv(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, &min);
+  GLint mag = 0;
+  glGetTexParameteriv(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, &mag);
+  EXPECT_EQ(min, GL_NEAREST);
+  EXPECT_EQ(mag, GL_LINEAR);
+}
+
+TEST(DTextureLifecycle, DestructionDeletesTheName) {
+  NEED_WINDOW();
+  QBitMap bm(32, 2, 2);
+  memset(bm.GetBuffer(), 1, size_t(bm.GetSize()));
+  GLuint id = 0;
+  {
+    DBitMapTexture tex(&bm, "gone");
+    id = tex.GetID();
+    ASSERT_TRUE(glIsTexture(id));
+    EXPECT_STREQ(DTextureGetLastKnownTextureName(int(id)), "gone");
+  }
+  EXPECT_FALSE(glIsTexture(id));
+  GLint bound = -1;
+  glGetIntegerv(GL_TEXTURE_BINDING_2D, &bound);
+  EXPECT_EQ(bound, 0);
+}
+
+TEST(DTextureWithoutGL, SelectBeforeCreationReports) {
+  DTexture tex("never");
+  LogCapture log;
+  tex.Select();
+  EXPECT_TRUE(log.Seen("DTexture:Select(); no OpenGL context yet"));
+}
+
+TEST(DTextureNameTable, BoundsDifferBetweenSetAndGet) {
+  LogCapture log;
+  DTextureSetLastKnownTextureName(199, std::string(300, 'x').c_str());
+  EXPECT_EQ(std::string(DTextureGetLastKnownTextureName(199)), std::string(199, 'x'));
+  DTextureSetLastKnownTextureName(200, "ignored");
+  EXPECT_STREQ(DTextureGetLastKnownTextureName(200), "");
+  EXPECT_STREQ(DTextureGetLastKnownTextureName(201), "<texture_id_201_too_high>");
+  EXPECT_FALSE(log.Seen("Bad id"));
+  EXPECT_STREQ(DTextureGetLastKnownTextureName(-3), "<bad_texture_id>");
+  DTextureSetLastKnownTextureName(-4, "x");
+  EXPECT_TRUE(log.Seen("Bad id '-3' passed"));
+  EXPECT_TRUE(log.Seen("Bad id '-4' passed"));
+}
+
+TEST(DTextureFormat, InternalFormatRule) {
+  using T = DTexture;
+  EXPECT_EQ(T::ChooseInternalFormat(GL_RGBA, false, true), unsigned(GL_RGBA));
+  EXPECT_EQ(T::ChooseInternalFormat(GL_RGB, false, true), unsigned(GL_RGB));
+  EXPECT_EQ(T::ChooseInternalFormat(GL_COMPRESSED_RGB, false, true), unsigned(GL_RGB));
+  EXPECT_EQ(T::ChooseInternalFormat(GL_ALPHA, false, true), unsigned(GL_RGBA));
+  EXPECT_EQ(T::ChooseInternalFormat(GL_RGB, false, false), unsigned(GL_SRGB8_ALPHA8));
+  EXPECT_EQ(T::ChooseInternalFormat(GL_RGB, true, true), unsigned(GL_COMPRESSED_RGB));
+  EXPECT_EQ(T::ChooseInternalFormat(GL_RGBA, true, false), unsigned(GL_COMPRESSED_SRGB_ALPHA));
+  EXPECT_EQ(T::ChooseInternalFormat(GL_ALPHA, true, false), unsigned(GL_ALPHA));
+}
+
+TEST(DGlobalFilters, NamesBothWaysAndUnknowns) {
+  for (int v = 9984; v <= 9987; ++v) EXPECT_EQ(DGlobal::FilterS2N(DGlobal::FilterN2S(v)), v);
+  EXPECT_EQ(DGlobal::FilterS2N("GL_LINEAR"), 9729);
+  LogCapture log;
+  EXPECT_STREQ(DGlobal::FilterN2S(1234), "???");
+  EXPECT_EQ(DGlobal::FilterS2N("GL_CUBIC"), 0);
+  EXPECT_TRUE(log.Seen("DGlobal::FilterN2S(1234) unknown"));
+  EXPECT_TRUE(log.Seen("DGlobal::FilterS2N(GL_CUBIC) unknown"));
+}
+
+}  // namespace
