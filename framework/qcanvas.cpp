@@ -4,6 +4,8 @@
 #include <GL/gl.h>
 #include <GL/glext.h>
 
+#include <cmath>
+
 #include "d3/dglobal.h"
 #include "d3/dtexfont.h"
 #include "framework/qdrawable.h"
@@ -11,6 +13,12 @@
 #include "framework/qmessage.h"
 
 namespace {
+
+// The linear value that an encoding framebuffer writes back as byte `c`.
+float Linear(int c) {
+  const double v = c / 255.0;
+  return float(v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4));
+}
 
 // Untextured colours are screen values: encoding them again would brighten them.
 class ScreenValues {
@@ -99,7 +107,13 @@ bool QCanvas::Set2D() {
 
 void QCanvas::SetColor(int r, int g, int b, int a) {
   color_ = QColor(r, g, b, a);
-  if (DGlobal::IsOpenGLAvailable()) glColor4ub(GLubyte(r), GLubyte(g), GLubyte(b), GLubyte(a));
+  if (!DGlobal::IsOpenGLAvailable()) return;
+  if (DGlobal::IsFramebufferEncoding())
+    glColor4f(Linear(color_.GetR()), Linear(color_.GetG()), Linear(color_.GetB()),
+              color_.GetA() / 255.0f);
+  else
+    glColor4ub(GLubyte(color_.GetR()), GLubyte(color_.GetG()), GLubyte(color_.GetB()),
+               GLubyte(color_.GetA()));
 }
 
 int QCanvas::Text(int x, int y, const char* text, int len) {

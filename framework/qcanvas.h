@@ -7,9 +7,10 @@
 // window in pixels with the origin at the top-left corner and y growing downward, the mode for
 // text. Both set the viewport to the whole window.
 //
-// Colours are screen values: the clear colour and the text colour reach the screen as given,
-// whether or not the framebuffer encodes to sRGB (the canvas switches the encoding off around
-// clears and text; see d3/dglobal.h).
+// Colours are screen values: the clear colour, the drawing colour and the text colour reach the
+// screen as given, whether or not the framebuffer encodes to sRGB (the canvas switches the
+// encoding off around clears and text and gives OpenGL the linear value of the drawing colour;
+// see d3/dglobal.h).
 //
 // The drawable and the font are borrowed. Every drawing call first makes the drawable's context
 // current and does nothing (false) when it cannot. Main thread only.
@@ -44,7 +45,7 @@ class QCanvas : public QObject {
   bool Set2D();
   Mode GetMode() const { return mode_; }
 
-  // Colour for untextured drawing and text.
+  // Colour for untextured drawing (made current at once) and text.
   void SetColor(int r, int g, int b, int a);
   QColor GetColor() const { return color_; }
   // The drawing flag given to text: the font's paint flags (bit 0 premultiplied blending, bit 1
