@@ -8,6 +8,7 @@
 #include "framework/qapp_display.h"
 #include "framework/qbitmap.h"
 #include "framework/qerror.h"
+#include "framework/qfont.h"
 #include "framework/qlanguage.h"
 #include "framework/qmem.h"
 #include "framework/qmessage.h"
@@ -60,6 +61,9 @@ QApp::~QApp() {
 
 void QApp::Release() {
   if (mainWin_) {
+    // The fonts' display lists belong to the window's context.
+    mainWin_->MakeCurrent();
+    QFontReleaseSystemFonts();
     qSetMessageBoxOwner(nullptr);
     QGLSetAppContextHook(nullptr);
     if (display_ && cursor_) display_->FreeCursor(cursor_);
@@ -167,7 +171,7 @@ bool QApp::CreateMainWindow() {
   QGLSetAppContextHook(&QApp::MakeContextCurrent);
 
   // ---- System fonts ----
-  // The fonts "courier" and "ms sans serif" are loaded here once the font code exists.
+  QFontCreateSystemFonts();
 
   centreX_ = mainWin_->GetWidth() / 2;
   centreY_ = mainWin_->GetHeight() / 2;

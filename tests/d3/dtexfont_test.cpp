@@ -1,0 +1,216 @@
+// Texture font descriptions read without OpenGL: key quirks, runs and their lookup, measuring,
+// and QFont's hex conversions and system-font paths that need no window.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "d3/dtexfont.h"
+#include "framework/qbitmap.h"
+#include "framework/qfont.h"
+#include "support/logcapture.h"
+
+namespace {
+
+// One entry of a description: code, rectangle, optional advance/bearing.
+std::string Entry(const std::string& key, int x, int y, int w, int h, const char* extra = "") {
+  std::ostringstream s;
+  s << "  " << key << "\n  {\n    x=" << x << "\n    y=" << y << "\n    wid=" << w
+    << "\n    hgt=" << h << "\n" << extra << "  }\n";
+  return s.str();
+}
+
+class DTexFontTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/dtexfont_test_XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+  }
+  void TearDown() override { (void)system(("rm -rf " + dir_).c_str()); }
+
+  // Writes "<dir>/f.dtf" with the general keys and the chars, and a sheet of 64 x 32.
+  std::string Write(const std::string& general, const std::string& chars, bool sheet = true) {
+    const std::string base = dir_ + "/f";
+    std::ofstream(base + ".dtf") << "general\n{\n" << general << "}\nchars\n{\n" << chars << "}\n";
+    if (sheet) {
+      QBitMap bm(32, 64, 32);
+      bm.Fill(nullptr, QColor(255, 255, 255, 0));
+      EXPECT_TRUE(bm.Write((base + ".tga").c_str(), 1));
+    }
+    return base;
+  }
+  // Codes first..last as consecutive entries, each 4 wide and 10 high at x = code.
+  static std::string Run(int first, int last) {
+    std::string s;
+    for (int c = first; c <= last; ++c) s += Entry("char" + std::to_string(c), c, 0, 4, 10);
+    return s;
+  }
+
+  std::string dir_;
+  DTexFont font_;
+};
+
+TEST_F(DTexFontTest, VersionDecidesAdvanceAndBearing) {
+  const char* keys = "    advance=9\n    bearingx=2\n";
+  std::string chars = Entry("char65", 0, 0, 6, 12, keys) + Entry("char66", 8, 0, 5, 12);
+  ASSERT_TRUE(font_.Load(Write("  version=1\n", chars).c_str(), false));
+  EXPECT_FLOAT_EQ(font_.FindGlyph(65)->advance, 7.0f);  // width + 1, the keys ignored
+  EXPECT_FLOAT_EQ(font_.FindGlyph(65)->bearingX, 0.0f);
+
+  ASSERT_TRUE(font_.Load(Write("", chars).c_str(), false));  // version 2 by default
+  EXPECT_FLOAT_EQ(font_.FindGlyph(65)->advance, 9.0f);
+  EXPECT_FLOAT_EQ(font_.FindGlyph(65)->bearingX, 2.0f);
+  EXPECT_FLOAT_EQ(font_.FindGlyph(66)->advance, 6.0f);  // missing key: width + 1
+}
+
+TEST_F(DTexFontTest, CodeStartsAtTheEleventhCharacterOfTheKey) {
+  // "chars." and four characters that are never looked at, then atoi.
+  std::string chars = Entry("char65", 0, 0, 1, 1) + Entry("zzzz66x", 0, 0, 1, 1) +
+                      Entry("glyph300", 0, 0, 1, 1) + Entry("ab", 0, 0, 1, 1);
+  ASSERT_TRUE(font_.Load(Write("", chars).c_str(), false));
+  ASSERT_EQ(font_.GetGlyphsRead(), 4);
+  EXPECT_EQ(font_.GetGlyph(0)->code, 65);
+  EXPECT_EQ(font_.GetGlyph(1)->code, 66);
+  EXPECT_EQ(font_.GetGlyph(2)->code, 0);  // "chars.glyp" then "h300": no number
+  EXPECT_EQ(font_.GetGlyph(3)->code, 0);  // key shorter than the prefix
+  EXPECT_EQ(font_.GetFlags() & DTexFont::HAS_UNICODE, 0u);
+}
+
+TEST_F(DTexFontTest, RectanglesBecomeTextureCoordinatesFromTheBottom) {
+  ASSERT_TRUE(font_.Load(Write("", Entry("char65", 8, 4, 8, 16)).c_str(), false));
+  const DTexFontGlyph* g = font_.FindGlyph(65);
+  ASSERT_NE(g, nullptr);
+  EXPECT_FLOAT_EQ(g->uLeft, 0.125f);
+  EXPECT_FLOAT_EQ(g->uRight, 0.25f);
+  EXPECT_FLOAT_EQ(g->vLow, 1.0f - 20.0f / 32.0f);
+  EXPECT_FLOAT_EQ(g->vHigh, 1.0f - 4.0f / 32.0f);
+}
+
+TEST_F(DTexFontTest, TwoRunsAndTheGapLookup) {
+  ASSERT_TRUE(font_.Load(Write("", Run(32, 126) + Run(160, 255)).c_str(), false));
+  ASSERT_EQ(font_.GetRangeCount(), 2);
+  EXPECT_EQ(font_.GetRangeBase(0), 0);
+  EXPECT_EQ(font_.GetRangeBase(1), 95);
+  EXPECT_EQ(font_.FindGlyph(160), font_.GetGlyph(95));
+  // 150 lies in the gap below the second run and still maps into the first one.
+  ASSERT_NE(font_.FindGlyph(150), nullptr);
+  EXPECT_EQ(font_.FindGlyph(150), font_.GetGlyph(85));
+  EXPECT_EQ(font_.FindGlyph(150)->code, 117);
+  EXPECT_EQ(font_.FindGlyph(300), nullptr);
+  EXPECT_EQ(font_.FindGlyph(31), nullptr);  // negative index
+  EXPECT_EQ(font_.FindGlyph(65, true), nullptr);  // no outline sheet
+}
+
+TEST_F(DTexFontTest, RepeatedOrFallingCodesOpenRunsAndTheSixthIsFatal) {
+  std::string five = Run(65, 66) + Run(66, 66) + Run(10, 11) + Run(300, 300) + Run(1600, 1600);
+  ASSERT_TRUE(font_.Load(Write("", five).c_str(), false));
+  EXPECT_EQ(font_.GetRangeCount(), 5);
+  EXPECT_EQ(font_.GetRangeBase(4), 6);
+  EXPECT_NE(font_.GetFlags() & DTexFont::HAS_UNICODE, 0u);
+  EXPECT_TRUE(font_.HasArabicChars());
+
+  const std::string six = Write("", five + Run(5, 5));
+  EXPECT_DEATH(DTexFont().Load(six.c_str(), false), "DTexFont \\(.*/f\\) has too many ranges");
+}
+
+TEST_F(DTexFontTest, EntryWithoutXEndsTheList) {
+  LogCapture log;
+  std::string chars = Run(65, 66) + "  char67\n  {\n    y=1\n  }\n" + Run(68, 68);
+  const std::string base = Write("", chars);
+  ASSERT_TRUE(font_.Load(base.c_str(), false));
+  EXPECT_TRUE(log.Seen("No X defined for texfont " + base + ", entry 2"));
+  EXPECT_EQ(font_.GetGlyphCount(), 4);
+  EXPECT_EQ(font_.GetGlyphsRead(), 2);
+  EXPECT_EQ(font_.FindGlyph(68), nullptr);
+}
+
+TEST_F(DTexFontTest, MissingFilesLeaveAnEmptyFont) {
+  LogCapture log;
+  ASSERT_TRUE(font_.Load(Write("", Run(65, 70)).c_str(), false));
+  EXPECT_FALSE(font_.Load((dir_ + "/none").c_str(), false));
+  EXPECT_TRUE(log.Seen("DTexFont:Load(" + dir_ + "/none) failed"));
+  EXPECT_EQ(font_.FindGlyph(65), nullptr);
+
+  unlink((dir_ + "/f.tga").c_str());
+  EXPECT_FALSE(font_.Load(Write("", Run(65, 70), false).c_str(), false));
+  EXPECT_EQ(font_.GetGlyphsRead(), 0);
+  EXPECT_EQ(font_.GetHeight(), 0.0f);
+  EXPECT_EQ(font_.Paint("A", 10.7f, 0.0f), 10);  // no texture: x back, truncated
+}
+
+TEST_F(DTexFontTest, MeasuringByTheThreePaths) {
+  std::string chars = Entry("char32", 0, 0, 3, 12) + Run(33, 126) + Run(160, 255);
+  ASSERT_TRUE(font_.Load(Write("  minchar=32\n  maxchar=255\n", chars).c_str(), false));
+  font_.SetScale(2.0f, 1.5f);
+  font_.SetSpacing(1.0f);
+  EXPECT_FLOAT_EQ(font_.GetHeight(), 18.0f);  // first entry's height, not the others' 10
+  EXPECT_FLOAT_EQ(font_.GetCharWidth('A'), 2.0f * 5.0f + 1.0f);
+  EXPECT_FLOAT_EQ(font_.GetCharWidth(char(200)), 0.0f);  // a negative signed byte
+  EXPECT_FLOAT_EQ(font_.GetStringWidth("\xc8"), 11.0f);  // the same byte read unsigned
+  EXPECT_FLOAT_EQ(font_.GetStringWidth("AAAA", 2), 22.0f);
+  const uint16_t wide[] = {65, 150, 300, 0};  // 150 maps through the gap, 300 is above max
+  EXPECT_FLOAT_EQ(font_.GetStringWidth(wide), 22.0f);
+
+  QFont qf("unused");
+  EXPECT_EQ(qf.GetWidth("AB"), 0.0f);  // nothing before Create
+}
+
+TEST(QFontHex, ConversionsStayInsideTheDestination) {
+  LogCapture log;
+  char dst[16];
+  memset(dst, '#', sizeof(dst));
+  EXPECT_EQ(QFontASCII2QC("Az", dst, 16), 2);
+  EXPECT_STREQ(dst, "0041007a");
+  memset(dst, '#', sizeof(dst));
+  EXPECT_EQ(QFontASCII2QC("ABCD", dst, 13), 2);  // 4 >= 13 / 4: 13 / 4 - 1 characters
+  EXPECT_STREQ(dst, "00410042");
+  EXPECT_EQ(dst[9], '#');
+  EXPECT_TRUE(log.Seen("QFontASCII2QC(ABCD); destination (d) isn't big enough"));
+  EXPECT_EQ(QFontASCII2QC("\xe9", dst, 16), 1);
+  EXPECT_STREQ(dst, "00e9");
+
+  uint16_t w[4] = {9, 9, 9, 9};
+  EXPECT_EQ(QFontQC2Unicode("0041007a", w, 8), 2);  // 2 < 8 / 2
+  EXPECT_EQ(w[0], 0x41);
+  EXPECT_EQ(w[1], 0x7a);
+  EXPECT_EQ(w[2], 0);
+  w[3] = 9;
+  EXPECT_EQ(QFontQC2Unicode("00410042004300440045", w, 6), 2);  // 5 >= 3: 6 / 2 - 1 codes
+  EXPECT_EQ(w[2], 0);
+  EXPECT_EQ(w[3], 9);
+  EXPECT_EQ(QFontQC2Unicode("00410", w, 8), 1);  // a partial group is not read
+  EXPECT_EQ(QFontQC2Unicode("12zz", w, 1), 0);   // no room even for the zero
+}
+
+TEST(QFontSystem, HeadlessFacesMeasureAndRefuseLateChanges) {
+  LogCapture log;
+  QFont tex("/nonexistent/font");
+  EXPECT_FALSE(tex.Create());
+  EXPECT_TRUE(log.Seen("Couldn't load texture of tex font '/nonexistent/font'"));
+
+  QFont courier("courier", 16, 1, 2);
+  EXPECT_TRUE(courier.Create());  // fontconfig substitutes whatever monospace face there is
+  EXPECT_GT(courier.GetHeight(), 12);
+  EXPECT_EQ(courier.GetHeight(), courier.GetAscent() + courier.GetDescent());
+  EXPECT_GT(courier.GetWidth("mm"), courier.GetWidth("m"));
+  EXPECT_EQ(courier.GetWidth("m", 0), 0.0f);
+  courier.SetResX(50);
+  EXPECT_TRUE(log.Seen("QFont::SetResX(); can't modify after Create()"));
+  EXPECT_EQ(courier.GetResX(), 100);
+  EXPECT_EQ(courier.GetScaleY(), 1.0f);
+  EXPECT_TRUE(log.Seen("QFont:GetScaleY(); only useful for texture fonts"));
+  EXPECT_EQ(QFont::WeightFromIndex(3), QFont::WeightFromIndex(4));
+
+  QFont odd("ms sans serif", 13);
+  odd.SetFontType(7);
+  EXPECT_TRUE(odd.Create());
+  EXPECT_TRUE(log.Seen("QFont:Create(): unknown fontType (7)"));
+}
+
+}  // namespace
