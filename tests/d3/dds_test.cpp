@@ -1,0 +1,181 @@
+// DDS files made byte by byte: header checks with their messages, hostile sizes refused before
+// allocation, level layout, row and block reordering, and (with a display) the upload.
+#include "d3/dds.h"
+
+#include <GL/gl.h>
+#include <GL/glext.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "d3/dglobal.h"
+#include "d3/dtexture.h"
+#include "support/glwindow.h"
+#include "support/logcapture.h"
+
+namespace {
+
+void Put32(std::vector<uint8_t>* v, size_t at, uint32_t x) {
+  for (int i = 0; i < 4; ++i) (*v)[at + i] = uint8_t(x >> (8 * i));
+}
+
+// "DDS " and a header; `fourcc` null means uncompressed with `bits` per pixel.
+std::vector<uint8_t> Header(int w, int h, int mips, const char* fourcc, int bits = 32) {
+  std::vector<uint8_t> v(128, 0);
+  memcpy(v.data(), "DDS ", 4);
+  Put32(&v, 4, 124);
+  Put32(&v, 4 + 8, uint32_t(h));
+  Put32(&v, 4 + 12, uint32_t(w));
+  Put32(&v, 4 + 24, uint32_t(mips));
+  Put32(&v, 4 + 72, 32);
+  if (fourcc) {
+    Put32(&v, 4 + 76, 4);
+    memcpy(&v[4 + 80], fourcc, 4);
+  } else {
+    Put32(&v, 4 + 76, 0x41);
+    Put32(&v, 4 + 84, uint32_t(bits));
+    Put32(&v, 4 + 88, 0x00ff0000);
+  }
+  return v;
+}
+
+std::vector<uint8_t> WithPayload(std::vector<uint8_t> v, size_t bytes) {
+  const size_t at = v.size();
+  v.resize(at + bytes);
+  for (size_t i = 0; i < bytes; ++i) v[at + i] = uint8_t(i * 7 + 1);
+  return v;
+}
+
+bool Parse(DDDS* dds, const std::vector<uint8_t>& v) {
+  return dds->Parse(v.data(), v.size(), "t.dds");
+}
+
+TEST(DDSHeader, RefusalsNameTheFault) {
+  LogCapture log;
+  DDDS dds;
+  std::vector<uint8_t> v = WithPayload(Header(4, 4, 1, "DXT1"), 8);
+  v[0] = 'X';
+  EXPECT_FALSE(Parse(&dds, v));
+  EXPECT_TRUE(log.Seen("DDS file 't.dds' doesn't start with the right magic number (0x20534458)"));
+  EXPECT_FALSE(dds.Parse(v.data(), 2, "t.dds"));  // shorter than the magic
+
+  v = Header(4, 4, 1, "DXT1");
+  EXPECT_FALSE(dds.Parse(v.data(), 100, "t.dds"));
+  EXPECT_TRUE(log.Seen("header cut short at '100' bytes"));
+
+  EXPECT_FALSE(Parse(&dds, WithPayload(Header(4, 4, 1, "ATI2"), 16)));
+  EXPECT_TRUE(log.Seen("DDDS:Load(t.dds); unknown compressed format (ATI2)"));
+  EXPECT_FALSE(Parse(&dds, WithPayload(Header(4, 4, 1, nullptr, 24), 48)));
+  EXPECT_TRUE(log.Seen("DDDS:Load(t.dds); unknown DDS format (rgb bitcount not 32, not DXT5)"));
+
+  // Sizes from the file are hostile: refused before any allocation.
+  EXPECT_FALSE(Parse(&dds, WithPayload(Header(0x7fffffff, 0x7fffffff, 1, "DXT5"), 16)));
+  EXPECT_TRUE(log.Seen("size '2147483647x2147483647' out of range"));
+  EXPECT_FALSE(Parse(&dds, WithPayload(Header(0, 4, 1, "DXT5"), 16)));
+  EXPECT_FALSE(Parse(&dds, WithPayload(Header(4096, 4096, 1, nullptr), 64)));
+  EXPECT_TRUE(log.Seen("file too short for mipmap level 0"));
+  EXPECT_EQ(dds.GetLevelCount(), 0);
+  EXPECT_EQ(dds.GetLevel(0), nullptr);
+}
+
+TEST(DDSLevels, SizesHalveAndTheCountIsBounded) {
+  LogCapture log;
+  DDDS dds;
+  // 8 x 4 DXT1 with 3 levels: 2 blocks, then 1, then 1 (dimensions never below 1).
+  ASSERT_TRUE(Parse(&dds, WithPayload(Header(8, 4, 3, "DXT1"), 16 + 8 + 8)));
+  EXPECT_EQ(dds.GetLevelCount(), 3);
+  EXPECT_EQ(dds.GetLevelSize(0), 16u);
+  EXPECT_EQ(dds.GetLevelSize(1), 8u);
+  EXPECT_EQ(dds.GetLevelSize(2), 8u);
+  EXPECT_TRUE(dds.IsCompressed());
+
+  ASSERT_TRUE(Parse(&dds, WithPayload(Header(4, 4, 0, "DXT5"), 16)));
+  EXPECT_EQ(dds.GetLevelCount(), 1);
+  EXPECT_TRUE(log.Seen("DDDS:Load: Changing dwMipMapCount to 1, was 0"));
+
+  // 40 levels claimed: 16 kept; a file ending early leaves the later levels missing.
+  ASSERT_TRUE(Parse(&dds, WithPayload(Header(4, 4, 40, "DXT3"), 16 * 3 + 5)));
+  EXPECT_EQ(dds.GetLevelCount(), DDDS::MAX_LEVELS);
+  EXPECT_NE(dds.GetLevel(2), nullptr);
+  EXPECT_EQ(dds.GetLevel(3), nullptr);
+  EXPECT_EQ(dds.GetLevel(16), nullptr);
+}
+
+TEST(DDSReorder, RowsAndBlocksComeOutBottomUp) {
+  LogCapture log;
+  DDDS dds;
+  // 2 x 3 pixels, 32-bit: rows in the file top first, in memory bottom first.
+  std::vector<uint8_t> v = WithPayload(Header(2, 3, 1, nullptr), 24);
+  ASSERT_TRUE(Parse(&dds, v));
+  EXPECT_TRUE(log.Seen("DDS format might be unreliable, pls use DXT5."));
+  EXPECT_EQ(dds.GetFormat(), unsigned(GL_BGRA));
+  EXPECT_EQ(memcmp(dds.GetLevel(0), &v[128 + 16], 8), 0);
+  EXPECT_EQ(memcmp(dds.GetLevel(0) + 16, &v[128], 8), 0);
+
+  // 4 x 8 DXT1: the two blocks trade places and each block's index rows reverse.
+  v = WithPayload(Header(4, 8, 1, "DXT1"), 16);
+  ASSERT_TRUE(Parse(&dds, v));
+  const uint8_t* p = dds.GetLevel(0);
+  EXPECT_EQ(memcmp(p, &v[128 + 8], 4), 0);  // colours of the file's second block
+  EXPECT_EQ(p[4], v[128 + 8 + 7]);
+  EXPECT_EQ(p[7], v[128 + 8 + 4]);
+
+  // DXT5 alpha indices: 12 bits a row, rows reversed; a 2-row level swaps only its two rows.
+  v = Header(4, 2, 1, "DXT5");
+  const uint8_t block[16] = {9, 8, 0x01, 0x20, 0x03, 0, 0, 0, 1, 2, 3, 4, 0xA0, 0xB0, 0, 0};
+  v.insert(v.end(), block, block + 16);
+  ASSERT_TRUE(Parse(&dds, v));
+  p = dds.GetLevel(0);
+  // Rows 0 and 1 were 0x001 and 0x032: now 0x032 and 0x001.
+  EXPECT_EQ(p[2], 0x32);
+  EXPECT_EQ(p[3], 0x10);
+  EXPECT_EQ(p[4], 0x00);
+  EXPECT_EQ(p[12], 0xB0);
+  EXPECT_EQ(p[13], 0xA0);
+}
+
+TEST(DDSFile, LoadReadsOnlyWhatTheHeaderClaims) {
+  char dir[] = "/tmp/dds_test_XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string path = std::string(dir) + "/a.dds";
+  std::vector<uint8_t> v = WithPayload(Header(8, 8, 2, "DXT1"), 32 + 8 + 1000);
+  FILE* f = fopen(path.c_str(), "wb");
+  ASSERT_NE(f, nullptr);
+  fwrite(v.data(), 1, v.size(), f);
+  fclose(f);
+  LogCapture log;
+  DDDS dds;
+  EXPECT_TRUE(dds.Load(path.c_str()));
+  EXPECT_EQ(dds.GetWidth(), 8);
+  EXPECT_NE(dds.GetLevel(1), nullptr);
+  EXPECT_FALSE(dds.Load((std::string(dir) + "/none.dds").c_str()));
+  EXPECT_TRUE(log.Seen("Can't open DDS '" + std::string(dir) + "/none.dds'"));
+  EXPECT_EQ(dds.GetLevelCount(), 0);
+  unlink(path.c_str());
+  rmdir(dir);
+}
+
+TEST(DDSUpload, CompressedLevelsBecomeTheTexture) {
+  if (!testgl::Window()) GTEST_SKIP() << "needs a display (run under Xvfb)";
+  if (!DGlobal::SupportsS3TC()) GTEST_SKIP() << "driver without S3TC";
+  LogCapture log;
+  DDDS dds;
+  ASSERT_TRUE(Parse(&dds, WithPayload(Header(8, 4, 4, "DXT1"), 16 + 8 + 8 - 2)));
+  DTexture tex("dds");
+  EXPECT_TRUE(dds.CreateTexture(&tex));
+  EXPECT_TRUE(log.Seen("DDDS:CreateTexture(); missing pixels for mipmap level 2"));
+  tex.Select();
+  GLint w = 0, compressed = 0, maxLevel = 0;
+  glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, &w);
+  glGetTexLevelParameteriv(GL_TEXTURE_2D, 1, GL_TEXTURE_COMPRESSED, &compressed);
+  glGetTexParameteriv(GL_TEXTURE_2D, GL_TEXTURE_MAX_LEVEL, &maxLevel);
+  EXPECT_EQ(w, 8);
+  EXPECT_EQ(compressed, GL_TRUE);
+  EXPECT_EQ(maxLevel, 1);
+}
+
+}  // namespace

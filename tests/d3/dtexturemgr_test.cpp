@@ -1,0 +1,105 @@
+// The texture cache: one texture per picture name shared by reference, stubs where a picture
+// cannot be had, and the listing of what is not released. Textures are real on a display.
+#include "d3/dtexturemgr.h"
+
+#include <GL/gl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "d3/dglobal.h"
+#include "d3/dtexture.h"
+#include "framework/qbitmap.h"
+#include "support/glwindow.h"
+#include "support/logcapture.h"
+
+namespace {
+
+class DTextureManagerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/dtexmgr_test_XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+    gl_ = testgl::Window() != nullptr;
+  }
+  void TearDown() override {
+    unlink((dir_ + "/pic.tga").c_str());
+    rmdir(dir_.c_str());
+    DGlobal::Settings() = DGraphicsSettings();
+  }
+  std::string dir_;
+  bool gl_ = false;
+};
+
+TEST_F(DTextureManagerTest, OnePictureOneSharedTexture) {
+  QBitMap bm(32, 30, 20);
+  memset(bm.GetBuffer(), 200, size_t(bm.GetSize()));
+  const std::string pic = dir_ + "/pic.tga";
+  ASSERT_TRUE(bm.Write(pic.c_str(), 1));
+
+  DTextureManager mgr;
+  EXPECT_EQ(mgr.GetCapacity(), 5000);
+  const int ref = mgr.FindOrMakeReference(pic.c_str());
+  ASSERT_EQ(ref, 1);
+  EXPECT_EQ(mgr.FindOrMakeReference(pic.c_str()), ref);
+  DTexture* tex = mgr.GetTexture(ref);
+  ASSERT_NE(tex, nullptr);
+  EXPECT_STREQ(tex->GetName(), pic.c_str());
+  EXPECT_TRUE(tex->GetFlags() & DTexture::MIPMAP);
+  unsigned id = tex->GetID();
+  if (gl_) {
+    EXPECT_EQ(tex->GetWidth(), 30);
+    EXPECT_EQ(tex->GetHeight(), 20);
+    EXPECT_TRUE(glIsTexture(id));
+  }
+
+  LogCapture log;
+  mgr.DbgPrint();
+  EXPECT_TRUE(log.Seen("DTextureManager (TextureManager)"));
+  EXPECT_TRUE(log.Seen("  tex[1]="));
+  EXPECT_TRUE(log.Seen("DTextureManager:DbgPrint(); 1 textures NOT RELEASED, total number of "
+                       "references 2"));
+  int r = ref;
+  mgr.Release(&r);
+  r = ref;
+  mgr.Release(&r);
+  EXPECT_EQ(mgr.GetObject(ref), nullptr);
+  if (gl_) {
+    EXPECT_FALSE(glIsTexture(id));
+  }
+  mgr.DbgPrint();
+  EXPECT_TRUE(log.Seen("DTextureManager:DbgPrint(); all textures released"));
+  EXPECT_FALSE(log.Seen("refCount<0"));
+}
+
+TEST_F(DTextureManagerTest, StubsWhenNoPictureCanBeHad) {
+  DTextureManager mgr;
+  LogCapture log;
+  const std::string missing = dir_ + "/none.jpg";
+  int a = mgr.FindOrMakeReference(missing.c_str());
+  EXPECT_TRUE(log.Seen("DTextureManager:MakeObject(" + missing + ") couldn't find image"));
+  if (gl_) {
+    EXPECT_EQ(mgr.GetTexture(a)->GetWidth(), 8);
+  }
+
+  const std::string dds = dir_ + "/none.dds";
+  int b = mgr.FindOrMakeReference(dds.c_str());
+  EXPECT_TRUE(log.Seen("Image '" + dds + "' loading failed (not found?)"));
+  EXPECT_STREQ(mgr.GetTexture(b)->GetName(), "");
+
+  DGlobal::Settings().ddsAllowed = false;
+  int c = mgr.FindOrMakeReference("other.DDS");
+  EXPECT_STREQ(mgr.GetTexture(c)->GetName(), "subimg1b");
+  DGlobal::Settings().texturesEnabled = false;
+  int d = mgr.FindOrMakeReference("pic.tga");
+  EXPECT_STREQ(mgr.GetTexture(d)->GetName(), "stubimg1");
+
+  EXPECT_EQ(mgr.GetTexture(0), nullptr);
+  EXPECT_TRUE(log.Seen("DTextureManager:GetTexture(ref 0) out of range"));
+  for (int* ref : {&a, &b, &c, &d}) mgr.Release(ref);
+  EXPECT_FALSE(log.Seen("still around"));
+}
+
+}  // namespace
