@@ -15,6 +15,16 @@
 
 #include "framework/qmessage.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#define QFUC_LSAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#include <sanitizer/lsan_interface.h>
+#define QFUC_LSAN 1
+#endif
+#endif
+
 struct QFontFace {
   FT_Face face = nullptr;
   int refs = 1;
@@ -43,8 +53,17 @@ struct PatternDeleter {
 using PatternPtr = std::unique_ptr<FcPattern, PatternDeleter>;
 
 // The font file fontconfig picks for the name, weight and pixel height; false when none.
+// Loads fontconfig's configuration once. Its parser drops a few blocks for the life of the
+// process; the leak checker is told to look away from them.
+bool InitFontconfig() {
+#ifdef QFUC_LSAN
+  __lsan::ScopedDisabler keep;
+#endif
+  return FcInit() != FcFalse;
+}
+
 bool MatchFile(const char* name, int height, int weight, std::string* file, int* index) {
-  if (!FcInit()) return false;
+  if (!InitFontconfig()) return false;
   PatternPtr pat(FcPatternCreate());
   if (!pat) return false;
   FcPatternAddString(pat.get(), FC_FAMILY, reinterpret_cast<const FcChar8*>(name));

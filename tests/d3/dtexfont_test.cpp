@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -117,6 +118,18 @@ TEST_F(DTexFontTest, RepeatedOrFallingCodesOpenRunsAndTheSixthIsFatal) {
 
   const std::string six = Write("", five + Run(5, 5));
   EXPECT_DEATH(DTexFont().Load(six.c_str(), false), "DTexFont \\(.*/f\\) has too many ranges");
+}
+
+TEST_F(DTexFontTest, ExtremeCodesAndSizesStayInBounds) {
+  std::string chars = Entry("char2147483647", -5, 99999, -3, 2000000000) +
+                      Entry("char99999999999", 0, 0, 1, 1) + Entry("char-2147483648", 0, 0, 1, 1);
+  ASSERT_TRUE(font_.Load(Write("  minchar=-2147483648\n  maxchar=2147483647\n", chars).c_str(),
+                         false));
+  EXPECT_EQ(font_.GetRangeCount(), 3);  // huge numbers are held to the int range
+  EXPECT_EQ(font_.FindGlyph(2147483647), font_.GetGlyph(0));
+  EXPECT_EQ(font_.FindGlyph(-2147483647 - 1), nullptr);  // the first run answers: negative
+  const uint16_t wide[] = {1, 65535, 0};
+  EXPECT_TRUE(std::isfinite(font_.GetStringWidth(wide)));
 }
 
 TEST_F(DTexFontTest, EntryWithoutXEndsTheList) {
