@@ -1,0 +1,123 @@
+// glimra: the program's entry. Picks the working directory, and either starts the slideshow or,
+// when a copy already runs, hands the argument to it over UDP and ends.
+#include <dirent.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "app/slideshow.h"
+#include "framework/qdir.h"
+#include "framework/qini.h"
+#include "framework/qmessage.h"
+#include "framework/qstring.h"
+#include "net/addr.h"
+#include "net/socket.h"
+
+namespace {
+
+constexpr int kMaxPath = 256;
+constexpr const char* kProgramName = "glimra";
+
+// The executable's file name of process `pid` (its exe link; its comm when the link cannot be
+// read); false when neither can be read.
+bool ProcessName(const char* pid, std::string* out) {
+  char link[64], target[4096];
+  snprintf(link, sizeof(link), "/proc/%s/exe", pid);
+  ssize_t n = readlink(link, target, sizeof(target) - 1);
+  if (n > 0) {
+    target[n] = 0;
+    const char* slash = strrchr(target, '/');
+    *out = slash ? slash + 1 : target;
+    // A program replaced on disk while running still counts as itself.
+    const char* deleted = " (deleted)";
+    if (out->size() > strlen(deleted) &&
+        out->compare(out->size() - strlen(deleted), std::string::npos, deleted) == 0)
+      out->resize(out->size() - strlen(deleted));
+    return true;
+  }
+  snprintf(link, sizeof(link), "/proc/%s/comm", pid);
+  FILE* f = fopen(link, "r");
+  if (!f) return false;
+  char comm[64] = {};
+  const bool ok = fgets(comm, sizeof(comm), f) != nullptr;
+  fclose(f);
+  if (!ok) return false;
+  comm[strcspn(comm, "\n")] = 0;
+  *out = comm;
+  return true;
+}
+
+// Running processes (this one included) whose executable file name is the program's, compared
+// without regard to case. 0 when the process list cannot be read, which means a full start.
+int CountRunningCopies() {
+  DIR* d = opendir("/proc");
+  if (!d) return 0;
+  int count = 0;
+  while (dirent* e = readdir(d)) {
+    if (e->d_name[0] < '0' || e->d_name[0] > '9') continue;
+    std::string name;
+    if (!ProcessName(e->d_name, &name)) continue;
+    if (strcasecmp(name.c_str(), kProgramName) == 0) ++count;
+  }
+  closedir(d);
+  return count;
+}
+
+// The directory of the running executable, lower-cased; empty when it cannot be told.
+std::string ExeDirectory() {
+  char path[kMaxPath + 1] = {};
+  ssize_t n = readlink("/proc/self/exe", path, kMaxPath);
+  if (n <= 0) return std::string();
+  path[n] = 0;
+  char* cut = nullptr;
+  for (char* p = path; *p; ++p)
+    if (*p == '/' || *p == '\\') cut = p;
+  if (cut) *cut = 0;
+  qstrlwr(path);
+  return path;
+}
+
+}  // namespace
+
+// Sends `text` (without its terminating zero) as one datagram to host:port.
+void QuickNetSend(const char* host, int port, const char* text) {
+  QNSocket* s = new QNSocket(QNSocket::UDP, "UDPSend");
+  s->SetNoBind();
+  if (!s->Open(port)) {
+    QWARN("QuickNetSend", "Can't open socket");
+    delete s;
+    return;
+  }
+  QNAddress to;
+  to.GetByName(host);
+  to.Set(QNAddress::FAMILY_INET, to.GetAddress(), port);
+  s->Write(text, int(strlen(text)), &to);
+  s->Close();
+  delete s;
+}
+
+int main(int argc, char** argv) {
+  const char* arg = argc > 1 ? argv[1] : nullptr;
+
+  // The program's own folder holds its configuration, font and log, except in a developer's
+  // tree ("source" in the path), where the starting directory is kept.
+  const std::string dir = ExeDirectory();
+  if (!dir.empty() && dir.find("source") == std::string::npos) QSetCurrentDirectory(dir.c_str());
+
+  if (CountRunningCopies() < 2) {
+    RaceManager* rm = new RaceManager();
+    rm->Setup(arg);
+    rm->Run();
+  }
+
+  QDBG("main", "Already running; pass arg to existing app");
+  QIni* ini = new QIni("glimra.ini");
+  qstring text("load ");
+  if (arg) text += arg;
+  const int port = ini->GetInt("network.port", 5000);
+  QuickNetSend("127.0.0.1", port, text.cstr());
+  delete ini;
+  return 0;
+}
