@@ -78,7 +78,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const size_t n = size < 64 ? size : 64;
   font.GetStringWidth(reinterpret_cast<const char*>(data), int(n));
   uint16_t wide[33] = {};
-  for (size_t i = 0; i + 1 < n && i / 2 < 32; i += 2) wide[i / 2] = uint16_t(data[i] | data[i + 1] << 8);
+  for (size_t i = 0; i + 1 < n && i / 2 < 32; i += 2)
+    wide[i / 2] = uint16_t(data[i] | data[i + 1] << 8);
   font.GetStringWidth(wide);
   for (size_t i = 0; i < n; ++i) font.GetCharWidth(char(data[i]));
   font.GetHeight();
