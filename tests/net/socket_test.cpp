@@ -1,0 +1,265 @@
+// UDP and TCP sockets on the loopback: reads that refuse, drop or report nothing, refusals by
+// the peer, the port offset, misuse, and the log's "udp_out" copy.
+#include "net/socket.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "framework/qdebug.h"
+#include "framework/qini.h"
+#include "framework/qtimer.h"
+#include "net/global.h"
+#include "support/logcapture.h"
+
+namespace {
+
+// Binds `s` to a high random port; answers the port it got (with the offset), 0 if none.
+int OpenOnFreePort(QNSocket& s) {
+  static std::mt19937 rng(static_cast<unsigned>(getpid()) * 7919u + static_cast<unsigned>(time(nullptr)));
+  LogCapture quiet;  // ports already taken are reported; expected here
+  for (int i = 0; i < 50; ++i)
+    if (s.Open(20000 + static_cast<int>(rng() % 40000))) return s.GetPort();
+  return 0;
+}
+
+QNAddress Loopback(int port) {
+  QNAddress a;
+  a.Set(QNAddress::FAMILY_INET, 0x7f000001, port);
+  return a;
+}
+
+class QNSocketTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    port_ = OpenOnFreePort(rx_);
+    ASSERT_NE(port_, 0);
+    tx_.SetNoBind();
+    ASSERT_TRUE(tx_.Open(0));
+  }
+  void TearDown() override {
+    qnSetPacketLoss(0);
+    qnSetPortOffset(0);
+  }
+  QNSocket rx_{QNSocket::UDP, "rx"};
+  QNSocket tx_{QNSocket::UDP, "tx"};
+  int port_ = 0;
+};
+
+TEST_F(QNSocketTest, ReadRefusesADatagramLargerThanTheBufferAndTakesOneThatFits) {
+  LogCapture log;
+  QNAddress to = Loopback(port_);
+  std::vector<char> big(1500, 'b'), fits(1024), in(8192);
+  for (size_t i = 0; i < fits.size(); ++i) fits[i] = static_cast<char>(i * 7);
+
+  ASSERT_EQ(tx_.Write(big.data(), 1500, &to), 1500);
+  EXPECT_EQ(rx_.Read(in.data(), 1024), -1);
+  EXPECT_TRUE(log.Seen("Incoming packet of size 1500 cannot be stored in buffer of 1024 bytes "
+                       "(~WSAEMSGSIZE) - ignoring packet (local=0.0.0.0:"));
+
+  QNAddress from;
+  ASSERT_EQ(tx_.Write(fits.data(), 1024, &to), 1024);
+  ASSERT_EQ(rx_.Read(in.data(), 1024, &from), 1024);
+  EXPECT_EQ(memcmp(in.data(), fits.data(), 1024), 0);
+  EXPECT_EQ(from.GetAddress(), 0x7f000001u);
+
+  // The internal buffer bounds every read, whatever the caller offers.
+  std::vector<char> huge(5000, 'h');
+  ASSERT_EQ(tx_.Write(huge.data(), 5000, &to), 5000);
+  EXPECT_EQ(rx_.Read(in.data(), 8192), -1);
+  EXPECT_TRUE(log.Seen("size 5000 cannot be stored in buffer of 4096 bytes"));
+}
+
+TEST_F(QNSocketTest, NonBlockingReadWithNothingWaitingIsZeroAndSilent) {
+  LogCapture log;
+  ASSERT_EQ(rx_.SetNonBlocking(1), 0);
+  char in[64];
+  EXPECT_EQ(rx_.Read(in, sizeof(in)), 0);
+  EXPECT_TRUE(rx_.GetFlags() & QNSocket::ERROR);
+  EXPECT_FALSE(log.Seen("[QN]"));
+}
+
+TEST_F(QNSocketTest, RefusedDatagramMakesTheNextReadZeroAndLaterWritesGoThrough) {
+  LogCapture log;
+  int closedPort;
+  {
+    QNSocket gone(QNSocket::UDP, "gone");
+    closedPort = OpenOnFreePort(gone);
+  }
+  ASSERT_NE(closedPort, 0);
+  QNAddress nobody = Loopback(closedPort);
+  ASSERT_EQ(rx_.Write("x", 1, &nobody), 1);
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+
+  // Should the refusal never be reported, this datagram ends the blocking read with 5.
+  std::atomic<bool> done{false};
+  std::thread rescue([&] {
+    for (int i = 0; i < 200 && !done; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (done) return;
+    QNSocket r(QNSocket::UDP, "rescue");
+    r.SetNoBind();
+    QNAddress to = Loopback(port_);
+    if (r.Open(0)) r.Write("late!", 5, &to);
+  });
+  char in[64];
+  EXPECT_EQ(rx_.Read(in, sizeof(in)), 0);
+  done = true;
+  rescue.join();
+
+  // A refusal still pending when the socket sends is not the new datagram's failure.
+  ASSERT_EQ(rx_.Write("y", 1, &nobody), 1);
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  QNSocket peer(QNSocket::UDP, "peer");
+  int peerPort = OpenOnFreePort(peer);
+  QNAddress to = Loopback(peerPort);
+  EXPECT_EQ(rx_.Write("hello", 5, &to), 5);
+  EXPECT_EQ(peer.Read(in, sizeof(in)), 5);
+  EXPECT_FALSE(log.Seen("[QN]"));
+}
+
+TEST_F(QNSocketTest, SimulatedLossOfAHundredDropsEverything) {
+  QNAddress to = Loopback(port_);
+  char in[64];
+  qnSetPacketLoss(100);
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_EQ(tx_.Write("drop", 4, &to), 4);
+    EXPECT_EQ(rx_.Read(in, sizeof(in)), 0);
+  }
+  qnSetPacketLoss(0);
+  ASSERT_EQ(tx_.Write("keep", 4, &to), 4);
+  EXPECT_EQ(rx_.Read(in, sizeof(in)), 4);
+}
+
+TEST_F(QNSocketTest, PortOffsetIsAddedToEveryOpenWithANote) {
+  LogCapture log;
+  qnSetPortOffset(7);
+  QNSocket shifted(QNSocket::UDP, "shifted");
+  int port = OpenOnFreePort(shifted);
+  ASSERT_NE(port, 0);
+  QNSocket noted(QNSocket::UDP, "noted");
+  noted.SetNoBind();
+  ASSERT_TRUE(noted.Open(100));
+  EXPECT_EQ(noted.GetPort(), 107);
+  EXPECT_TRUE(log.Seen("[QNSocket:Open 'noted'] Use port offset of 7"));
+
+  QNAddress to = Loopback(port);
+  char in[16];
+  ASSERT_EQ(tx_.Write("off", 3, &to), 3);
+  EXPECT_EQ(shifted.Read(in, sizeof(in)), 3);
+}
+
+TEST(QNSocketMisuse, EachIsReportedOnceAndRefused) {
+  LogCapture log;
+  QNSocket s(QNSocket::UDP, "misused");
+  EXPECT_EQ(s.SetNonBlocking(1), -1);
+  EXPECT_TRUE(log.Seen("[misused] Non-blocking can only be set after creating the socket"));
+  char in[8];
+  EXPECT_EQ(s.Read(in, sizeof(in)), -1);
+  EXPECT_TRUE(log.Seen("(10038)\nNot a socket"));
+
+  int port = OpenOnFreePort(s);
+  ASSERT_NE(port, 0);
+  EXPECT_EQ(s.Write("x", 1, nullptr), 0);
+  EXPECT_TRUE(log.Seen("QNSocket:Write() [misused]; 'addr'=0"));
+  s.SetNoBind();
+  EXPECT_TRUE(log.Seen("QNSocket:SetNoBind() called after opening the socket - no effect"));
+
+  QNSocket twin(QNSocket::UDP, "twin");
+  EXPECT_FALSE(twin.Open(port));
+  EXPECT_TRUE(log.Seen("[QN] QNSocket:Bind() [twin]; can't bind to address 0.0.0.0:" +
+                       std::to_string(port) + " (10048)\nAddress in use"));
+  EXPECT_FALSE(twin.IsOpen());
+  EXPECT_TRUE(twin.GetFlags() & QNSocket::ERROR);
+
+  ASSERT_TRUE(twin.Open(0));
+  EXPECT_TRUE(twin.Open(0));
+  EXPECT_TRUE(log.Seen("QNSocket:Open() called after the socket was already opened (doubly open) - closing"));
+
+  QNSocket odd(5, "odd");
+  EXPECT_FALSE(odd.Open(0));
+  EXPECT_TRUE(log.Seen("QNSocket:Open() [odd]; unknown type 5"));
+
+  QNSocket tcp(QNSocket::TCP, "tcp");
+  EXPECT_FALSE(tcp.Open(port, 0, "127.0.0.1"));  // a UDP port: nobody accepts on TCP
+  EXPECT_TRUE(log.Seen("QSocket::Open() [tcp]; can't connect to '127.0.0.1:" + std::to_string(port) + "'"));
+}
+
+TEST(QNInit, RunsOnceAndStartsTheTimer) {
+  QNSocket s(QNSocket::UDP, "starter");  // starts networking when no one has
+  EXPECT_TRUE(qnIsInitialized());
+  EXPECT_FALSE(qnInit());
+  ASSERT_NE(qnGetTimer(), nullptr);
+  EXPECT_TRUE(qnGetTimer()->IsRunning());
+}
+
+// The log's UDP copy: runs the real writer, so the log file goes to a scratch directory.
+class UdpOut : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    qnInit();
+    char tmpl[] = "/tmp/glimra_udpout_XXXXXX";
+    dir_ = mkdtemp(tmpl);
+    oldLog_ = qlogGetFileName();
+    qlogSetFileName((dir_ + "/QLOG.txt").c_str());
+  }
+  void TearDown() override {
+    qlogSetUdpSender(nullptr);
+    qlogSetFileName(oldLog_.c_str());
+    ASSERT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0);
+  }
+  void Setup(const std::string& target) {
+    std::string name = dir_ + "/glimra.ini";
+    std::ofstream(name) << "dev\n{\n  udp_out=" << target << "\n}\n";
+    QIni ini(name.c_str());
+    qdbg_setup(&ini);
+  }
+  std::string Log() const {
+    std::ifstream in(dir_ + "/QLOG.txt");
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+  }
+  std::string dir_, oldLog_;
+};
+
+TEST_F(UdpOut, AWarningArrivesAsADatagram) {
+  QNSocket rx(QNSocket::UDP, "udp_rx");
+  int port = OpenOnFreePort(rx);
+  ASSERT_NE(port, 0);
+  Setup("127.0.0.1:" + std::to_string(port));
+  EXPECT_EQ(Log().find("Cannot open udp_out socket"), std::string::npos);
+
+  QWARN("UdpOut::Test", "udp copy %d", port);
+  char in[2048];
+  int n = rx.Read(in, sizeof(in) - 1);
+  ASSERT_GT(n, 0);
+  std::string got(in, static_cast<size_t>(n));
+  EXPECT_EQ(got.rfind("[WARN,socket_test.cpp:", 0), 0u) << got;
+  std::string tail = ",UdpOut::Test] WARN: udp copy " + std::to_string(port) + "\n";
+  ASSERT_GE(got.size(), tail.size());
+  EXPECT_EQ(got.substr(got.size() - tail.size()), tail);
+}
+
+TEST_F(UdpOut, AFailingSendIsReportedOnceWithoutLoopingThroughTheLog) {
+  Setup("127.0.0.1:0");  // no datagram can go to port 0
+  QWARN("UdpOut::Test", "first after setup");
+  QWARN("UdpOut::Test", "second after setup");
+  std::string log = Log();
+  size_t fails = 0;
+  for (size_t at = log.find("[udp_out] failed"); at != std::string::npos;
+       at = log.find("[udp_out] failed", at + 1))
+    ++fails;
+  EXPECT_EQ(fails, 2u) << log;
+  EXPECT_NE(log.find("second after setup"), std::string::npos);
+}
+
+}  // namespace
