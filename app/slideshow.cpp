@@ -51,8 +51,7 @@ RaceManager::RaceManager() {
 RaceManager::~RaceManager() {
   delete ini;
   ini = nullptr;
-  if (texture && texture->Detach()) delete texture;
-  texture = nullptr;
+  ReleaseTexture();
   delete mesh;
   mesh = nullptr;
   delete timer;
@@ -69,6 +68,19 @@ RaceManager::~RaceManager() {
 void RaceManager::SetIni(QIni* newIni) {
   if (newIni != ini) delete ini;
   ini = newIni;
+}
+
+void RaceManager::SetWindow(QShell* win) {
+  delete canvas;
+  canvas = nullptr;
+  window = win;
+  if (window) canvas = new QCanvas(window, "glimra");
+}
+
+void RaceManager::ReleaseTexture() {
+  // A texture made while OpenGL was unavailable was never counted; nobody else holds it.
+  if (texture && (texture->GetRefCount() <= 0 || texture->Detach())) delete texture;
+  texture = nullptr;
 }
 
 void RaceManager::SaveIni() {
@@ -131,8 +143,7 @@ void RaceManager::Setup(const char* arg) {
   font = new QFont("fonts/din14");
   if (!font->Create()) qfatal("Can't create font %d", 0);
 
-  window = app->GetMainWindow();
-  if (window) canvas = new QCanvas(window, "glimra");
+  SetWindow(app->GetMainWindow());
 
   qstring startDir;
   ini->GetString("app.startup_directory", &startDir, "");

@@ -90,13 +90,17 @@ class RaceManager {
   int GetNetPort() const { return netPort; }
   const DBitMapTexture* GetTexture() const { return texture; }
   const DMesh* GetMesh() const { return mesh; }
-  // Attaches a configuration (owned from then on) without the rest of the start-up; tests and
-  // tools that drive the catalogue and the loader use it instead of Setup.
+  // Attach a configuration (owned from then on) and the window to draw into (borrowed) without
+  // the rest of the start-up; Setup uses them, and so can tests and tools that drive the
+  // catalogue and the loader. Without a window nothing is painted and no quad is made.
   void SetIni(QIni* newIni);
+  void SetWindow(QShell* win);
 
  private:
   // Writes a changed key to the configuration file at once, without asking.
   void SaveIni();
+  // Lets go of the texture: deleted when this was its last holder (or it never got a GL name).
+  void ReleaseTexture();
 
   // Field order follows the controller's record layout; see the header text for ownership.
   QIni* ini = nullptr;

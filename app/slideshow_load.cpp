@@ -96,8 +96,7 @@ void RaceManager::LoadNewImage(const char* pathArg) {
   }
   curFile = path;
 
-  if (texture && texture->Detach()) delete texture;
-  texture = nullptr;
+  ReleaseTexture();
   delete mesh;
   mesh = nullptr;
 

@@ -1,0 +1,198 @@
+// The slideshow controller in-process: the shipped glimra.ini, the catalogue (filter, order,
+// duplicates, the 2000 limit), stepping from "nothing shown", the "load" dispatch, and loads that
+// neither grow memory nor keep old textures (on a real window, skipped without a display).
+#include "app/slideshow.h"
+
+#include <GL/gl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "d3/dtexture.h"
+#include "framework/qbitmap.h"
+#include "framework/qini.h"
+#include "framework/qmem.h"
+#include "support/glwindow.h"
+#include "support/logcapture.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Runs a test in a fresh temporary working directory.
+class InTempDir : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    old_ = fs::current_path();
+    char tmpl[] = "/tmp/glimra-slideshow-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+    fs::current_path(dir_);
+    rm_ = std::make_unique<RaceManager>();
+  }
+  void TearDown() override {
+    rm_.reset();
+    fs::current_path(old_);
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+  }
+  static void Touch(const std::string& name) { std::ofstream(name) << "x"; }
+
+  fs::path old_;
+  std::string dir_;
+  std::unique_ptr<RaceManager> rm_;
+};
+
+TEST(ShippedIni, ReadsBackWithoutWarningsAndHoldsEveryKeyAtItsDefault) {
+  LogCapture log;
+  QIni ini(GLIMRA_SOURCE_DIR "/data/glimra.ini");
+  ASSERT_TRUE(ini.IsFound());
+  const std::pair<const char*, const char*> keys[] = {
+      {"dev.terminal", "0"},          {"network.port", "5000"},
+      {"effects.show_info", "1"},     {"effects.black_and_white", "0"},
+      {"resolution.width", "640"},    {"resolution.height", "480"},
+      {"resolution.fullscreen", "0"}, {"window.manage", "0"},
+      {"app.startup_directory", ""},  {"resolution.x", "0"},
+      {"resolution.y", "0"},          {"resolution.bits", "32"},
+      {"resolution.frequency", "60"}, {"resolution.stencil_bits", "8"},
+      {"resolution.alpha_bits", "0"}, {"resolution.z_bits", "0"},
+      {"resolution.gamma", "1.0"},    {"resolution.near_fullscreen", "0"},
+      {"resolution.no_border", "0"},  {"resolution.stereo.quad_buffered", "0"},
+      {"dev.debug_level", "1"},       {"dev.run_first", ""},
+      {"dev.port_offset", "0"},       {"dev.fake_packet_drops", "0"},
+      {"dev.udp_out", ""},            {"dev.log_last", "0"},
+      {"dev.strict", "0"},            {"dev.opengl_checks", "0"},
+      {"dev.argument_tracing", "0"},  {"dev.qdbg_to_qlog", "0"},
+  };
+  for (const auto& k : keys) {
+    qstring v;
+    EXPECT_TRUE(ini.GetString(k.first, &v, "<missing>")) << k.first;
+    EXPECT_STREQ(v.cstr(), k.second) << k.first;
+  }
+  EXPECT_FALSE(log.Seen("QIni")) << "a syntax warning";
+  EXPECT_FALSE(log.Seen("not a valid"));
+  // Every key in the file is one of those: nothing the program does not read.
+  ini.DbgPrint("shipped", true);
+  EXPECT_FALSE(log.Seen(" (=")) << "a key nobody reads";
+}
+
+TEST_F(InTempDir, ScanTakesVisiblePictureNamesLowerCasedInListingOrder) {
+  for (const char* n : {"b.jpg", "a.tga", ".hidden.jpg", "PHOTO.JPG", "x.tgax", "a.jpg.bak",
+                        "c.jpeg", "notes.txt"})
+    Touch(n);
+  rm_->ScanDir();
+  const std::vector<std::string> want = {"a.jpg.bak", "a.tga", "b.jpg", "photo.jpg", "x.tgax"};
+  ASSERT_EQ(rm_->GetImageCount(), int(want.size()));
+  for (int i = 0; i < rm_->GetImageCount(); ++i) EXPECT_EQ(rm_->GetImage(i), want[size_t(i)]);
+  EXPECT_EQ(rm_->GetCurImage(), -1);
+
+  EXPECT_EQ(rm_->FindImage("Photo.JPG"), 3);
+  EXPECT_EQ(rm_->FindImage("photo"), -1);
+  LogCapture log;
+  EXPECT_FALSE(rm_->AddToDir("B.JPG"));
+  EXPECT_TRUE(log.Seen("Image 'B.JPG' already found - not inserting"));
+  EXPECT_TRUE(rm_->AddToDir("Sub/New.TGA"));
+  EXPECT_EQ(rm_->FindImage("sub/new.tga"), 5);
+}
+
+TEST_F(InTempDir, CatalogueStopsAtTwoThousandWithAWarning) {
+  for (int i = 0; i < RaceManager::MAX_IMAGES + 3; ++i) Touch("p" + std::to_string(10000 + i) + ".jpg");
+  LogCapture log;
+  rm_->ScanDir();
+  EXPECT_EQ(rm_->GetImageCount(), RaceManager::MAX_IMAGES);
+  EXPECT_EQ(rm_->GetImage(RaceManager::MAX_IMAGES - 1), std::string("p11999.jpg"));
+  EXPECT_TRUE(log.Seen("No space for new image (p12000.jpg) anymore - not registering"));
+  log.Clear();
+  EXPECT_FALSE(rm_->AddToDir("late.jpg"));
+  EXPECT_TRUE(log.Seen("No space for new image (late.jpg) anymore - not registering"));
+}
+
+TEST_F(InTempDir, SteppingWrapsAndLeftFromNothingLandsOnTheSecondToLast) {
+  // Unreadable pictures: each step still moves the index and names the file it tried.
+  for (const char* n : {"a.jpg", "b.jpg", "c.jpg", "d.jpg"}) Touch(n);
+  rm_->ScanDir();
+  LogCapture log;
+  rm_->PrevImage();
+  EXPECT_EQ(rm_->GetCurImage(), 2);
+  EXPECT_TRUE(log.Seen("Can't load image (c.jpg)"));
+  rm_->ScanDir();
+  rm_->NextImage();
+  EXPECT_EQ(rm_->GetCurImage(), 0);
+  rm_->PrevImage();
+  EXPECT_EQ(rm_->GetCurImage(), 3);
+  rm_->NextImage();
+  EXPECT_EQ(rm_->GetCurImage(), 0);
+
+  for (const char* n : {"a.jpg", "b.jpg", "c.jpg", "d.jpg"}) fs::remove(n);
+  rm_->ScanDir();
+  rm_->NextImage();
+  EXPECT_EQ(rm_->GetCurImage(), -1);
+  rm_->PrevImage();
+  EXPECT_EQ(rm_->GetCurImage(), -1);
+}
+
+TEST_F(InTempDir, LoadCommandTakesThePathAsItStands) {
+  QBitMap bm(32, 4, 3);
+  memset(bm.GetBuffer(), 90, size_t(bm.GetSize()));
+  ASSERT_TRUE(bm.Write("a.tga", 1));
+  LogCapture log;
+  for (const char* ignored : {"LOAD a.tga", "load\ta.tga", "loada.tga", "load", ""})
+    HandleCommand(ignored);
+  EXPECT_FALSE(log.Seen("Can't load image"));
+  EXPECT_STREQ(rm_->GetCurFile(), "");
+  // A line end belongs to the path.
+  HandleCommand("load a.tga\n");
+  EXPECT_TRUE(log.Seen("Can't load image (a.tga\n)"));
+  HandleCommand("load a.tga");
+  EXPECT_STREQ(rm_->GetCurFile(), "a.tga");
+  EXPECT_EQ(rm_->GetCurImage(), 0);
+  EXPECT_EQ(rm_->GetImageCount(), 1);
+}
+
+TEST_F(InTempDir, LoadsReplaceTextureAndMeshWithoutGrowing) {
+  QShell* win = testgl::Window(800, 600);
+  if (!win) GTEST_SKIP() << "needs a display (run under Xvfb)";
+  rm_->SetIni(new QIni("none.ini", QIni::SILENT));
+  rm_->SetWindow(win);
+  QBitMap bm(32, 40, 30);
+  memset(bm.GetBuffer(), 200, size_t(bm.GetSize()));
+  ASSERT_TRUE(bm.Write("a.tga", 1));
+  ASSERT_TRUE(bm.Write("b.jpg", 3, 90));
+  std::ofstream("bad.tga") << "junk";
+
+  rm_->LoadNewImage("a.tga");
+  rm_->LoadNewImage("b.jpg");
+  ASSERT_NE(rm_->GetTexture(), nullptr);
+  ASSERT_NE(rm_->GetMesh(), nullptr);
+  const int blocks = qmemGetCount();
+  unsigned int lastId = rm_->GetTexture()->GetID();
+  for (int i = 0; i < 10; ++i) {
+    rm_->LoadNewImage(i % 2 ? "b.jpg" : "a.tga");
+    rm_->Paint();
+    EXPECT_FALSE(glIsTexture(lastId)) << "old texture kept, load " << i;
+    lastId = rm_->GetTexture()->GetID();
+  }
+  EXPECT_EQ(qmemGetCount(), blocks);
+
+  // A failed load keeps what is shown.
+  const DBitMapTexture* shown = rm_->GetTexture();
+  for (const char* bad : {"bad.tga", "gone.jpg"}) {
+    rm_->LoadNewImage(bad);
+    EXPECT_EQ(rm_->GetTexture(), shown) << bad;
+    EXPECT_STREQ(rm_->GetCurFile(), "b.jpg") << bad;
+    EXPECT_EQ(rm_->GetCurImage(), 1) << bad;
+  }
+  EXPECT_TRUE(glIsTexture(lastId));
+  EXPECT_EQ(qmemGetCount(), blocks);
+}
+
+}  // namespace

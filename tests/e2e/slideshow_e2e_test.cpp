@@ -1,0 +1,231 @@
+// glimra from outside, on its own 800 x 600 X server: the hand-off of a second start, stepping
+// through the catalogue, "load" commands (good, ignored and failing ones), pictures turned by
+// their EXIF orientation and sized to the window's height, black-and-white and the overlay with
+// their keys written back to glimra.ini, and Escape ending the program cleanly.
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "support/e2e.h"
+
+namespace {
+
+using e2e::Near;
+using e2e::Program;
+using e2e::Screen;
+
+constexpr int kStartMs = 30000;  // software GL under the sanitizers is slow to come up
+constexpr int kStepMs = 10000;
+
+const uint32_t kRed = 0xDC1414, kGreen = 0x14DC14, kBlue = 0x1414DC, kWhite = 0xE6E6E6;
+
+bool Is(uint32_t c, uint32_t want, int tol = 24) {
+  return Near(c, e2e::R(want), e2e::G(want), e2e::B(want), tol);
+}
+
+// Something near white in the rectangle: overlay text (white over a black shadow).
+bool Ink(const Screen& s, int x0, int y0, int x1, int y1) {
+  for (int y = y0; y < y1; ++y)
+    for (int x = x0; x < x1; ++x)
+      if (Near(s.At(x, y), 255, 255, 255, 30)) return true;
+  return false;
+}
+
+bool Uniform(const std::string& path, uint32_t c) {
+  return e2e::WritePicture(path, 40, 30, [c](int, int) { return c; });
+}
+
+class SlideshowE2E : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    if (e2e::HaveTools()) xvfb_ = e2e::StartXvfb(800, 600);
+  }
+  static void TearDownTestSuite() { e2e::StopXvfb(); }
+
+  void SetUp() override {
+    if (!xvfb_) GTEST_SKIP() << "needs Xvfb, xdotool and xwd";
+    if (access(GLIMRA_BUILD_DIR "/glimra", X_OK) != 0) GTEST_SKIP() << "glimra is not built";
+    // Another copy on the machine would turn every start here into a hand-off.
+    if (e2e::RunningCopies() > 0) GTEST_SKIP() << "another glimra is running";
+  }
+
+  // Starts `p` and waits until the centre of the screen satisfies `ok`.
+  void StartShowing(Program* p, const char* arg, const std::function<bool(const Screen&)>& ok) {
+    ASSERT_TRUE(p->Start(arg));
+    ASSERT_TRUE(e2e::WaitForScreen(ok, kStartMs, &screen_)) << p->Log();
+  }
+  bool Centre(uint32_t want) {
+    return e2e::WaitForScreen([&](const Screen& s) { return Is(s.At(400, 300), want); }, kStepMs,
+                              &screen_);
+  }
+
+  static bool xvfb_;
+  Screen screen_;
+};
+bool SlideshowE2E::xvfb_ = false;
+
+TEST_F(SlideshowE2E, SecondStartHandsItsArgumentToTheRunningCopyAndEnds) {
+  Program first;
+  ASSERT_TRUE(first.Prepare(e2e::FreeUdpPort()));
+  ASSERT_TRUE(first.Start());
+  // Once its window is there, the first copy has counted itself and runs.
+  ASSERT_FALSE(first.WindowId(kStartMs).empty()) << first.Log();
+
+  // The second copy's own glimra.ini names a port this test listens on.
+  const int port = e2e::FreeUdpPort();
+  const int fd = e2e::ListenUdp(port);
+  ASSERT_GE(fd, 0);
+  Program second;
+  ASSERT_TRUE(second.Prepare(port));
+  ASSERT_TRUE(second.Start("C:\\Pictures\\a.jpg"));
+  EXPECT_EQ(second.WaitExit(kStartMs), 0);
+  std::string got;
+  ASSERT_TRUE(e2e::ReceiveUdp(fd, kStepMs, &got));
+  close(fd);
+  EXPECT_EQ(got, std::string("load C:\\Pictures\\a.jpg"));
+  EXPECT_EQ(got.size(), 22u);  // no terminating zero on the wire
+  EXPECT_NE(second.ReadFile("out.txt").find("Already running; pass arg to existing app"),
+            std::string::npos);
+  // No application object was made, hence no window: its log has no line tagged with its name.
+  EXPECT_EQ(second.Log().find("[glimra]"), std::string::npos) << second.Log();
+}
+
+TEST_F(SlideshowE2E, StepsWrapAndCommandsLoadIgnoreOrFailWithoutLosingThePicture) {
+  Program p;
+  ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
+  ASSERT_TRUE(Uniform(p.Path("a.tga"), kRed));
+  ASSERT_TRUE(Uniform(p.Path("b.tga"), kGreen));
+  ASSERT_TRUE(Uniform(p.Path("c.tga"), kBlue));
+  std::filesystem::create_directory(p.Path("extra"));
+  ASSERT_TRUE(Uniform(p.Path("extra/p.tga"), kWhite));
+  // Broken files, outside the catalogue: junk, empty, and a JPEG cut in half.
+  std::ofstream(p.Path("extra/bad.jpg")) << "this is not a picture";
+  std::ofstream(p.Path("extra/empty.tga"));
+  ASSERT_TRUE(e2e::WritePicture(p.Path("extra/full.jpg"), 64, 48,
+                                [](int x, int y) { return uint32_t(x * 4 << 16 | y * 5); }));
+  std::filesystem::resize_file(p.Path("extra/full.jpg"),
+                               std::filesystem::file_size(p.Path("extra/full.jpg")) / 2);
+
+  StartShowing(&p, nullptr, [](const Screen& s) { return Is(s.At(400, 300), kRed); });
+  ASSERT_TRUE(p.Keys("Right"));
+  EXPECT_TRUE(Centre(kGreen));
+  ASSERT_TRUE(p.Keys("Right"));
+  EXPECT_TRUE(Centre(kBlue));
+  ASSERT_TRUE(p.Keys("Right"));
+  EXPECT_TRUE(Centre(kRed)) << "Right after the last picture wraps to the first";
+  ASSERT_TRUE(p.Keys("Left"));
+  EXPECT_TRUE(Centre(kBlue)) << "Left from the first wraps to the last";
+
+  // A path outside the catalogue is shown and appended, so Right then wraps to the first.
+  ASSERT_TRUE(p.Send("load extra/p.tga"));
+  EXPECT_TRUE(Centre(kWhite));
+  EXPECT_TRUE(p.WaitForLog("Adding 'extra/p.tga' to dir contents", kStepMs));
+  ASSERT_TRUE(p.Keys("Right"));
+  EXPECT_TRUE(Centre(kRed));
+
+  // Only "load " exactly; the rest is logged on arrival and ignored.
+  for (const char* cmd : {"LOAD c.tga", "load\tc.tga", "loadxc.tga"}) {
+    ASSERT_TRUE(p.Send(cmd));
+    EXPECT_TRUE(p.WaitForLog("in 10 bytes (" + std::string(cmd) + ")", kStepMs)) << cmd;
+  }
+  // Files that do not load leave the picture as it was.
+  for (const char* path : {"extra/bad.jpg", "extra/empty.tga", "extra/full.jpg", "gone.tga", ""}) {
+    ASSERT_TRUE(p.Send(std::string("load ") + path));
+    EXPECT_TRUE(p.WaitForLog("Can't load image (" + std::string(path) + ")", kStepMs)) << path;
+  }
+  // The last command was handled in an earlier cycle; give the frame after it time to show.
+  usleep(300 * 1000);
+  ASSERT_TRUE(e2e::GrabScreen(&screen_));
+  EXPECT_TRUE(Is(screen_.At(400, 300), kRed));
+  EXPECT_TRUE(Is(screen_.At(5, 595), kRed)) << "the picture still fills the window";
+  EXPECT_EQ(p.Log().find("Adding 'c.tga'"), std::string::npos);
+}
+
+// 400 x 300, stored quadrants: red top-left, green top-right, blue bottom-left, white
+// bottom-right.
+bool Quadrants(const std::string& path, int orientation) {
+  return e2e::WritePicture(path, 400, 300,
+                           [](int x, int y) {
+                             if (y < 150) return x < 200 ? kRed : kGreen;
+                             return x < 200 ? kBlue : kWhite;
+                           }) &&
+         e2e::SetJpegOrientation(path, orientation);
+}
+
+TEST_F(SlideshowE2E, PicturesAreTurnedUprightAndFillTheWindowHeight) {
+  Program p;
+  ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
+  ASSERT_TRUE(Quadrants(p.Path("o3.jpg"), 3));
+  ASSERT_TRUE(Quadrants(p.Path("o6.jpg"), 6));
+
+  // Orientation 6: a quarter turn clockwise gives a 300 x 400 picture, drawn 450 x 600 in the
+  // middle of the window.
+  StartShowing(&p, "o6.jpg", [](const Screen& s) { return Is(s.At(287, 150), kBlue); });
+  EXPECT_TRUE(p.WaitForLog("Code 0, Orientation: 6", kStepMs));
+  EXPECT_TRUE(Is(screen_.At(512, 150), kRed));
+  EXPECT_TRUE(Is(screen_.At(287, 450), kWhite));
+  EXPECT_TRUE(Is(screen_.At(512, 450), kGreen));
+  for (int y : {5, 150, 450, 594}) {
+    EXPECT_EQ(screen_.At(174, y), 0u) << y;
+    EXPECT_NE(screen_.At(175, y), 0u) << y;
+    EXPECT_NE(screen_.At(624, y), 0u) << y;
+    EXPECT_EQ(screen_.At(625, y), 0u) << y;
+  }
+
+  // Orientation 3: a half turn, the full 800 x 600.
+  ASSERT_TRUE(p.Keys("Right"));
+  ASSERT_TRUE(e2e::WaitForScreen([](const Screen& s) { return Is(s.At(200, 150), kWhite); },
+                                 kStepMs, &screen_));
+  EXPECT_TRUE(Is(screen_.At(600, 150), kBlue));
+  EXPECT_TRUE(Is(screen_.At(200, 450), kGreen));
+  EXPECT_TRUE(Is(screen_.At(600, 450), kRed));
+  EXPECT_NE(screen_.At(2, 300), 0u);
+  EXPECT_NE(screen_.At(797, 300), 0u);
+}
+
+TEST_F(SlideshowE2E, EffectKeysShowAtOnceAndAreWrittenBackAndEscapeEndsCleanly) {
+  Program p;
+  ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
+  // Left half (100, 200, 50), right half (250, 10, 90); lossless, so the grey is exact.
+  ASSERT_TRUE(e2e::WritePicture(p.Path("g.tga"), 40, 30,
+                                [](int x, int) { return x < 20 ? 0x64C832u : 0xFA0A5Au; }));
+  StartShowing(&p, nullptr, [](const Screen& s) { return Is(s.At(200, 300), 0x64C832, 2); });
+  EXPECT_TRUE(Ink(screen_, 10, 10, 90, 28)) << "\"File 1 of 1\"";
+  EXPECT_TRUE(Ink(screen_, 10, 30, 150, 48)) << "file name and size";
+
+  // The grey of (r, g, b) is 0.21 r + 0.71 g + 0.08 b, truncated: 167 and 66 here (the usual
+  // video weights would give 153 and 90).
+  ASSERT_TRUE(p.Keys("b"));
+  EXPECT_TRUE(e2e::WaitForScreen(
+      [](const Screen& s) {
+        return Near(s.At(200, 300), 167, 167, 167, 1) && Near(s.At(600, 300), 66, 66, 66, 1);
+      },
+      kStepMs, &screen_));
+  EXPECT_EQ(p.Key("effects.black_and_white"), "1");
+  ASSERT_TRUE(p.Keys("c"));
+  EXPECT_TRUE(e2e::WaitForScreen(
+      [](const Screen& s) { return Is(s.At(600, 300), 0xFA0A5A, 2); }, kStepMs, &screen_));
+  EXPECT_EQ(p.Key("effects.black_and_white"), "0");
+
+  ASSERT_TRUE(p.Keys("i"));
+  EXPECT_TRUE(e2e::WaitForScreen([](const Screen& s) { return !Ink(s, 10, 10, 150, 48); },
+                                 kStepMs, &screen_));
+  EXPECT_EQ(p.Key("effects.show_info"), "0");
+  ASSERT_TRUE(p.Keys("i"));
+  EXPECT_TRUE(e2e::WaitForScreen([](const Screen& s) { return Ink(s, 10, 10, 90, 28); }, kStepMs,
+                                 &screen_));
+  EXPECT_EQ(p.Key("effects.show_info"), "1");
+
+  ASSERT_TRUE(p.Keys("Escape"));
+  EXPECT_EQ(p.WaitExit(kStartMs), 0);
+  const std::string log = p.Log();
+  const size_t exitAt = log.find("RaceManager: exit; releasing the slideshow");
+  ASSERT_NE(exitAt, std::string::npos) << log;
+  EXPECT_NE(log.find("RaceManager: released", exitAt), std::string::npos) << log;
+}
+
+}  // namespace

@@ -1,0 +1,410 @@
+#include "support/e2e.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <strings.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "framework/qbitmap.h"
+#include "framework/qini.h"
+
+namespace fs = std::filesystem;
+
+namespace e2e {
+
+namespace {
+
+pid_t g_xvfb = -1;
+int g_displayFd = -1;
+
+using Clock = std::chrono::steady_clock;
+
+int MsLeft(Clock::time_point end) {
+  return int(std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count());
+}
+
+void Pause() { std::this_thread::sleep_for(std::chrono::milliseconds(50)); }
+
+bool Have(const char* tool) {
+  return system((std::string("command -v ") + tool + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+std::string Capture(const std::string& cmd) {
+  std::string out;
+  FILE* p = popen(cmd.c_str(), "r");
+  if (!p) return out;
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) out.append(buf, n);
+  pclose(p);
+  return out;
+}
+
+uint32_t Be32(const std::string& d, size_t at) {
+  const auto* p = reinterpret_cast<const unsigned char*>(d.data() + at);
+  return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
+}
+
+// The channel's 8-bit value under `mask`.
+int Channel(uint32_t pixel, uint32_t mask) {
+  if (!mask) return 0;
+  int shift = 0;
+  while (!((mask >> shift) & 1)) ++shift;
+  const uint32_t max = mask >> shift;
+  return int(((pixel & mask) >> shift) * 255 / max);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// X server
+// ---------------------------------------------------------------------------------------------
+
+bool HaveTools() { return Have("Xvfb") && Have("xdotool") && Have("xwd"); }
+
+bool StartXvfb(int w, int h) {
+  if (g_xvfb > 0) return true;
+  if (!Have("Xvfb")) return false;
+  int fds[2];
+  if (pipe(fds) != 0) return false;
+  g_xvfb = fork();
+  if (g_xvfb == 0) {
+    close(fds[0]);
+    int null = open("/dev/null", O_WRONLY);
+    dup2(null, 1);
+    dup2(null, 2);
+    const std::string fd = std::to_string(fds[1]);
+    const std::string screen = std::to_string(w) + "x" + std::to_string(h) + "x24";
+    execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-screen", "0", screen.c_str(), "-nolisten",
+           "tcp", "-noreset", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(fds[1]);
+  // The server writes the number and the newline apart and must not find the pipe closed.
+  g_displayFd = fds[0];
+  char buf[32] = {};
+  size_t n = 0;
+  pollfd p{fds[0], POLLIN, 0};
+  while (n < sizeof(buf) - 1 && !memchr(buf, '\n', n) && poll(&p, 1, 10000) > 0) {
+    ssize_t got = read(fds[0], buf + n, sizeof(buf) - 1 - n);
+    if (got <= 0) break;
+    n += size_t(got);
+  }
+  if (!memchr(buf, '\n', n)) {
+    StopXvfb();
+    return false;
+  }
+  setenv("DISPLAY", (":" + std::to_string(atoi(buf))).c_str(), 1);
+  return true;
+}
+
+void StopXvfb() {
+  if (g_displayFd >= 0) close(g_displayFd);
+  g_displayFd = -1;
+  if (g_xvfb > 0) {
+    kill(g_xvfb, SIGTERM);
+    waitpid(g_xvfb, nullptr, 0);
+  }
+  g_xvfb = -1;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Screen
+// ---------------------------------------------------------------------------------------------
+
+bool Near(uint32_t c, int r, int g, int b, int tol) {
+  return abs(R(c) - r) <= tol && abs(G(c) - g) <= tol && abs(B(c) - b) <= tol;
+}
+
+bool ParseXwd(const std::string& d, Screen* out) {
+  if (d.size() < 100) return false;
+  const uint32_t headerSize = Be32(d, 0), version = Be32(d, 4);
+  const uint32_t width = Be32(d, 16), height = Be32(d, 20), byteOrder = Be32(d, 28);
+  const uint32_t bpp = Be32(d, 44), bytesPerLine = Be32(d, 48), visualClass = Be32(d, 52);
+  const uint32_t masks[3] = {Be32(d, 56), Be32(d, 60), Be32(d, 64)};
+  const uint32_t colours = Be32(d, 76);
+  // True colour (4) or direct colour (5) only: the masks then give the channels.
+  if (version != 7 || headerSize < 100 || (bpp != 24 && bpp != 32) || visualClass < 4 ||
+      width == 0 || height == 0 || width > 16384 || height > 16384 ||
+      bytesPerLine < width * (bpp / 8))
+    return false;
+  const uint64_t start = uint64_t(headerSize) + uint64_t(colours) * 12;
+  if (start + uint64_t(bytesPerLine) * height > d.size()) return false;
+  out->width = int(width);
+  out->height = int(height);
+  out->rgb.assign(size_t(width) * height, 0);
+  const auto* base = reinterpret_cast<const unsigned char*>(d.data() + start);
+  for (uint32_t y = 0; y < height; ++y) {
+    for (uint32_t x = 0; x < width; ++x) {
+      const unsigned char* p = base + size_t(y) * bytesPerLine + size_t(x) * (bpp / 8);
+      uint32_t v = 0;
+      for (uint32_t i = 0; i < bpp / 8; ++i)
+        v |= uint32_t(p[i]) << (byteOrder == 0 ? 8 * i : 8 * (bpp / 8 - 1 - i));
+      out->rgb[size_t(y) * width + x] = uint32_t(Channel(v, masks[0])) << 16 |
+                                        uint32_t(Channel(v, masks[1])) << 8 |
+                                        uint32_t(Channel(v, masks[2]));
+    }
+  }
+  return true;
+}
+
+bool GrabScreen(Screen* out) { return ParseXwd(Capture("xwd -root -silent 2>/dev/null"), out); }
+
+bool WaitForScreen(const std::function<bool(const Screen&)>& ok, int ms, Screen* out) {
+  const auto end = Clock::now() + std::chrono::milliseconds(ms);
+  for (;;) {
+    const bool grabbed = GrabScreen(out);
+    if (grabbed && ok(*out)) return true;
+    if (MsLeft(end) <= 0) return false;
+    Pause();
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Pictures
+// ---------------------------------------------------------------------------------------------
+
+bool WritePicture(const std::string& path, int w, int h,
+                  const std::function<uint32_t(int x, int y)>& color) {
+  QBitMap bm(32, w, h);
+  uint8_t* px = bm.GetBuffer();
+  if (!px) return false;
+  for (int y = 0; y < h; ++y) {
+    // Memory rows are bottom-up.
+    uint8_t* row = px + size_t(h - 1 - y) * w * 4;
+    for (int x = 0; x < w; ++x) {
+      const uint32_t c = color(x, y);
+      row[x * 4 + 0] = uint8_t(c >> 16), row[x * 4 + 1] = uint8_t(c >> 8);
+      row[x * 4 + 2] = uint8_t(c), row[x * 4 + 3] = 255;
+    }
+  }
+  const bool jpeg = path.size() > 4 && strcasecmp(path.c_str() + path.size() - 4, ".jpg") == 0;
+  return bm.Write(path.c_str(), jpeg ? 3 : 1, 95);
+}
+
+bool SetJpegOrientation(const std::string& path, int orientation) {
+  std::string data;
+  {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    data = s.str();
+  }
+  if (data.size() < 4 || (unsigned char)data[0] != 0xFF || (unsigned char)data[1] != 0xD8)
+    return false;
+  // APP1: "Exif\0\0", a little-endian TIFF header, IFD0 with one SHORT entry 0x0112.
+  const unsigned char seg[] = {
+      0xFF, 0xE1, 0x00, 0x22, 'E', 'x', 'i', 'f', 0, 0,                 // marker, length 34
+      'I', 'I', 0x2A, 0x00, 0x08, 0x00, 0x00, 0x00,                    // TIFF header
+      0x01, 0x00,                                                      // one entry
+      0x12, 0x01, 0x03, 0x00, 0x01, 0x00, 0x00, 0x00,                  // 0x0112, SHORT, 1
+      (unsigned char)orientation, 0x00, 0x00, 0x00,                    // the value
+      0x00, 0x00, 0x00, 0x00};                                         // no next IFD
+  data.insert(2, reinterpret_cast<const char*>(seg), sizeof(seg));
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(data.data(), std::streamsize(data.size()));
+  return bool(out);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Processes and ports
+// ---------------------------------------------------------------------------------------------
+
+int RunningCopies() {
+  int count = 0;
+  DIR* d = opendir("/proc");
+  if (!d) return 0;
+  while (dirent* e = readdir(d)) {
+    if (e->d_name[0] < '0' || e->d_name[0] > '9') continue;
+    char link[300], target[4096];
+    snprintf(link, sizeof(link), "/proc/%s/exe", e->d_name);
+    ssize_t n = readlink(link, target, sizeof(target) - 1);
+    if (n <= 0) continue;
+    target[n] = 0;
+    const char* slash = strrchr(target, '/');
+    if (strcasecmp(slash ? slash + 1 : target, "glimra") == 0) ++count;
+  }
+  closedir(d);
+  return count;
+}
+
+int ListenUdp(int port) {
+  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  if (fd < 0) return -1;
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(uint16_t(port));
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+int FreeUdpPort() {
+  int fd = ListenUdp(0);
+  if (fd < 0) return -1;
+  sockaddr_in a{};
+  socklen_t len = sizeof(a);
+  int port = getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0 ? ntohs(a.sin_port) : -1;
+  close(fd);
+  return port;
+}
+
+bool ReceiveUdp(int fd, int ms, std::string* out) {
+  pollfd p{fd, POLLIN, 0};
+  if (poll(&p, 1, ms) <= 0) return false;
+  char buf[4096];
+  ssize_t n = recv(fd, buf, sizeof(buf), 0);
+  if (n < 0) return false;
+  out->assign(buf, size_t(n));
+  return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Program
+// ---------------------------------------------------------------------------------------------
+
+Program::~Program() {
+  if (pid_ > 0) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  if (!dir_.empty()) {
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+  }
+}
+
+bool Program::Prepare(int port, const std::string& buildDir) {
+  static int serial = 0;
+  // Lower case on purpose: the program lower-cases its own folder before making it current.
+  dir_ = "/tmp/glimra-e2e-" + std::to_string(getpid()) + "-" + std::to_string(serial++);
+  std::error_code ec;
+  fs::remove_all(dir_, ec);
+  if (mkdir(dir_.c_str(), 0700) != 0) return false;
+  const fs::path build(buildDir);
+  fs::copy_file(build / "glimra", dir_ + "/glimra", ec);
+  if (ec) return false;
+  fs::copy_file(build / "glimra.ini", dir_ + "/glimra.ini", ec);
+  if (ec) return false;
+  fs::copy(build / "fonts", dir_ + "/fonts", fs::copy_options::recursive, ec);
+  if (ec) return false;
+  port_ = port;
+  return SetKey("network.port", std::to_string(port).c_str()) &&
+         SetKey("resolution.width", "800") && SetKey("resolution.height", "600") &&
+         SetKey("dev.qdbg_to_qlog", "1");
+}
+
+bool Program::SetKey(const char* key, const char* value) {
+  QIni ini(Path("glimra.ini").c_str());
+  return ini.SetString(key, value) && ini.Write(nullptr, false);
+}
+
+std::string Program::Key(const char* key) const {
+  QIni ini(Path("glimra.ini").c_str(), QIni::SILENT);
+  qstring v;
+  ini.GetString(key, &v, "");
+  return v.cstr();
+}
+
+bool Program::Start(const char* arg) {
+  const std::string exe = Path("glimra"), out = Path("out.txt");
+  pid_ = fork();
+  if (pid_ < 0) return false;
+  if (pid_ == 0) {
+    if (chdir(dir_.c_str()) != 0) _exit(126);
+    int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (fd >= 0) dup2(fd, 1), dup2(fd, 2);
+    // The GL driver keeps blocks to the end, and so do the font and window by design.
+    const char* asan = getenv("ASAN_OPTIONS");
+    setenv("ASAN_OPTIONS", (std::string(asan ? asan : "") + ":detect_leaks=0").c_str(), 1);
+    execl(exe.c_str(), "glimra", arg, static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  return true;
+}
+
+int Program::WaitExit(int ms) {
+  if (pid_ <= 0) return -1;
+  const auto end = Clock::now() + std::chrono::milliseconds(ms);
+  for (;;) {
+    int status = 0;
+    if (waitpid(pid_, &status, WNOHANG) == pid_) {
+      pid_ = -1;
+      return WIFEXITED(status) ? WEXITSTATUS(status) : -2;
+    }
+    if (MsLeft(end) <= 0) return -1;
+    Pause();
+  }
+}
+
+std::string Program::WindowId(int ms) {
+  const auto end = Clock::now() + std::chrono::milliseconds(ms);
+  for (;;) {
+    std::istringstream in(Capture("xdotool search --pid " + std::to_string(pid_) + " 2>/dev/null"));
+    std::string id;
+    if (in >> id) return id;
+    if (MsLeft(end) <= 0) return "";
+    Pause();
+  }
+}
+
+bool Program::Keys(const std::string& keys) {
+  const std::string id = WindowId(5000);
+  if (id.empty()) return false;
+  return system(("xdotool windowfocus --sync " + id + " key --delay 150 " + keys +
+                 " >/dev/null 2>&1").c_str()) == 0;
+}
+
+bool Program::Send(const std::string& bytes) const {
+  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  if (fd < 0) return false;
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(uint16_t(port_));
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const ssize_t n = sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&a),
+                           sizeof(a));
+  close(fd);
+  return n == ssize_t(bytes.size());
+}
+
+std::string Program::ReadFile(const std::string& name) const {
+  std::ifstream f(Path(name), std::ios::binary);
+  std::stringstream s;
+  s << f.rdbuf();
+  return s.str();
+}
+
+bool Program::WaitForLog(const std::string& text, int ms, int count) const {
+  const auto end = Clock::now() + std::chrono::milliseconds(ms);
+  for (;;) {
+    const std::string log = Log();
+    int seen = 0;
+    for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
+      ++seen;
+    if (seen >= count) return true;
+    if (MsLeft(end) <= 0) return false;
+    Pause();
+  }
+}
+
+}  // namespace e2e

@@ -1,0 +1,114 @@
+// End-to-end harness: runs the real glimra program on a private X server and looks at it from
+// outside, the way a person or another program would: UDP datagrams to its command port, keys
+// through xdotool, the screen read back with xwd, its log and configuration files.
+//
+// Each Program gets its own lower-case temporary folder (the program lower-cases its own folder
+// and makes it the working directory) with a copy of the runnable folder of the build
+// (GLIMRA_BUILD_DIR: glimra, glimra.ini, fonts/), its own command port and an 800 x 600 window
+// that writes debug lines into QLOG.txt. The folder and the process go when the Program does.
+// Waits poll with time-outs; nothing here sleeps a fixed time longer than a poll step.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace e2e {
+
+// ---- The private X server ----
+// Starts Xvfb at w x h x 24 on a free display (-displayfd) and points DISPLAY at it. False when
+// Xvfb is missing or does not come up.
+bool StartXvfb(int w, int h);
+void StopXvfb();
+// True when Xvfb, xdotool and xwd are installed.
+bool HaveTools();
+
+// ---- The screen ----
+struct Screen {
+  int width = 0;
+  int height = 0;
+  std::vector<uint32_t> rgb;  // 0xRRGGBB, rows from the top
+  // 0 outside the screen.
+  uint32_t At(int x, int y) const {
+    return x >= 0 && y >= 0 && x < width && y < height ? rgb[size_t(y) * width + x] : 0;
+  }
+};
+inline int R(uint32_t c) { return int(c >> 16) & 255; }
+inline int G(uint32_t c) { return int(c >> 8) & 255; }
+inline int B(uint32_t c) { return int(c) & 255; }
+// True when every channel of `c` is within `tol` of (r, g, b).
+bool Near(uint32_t c, int r, int g, int b, int tol);
+// Parses an X window dump of a true-colour visual (24 or 32 bits per pixel). False for anything
+// else or a dump shorter than its header says.
+bool ParseXwd(const std::string& data, Screen* out);
+// The whole root window of DISPLAY.
+bool GrabScreen(Screen* out);
+// Grabs until `ok` holds or `ms` pass; answers the last grab's verdict (the grab stays in `out`).
+bool WaitForScreen(const std::function<bool(const Screen&)>& ok, int ms, Screen* out);
+
+// ---- Pictures ----
+// Writes a w x h picture whose pixel (x, y from the top) is `color(x, y)` (0xRRGGBB) as a JPEG
+// (quality 95) or a 32-bit Targa, chosen by the name's extension.
+bool WritePicture(const std::string& path, int w, int h,
+                  const std::function<uint32_t(int x, int y)>& color);
+// Puts a minimal EXIF segment carrying only `orientation` right after a JPEG's start marker.
+bool SetJpegOrientation(const std::string& path, int orientation);
+
+// ---- Processes and ports ----
+// Processes on the machine whose executable is named glimra.
+int RunningCopies();
+// A UDP port of 127.0.0.1 that was free a moment ago.
+int FreeUdpPort();
+// A UDP socket bound to 127.0.0.1:port, or -1.
+int ListenUdp(int port);
+// The next datagram on `fd` within `ms`; false on time-out.
+bool ReceiveUdp(int fd, int ms, std::string* out);
+
+class Program {
+ public:
+  Program() = default;
+  ~Program();
+  Program(const Program&) = delete;
+  Program& operator=(const Program&) = delete;
+
+  // Makes the folder and its glimra.ini (command port `port`) from the runnable folder
+  // `buildDir`. False when that folder is incomplete or a copy fails.
+  bool Prepare(int port, const std::string& buildDir);
+#ifdef GLIMRA_BUILD_DIR
+  bool Prepare(int port) { return Prepare(port, GLIMRA_BUILD_DIR); }
+#endif
+  const std::string& Dir() const { return dir_; }
+  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+  int Port() const { return port_; }
+  // Sets a key of the folder's glimra.ini (before Start).
+  bool SetKey(const char* key, const char* value);
+  // The value of a key as the file now holds it ("" when missing).
+  std::string Key(const char* key) const;
+
+  // Runs glimra from the folder with the optional argument; output goes to "out.txt".
+  bool Start(const char* arg = nullptr);
+  pid_t Pid() const { return pid_; }
+  // The exit status once it ended within `ms`; -1 on time-out, -2 when a signal ended it.
+  int WaitExit(int ms);
+  // The program's window, once it exists (within `ms`); "" otherwise.
+  std::string WindowId(int ms);
+  // Focuses the window and types `keys` (xdotool key names, blank-separated).
+  bool Keys(const std::string& keys);
+  // Sends one datagram of exactly these bytes to the command port.
+  bool Send(const std::string& bytes) const;
+
+  std::string Log() const { return ReadFile("QLOG.txt"); }
+  std::string ReadFile(const std::string& name) const;
+  // Waits until QLOG.txt holds `text` at least `count` times.
+  bool WaitForLog(const std::string& text, int ms, int count = 1) const;
+
+ private:
+  std::string dir_;
+  int port_ = 0;
+  pid_t pid_ = -1;
+};
+
+}  // namespace e2e
