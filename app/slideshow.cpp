@@ -94,9 +94,6 @@ void RaceManager::SaveIni() {
 
 void RaceManager::Setup(const char* arg) {
   QRect rect{0, 0, 800, 600};
-  // Kept from the window layout this controller was made for; nothing uses it.
-  const QRect spare{0, 0, 20, 20};
-  (void)spare;
 
   // By absolute path: app.startup_directory changes the working directory below, and B, C and I
   // must still write to the file that was read.

@@ -370,7 +370,8 @@ std::string Program::WindowId(int ms) {
 bool Program::Keys(const std::string& keys) {
   const std::string id = WindowId(5000);
   if (id.empty()) return false;
-  return system(("xdotool windowfocus --sync " + id + " key --delay 150 " + keys +
+  // --sync waits for the focus; the time-out keeps a lost window from hanging the test.
+  return system(("timeout 10 xdotool windowfocus --sync " + id + " key --delay 150 " + keys +
                  " >/dev/null 2>&1").c_str()) == 0;
 }
 
