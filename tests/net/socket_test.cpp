@@ -121,7 +121,7 @@ TEST_F(QNSocketTest, RefusedDatagramMakesTheNextReadZeroAndLaterWritesGoThrough)
   QNSocket peer(QNSocket::UDP, "peer");
   int peerPort = OpenOnFreePort(peer);
   QNAddress to = Loopback(peerPort);
-  EXPECT_EQ(rx_.Write("hello", 5, &to), 5);
+  ASSERT_EQ(rx_.Write("hello", 5, &to), 5);
   EXPECT_EQ(peer.Read(in, sizeof(in)), 5);
   EXPECT_FALSE(log.Seen("[QN]"));
 }
