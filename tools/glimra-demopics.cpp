@@ -553,8 +553,12 @@ void Panorama(Canvas& c) {
   float x = W * 0.63f;
   int i = 0;
   while (x < W * 0.97f) {
-    const float gy = H * 0.76f - (x - W * 0.63f) / W * H * 0.1f;
     const float w = H * rng.Range(0.1f, 0.15f), h = H * rng.Range(0.09f, 0.13f);
+    // On the sand: its edge runs from (0.62 W, 0.8 H) to (0.8 W, 0.74 H) to (W, 0.72 H).
+    const float right = (x + w) / W;
+    const float edge = right < 0.8f ? 0.8f - (right - 0.62f) / 0.18f * 0.06f
+                                    : 0.74f - (right - 0.8f) / 0.2f * 0.02f;
+    const float gy = H * (edge + 0.03f);
     House(c, x, gy, w, h, kHouseWalls[i % 6], kRoofs[(i + 1) % 3], uint32_t(80 + i));
     if (i % 3 == 2) LeafTree(c, x + w + H * 0.02f, gy, H * 0.14f, {70, 120, 50}, uint32_t(90 + i));
     x += w + H * rng.Range(0.03f, 0.09f);
