@@ -103,11 +103,14 @@ if [ "${DEMO_HEADLESS:-0}" != 1 ] && { [ -n "${DISPLAY:-}" ] || [ -n "${WAYLAND_
   say "showing ${#pictures[@]} pictures from $PICS"
   say "keys: Left/Right previous/next picture, B black and white, C colour,"
   say "      I information line on/off, Escape ends"
-  say "from another terminal: (cd $RUN && ./glimra ${pictures[0]}) hands a picture over,"
+  say "from another terminal: (cd $RUN && ./glimra ${pictures[1]}) hands a picture over,"
   say "      as does a UDP datagram 'load <path>' to 127.0.0.1 port $PORT"
+  say "the program's log goes to $OUT/glimra.log"
   cd "$RUN" || exit 1
-  ./glimra
-  exit $?
+  ./glimra >"$OUT/glimra.log" 2>&1
+  status=$?
+  say "the slideshow ended with status $status"
+  exit $status
 fi
 
 # ---- without a display: drive it under Xvfb ----------------------------------------------------
