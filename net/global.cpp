@@ -83,7 +83,8 @@ bool OpenUdpOut(const char* description) {
     if (key == "to") to = item.substr(eq + 1);
   }
   if (type != "udp" || to.find(':') == std::string::npos) {
-    QWARN("qnOpenUdpOut", "udp_out: can't use the description '%s'", description ? description : "");
+    QWARN("qnOpenUdpOut", "udp_out: can't use the description '%s'",
+          description ? description : "");
     return false;
   }
   QNAddress dest;

@@ -55,7 +55,8 @@ bool QNSocket::Fail() {
 
 void QNSocket::SetNoBind() {
   if (IsOpen())
-    QWARN("QNSocket::SetNoBind", "QNSocket:SetNoBind() called after opening the socket - no effect");
+    QWARN("QNSocket::SetNoBind",
+          "QNSocket:SetNoBind() called after opening the socket - no effect");
   flags_ |= NO_BIND;
 }
 
@@ -176,8 +177,8 @@ int QNSocket::Read(void* buffer, int size, QNAddress* from) {
     return -1;
   }
   if (from)
-    QWARN("QNSocket::Read", "Socket '%s' is a TCP connection, cannot receive from a specific address",
-          GetName());
+    QWARN("QNSocket::Read",
+          "Socket '%s' is a TCP connection, cannot receive from a specific address", GetName());
   if (!buffer || size < 0) size = 0;
   if (!IsOpen()) qnSetLastError(kNotSocket);
   ssize_t n = IsOpen() ? recv(handle_, buffer, static_cast<size_t>(size), 0) : -1;
