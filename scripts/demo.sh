@@ -93,7 +93,13 @@ EOF
 }
 
 # Only one copy runs: another one would be handed our start and show nothing of ours.
-others_running() { pgrep -x glimra >/dev/null 2>&1; }
+others_running() {
+  local comm
+  for comm in /proc/[0-9]*/comm; do
+    [ "$(cat "$comm" 2>/dev/null)" = glimra ] && return 0
+  done
+  return 1
+}
 
 # ---- with a display: run it for the user ------------------------------------------------------
 if [ "${DEMO_HEADLESS:-0}" != 1 ] && { [ -n "${DISPLAY:-}" ] || [ -n "${WAYLAND_DISPLAY:-}" ]; }; then
@@ -132,7 +138,7 @@ trap 'exit 130' INT TERM
 
 # Another engineer's or a test's slideshow may be running for a moment; wait it out.
 for _ in $(seq 60); do others_running || break; sleep 1; done
-others_running && die "another glimra keeps running (pgrep -x glimra); the demo's would only hand over to it"
+others_running && die "another glimra keeps running; the demo's would only hand over to it"
 
 # Xvfb picks a free display number itself and writes it to the given descriptor.
 Xvfb -displayfd 3 -screen 0 "${WIDTH}x${HEIGHT}x24" -nolisten tcp -noreset \
