@@ -1,7 +1,7 @@
 // RaceManager: the slideshow's one controller. It reads "glimra.ini", makes the application and
 // its window, opens the command socket, keeps the catalogue of pictures of the working
 // directory and runs the main loop: keys, then one idle cycle (paint, swap, 100 ms sleep, one
-// command datagram).
+// command datagram). The sleep is "dev.idle_sleep_ms", 100 ms unless a test shortens it.
 //
 // What stays true: at most one texture and one mesh exist, both owned here and replaced together
 // by each successful load; a failed load leaves the picture, `curFile` and `curImage` as they
@@ -34,6 +34,15 @@ class RaceManager {
   static constexpr int MAX_IMAGES = 2000;
   // `flags` bit: the information overlay is shown.
   static constexpr uint32_t SHOW_INFO = 2;
+  // Default pause of an idle cycle ("dev.idle_sleep_ms"), which paces frames and commands.
+  static constexpr int IDLE_SLEEP_MS = 100;
+
+  // Milliseconds spent in each phase of the last successful load: reading the file, the grey
+  // conversion (0 when black-and-white is off), the EXIF parse, turning upright, and making
+  // the texture and quad.
+  struct LoadTimes {
+    double read = 0, grey = 0, exif = 0, turn = 0, upload = 0;
+  };
 
   // Empty catalogue, nothing loaded; becomes the process's controller.
   RaceManager();
@@ -41,9 +50,9 @@ class RaceManager {
   // timer and the catalogue; the font and the window end with the process.
   ~RaceManager();
 
-  // The whole start: configuration, console, command socket, application and window, font,
-  // start-up directory, catalogue, first picture (or `arg`, which may be null). A font that
-  // cannot be made or a command port that cannot be opened ends the program (fatal).
+  // The whole start: configuration, console, command socket, idle pause, application and window,
+  // font, start-up directory, catalogue, first picture (or `arg`, which may be null). A font
+  // that cannot be made or a command port that cannot be opened ends the program (fatal).
   void Setup(const char* arg);
 
   // ---- Catalogue ----
@@ -61,8 +70,8 @@ class RaceManager {
   void PrevImage();
 
   // ---- Loading and painting (slideshow_load.cpp) ----
-  // Loads and shows `path`; a file that cannot be read logs "Can't load image (%s)" and changes
-  // nothing.
+  // Loads and shows `path` and logs its phase times at debug level; a file that cannot be read
+  // logs "Can't load image (%s)" and changes nothing (the phase times included).
   void LoadNewImage(const char* path);
   // Reloads `curFile`; nothing when it is empty.
   void LoadCurImage();
@@ -90,6 +99,8 @@ class RaceManager {
   int GetNetPort() const { return netPort; }
   const DBitMapTexture* GetTexture() const { return texture; }
   const DMesh* GetMesh() const { return mesh; }
+  const LoadTimes& GetLoadTimes() const { return loadTimes; }
+  int GetIdleSleepMs() const { return idleSleepMs; }
   // Attach a configuration (owned from then on) and the window to draw into (borrowed) without
   // the rest of the start-up; Setup uses them, and so can tests and tools that drive the
   // catalogue and the loader. Without a window nothing is painted and no quad is made.
@@ -118,6 +129,8 @@ class RaceManager {
   int32_t curImage = -1;
 
   QCanvas* canvas = nullptr;  // the window canvas, made with the window
+  LoadTimes loadTimes;
+  int idleSleepMs = IDLE_SLEEP_MS;  // read once by Setup; never negative
 };
 
 // The process's controller; null before construction and after ExitProc.
