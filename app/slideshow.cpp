@@ -109,6 +109,9 @@ void RaceManager::Setup(const char* arg) {
 
   netPort = ini->GetInt("network.port", 5000);
   OpenCommandSocket(netPort);
+  // A developer's knob: soak tests shorten the cycle to push thousands of commands through.
+  idleSleepMs = ini->GetInt("dev.idle_sleep_ms", IDLE_SLEEP_MS);
+  if (idleSleepMs < 0) idleSleepMs = 0;
 
   if (ini->GetBool("effects.show_info", true)) flags |= SHOW_INFO;
 
@@ -287,7 +290,7 @@ void RaceManager::IdleProc() {
   if (!rm) return;
   rm->Paint();
   if (rm->window) rm->window->Swap();
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  std::this_thread::sleep_for(std::chrono::milliseconds(rm->idleSleepMs));
   NetCheck(rm->netPort);
 }
 

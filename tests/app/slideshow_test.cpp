@@ -72,6 +72,7 @@ TEST(ShippedIni, ReadsBackWithoutWarningsAndHoldsEveryKeyAtItsDefault) {
       {"dev.udp_out", ""},            {"dev.log_last", "0"},
       {"dev.strict", "0"},            {"dev.opengl_checks", "0"},
       {"dev.argument_tracing", "0"},  {"dev.qdbg_to_qlog", "0"},
+      {"dev.idle_sleep_ms", "100"},
   };
   for (const auto& k : keys) {
     qstring v;
