@@ -48,7 +48,8 @@ struct SegmentBuilder {
     U32(value);
   }
   void PutU32(size_t at, uint32_t v) {
-    for (int k = 0; k < 4; ++k) b[at + k] = static_cast<uint8_t>(v >> (8 * k));
+    ASSERT_LE(at + 4, b.size());
+    for (size_t k = 0; k < 4; ++k) b.at(at + k) = static_cast<uint8_t>(v >> (8 * k));
   }
   int32_t Parse(QExif* x) const { return x->ReadExifSegment(b.data(), b.size()); }
 };
