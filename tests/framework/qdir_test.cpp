@@ -9,36 +9,17 @@
 #include <string>
 #include <vector>
 
-#include "framework/qmessage.h"
 #include "framework/qstring.h"
+#include "support/logcapture.h"
+#include "support/tempdir.h"
 
 namespace {
 
-std::vector<std::string> g_log;
-void Capture(const char*, const char* text) { g_log.emplace_back(text); }
-
-class QDirTest : public ::testing::Test {
+class QDirTest : public TempDirTest {
  protected:
-  void SetUp() override {
-    g_log.clear();
-    qSetWarnHandler(Capture);
-    qSetErrHandler(Capture);
-    char tmpl[] = "/tmp/qdir_test_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override {
-    qSetWarnHandler(nullptr);
-    qSetErrHandler(nullptr);
-    std::string cmd = "rm -rf '" + dir_ + "'";
-    ASSERT_EQ(system(cmd.c_str()), 0);
-  }
-  void Touch(const char* name, const std::string& content) {
-    FILE* fp = fopen((dir_ + "/" + name).c_str(), "wb");
-    ASSERT_NE(fp, nullptr);
-    fwrite(content.data(), 1, content.size(), fp);
-    fclose(fp);
-  }
+  // The prefix's length matters: the overlong-path case counts from it.
+  QDirTest() : TempDirTest("qdir_test") {}
+  void Touch(const char* name, const std::string& content) { MakeFile(name, content); }
   std::vector<std::string> List(const char* directory) {
     QDirectory d(directory);
     EXPECT_TRUE(d.IsOpen());
@@ -48,7 +29,7 @@ class QDirTest : public ::testing::Test {
     EXPECT_STREQ(name, "");
     return names;
   }
-  std::string dir_;
+  LogCapture log_;
 };
 
 TEST_F(QDirTest, EmptyDirectoryListsDotFirst) {
@@ -97,13 +78,13 @@ TEST_F(QDirTest, OverlongPathRefusesInformationButNamesTheEntry) {
   QDirEntryInfo info;
   EXPECT_TRUE(d.ReadNext(name, &info));  // "." still fits
   EXPECT_TRUE(d.ReadNext(name, &info));  // ".."
-  g_log.clear();
+  log_.Clear();
   EXPECT_FALSE(d.ReadNext(name, &info));
   EXPECT_STREQ(name, "abcdefgh");
-  ASSERT_EQ(g_log.size(), 1u);
+  ASSERT_EQ(log_.Lines().size(), 1u);
   std::string expected = "Buffer overflow; dirName (" + std::to_string(longDir.size()) +
                          ") or name (8) too large.";
-  EXPECT_NE(g_log[0].find(expected), std::string::npos) << g_log[0];
+  EXPECT_NE(log_.Lines()[0].find(expected), std::string::npos) << log_.Lines()[0];
 }
 
 TEST_F(QDirTest, MissingDirectoryIsNotOpen) {
@@ -126,8 +107,8 @@ TEST_F(QDirTest, CurrentDirectoryChangesAndFailsWithAWarning) {
   EXPECT_STREQ(now.cstr(), real);
   free(real);
   EXPECT_FALSE(QSetCurrentDirectory("absent-directory"));
-  ASSERT_EQ(g_log.size(), 1u);
-  EXPECT_NE(g_log[0].find("'absent-directory'"), std::string::npos);
+  ASSERT_EQ(log_.Lines().size(), 1u);
+  EXPECT_NE(log_.Lines()[0].find("'absent-directory'"), std::string::npos);
   ASSERT_TRUE(QSetCurrentDirectory(before.cstr()));
 }
 

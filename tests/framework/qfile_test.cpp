@@ -10,56 +10,22 @@
 #include <vector>
 
 #include "framework/qmem.h"
-#include "framework/qmessage.h"
+#include "support/logcapture.h"
+#include "support/tempdir.h"
 
 namespace {
 
-std::vector<std::string> g_log;
-void Capture(const char*, const char* text) { g_log.emplace_back(text); }
-
-bool Logged(const std::string& text) {
-  for (const std::string& s : g_log)
-    if (s.find(text) != std::string::npos) return true;
-  return false;
-}
-
-class QFileTest : public ::testing::Test {
+class QFileTest : public TempDirTest {
  protected:
-  void SetUp() override {
-    g_log.clear();
-    qSetWarnHandler(Capture);
-    qSetErrHandler(Capture);
-    char tmpl[] = "/tmp/qfile_test_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override {
-    qSetWarnHandler(nullptr);
-    qSetErrHandler(nullptr);
-    std::string cmd = "rm -rf '" + dir_ + "'";
-    ASSERT_EQ(system(cmd.c_str()), 0);
-  }
-  std::string MakeFile(const char* name, const std::string& content) {
-    std::string path = dir_ + "/" + name;
-    FILE* fp = fopen(path.c_str(), "wb");
-    fwrite(content.data(), 1, content.size(), fp);
-    fclose(fp);
-    return path;
-  }
-  std::string ReadBack(const std::string& path) {
-    std::string out;
-    FILE* fp = fopen(path.c_str(), "rb");
-    for (int c; fp && (c = fgetc(fp)) != EOF;) out += static_cast<char>(c);
-    if (fp) fclose(fp);
-    return out;
-  }
+  QFileTest() : TempDirTest("qfile_test") {}
+  bool Logged(const std::string& text) const { return log_.Seen(text); }
   // A block of exactly `text`'s size from the counted allocator, so an overread is caught.
   static void* Block(const std::string& text) {
     void* p = qmalloc(text.size());
     memcpy(p, text.data(), text.size());
     return p;
   }
-  std::string dir_;
+  LogCapture log_;
 };
 
 // ---- Memory end-of-data rule ----
@@ -156,7 +122,7 @@ TEST_F(QFileTest, MemoryFlagPreloadsAndClosesTheStream) {
     EXPECT_STREQ(f.ClassName(), "QFile");
   }
   EXPECT_EQ(qfGetOpenCount(), open);
-  EXPECT_TRUE(g_log.empty());
+  EXPECT_TRUE(log_.Lines().empty());
 }
 
 TEST_F(QFileTest, MemoryFlagRefusalsKeepAStream) {
@@ -179,7 +145,7 @@ TEST_F(QFileTest, MemoryFlagRefusalsKeepAStream) {
     EXPECT_TRUE(f.IsOpen());
     EXPECT_FALSE(f.IsMemoryFile());
   }
-  g_log.clear();
+  log_.Clear();
   {
     FILE* fp = qfopen(path.c_str(), "rb");
     int open = qfGetOpenCount();
@@ -295,7 +261,7 @@ TEST_F(QFileTest, StreamWritersRoundTrip) {
     EXPECT_TRUE(f.WriteAt("Z", 1, 12));
     EXPECT_EQ(f.Tell(), 20);
   }
-  std::string back = ReadBack(path);
+  std::string back = ReadFile(path);
   ASSERT_EQ(back.size(), 20u);
   EXPECT_EQ(back.substr(0, 4), std::string("\x14\0\0\0", 4));
   EXPECT_EQ(back.substr(4, 6), std::string("\xfe\xff\x04\x03\x02\x01", 6));
@@ -361,7 +327,7 @@ TEST_F(QFileTest, ScrambledWriteReadsBackAndLeavesTheCallerBufferAlone) {
     EXPECT_TRUE(f.WriteScrambled(buf, sizeof(buf)));
   }
   EXPECT_EQ(memcmp(buf, plain, sizeof(plain)), 0);
-  std::string raw = ReadBack(path);
+  std::string raw = ReadFile(path);
   ASSERT_EQ(raw.size(), 3 + sizeof(plain));
   EXPECT_NE(raw.substr(3), std::string(plain, sizeof(plain)));
 

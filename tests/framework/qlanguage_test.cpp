@@ -7,12 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "framework/qmessage.h"
+#include "support/logcapture.h"
+#include "support/tempdir.h"
 
 namespace {
-
-std::vector<std::string> g_log;
-void Capture(const char*, const char* text) { g_log.emplace_back(text); }
 
 std::u16string Wide(const uint16_t* w) {
   std::u16string s;
@@ -20,28 +18,10 @@ std::u16string Wide(const uint16_t* w) {
   return s;
 }
 
-class QLanguageTest : public ::testing::Test {
+class QLanguageTest : public TempDirTest {
  protected:
-  void SetUp() override {
-    g_log.clear();
-    qSetWarnHandler(Capture);
-    char tmpl[] = "/tmp/qlanguage_test_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override {
-    qSetWarnHandler(nullptr);
-    std::string cmd = "rm -rf '" + dir_ + "'";
-    ASSERT_EQ(system(cmd.c_str()), 0);
-  }
-  std::string MakeFile(const char* name, const std::string& content) {
-    std::string path = dir_ + "/" + name;
-    FILE* fp = fopen(path.c_str(), "wb");
-    fwrite(content.data(), 1, content.size(), fp);
-    fclose(fp);
-    return path;
-  }
-  std::string dir_;
+  QLanguageTest() : TempDirTest("qlanguage_test") {}
+  LogCapture log_;
 };
 
 TEST_F(QLanguageTest, TaggedLinesSkipCommentsAndLinesWithoutEquals) {
@@ -62,7 +42,7 @@ TEST_F(QLanguageTest, TaggedLinesSkipCommentsAndLinesWithoutEquals) {
   EXPECT_STREQ(lang.GetString("misc.OK"), "?misc.OK?");  // keys compare exactly
   EXPECT_EQ(Wide(lang.GetStringUC("misc.ok")), u"Gut");
   EXPECT_EQ(Wide(lang.GetStringUC("misc.yes")), u"QLang:GetStrUC[misc.yes]");
-  EXPECT_TRUE(g_log.empty());
+  EXPECT_TRUE(log_.Lines().empty());
 }
 
 TEST_F(QLanguageTest, ByteOrderMarkSelectsSixteenBitText) {
@@ -88,13 +68,13 @@ TEST_F(QLanguageTest, SimpleFileKeepsFirst999AndTheLatestExtraLine) {
   EXPECT_STREQ(lang.GetString(0), "line0");
   EXPECT_STREQ(lang.GetString(998), "line998");
   EXPECT_STREQ(lang.GetString(999), "line1000");
-  ASSERT_EQ(g_log.size(), 1u);
-  EXPECT_EQ(g_log[0], "QLanguage:Open(); too many strings in '" + path + "'");
-  g_log.clear();
+  ASSERT_EQ(log_.Lines().size(), 1u);
+  EXPECT_EQ(log_.Lines()[0], "QLanguage:Open(); too many strings in '" + path + "'");
+  log_.Clear();
   EXPECT_STREQ(lang.GetString(1000), "???");
   EXPECT_STREQ(lang.GetString(-1), "???");
-  ASSERT_EQ(g_log.size(), 2u);
-  EXPECT_EQ(g_log[0], "QLanguage::GetString(1000) out of range");
+  ASSERT_EQ(log_.Lines().size(), 2u);
+  EXPECT_EQ(log_.Lines()[0], "QLanguage::GetString(1000) out of range");
 }
 
 TEST_F(QLanguageTest, SimpleFileWithoutFinalLineFeedAndEmptyLines) {
@@ -132,14 +112,14 @@ TEST_F(QLanguageTest, MissingFileAndBadTypeLeaveAnEmptyTable) {
   QLanguage missing((dir_ + "/absent").c_str(), QLanguage::TAGGED);
   EXPECT_EQ(missing.GetCount(), 0);
   EXPECT_STREQ(missing.GetString("misc.ok", "OK"), "OK");
-  EXPECT_TRUE(g_log.empty());
+  EXPECT_TRUE(log_.Lines().empty());
 
   QLanguage lang(MakeFile("t.txt", "a=b\n").c_str(), QLanguage::TAGGED);
   EXPECT_EQ(lang.GetCount(), 1);
   EXPECT_FALSE(lang.Open(MakeFile("u.txt", "a=b\n").c_str(), 7));
   EXPECT_EQ(lang.GetCount(), 0);
-  ASSERT_EQ(g_log.size(), 1u);
-  EXPECT_EQ(g_log[0], "QLanguage:Open(); bad type (7)");
+  ASSERT_EQ(log_.Lines().size(), 1u);
+  EXPECT_EQ(log_.Lines()[0], "QLanguage:Open(); bad type (7)");
 }
 
 }  // namespace

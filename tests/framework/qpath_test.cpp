@@ -8,51 +8,34 @@
 #include <string>
 #include <vector>
 
-#include "framework/qmessage.h"
+#include "support/logcapture.h"
+#include "support/tempdir.h"
 
 namespace {
 
-std::vector<std::string> g_log;
-void Capture(const char*, const char* text) { g_log.emplace_back(text); }
-
-class QPathTest : public ::testing::Test {
+class QPathTest : public TempDirTest {
  protected:
-  void SetUp() override {
-    g_log.clear();
-    qSetWarnHandler(Capture);
-    char tmpl[] = "/tmp/qpath_test_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override {
-    qSetWarnHandler(nullptr);
-    std::string cmd = "rm -rf '" + dir_ + "'";
-    ASSERT_EQ(system(cmd.c_str()), 0);
-  }
+  QPathTest() : TempDirTest("qpath_test") {}
   std::string MakeDir(const char* name) {
     std::string d = dir_ + "/" + name;
     mkdir(d.c_str(), 0755);
     return d;
   }
-  void Touch(const std::string& path) {
-    FILE* fp = fopen(path.c_str(), "wb");
-    ASSERT_NE(fp, nullptr);
-    fclose(fp);
-  }
-  std::string dir_;
+  void Touch(const std::string& path) { EXPECT_TRUE(WriteFile(path, "")) << path; }
+  LogCapture log_;
 };
 
 TEST_F(QPathTest, TwentyFirstDirectoryIsRefused) {
   QPath p;
   for (int i = 0; i < QPath::MAX_PATHS; ++i) EXPECT_TRUE(p.Add(("d" + std::to_string(i)).c_str()));
-  EXPECT_TRUE(g_log.empty());
+  EXPECT_TRUE(log_.Lines().empty());
   EXPECT_FALSE(p.Add("one-too-many"));
-  ASSERT_EQ(g_log.size(), 1u);
-  EXPECT_EQ(g_log[0], "QPath:Add(); maximum (20) reached");
+  ASSERT_EQ(log_.Lines().size(), 1u);
+  EXPECT_EQ(log_.Lines()[0], "QPath:Add(); maximum (20) reached");
   EXPECT_EQ(p.GetCount(), 20);
   EXPECT_STREQ(p.GetPath(19), "d19");
   EXPECT_EQ(p.GetPath(20), nullptr);
-  EXPECT_EQ(g_log.back(), "QPath:GetPath(20) out of range");
+  EXPECT_EQ(log_.Lines().back(), "QPath:GetPath(20) out of range");
   EXPECT_EQ(p.GetPath(-1), nullptr);
   p.Clear();
   EXPECT_EQ(p.GetCount(), 0);

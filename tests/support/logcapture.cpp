@@ -1,10 +1,6 @@
 #include "support/logcapture.h"
 
-#include <stdlib.h>
 #include <unistd.h>
-
-#include <fstream>
-#include <sstream>
 
 namespace {
 std::vector<std::string> g_lines;
@@ -18,9 +14,7 @@ LogCapture::LogCapture() {
   old_[2] = qSetMessageHandler(Collect);
   old_[3] = qSetDbgHandler(Collect);
   oldFile_ = qlogGetFileName();
-  char tmpl[] = "/tmp/logcapture_XXXXXX";
-  if (mkdtemp(tmpl)) dir_ = tmpl;
-  qlogSetFileName((dir_ + "/QLOG.txt").c_str());
+  qlogSetFileName(dir_.File("QLOG.txt").c_str());
 }
 
 LogCapture::~LogCapture() {
@@ -29,23 +23,20 @@ LogCapture::~LogCapture() {
   qSetMessageHandler(old_[2]);
   qSetDbgHandler(old_[3]);
   qlogSetFileName(oldFile_.c_str());
-  unlink((dir_ + "/QLOG.txt").c_str());
-  rmdir(dir_.c_str());
 }
+
+const std::vector<std::string>& LogCapture::Lines() const { return g_lines; }
 
 int LogCapture::Count(const std::string& text) const {
   int n = 0;
   for (const std::string& l : g_lines)
     if (l.find(text) != std::string::npos) ++n;
-  std::ifstream f(dir_ + "/QLOG.txt");
-  std::stringstream buf;
-  buf << f.rdbuf();
-  const std::string file = buf.str();
+  const std::string file = ReadFile(dir_.File("QLOG.txt"));
   for (size_t at = file.find(text); at != std::string::npos; at = file.find(text, at + 1)) ++n;
   return n;
 }
 
 void LogCapture::Clear() {
   g_lines.clear();
-  unlink((dir_ + "/QLOG.txt").c_str());
+  unlink(dir_.File("QLOG.txt").c_str());
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "framework/qmessage.h"
+#include "support/tempdir.h"
 
 class LogCapture {
  public:
@@ -15,6 +16,8 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
+  // What the handlers received, in order (the log file is not part of it).
+  const std::vector<std::string>& Lines() const;
   // Lines (or log-file text) containing `text`.
   int Count(const std::string& text) const;
   bool Seen(const std::string& text) const { return Count(text) > 0; }
@@ -22,5 +25,6 @@ class LogCapture {
 
  private:
   QMessageHandler old_[4];
-  std::string oldFile_, dir_;
+  std::string oldFile_;
+  TempDir dir_{"logcapture"};
 };

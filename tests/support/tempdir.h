@@ -1,0 +1,51 @@
+// TempDir: a private directory under /tmp for one test, removed with everything below it when
+// the object goes. TempDirTest is the fixture form: each test gets a fresh `dir_`.
+// The file helpers read and write whole files in binary; they work on any path.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+class TempDir {
+ public:
+  // A failed mkdtemp fails the running test and leaves Path() empty.
+  explicit TempDir(const char* prefix = "glimra_test");
+  // A tree that cannot be removed fails the running test.
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& Path() const { return path_; }
+  // `name` below the directory.
+  std::string File(const std::string& name) const { return path_ + "/" + name; }
+  // Writes `content` to `name` below the directory and answers the full path; a failed write
+  // fails the running test.
+  std::string Write(const std::string& name, const std::string& content) const;
+
+ private:
+  std::string path_;
+};
+
+class TempDirTest : public ::testing::Test {
+ protected:
+  explicit TempDirTest(const char* prefix = "glimra_test") : tmp_(prefix), dir_(tmp_.Path()) {}
+  std::string Tmp(const std::string& name) const { return tmp_.File(name); }
+  std::string MakeFile(const std::string& name, const std::string& content) const {
+    return tmp_.Write(name, content);
+  }
+
+  TempDir tmp_;
+  const std::string dir_;
+};
+
+// False when the file cannot be created or written whole.
+bool WriteFile(const std::string& path, const std::string& content);
+bool WriteFile(const std::string& path, const std::vector<uint8_t>& bytes);
+// The whole file; empty when it cannot be read.
+std::string ReadFile(const std::string& path);
+std::vector<uint8_t> ReadBytes(const std::string& path);
+// Removes a file or a directory with everything below it; false when anything stays.
+bool RemoveTree(const std::string& path);
