@@ -4,21 +4,10 @@
 #include <cstdint>
 
 #include "d3/dds.h"
-#include "framework/qmessage.h"
-
-namespace {
-void Quiet(const char*, const char*) {}
-}  // namespace
+#include "fuzz/fuzz_util.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static bool once = [] {
-    qSetWarnHandler(Quiet);
-    qSetErrHandler(Quiet);
-    qSetDbgHandler(Quiet);
-    qSetMessageHandler(Quiet);
-    return true;
-  }();
-  (void)once;
+  fuzz_util::SilenceLog(true);
   DDDS dds;
   if (dds.Parse(data, size, "fuzz.dds")) {
     size_t total = 0;

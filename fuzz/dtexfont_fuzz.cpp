@@ -1,30 +1,17 @@
 // Reads arbitrary bytes as a texture font description (without OpenGL) and measures with it.
 // Inputs with more than five runs of codes are skipped: they end the program on purpose.
-#include <unistd.h>
-
 #include <climits>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 
 #include "d3/dtexfont.h"
 #include "framework/qbitmap.h"
 #include "framework/qini.h"
-#include "framework/qmessage.h"
+#include "fuzz/fuzz_util.h"
 
 namespace {
-
-void Quiet(const char*, const char*) {}
-
-std::string g_dir;
-
-void RemoveDir() {
-  unlink((g_dir + "/f.dtf").c_str());
-  unlink((g_dir + "/f.tga").c_str());
-  rmdir(g_dir.c_str());
-}
 
 // The loader's run rule, counted up to the first entry without ".x".
 int CountRuns(const char* file) {
@@ -48,24 +35,15 @@ int CountRuns(const char* file) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static bool init = [] {
-    qSetWarnHandler(Quiet);
-    qSetErrHandler(Quiet);
-    qSetDbgHandler(Quiet);
-    char tmpl[] = "/tmp/dtexfont_fuzz_XXXXXX";
-    if (!mkdtemp(tmpl)) abort();
-    g_dir = tmpl;
-    atexit(RemoveDir);
+  fuzz_util::SilenceLog();
+  static const bool sheetWritten = [] {
     QBitMap sheet(32, 32, 16);
     sheet.Fill(nullptr, QColor(255, 255, 255, 0));
-    return sheet.Write((g_dir + "/f.tga").c_str(), 1);
+    return sheet.Write((fuzz_util::ScratchDir() + "/f.tga").c_str(), 1);
   }();
-  if (!init) abort();
-  const std::string base = g_dir + "/f";
-  FILE* f = fopen((base + ".dtf").c_str(), "wb");
-  if (!f) abort();
-  fwrite(data, 1, size, f);
-  fclose(f);
+  if (!sheetWritten) abort();
+  const std::string base = fuzz_util::ScratchDir() + "/f";
+  if (fuzz_util::WriteInput("f.dtf", data, size).empty()) abort();
   if (CountRuns((base + ".dtf").c_str()) > DTexFont::MAX_RANGES) return 0;
 
   DTexFont font;

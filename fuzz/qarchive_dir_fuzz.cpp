@@ -1,52 +1,20 @@
 // Fuzzes a whole archive file: open, walk the directory, find, and unpack every member both as a
 // memory file and through the size counter.
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "framework/qarchive.h"
 #include "framework/qfile.h"
-#include "framework/qmessage.h"
-
-namespace {
-
-void Quiet(const char*, const char*) {}
-
-// One scratch file per process, rewritten for every input.
-const std::string& ScratchPath() {
-  static const std::string path = [] {
-    char tmpl[] = "/tmp/qarchive_dir_fuzz_XXXXXX";
-    const int fd = mkstemp(tmpl);
-    if (fd >= 0) close(fd);
-    return std::string(tmpl);
-  }();
-  static const bool cleanup = atexit([] { unlink(path.c_str()); }) == 0;
-  (void)cleanup;
-  return path;
-}
-
-}  // namespace
+#include "fuzz/fuzz_util.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static bool once = [] {
-    qSetWarnHandler(Quiet);
-    qSetErrHandler(Quiet);
-    qSetDbgHandler(Quiet);
-    qSetMessageHandler(Quiet);
-    return true;
-  }();
-  (void)once;
+  fuzz_util::SilenceLog(true);
   if (size > (1u << 20)) return 0;
-  FILE* fp = fopen(ScratchPath().c_str(), "wb");
-  if (!fp) return 0;
-  if (size) fwrite(data, 1, size, fp);
-  fclose(fp);
+  const std::string path = fuzz_util::WriteInput("f.ar", data, size);
+  if (path.empty()) return 0;
 
-  QArchive ar(ScratchPath().c_str(), QArchive::READ);
+  QArchive ar(path.c_str(), QArchive::READ);
   qstring name;
   int offset = 0, length = 0;
   for (bool more = ar.FirstEntry(&name, &offset, &length); more;

@@ -6,7 +6,7 @@
 
 #include "framework/qbitmap.h"
 #include "framework/qmem.h"
-#include "framework/qmessage.h"
+#include "fuzz/fuzz_util.h"
 
 namespace {
 
@@ -28,18 +28,10 @@ struct Input {
   QRect Rect() { return QRect{Coord(), Coord(), Coord(), Coord()}; }
 };
 
-void Quiet(const char*, const char*) {}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static bool quiet = [] {
-    qSetWarnHandler(Quiet);
-    qSetErrHandler(Quiet);
-    qSetDbgHandler(Quiet);
-    return true;
-  }();
-  (void)quiet;
+  fuzz_util::SilenceLog();
   Input in{data, size};
   const int depth = (in.Int() & 1) ? 32 : 24;
   QBitMap a(depth, 1 + (in.Int() & 15), 1 + (in.Int() & 15));

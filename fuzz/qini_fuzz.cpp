@@ -6,20 +6,10 @@
 #include <cstring>
 
 #include "framework/qini.h"
-#include "framework/qmessage.h"
-
-namespace {
-void Quiet(const char*, const char*) {}
-}  // namespace
+#include "fuzz/fuzz_util.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static bool init = [] {
-    qSetWarnHandler(Quiet);
-    qSetErrHandler(Quiet);
-    qSetDbgHandler(Quiet);
-    return true;
-  }();
-  (void)init;
+  fuzz_util::SilenceLog();
   QIni ini("fuzz.ini", QIni::NO_READ);
   ini.ReadFromMemory(reinterpret_cast<const char*>(data), size);
 

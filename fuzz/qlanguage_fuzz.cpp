@@ -7,20 +7,10 @@
 #include "framework/qfile.h"
 #include "framework/qlanguage.h"
 #include "framework/qmem.h"
-#include "framework/qmessage.h"
-
-namespace {
-void Quiet(const char*, const char*) {}
-}  // namespace
+#include "fuzz/fuzz_util.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static bool once = [] {
-    qSetWarnHandler(Quiet);
-    qSetErrHandler(Quiet);
-    qSetDbgHandler(Quiet);
-    return true;
-  }();
-  (void)once;
+  fuzz_util::SilenceLog();
   if (size > (1u << 20)) return 0;
   // An exact-size copy, so that any read past the block is caught.
   void* block = qmalloc(size ? size : 1);
