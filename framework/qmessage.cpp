@@ -134,9 +134,26 @@ void FormatV(char* out, const char* fmt, va_list ap) {
   if (vsnprintf(out, kBufSize, fmt ? fmt : "", ap) < 0) out[0] = 0;
 }
 
-// The header, then the text, then the handler or the default, under the message mutex.
-void Front(QMessageHandler hook, void (*fallback)(const char*, const char*), const char* header,
+// Where a front call comes from. Every header format takes the file, the line and the method, in
+// that order.
+struct Origin {
+  const char* headerFormat;
+  const char* file;
+  int line;
+  const char* method;
+};
+
+void FormatHeader(char (&out)[1024], const Origin& o) {
+  snprintf(out, sizeof(out), o.headerFormat, o.file, o.line, o.method);
+}
+
+// The header (none without an origin), then the text, then the handler or the default, under the
+// message mutex.
+void Front(QMessageHandler hook, void (*fallback)(const char*, const char*), const Origin* origin,
            const char* fmt, va_list ap, bool addNewline) {
+  char header[1024];
+  if (origin) FormatHeader(header, *origin);
+  const char* shown = origin ? header : nullptr;
   char text[kBufSize];
   FormatV(text, fmt, ap);
   if (addNewline) {
@@ -148,9 +165,17 @@ void Front(QMessageHandler hook, void (*fallback)(const char*, const char*), con
   }
   std::lock_guard<std::recursive_mutex> lock(qMessageMutex());
   if (hook)
-    hook(header, text);
+    hook(shown, text);
   else
-    fallback(header, text);
+    fallback(shown, text);
+}
+
+// The fatal paths log the text with a box; what follows differs.
+void LogFatal(const char* fmt, va_list ap) {
+  char text[kBufSize];
+  FormatV(text, fmt, ap);
+  std::lock_guard<std::recursive_mutex> lock(qMessageMutex());
+  qlogwrite(QLOG_FATAL | QLOG_BOX, nullptr, "%s", text);
 }
 
 void DefaultDbg(const char* /*header*/, const char* text) {
@@ -352,18 +377,17 @@ void qlogwritev(int code, const char* header, const char* fmt, va_list ap) {
 // ---------------------------------------------------------------------------------------------
 
 void qdbg(const char* file, const char* method, int line, const char* fmt, ...) {
-  char header[1024];
-  snprintf(header, sizeof(header), "[DBG,%s:%d,%s]", file, line, method);
+  const Origin origin{"[DBG,%s:%d,%s]", file, line, method};
   va_list ap;
   va_start(ap, fmt);
-  Front(g_dbgHandler, DefaultDbg, header, fmt, ap, false);
+  Front(g_dbgHandler, DefaultDbg, &origin, fmt, ap, false);
   va_end(ap);
 }
 
 void qinfo(const char* file, const char* method, int line, const char* fmt, ...) {
   if (!(qlogGetMask() & QLOGMASK_INFO)) return;
   char header[1024];
-  snprintf(header, sizeof(header), "%s:%d / %s", file, line, method);
+  FormatHeader(header, Origin{"%s:%d / %s", file, line, method});
   va_list ap;
   va_start(ap, fmt);
   qlogwritev(QLOG_INFO, header, fmt, ap);
@@ -371,29 +395,26 @@ void qinfo(const char* file, const char* method, int line, const char* fmt, ...)
 }
 
 void qwarn(const char* file, const char* method, int line, const char* fmt, ...) {
-  char header[1024];
-  snprintf(header, sizeof(header), "WARN,%s:%d,%s", file, line, method);
+  const Origin origin{"WARN,%s:%d,%s", file, line, method};
   va_list ap;
   va_start(ap, fmt);
-  Front(g_warnHandler, DefaultWarn, header, fmt, ap, false);
+  Front(g_warnHandler, DefaultWarn, &origin, fmt, ap, false);
   va_end(ap);
 }
 
 void qerr(const char* file, const char* method, int line, const char* fmt, ...) {
-  char header[1024];
-  snprintf(header, sizeof(header), "ERR,%s:%d,%s", file, line, method);
+  const Origin origin{"ERR,%s:%d,%s", file, line, method};
   va_list ap;
   va_start(ap, fmt);
-  Front(g_errHandler, DefaultErr, header, fmt, ap, true);
+  Front(g_errHandler, DefaultErr, &origin, fmt, ap, true);
   va_end(ap);
 }
 
 void qerrbox(const char* file, const char* method, int line, const char* fmt, ...) {
-  char header[1024];
-  snprintf(header, sizeof(header), "In %s, line %d, function %s()", file, line, method);
+  const Origin origin{"In %s, line %d, function %s()", file, line, method};
   va_list ap;
   va_start(ap, fmt);
-  Front(g_errBoxHandler, DefaultErrBox, header, fmt, ap, true);
+  Front(g_errBoxHandler, DefaultErrBox, &origin, fmt, ap, true);
   va_end(ap);
 }
 
@@ -405,29 +426,19 @@ void qmessage(const char* fmt, ...) {
 }
 
 void qfatal(const char* fmt, ...) {
-  char text[kBufSize];
   va_list ap;
   va_start(ap, fmt);
-  FormatV(text, fmt, ap);
+  LogFatal(fmt, ap);
   va_end(ap);
-  {
-    std::lock_guard<std::recursive_mutex> lock(qMessageMutex());
-    qlogwrite(QLOG_FATAL | QLOG_BOX, nullptr, "%s", text);
-  }
   QCrash("qfatal");
   qExitProcess(0);  // only when the crash was survived
 }
 
 void qfatalexit(const char* fmt, ...) {
-  char text[kBufSize];
   va_list ap;
   va_start(ap, fmt);
-  FormatV(text, fmt, ap);
+  LogFatal(fmt, ap);
   va_end(ap);
-  {
-    std::lock_guard<std::recursive_mutex> lock(qMessageMutex());
-    qlogwrite(QLOG_FATAL | QLOG_BOX, nullptr, "%s", text);
-  }
   qExitProcess(0);
 }
 
