@@ -7,51 +7,29 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "framework/qdebug.h"
 #include "framework/qmessage.h"
+#include "support/logcapture.h"
+#include "support/tempdir.h"
 
 namespace {
 
-std::vector<std::string>* g_lines = nullptr;
-void Capture(const char* /*header*/, const char* text) {
-  if (g_lines) g_lines->push_back(text);
+// A reported line that is exactly `text` (errors end in a newline).
+bool Has(const LogCapture& log, const std::string& text) {
+  for (const auto& l : log.Lines())
+    if (l == text || l == text + "\n") return true;
+  return false;
 }
 
-// Collects warnings, errors and debug lines while alive.
-class LogCapture {
- public:
-  LogCapture() {
-    g_lines = &lines;
-    warn_ = qSetWarnHandler(Capture);
-    err_ = qSetErrHandler(Capture);
-    dbg_ = qSetDbgHandler(Capture);
-  }
-  ~LogCapture() {
-    qSetWarnHandler(warn_);
-    qSetErrHandler(err_);
-    qSetDbgHandler(dbg_);
-    g_lines = nullptr;
-  }
-  bool Has(const std::string& text) const {
-    for (const auto& l : lines)
-      if (l == text || l == text + "\n") return true;
-    return false;
-  }
-  int CountContaining(const std::string& part) const {
-    int n = 0;
-    for (const auto& l : lines) n += l.find(part) != std::string::npos;
-    return n;
-  }
-  std::vector<std::string> lines;
-
- private:
-  QMessageHandler warn_, err_, dbg_;
-};
+// Reported lines containing `part`; the log file does not count.
+int CountContaining(const LogCapture& log, const std::string& part) {
+  int n = 0;
+  for (const auto& l : log.Lines()) n += l.find(part) != std::string::npos;
+  return n;
+}
 
 // A QIni over text, as if read from "mem.ini".
 struct MemIni {
@@ -69,19 +47,6 @@ struct MemIni {
   }
   QIni ini;
 };
-
-std::string TempDir() {
-  char tmpl[] = "/tmp/qini_test_XXXXXX";
-  const char* d = mkdtemp(tmpl);
-  return d ? d : "/tmp";
-}
-
-void WriteFile(const std::string& name, const std::string& text) { std::ofstream(name) << text; }
-std::string ReadFile(const std::string& name) {
-  std::stringstream ss;
-  ss << std::ifstream(name).rdbuf();
-  return ss.str();
-}
 
 }  // namespace
 
@@ -108,14 +73,14 @@ TEST(QIniLookup, ReferencesAnswerKeysOfTheReferencedGroup) {
   EXPECT_EQ(m.Get("mycar.color"), "blue");
   EXPECT_EQ(m.Get("mycar.wheels"), "4");
   EXPECT_EQ(m.Get("mycar.doors"), "<missing:<none>>");
-  EXPECT_TRUE(log.Has("QIni(mem.ini): reference (~) to unknown tree 'nowhere' in line 10"));
+  EXPECT_TRUE(Has(log, "QIni(mem.ini): reference (~) to unknown tree 'nowhere' in line 10"));
 }
 
 TEST(QIniLookup, SelfAndCyclicReferencesTerminate) {
   LogCapture log;
   // "~" keeps the current symbol, so the second reference makes t refer to itself.
   MemIni m("g\n{\n x=1\n}\nt~g\n~t\na\n{\n x=2\n b~a\n}\n");
-  EXPECT_TRUE(log.Has("QIni(mem.ini): ref to tree 't' without child in line 6"));
+  EXPECT_TRUE(Has(log, "QIni(mem.ini): ref to tree 't' without child in line 6"));
   EXPECT_EQ(m.Get("t.x"), "<missing:<none>>");
   EXPECT_EQ(m.Get("a.b.b.b.x"), "2");
   EXPECT_EQ(m.Get("a.b.b.b.nothing"), "<missing:<none>>");
@@ -130,7 +95,7 @@ TEST(QIniLookup, FallbackIsAskedAndMissingKeysReported) {
   EXPECT_EQ(main.Get("b"), "2");
   LogCapture log;
   EXPECT_EQ(main.Get("c"), "<missing:<none>>");
-  EXPECT_TRUE(log.Has("QIni: 'c' not found in info (mem.ini) or fallback."));
+  EXPECT_TRUE(Has(log, "QIni: 'c' not found in info (mem.ini) or fallback."));
   back.ini.SetFallback(&main.ini);  // a loop of fallbacks must still end
   EXPECT_EQ(main.ini.GetInt("c", 9), 9);
 }
@@ -138,10 +103,10 @@ TEST(QIniLookup, FallbackIsAskedAndMissingKeysReported) {
 TEST(QIniRead, SyntaxFaultsAreReportedAndReadingGoesOn) {
   LogCapture log;
   MemIni m("resolution.width=800\nx=1\n}\n{\ny=2\n= 3\n");
-  EXPECT_TRUE(log.Has("QIni(mem.ini): key with '.' found (resolution.width) - won't work; use { } to define subtrees (line 1)"));
-  EXPECT_TRUE(log.Has("QIni: assign without symbol in line 1"));
-  EXPECT_TRUE(log.Has("QIni(mem.ini); more '}' brackets than '{' near line 3"));
-  EXPECT_TRUE(log.Has("QIni: { without groupname"));
+  EXPECT_TRUE(Has(log, "QIni(mem.ini): key with '.' found (resolution.width) - won't work; use { } to define subtrees (line 1)"));
+  EXPECT_TRUE(Has(log, "QIni: assign without symbol in line 1"));
+  EXPECT_TRUE(Has(log, "QIni(mem.ini); more '}' brackets than '{' near line 3"));
+  EXPECT_TRUE(Has(log, "QIni: { without groupname"));
   EXPECT_EQ(m.Get("resolution.width"), "<missing:<none>>");
   EXPECT_EQ(m.Get("y"), " 3");  // the current symbol stays until the next word or bracket
   EXPECT_EQ(m.Get("x"), "1");
@@ -164,8 +129,8 @@ TEST(QIniRead, HugeAndHostileInputStaysBounded) {
   std::string deep;
   for (int i = 0; i < 100000; ++i) deep += "a\n{\n";
   MemIni d(deep + "z=1\n");
-  EXPECT_TRUE(log.Has("QIni: 'a' nests too deep (max 10 levels)"));
-  EXPECT_TRUE(log.Has("QIni(mem.ini); brackets don't match; still 100000 closing bracket(s) expected at end of file."));
+  EXPECT_TRUE(Has(log, "QIni: 'a' nests too deep (max 10 levels)"));
+  EXPECT_TRUE(Has(log, "QIni(mem.ini); brackets don't match; still 100000 closing bracket(s) expected at end of file."));
   EXPECT_EQ(d.Get("a.a.a.a.a.a.a.a.a.z"), "1");
   EXPECT_EQ(d.ini.CountChildren(nullptr), 1);
 
@@ -180,7 +145,7 @@ TEST(QIniGetters, IntegersAreValidatedThenEvaluated) {
   LogCapture log;
   MemIni m("v=1024.0\ne=2*512\nx=-(3+4)*2 % 5\nz=\nd=7/0\n");
   EXPECT_EQ(m.ini.GetInt("v", 0), 1024);
-  EXPECT_TRUE(log.Has("v value '1024.0' (in mem.ini) is not a valid integer: a '.' is not allowed (floating point)"));
+  EXPECT_TRUE(Has(log, "v value '1024.0' (in mem.ini) is not a valid integer: a '.' is not allowed (floating point)"));
   EXPECT_EQ(m.ini.GetInt("e", 0), 1024);
   EXPECT_EQ(m.ini.GetInt("x", 0), -4);
   EXPECT_EQ(m.ini.GetInt("z", 5), 0);
@@ -194,7 +159,7 @@ TEST(QIniGetters, RealsVectorsAndHosts) {
   MemIni m("f=2.5\nbad=1,5\nvec=1, 2 ,3\nhost=10.0.0.7:5001\nname= example-host\nwrong=300.1.1.1\n");
   EXPECT_DOUBLE_EQ(m.ini.GetFloat("f", 0), 2.5);
   EXPECT_DOUBLE_EQ(m.ini.GetFloat("bad", 0), 1.0);
-  EXPECT_TRUE(log.Has("bad value '1,5' (in mem.ini) is not a valid float: character ',' is not allowed"));
+  EXPECT_TRUE(Has(log, "bad value '1,5' (in mem.ini) is not a valid float: character ',' is not allowed"));
   double d[4];
   const double defs[4] = {9, 9, 9, 8};
   EXPECT_TRUE(m.ini.GetFloats("vec", 4, d, defs));
@@ -218,7 +183,7 @@ TEST(QIniGetters, RealsVectorsAndHosts) {
   EXPECT_STREQ(host.cstr(), "example-host");
   EXPECT_FALSE(m.ini.GetHost("wrong", &host));
   EXPECT_STREQ(host.cstr(), "localhost");
-  EXPECT_TRUE(log.Has("QIni:GetHost(); bad format of host IP (300.1.1.1) for key 'wrong'"));
+  EXPECT_TRUE(Has(log, "QIni:GetHost(); bad format of host IP (300.1.1.1) for key 'wrong'"));
   EXPECT_FALSE(m.ini.GetHost("nokey", &host));
   EXPECT_STREQ(host.cstr(), "localhost");
 }
@@ -239,7 +204,7 @@ TEST(QIniStructure, DeleteSetAndStrictAdvice) {
   qdbgSetStrict(true);
   MemIni s("g\n{\n x=1\n}\nh~g\n");
   qdbgSetStrict(false);
-  EXPECT_TRUE(log.Has("Reference 'g' in 'mem.ini', line 5 should preferably start with 'ref_'"));
+  EXPECT_TRUE(Has(log, "Reference 'g' in 'mem.ini', line 5 should preferably start with 'ref_'"));
 }
 
 TEST(QIniIterator, WalksInFileOrderWithinTheDepthLimit) {
@@ -269,8 +234,8 @@ TEST(QIniIterator, WalksInFileOrderWithinTheDepthLimit) {
   int count = 0;
   while (it.GetNextAny()) ++count;
   EXPECT_EQ(count, 13);
-  EXPECT_EQ(log.CountContaining("nests too deep"), 3);
-  EXPECT_EQ(log.CountContaining("nestLevel"), 0);
+  EXPECT_EQ(CountContaining(log, "nests too deep"), 3);
+  EXPECT_EQ(CountContaining(log, "nestLevel"), 0);
 }
 
 TEST(QIniWrite, WrittenFileReadsBackToTheSameTree) {
@@ -279,7 +244,8 @@ TEST(QIniWrite, WrittenFileReadsBackToTheSameTree) {
       "item~ref_base\n=tagged\n{\n  size=4\n}\nplain~ref_base\n{\n}\nv=2*512\nv=second\n";
   MemIni m(text);
   EXPECT_EQ(m.Text(), text);
-  std::string dir = TempDir(), name = dir + "/out.ini";
+  TempDir tmp("qini_test");
+  std::string dir = tmp.Path(), name = dir + "/out.ini";
   ASSERT_TRUE(m.ini.Write(name.c_str(), false));
   QIni back(name.c_str());
   EXPECT_TRUE(back.IsFound());
@@ -290,12 +256,12 @@ TEST(QIniWrite, WrittenFileReadsBackToTheSameTree) {
   EXPECT_EQ(back.GetStringDirect("plain.deep.x"), std::string(" spaced "));
   EXPECT_EQ(back.GetStringDirect("item"), std::string("tagged"));
   EXPECT_EQ(back.GetInt("v", 0), 1024);
-  std::filesystem::remove_all(dir);
 }
 
 TEST(QIniWrite, ChangedFileIsOnlyOverwrittenWithoutTheQuestion) {
   setenv("GLIMRA_NO_MESSAGEBOX", "1", 1);  // every question is answered "no" at once
-  std::string dir = TempDir(), name = dir + "/glimra.ini";
+  TempDir tmp("qini_test");
+  std::string dir = tmp.Path(), name = dir + "/glimra.ini";
   WriteFile(name, "a=1\n");
   {
     QIni ini(name.c_str());
@@ -321,12 +287,12 @@ TEST(QIniWrite, ChangedFileIsOnlyOverwrittenWithoutTheQuestion) {
   LogCapture log;
   QIni missing((dir + "/none.ini").c_str());
   EXPECT_FALSE(missing.IsFound());
-  EXPECT_EQ(log.CountContaining("can't open ini file '" + dir + "/none.ini', current directory is '"), 1);
-  std::filesystem::remove_all(dir);
+  EXPECT_EQ(CountContaining(log, "can't open ini file '" + dir + "/none.ini', current directory is '"), 1);
 }
 
 TEST(QIniWrite, ReloadWritesChangesThenRereads) {
-  std::string dir = TempDir(), name = dir + "/r.ini";
+  TempDir tmp("qini_test");
+  std::string dir = tmp.Path(), name = dir + "/r.ini";
   WriteFile(name, "a=1\n");
   QIni ini(name.c_str());
   ini.SetInt("a", 2);
@@ -335,5 +301,4 @@ TEST(QIniWrite, ReloadWritesChangesThenRereads) {
   EXPECT_FALSE(ini.IsModified());
   ini.Clear();
   EXPECT_EQ(ini.GetInt("a", 0), 0);
-  std::filesystem::remove_all(dir);
 }

@@ -7,21 +7,14 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "framework/qdebug.h"
+#include "support/tempdir.h"
 
 namespace {
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
 
 std::vector<std::string> Lines(const std::string& path) {
   std::vector<std::string> out;
@@ -37,23 +30,18 @@ int CountContaining(const std::vector<std::string>& lines, const std::string& wh
   return n;
 }
 
-class LogTest : public ::testing::Test {
+class LogTest : public TempDirTest {
  protected:
+  LogTest() : TempDirTest("glimra_log") {}
   void SetUp() override {
-    char tmpl[] = "/tmp/glimra_log_XXXXXX";
-    dir_ = mkdtemp(tmpl);
     log_ = dir_ + "/QLOG.txt";
     qlogSetFileName(log_.c_str());
     qlogSetMask(QLOGMASK_ERR | QLOGMASK_WARN | QLOGMASK_INFO);
     // A line no test repeats, so folding state from an earlier test never leaks in.
     qlogwrite(QLOG_INFO, nullptr, "setup %s", dir_.c_str());
   }
-  void TearDown() override {
-    qlogCloseSecondFile();
-    std::string cmd = "rm -rf '" + dir_ + "'";
-    ASSERT_EQ(system(cmd.c_str()), 0);
-  }
-  std::string dir_, log_;
+  void TearDown() override { qlogCloseSecondFile(); }
+  std::string log_;
 };
 
 TEST_F(LogTest, RepeatsAreFoldedAndFlushedBeforeTheNextMessage) {
@@ -83,14 +71,14 @@ TEST_F(LogTest, LineFormatAndOneTrailingNewlineStripped) {
   // "<time> (ERR  ): [<app>] <text> [<header>]"
   EXPECT_NE(l.find(" (ERR  ): [-] bad bracket in line 7 [ERR,qmessage_test.cpp:"), std::string::npos) << l;
   EXPECT_NE(l.find(",QIni::Read]"), std::string::npos);
-  EXPECT_EQ(ReadAll(log_).find("line 7\n\n"), std::string::npos);
+  EXPECT_EQ(ReadFile(log_).find("line 7\n\n"), std::string::npos);
   EXPECT_EQ(CountContaining(lines, "bad bracket"), 1);
 }
 
 TEST_F(LogTest, MaskDecidesWhatReachesTheFile) {
   qmessage("plain words");
   QINFO("LogTest::Mask", "info words");
-  std::string text = ReadAll(log_);
+  std::string text = ReadFile(log_);
   EXPECT_EQ(text.find("plain words"), std::string::npos);
   EXPECT_NE(text.find("info words"), std::string::npos);
 
@@ -98,7 +86,7 @@ TEST_F(LogTest, MaskDecidesWhatReachesTheFile) {
   qmessage("plain again");
   QWARN("LogTest::Mask", "warning dropped");
   QINFO("LogTest::Mask", "info dropped");
-  text = ReadAll(log_);
+  text = ReadFile(log_);
   EXPECT_NE(text.find("plain again"), std::string::npos);
   EXPECT_EQ(text.find("warning dropped"), std::string::npos);
   EXPECT_EQ(text.find("info dropped"), std::string::npos);
@@ -112,10 +100,10 @@ TEST_F(LogTest, RotatesPastTenMillionBytes) {
   }
   std::ofstream(dir_ + "/QLOG_OLD.txt") << "older";
   QWARN("LogTest::Rotate", "after rotation");
-  std::string old = ReadAll(dir_ + "/QLOG_OLD.txt");
+  std::string old = ReadFile(dir_ + "/QLOG_OLD.txt");
   EXPECT_GT(old.size(), 10000000u);
   EXPECT_EQ(old.find("older"), std::string::npos);
-  std::string fresh = ReadAll(log_);
+  std::string fresh = ReadFile(log_);
   EXPECT_LT(fresh.size(), 1000u);
   EXPECT_NE(fresh.find("after rotation"), std::string::npos);
 }
@@ -127,7 +115,7 @@ TEST_F(LogTest, FileNameStaysWhenTheDirectoryChanges) {
   QWARN("LogTest::Cwd", "written after chdir");
   ASSERT_EQ(chdir(before), 0);
   EXPECT_STREQ(qlogGetFileName(), log_.c_str());
-  EXPECT_NE(ReadAll(log_).find("written after chdir"), std::string::npos);
+  EXPECT_NE(ReadFile(log_).find("written after chdir"), std::string::npos);
 }
 
 TEST_F(LogTest, SecondFileTakesErrorsAndWarningsOnly) {
@@ -135,7 +123,7 @@ TEST_F(LogTest, SecondFileTakesErrorsAndWarningsOnly) {
   QWARN("LogTest::Second", "warned %d", 1);
   QINFO("LogTest::Second", "informed");
   qlogCloseSecondFile();
-  std::string second = ReadAll(dir_ + "/QLOG_LAST.txt");
+  std::string second = ReadFile(dir_ + "/QLOG_LAST.txt");
   EXPECT_NE(second.find(" (WARN): warned 1 [WARN,qmessage_test.cpp:"), std::string::npos) << second;
   EXPECT_EQ(second.find("informed"), std::string::npos);
 }
@@ -154,7 +142,7 @@ TEST_F(LogTest, HandlersReplaceTheDefaultAndReturnThePrevious) {
   ASSERT_EQ(captured.size(), 1u);
   EXPECT_NE(captured[0].find("WARN,qmessage_test.cpp:"), std::string::npos);
   EXPECT_NE(captured[0].find(",LogTest::Hook|to the hook 5"), std::string::npos);
-  EXPECT_EQ(ReadAll(log_).find("to the hook"), std::string::npos);
+  EXPECT_EQ(ReadFile(log_).find("to the hook"), std::string::npos);
 
   // qerr gets a newline added before its handler sees the text.
   qSetErrHandler(Capture);
@@ -217,14 +205,14 @@ using LogDeathTest = LogTest;
 
 TEST_F(LogDeathTest, FatalLogsThenCrashes) {
   EXPECT_DEATH(qfatal("Can't create font %d", 0), "");
-  std::string text = ReadAll(log_);
+  std::string text = ReadFile(log_);
   EXPECT_NE(text.find("(FATAL): [-] Can't create font 0"), std::string::npos) << text;
   EXPECT_NE(text.find("Going to crash, reason: qfatal"), std::string::npos);
 }
 
 TEST_F(LogDeathTest, FatalExitEndsWithCodeZero) {
   EXPECT_EXIT(qfatalexit("leaving"), ::testing::ExitedWithCode(0), "");
-  EXPECT_NE(ReadAll(log_).find("(FATAL): [-] leaving"), std::string::npos);
+  EXPECT_NE(ReadFile(log_).find("(FATAL): [-] leaving"), std::string::npos);
 }
 
 }  // namespace
