@@ -11,8 +11,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <random>
 #include <string>
 #include <vector>
@@ -21,33 +19,17 @@
 
 #include "framework/qmessage.h"
 #include "framework/virtualfilesystem.h"
+#include "support/logcapture.h"
+#include "support/tempdir.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-std::vector<std::string> g_log;
-void Capture(const char*, const char* text) { g_log.push_back(text); }
-
-bool Logged(const std::string& text) {
-  for (auto& l : g_log)
-    if (l.find(text) != std::string::npos) return true;
-  return false;
-}
-
-Bytes Load(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 Bytes Fixture(const char* name) {
-  Bytes b = Load(std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/" + name);
+  Bytes b = ReadBytes(std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/" + name);
   EXPECT_FALSE(b.empty()) << name;
   return b;
-}
-void Save(const std::string& path, const Bytes& b) {
-  unlink(path.c_str());  // a fresh file: truncating one in place makes ext4 flush it to disk
-  std::ofstream out(path, std::ios::binary);
-  out.write(reinterpret_cast<const char*>(b.data()), std::streamsize(b.size()));
 }
 
 // Pixel as 0xRRGGBBAA at column x, y counted from the top of the picture.
@@ -103,28 +85,14 @@ int MaxDiff(const QBitMap& bm, const Pnm& ref) {
   return worst;
 }
 
-class QImageTest : public ::testing::Test {
+class QImageTest : public TempDirTest {
  protected:
-  void SetUp() override {
-    g_log.clear();
-    oldWarn_ = qSetWarnHandler(Capture);
-    oldErr_ = qSetErrHandler(Capture);
-    oldDbg_ = qSetDbgHandler(Capture);
-    char tmpl[] = "/tmp/qimage_test_XXXXXX";
-    dir_ = mkdtemp(tmpl);
-  }
-  void TearDown() override {
-    QSetVirtualFileSystem(nullptr);
-    qSetWarnHandler(oldWarn_);
-    qSetErrHandler(oldErr_);
-    qSetDbgHandler(oldDbg_);
-    std::string cmd = "rm -rf '" + dir_ + "'";
-    EXPECT_EQ(system(cmd.c_str()), 0);
-  }
-  std::string Tmp(const std::string& name) const { return dir_ + "/" + name; }
+  QImageTest() : TempDirTest("qimage_test") {}
+  void TearDown() override { QSetVirtualFileSystem(nullptr); }
+  bool Logged(const std::string& text) const { return log_.Seen(text); }
   // Writes `b` under `name` in the temporary directory and answers the path.
   std::string Put(const std::string& name, const Bytes& b) const {
-    Save(Tmp(name), b);
+    EXPECT_TRUE(WriteFile(Tmp(name), b)) << name;
     return Tmp(name);
   }
   // Reads a fixture through the given reader; vfs chooses the Targa path.
@@ -133,8 +101,7 @@ class QImageTest : public ::testing::Test {
   }
 
   QVirtualFileSystem vfs_;
-  std::string dir_;
-  QMessageHandler oldWarn_ = nullptr, oldErr_ = nullptr, oldDbg_ = nullptr;
+  LogCapture log_;
 };
 
 // A hand-made Targa: 18-byte header, then `data`.
@@ -277,7 +244,7 @@ TEST_F(QImageTest, TargaRefusalsDifferBetweenThePaths) {
   EXPECT_FALSE(img.Read(Tmp("absent.tga").c_str()));
 
   QSetVirtualFileSystem(nullptr);
-  g_log.clear();
+  log_.Clear();
   EXPECT_FALSE(img.Read(pal.c_str()));
   EXPECT_TRUE(Logged("QImage:ReadTGA(); colormap is not supported"));
   EXPECT_TRUE(img.Read(grey16.c_str()));  // deliberately true, pixels unset
@@ -355,7 +322,7 @@ TEST_F(QImageTest, JpegLibraryErrorsEndTheReadWithAWarning) {
 
   Bytes junk = {0xFF, 0xD8, 0xFF, 0xC0, 0x00, 0x03, 0x42};
   const std::string bad = Put("junk.jpg", junk);
-  g_log.clear();
+  log_.Clear();
   EXPECT_FALSE(img.Read(bad.c_str()));
   EXPECT_TRUE(Logged("QImage:ReadJPG(" + bad + "); "));
 
@@ -614,7 +581,7 @@ TEST_F(QImageTest, EveryReaderSurvivesTruncationAndNoise) {
       const std::string ext = strrchr(name, '.');
       const std::string path = Tmp("cut" + ext);
       for (size_t n = 0; n < whole.size(); ++n) {
-        Save(path, Bytes(whole.begin(), whole.begin() + long(n)));
+        WriteFile(path, Bytes(whole.begin(), whole.begin() + long(n)));
         QImage img;
         const bool ok = img.Read(path.c_str());
         // Cutting a Targa anywhere in memory leaves too little data.
@@ -625,11 +592,11 @@ TEST_F(QImageTest, EveryReaderSurvivesTruncationAndNoise) {
       for (int round = 0; round < 20; ++round) {
         Bytes noisy = whole;
         for (int k = 0; k < 4; ++k) noisy[rng() % noisy.size()] = uint8_t(rng());
-        Save(path, noisy);
+        WriteFile(path, noisy);
         QImage img;
         img.Read(path.c_str());
       }
     }
   }
-  g_log.clear();
+  log_.Clear();
 }

@@ -13,17 +13,10 @@
 
 #include "framework/qbitmap.h"
 #include "framework/qimage.h"
-#include "framework/qmessage.h"
+#include "support/logcapture.h"
+#include "support/tempdir.h"
 
 namespace {
-
-std::vector<std::string> g_log;
-void Capture(const char*, const char* text) { g_log.push_back(text); }
-bool Logged(const std::string& text) {
-  for (auto& l : g_log)
-    if (l.find(text) != std::string::npos) return true;
-  return false;
-}
 
 // Runs a shell command and answers its standard output.
 std::string Shell(const std::string& cmd) {
@@ -56,26 +49,12 @@ void Paint(QBitMap* bm, int w, int h) {
     }
 }
 
-class QImageWriteTest : public ::testing::Test {
+class QImageWriteTest : public TempDirTest {
  protected:
-  void SetUp() override {
-    g_log.clear();
-    oldWarn_ = qSetWarnHandler(Capture);
-    oldErr_ = qSetErrHandler(Capture);
-    oldDbg_ = qSetDbgHandler(Capture);
-    char tmpl[] = "/tmp/qimage_write_test_XXXXXX";
-    dir_ = mkdtemp(tmpl);
-  }
-  void TearDown() override {
-    qSetWarnHandler(oldWarn_);
-    qSetErrHandler(oldErr_);
-    qSetDbgHandler(oldDbg_);
-    EXPECT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0);
-  }
-  std::string Tmp(const std::string& name) const { return dir_ + "/" + name; }
+  QImageWriteTest() : TempDirTest("qimage_write_test") {}
+  bool Logged(const std::string& text) const { return log_.Seen(text); }
 
-  std::string dir_;
-  QMessageHandler oldWarn_ = nullptr, oldErr_ = nullptr, oldDbg_ = nullptr;
+  LogCapture log_;
 };
 
 }  // namespace
@@ -156,7 +135,7 @@ TEST_F(QImageWriteTest, RefusalsAreReportedOnce) {
   EXPECT_TRUE(Logged("QBitMap::WriteJPG(" + Tmp("no/dir/x.jpg") + "); can't open file"));
 
   QBitMap wide(32, 8193, 1);
-  g_log.clear();
+  log_.Clear();
   EXPECT_FALSE(wide.Write(Tmp("w.tga").c_str(), 1));
   EXPECT_TRUE(Logged("QBitMap:WriteTGA(); image too wide"));
   EXPECT_FALSE(wide.Write(Tmp("w.rgb").c_str(), 0));
@@ -165,7 +144,7 @@ TEST_F(QImageWriteTest, RefusalsAreReportedOnce) {
 
   // An empty bitmap cannot become a JPEG: the library's error comes back as a warning.
   QBitMap empty;
-  g_log.clear();
+  log_.Clear();
   EXPECT_FALSE(empty.Write(Tmp("e.jpg").c_str(), 3));
-  EXPECT_EQ(g_log.size(), 1u);
+  EXPECT_EQ(log_.Lines().size(), 1u);
 }

@@ -31,6 +31,7 @@ std::string TempDir::Write(const std::string& name, const std::string& content) 
 namespace {
 
 bool WriteBytes(const std::string& path, const void* data, size_t size) {
+  unlink(path.c_str());  // a fresh file: truncating one in place makes ext4 flush it to disk
   FILE* f = fopen(path.c_str(), "wb");
   if (!f) return false;
   const bool ok = size == 0 || fwrite(data, 1, size, f) == size;
