@@ -21,6 +21,8 @@ char g_names[DTexture::NAME_TABLE_SIZE + 1][DTexture::NAME_LENGTH];
 char g_tooHigh[64];
 // Id found still in use by the first-texture check; a later creation of it may be a leak.
 int g_suspectId = 0;
+// GL names held by textures right now; soak runs watch it for textures that are never released.
+int g_liveTextures = 0;
 
 constexpr int kLeakCheckIds = 199;
 
@@ -88,11 +90,14 @@ DTexture::~DTexture() {
     glBindTexture(target_, 0);
     GLuint id = id_;
     glDeleteTextures(1, &id);
+    --g_liveTextures;
   }
   id_ = 0;
   qfree(pixels_);
   pixels_ = nullptr;
 }
+
+int DTexture::GetLiveCount() { return g_liveTextures; }
 
 unsigned int DTexture::ChooseInternalFormat(unsigned int requested, bool compressed,
                                             bool linear) {
@@ -151,6 +156,8 @@ bool DTexture::CreateTexture() {
   if (id_) {
     GLuint old = id_;
     glDeleteTextures(1, &old);
+  } else {
+    ++g_liveTextures;
   }
   id_ = id;
   if (g_suspectId && int(id) == g_suspectId) {

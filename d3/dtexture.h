@@ -68,6 +68,9 @@ class DTexture : public QObject {
   // Logs the size, wrap modes and filters as OpenGL reports them; the binding is restored.
   void DbgPrint(const char* label);
 
+  // GL names held by all textures of the process now (made and not yet deleted). Cannot fail.
+  static int GetLiveCount();
+
   // The internal-format rule of the header text.
   static unsigned int ChooseInternalFormat(unsigned int requested, bool compressed, bool linear);
 
