@@ -138,12 +138,12 @@ void RaceManager::LoadNewImage(const char* pathArg) {
   oriented.reset();
   times.upload = phase.GetMilliSeconds();
   loadTimes = times;
-  // The texture name shows whether old ones are given back: freed names are handed out again.
+  // The texture count shows from outside whether old pictures are given back.
   qdbg(kSource, "RaceManager::LoadNewImage", __LINE__,
-       "Load times (%s): read %.1f ms, grey %.1f ms, exif %.1f ms, turn %.1f ms, upload %.1f ms, "
-       "texture %u",
+       "Load times (%s): read %.1f ms, grey %.1f ms, exif %.1f ms, turn %.1f ms, upload %.1f ms; "
+       "%d textures\n",
        path.cstr(), times.read, times.grey, times.exif, times.turn, times.upload,
-       texture->GetID());
+       DTexture::GetLiveCount());
 
   curImage = FindImage(path.cstr());
   if (curImage == -1 && AddToDir(path.cstr())) curImage = imageCount - 1;
