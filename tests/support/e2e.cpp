@@ -335,7 +335,9 @@ bool Program::Start(const char* arg) {
     if (fd >= 0) dup2(fd, 1), dup2(fd, 2);
     // The GL driver keeps blocks to the end, and so do the font and window by design.
     const char* asan = getenv("ASAN_OPTIONS");
-    setenv("ASAN_OPTIONS", (std::string(asan ? asan : "") + ":detect_leaks=0").c_str(), 1);
+    setenv("ASAN_OPTIONS",
+           (std::string(asan ? asan : "") + ":detect_leaks=" + (leakCheck_ ? "1" : "0")).c_str(),
+           1);
     execl(exe.c_str(), "glimra", arg, static_cast<char*>(nullptr));
     _exit(127);
   }
