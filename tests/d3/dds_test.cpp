@@ -16,6 +16,7 @@
 #include "d3/dtexture.h"
 #include "support/glwindow.h"
 #include "support/logcapture.h"
+#include "support/tempdir.h"
 
 namespace {
 
@@ -139,24 +140,17 @@ TEST(DDSReorder, RowsAndBlocksComeOutBottomUp) {
 }
 
 TEST(DDSFile, LoadReadsOnlyWhatTheHeaderClaims) {
-  char dir[] = "/tmp/dds_test_XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  const std::string path = std::string(dir) + "/a.dds";
-  std::vector<uint8_t> v = WithPayload(Header(8, 8, 2, "DXT1"), 32 + 8 + 1000);
-  FILE* f = fopen(path.c_str(), "wb");
-  ASSERT_NE(f, nullptr);
-  fwrite(v.data(), 1, v.size(), f);
-  fclose(f);
+  TempDir tmp("dds_test");
+  const std::string dir = tmp.Path(), path = tmp.File("a.dds");
+  ASSERT_TRUE(WriteFile(path, WithPayload(Header(8, 8, 2, "DXT1"), 32 + 8 + 1000)));
   LogCapture log;
   DDDS dds;
   EXPECT_TRUE(dds.Load(path.c_str()));
   EXPECT_EQ(dds.GetWidth(), 8);
   EXPECT_NE(dds.GetLevel(1), nullptr);
-  EXPECT_FALSE(dds.Load((std::string(dir) + "/none.dds").c_str()));
-  EXPECT_TRUE(log.Seen("Can't open DDS '" + std::string(dir) + "/none.dds'"));
+  EXPECT_FALSE(dds.Load((dir + "/none.dds").c_str()));
+  EXPECT_TRUE(log.Seen("Can't open DDS '" + dir + "/none.dds'"));
   EXPECT_EQ(dds.GetLevelCount(), 0);
-  unlink(path.c_str());
-  rmdir(dir);
 }
 
 TEST(DDSUpload, CompressedLevelsBecomeTheTexture) {

@@ -13,6 +13,7 @@
 
 #include "framework/qfile.h"
 #include "framework/qmessage.h"
+#include "support/tempdir.h"
 
 namespace {
 
@@ -21,16 +22,6 @@ namespace fs = std::filesystem;
 
 std::string g_log;
 void Collect(const char*, const char* text) { g_log += text; }
-
-void WriteFile(const std::string& path, const Bytes& data) {
-  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(data.data()),
-                                              static_cast<std::streamsize>(data.size()));
-}
-
-Bytes ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 Bytes RandomBytes(size_t n, unsigned seed) {
   std::mt19937 rng(seed);
@@ -183,7 +174,7 @@ class QArchiveFileTest : public ::testing::Test {
 TEST_F(QArchiveFileTest, NewArchiveIsMagicAndDirectoryOffset) {
   const std::string path = Path("new.ar");
   { QArchive ar(path.c_str(), QArchive::CREATE); }
-  EXPECT_EQ(ReadFile(path), (Bytes{'A', 'R', '0', '1', 4, 0, 0, 0}));
+  EXPECT_EQ(ReadBytes(path), (Bytes{'A', 'R', '0', '1', 4, 0, 0, 0}));
   QArchive ar(path.c_str(), QArchive::READ);
   EXPECT_TRUE(ar.IsOpen() && ar.IsArchive());
   EXPECT_FALSE(ar.FirstEntry(nullptr, nullptr, nullptr));
@@ -213,7 +204,7 @@ TEST_F(QArchiveFileTest, MembersRoundTripListAndReportProgress) {
   EXPECT_EQ(ar.GetFileSize(), 100000);
   EXPECT_EQ(ar.GetFileSize(), 100000);  // the stream stays at the block
   ASSERT_TRUE(ar.DecompressFile("empty", Path("out").c_str()));
-  EXPECT_TRUE(ReadFile(Path("out")).empty());
+  EXPECT_TRUE(ReadBytes(Path("out")).empty());
 
   // Stored chunks of 16385 bytes: the callback sees the bytes consumed before each chunk.
   std::vector<int> seen;
@@ -225,7 +216,7 @@ TEST_F(QArchiveFileTest, MembersRoundTripListAndReportProgress) {
   EXPECT_EQ(seen, (std::vector<int>{1, 1 + 16387, 1 + 2 * 16387, 1 + 3 * 16387}));
   ar.SetProgressCallback(nullptr, nullptr);
   ASSERT_TRUE(ar.DecompressFile("noise", Path("out").c_str()));
-  EXPECT_EQ(ReadFile(Path("out")), noise);
+  EXPECT_EQ(ReadBytes(Path("out")), noise);
 }
 
 TEST_F(QArchiveFileTest, CaseAndRemoval) {
@@ -342,7 +333,7 @@ TEST_F(QArchiveFileTest, TruncatedAndScrambledArchivesNeverCrash) {
     ASSERT_TRUE(ar.AddFile(Source("t", TextLike(40000)).c_str(), "t"));
     ASSERT_TRUE(ar.AddFile(Source("z", Bytes(30000, 0)).c_str(), "z"));
   }
-  const Bytes good = ReadFile(src);
+  const Bytes good = ReadBytes(src);
   std::mt19937 rng(11);
   for (int round = 0; round < 300; ++round) {
     Bytes file = good;
@@ -397,7 +388,7 @@ TEST_F(QArchiveFileTest, RealFilesRoundTrip) {
   {
     QArchive ar(path.c_str(), QArchive::CREATE);
     for (const auto& [source, name] : files) {
-      originals.push_back(ReadFile(source));
+      originals.push_back(ReadBytes(source));
       WriteFile(Path("copy"), originals.back());
       ASSERT_TRUE(ar.AddFile(Path("copy").c_str(), name.c_str())) << source;
     }
@@ -406,7 +397,7 @@ TEST_F(QArchiveFileTest, RealFilesRoundTrip) {
   for (size_t i = 0; i < files.size(); ++i) {
     const char* name = files[i].second.c_str();
     ASSERT_TRUE(ar.DecompressFile(name, Path("out").c_str())) << name;
-    ASSERT_EQ(ReadFile(Path("out")), originals[i]) << name;
+    ASSERT_EQ(ReadBytes(Path("out")), originals[i]) << name;
   }
   printf("[ real data ] %zu files, %zu bytes, archive %ju bytes\n", files.size(), total,
          static_cast<uintmax_t>(fs::file_size(path)));

@@ -13,6 +13,7 @@
 #include "framework/qbitmap.h"
 #include "framework/qexif.h"
 #include "framework/qimage.h"
+#include "support/tempdir.h"
 
 namespace {
 
@@ -23,17 +24,6 @@ int RunTool(const std::string& dir, const std::string& args, const std::string& 
   const std::string cmd = "cd '" + dir + "' && '" + kTool + "' " + args + " >'" + log + "' 2>&1";
   const int rc = system(cmd.c_str());
   return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
-}
-
-std::string ReadFile(const std::string& path) {
-  std::string out;
-  if (FILE* f = fopen(path.c_str(), "rb")) {
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof(buf), f)) > 0) out.append(buf, n);
-    fclose(f);
-  }
-  return out;
 }
 
 // Mean of blue minus red over `rows` picture rows starting at the top (fromTop) or the bottom.
@@ -49,15 +39,9 @@ double Blueness(const QBitMap& bm, int rows, bool fromTop) {
   return sum / (double(rows) * bm.GetWidth());
 }
 
-class DemoPics : public ::testing::Test {
+class DemoPics : public TempDirTest {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/demopics_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override { system(("rm -rf '" + dir_ + "'").c_str()); }
-  std::string dir_;
+  DemoPics() : TempDirTest("demopics") {}
 };
 
 struct Expected {
