@@ -1,0 +1,380 @@
+// How quickly the slideshow puts a photo on the screen, and what it costs while it waits.
+//
+// Load to frame: the controller with a real window and its command socket, as the program runs
+// them. Each iteration sends "load <photo>" to the socket, takes it with NetCheck (which loads
+// the picture), paints, swaps and waits for the GL pipeline to finish: the time from the
+// datagram to the frame on the screen, less the wait for the next idle cycle in the running
+// program (at most one idle sleep, 100 ms by default). The counters split a load into the
+// controller's phases (read, grey, EXIF, turn, upload) plus "frame" (paint, swap, finish).
+// Black-and-white is on, so that the grey phase is measured too. Photos of 12 and 24
+// megapixels, stored upright without EXIF data and stored turned with orientation 6, are made
+// into /tmp: smooth gradients with pixel noise, quality 90. Beside each, a plain libjpeg-turbo
+// decode of the same file; the ratio of the load to it is printed after the table.
+//
+// Idle: the real glimra of this build (../glimra) runs from a temporary copy of its folder at the
+// default idle sleep, showing the 12-megapixel photo; after it has loaded, its utime + stime
+// from /proc/<pid>/stat over 10 s are printed as a percentage of one core.
+//
+// Needs a display: run it under xvfb-run -a -s "-screen 0 1920x1080x24".
+#include <GL/gl.h>
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+// After <cstdio>: the library's header needs FILE.
+#include <jpeglib.h>
+
+#include "app/slideshow.h"
+#include "d3/dtexture.h"
+#include "framework/qapp.h"
+#include "framework/qini.h"
+#include "framework/qmessage.h"
+#include "framework/qshell.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kWindowW = 1920, kWindowH = 1080;
+
+struct Photo {
+  int width;
+  int height;
+  int orientation;  // 0: no EXIF block
+  const char* label;
+};
+const Photo kPhotos[] = {{4000, 3000, 0, "12MP"},
+                         {4000, 3000, 6, "12MP_o6"},
+                         {6000, 4000, 0, "24MP"},
+                         {6000, 4000, 6, "24MP_o6"}};
+
+std::string PhotoPath(const Photo& p) {
+  return std::string("/tmp/glimra_slideshow_bench_") + p.label + ".jpg";
+}
+
+bool MakePhoto(const Photo& p) {
+  FILE* f = fopen(PhotoPath(p).c_str(), "wb");
+  if (!f) return false;
+  jpeg_compress_struct c;
+  jpeg_error_mgr err;
+  c.err = jpeg_std_error(&err);
+  jpeg_create_compress(&c);
+  jpeg_stdio_dest(&c, f);
+  c.image_width = JDIMENSION(p.width), c.image_height = JDIMENSION(p.height);
+  c.input_components = 3, c.in_color_space = JCS_RGB;
+  jpeg_set_defaults(&c);
+  jpeg_set_quality(&c, 90, TRUE);
+  jpeg_start_compress(&c, TRUE);
+  if (p.orientation) {
+    // "Exif", a little-endian TIFF header and one IFD entry 0x0112 (SHORT) with the value.
+    const uint8_t exif[] = {'E', 'x', 'i', 'f', 0, 0, 'I', 'I', 42, 0, 8, 0, 0, 0, 1, 0, 0x12, 1,
+                            3, 0, 1, 0, 0, 0, uint8_t(p.orientation), 0, 0, 0, 0, 0, 0, 0};
+    jpeg_write_marker(&c, JPEG_APP0 + 1, exif, sizeof(exif));
+  }
+  std::vector<uint8_t> row(size_t(p.width) * 3);
+  uint32_t seed = 12345;
+  auto clamp = [](int v) { return uint8_t(v < 0 ? 0 : v > 255 ? 255 : v); };
+  for (int y = 0; y < p.height; ++y) {
+    for (int x = 0; x < p.width; ++x) {
+      seed = seed * 1664525u + 1013904223u;
+      const int noise = int(seed >> 27) - 16;
+      uint8_t* px = &row[size_t(x) * 3];
+      px[0] = clamp(255 * x / p.width + noise);
+      px[1] = clamp(255 * y / p.height + noise / 2);
+      px[2] = clamp(255 * (x + y) / (p.width + p.height) - noise);
+    }
+    JSAMPROW r = row.data();
+    jpeg_write_scanlines(&c, &r, 1);
+  }
+  jpeg_finish_compress(&c);
+  jpeg_destroy_compress(&c);
+  return fclose(f) == 0;
+}
+
+// The yardstick: libjpeg-turbo straight into a fresh RGBA buffer.
+bool RawDecode(const char* path) {
+  FILE* f = fopen(path, "rb");
+  if (!f) return false;
+  jpeg_decompress_struct d;
+  jpeg_error_mgr err;
+  d.err = jpeg_std_error(&err);
+  jpeg_create_decompress(&d);
+  jpeg_stdio_src(&d, f);
+  jpeg_read_header(&d, TRUE);
+  d.out_color_space = JCS_EXT_RGBA;
+  jpeg_start_decompress(&d);
+  const size_t stride = size_t(d.output_width) * 4;
+  std::vector<uint8_t> buffer(stride * d.output_height);
+  JSAMPROW rows[16];
+  while (d.output_scanline < d.output_height) {
+    const unsigned first = d.output_scanline;
+    const unsigned n = std::min(16u, d.output_height - first);
+    for (unsigned k = 0; k < n; ++k) rows[k] = buffer.data() + (first + k) * stride;
+    jpeg_read_scanlines(&d, rows, n);
+  }
+  jpeg_finish_decompress(&d);
+  benchmark::DoNotOptimize(buffer.data());
+  jpeg_destroy_decompress(&d);
+  fclose(f);
+  return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Load to frame, in this process
+// ---------------------------------------------------------------------------------------------
+
+struct Rig {
+  QApp* app = nullptr;
+  QShell* window = nullptr;
+  RaceManager* rm = nullptr;
+  int port = 0;
+  int sender = -1;
+  std::string dir;
+};
+Rig g_rig;
+
+// Mean seconds per benchmark name, for the ratios after the table.
+std::map<std::string, double> g_mean;
+
+bool SetUpRig() {
+  const char* display = getenv("DISPLAY");
+  if (!display || !*display) return false;
+  char tmpl[] = "/tmp/glimra-slideshow-bench-XXXXXX";
+  if (!mkdtemp(tmpl)) return false;
+  g_rig.dir = tmpl;
+  std::ofstream(g_rig.dir + "/bench.ini") << "effects\n{\n  black_and_white=1\n}\n";
+
+  g_rig.app = new QApp("glimra", "Glimra");
+  g_rig.app->SetNoStateManager();
+  g_rig.app->SetWindowRect(0, 0, kWindowW, kWindowH);
+  if (!g_rig.app->Create()) return false;
+  g_rig.window = g_rig.app->GetMainWindow();
+  if (!g_rig.window || !g_rig.window->MakeCurrent()) return false;
+  g_rig.rm = new RaceManager();
+  g_rig.rm->SetIni(new QIni((g_rig.dir + "/bench.ini").c_str()));
+  g_rig.rm->SetWindow(g_rig.window);
+
+  // A port that was free a moment ago.
+  const int probe = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof(a);
+  if (bind(probe, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0 ||
+      getsockname(probe, reinterpret_cast<sockaddr*>(&a), &len) != 0)
+    return false;
+  close(probe);
+  g_rig.port = ntohs(a.sin_port);
+  OpenCommandSocket(g_rig.port);
+  g_rig.sender = socket(AF_INET, SOCK_DGRAM, 0);
+  return g_rig.sender >= 0;
+}
+
+bool SendLoad(const std::string& path) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(uint16_t(g_rig.port));
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const std::string text = "load " + path;
+  return sendto(g_rig.sender, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&a),
+                sizeof(a)) == ssize_t(text.size());
+}
+
+void BM_LoadToFrame(benchmark::State& state, const Photo* p) {
+  if (!g_rig.rm) {
+    state.SkipWithError("no display");
+    return;
+  }
+  const std::string path = PhotoPath(*p);
+  double read = 0, grey = 0, exif = 0, turn = 0, upload = 0, frame = 0, total = 0;
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    if (!SendLoad(path)) state.SkipWithError("send failed");
+    NetCheck(g_rig.port);
+    const RaceManager::LoadTimes& t = g_rig.rm->GetLoadTimes();
+    // Neighbouring photos differ in their turned size, so a failed load shows here.
+    const DBitMapTexture* tex = g_rig.rm->GetTexture();
+    if (!tex || tex->GetWidth() != (p->orientation == 6 ? p->height : p->width))
+      state.SkipWithError("load failed");
+    const auto painting = Clock::now();
+    g_rig.rm->Paint();
+    g_rig.window->Swap();
+    glFinish();
+    const auto end = Clock::now();
+    const double seconds = std::chrono::duration<double>(end - start).count();
+    state.SetIterationTime(seconds);
+    read += t.read, grey += t.grey, exif += t.exif, turn += t.turn, upload += t.upload;
+    frame += std::chrono::duration<double, std::milli>(end - painting).count();
+    total += seconds;
+  }
+  const auto avg = benchmark::Counter::kAvgIterations;
+  state.counters["read_ms"] = benchmark::Counter(read, avg);
+  state.counters["grey_ms"] = benchmark::Counter(grey, avg);
+  state.counters["exif_ms"] = benchmark::Counter(exif, avg);
+  state.counters["turn_ms"] = benchmark::Counter(turn, avg);
+  state.counters["upload_ms"] = benchmark::Counter(upload, avg);
+  state.counters["frame_ms"] = benchmark::Counter(frame, avg);
+  if (state.iterations() > 0)
+    g_mean[std::string("LoadToFrame/") + p->label] = total / double(state.iterations());
+}
+
+void BM_RawDecode(benchmark::State& state, const Photo* p) {
+  double total = 0;
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    if (!RawDecode(PhotoPath(*p).c_str())) state.SkipWithError("no photo");
+    total += std::chrono::duration<double>(Clock::now() - start).count();
+  }
+  if (state.iterations() > 0)
+    g_mean[std::string("RawDecode/") + p->label] = total / double(state.iterations());
+}
+
+// ---------------------------------------------------------------------------------------------
+// Idle CPU of the running program
+// ---------------------------------------------------------------------------------------------
+
+std::string ReadAll(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+}
+
+// utime + stime of `pid` in clock ticks; -1 when it cannot be read.
+long CpuTicks(pid_t pid) {
+  const std::string stat = ReadAll("/proc/" + std::to_string(pid) + "/stat");
+  // The command name in parentheses may hold blanks; the fields after it are fixed.
+  const size_t close = stat.rfind(')');
+  if (close == std::string::npos) return -1;
+  std::istringstream in(stat.substr(close + 2));
+  std::string field;
+  long utime = 0, stime = 0;
+  for (int i = 3; i <= 15 && in >> field; ++i) {
+    if (i == 14) utime = atol(field.c_str());
+    if (i == 15) stime = atol(field.c_str());
+  }
+  return utime + stime;
+}
+
+void SetKey(const std::string& ini, const char* key, const std::string& value) {
+  QIni file(ini.c_str());
+  file.SetString(key, value.c_str());
+  file.Write(nullptr, false);
+}
+
+// Percentage of one core used by glimra while it shows `photo` and waits; -1 when it could not
+// be run.
+double IdleCpuPercent(const std::string& photo, double seconds) {
+  char self[4096];
+  const ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+  if (n <= 0) return -1;
+  self[n] = 0;
+  const fs::path build = fs::path(self).parent_path().parent_path();
+  // Lower case: the program lower-cases its own folder before making it current.
+  const std::string dir = "/tmp/glimra-slideshow-bench-run-" + std::to_string(getpid());
+  std::error_code ec;
+  fs::create_directory(dir, ec);
+  fs::copy_file(build / "glimra", dir + "/glimra", ec);
+  if (ec) return -1;
+  fs::copy_file(build / "glimra.ini", dir + "/glimra.ini", ec);
+  fs::copy(build / "fonts", dir + "/fonts", fs::copy_options::recursive, ec);
+  if (ec) return -1;
+  const std::string ini = dir + "/glimra.ini";
+  SetKey(ini, "network.port", std::to_string(g_rig.port + 1));
+  SetKey(ini, "resolution.width", std::to_string(kWindowW));
+  SetKey(ini, "resolution.height", std::to_string(kWindowH));
+  SetKey(ini, "dev.qdbg_to_qlog", "1");
+
+  const pid_t pid = fork();
+  if (pid < 0) return -1;
+  if (pid == 0) {
+    if (chdir(dir.c_str()) != 0) _exit(126);
+    const int null = open("/dev/null", O_WRONLY);
+    if (null >= 0) dup2(null, 1), dup2(null, 2);
+    execl((dir + "/glimra").c_str(), "glimra", photo.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  double percent = -1;
+  const auto deadline = Clock::now() + std::chrono::seconds(60);
+  while (ReadAll(dir + "/QLOG.txt").find("Load times (") == std::string::npos &&
+         Clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  if (Clock::now() < deadline) {
+    // The first frames after a load are still settling.
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    const long t0 = CpuTicks(pid);
+    const auto w0 = Clock::now();
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    const long t1 = CpuTicks(pid);
+    const double wall = std::chrono::duration<double>(Clock::now() - w0).count();
+    if (t0 >= 0 && t1 >= 0)
+      percent = 100.0 * double(t1 - t0) / double(sysconf(_SC_CLK_TCK)) / wall;
+  }
+  kill(pid, SIGTERM);
+  waitpid(pid, nullptr, 0);
+  fs::remove_all(dir, ec);
+  return percent;
+}
+
+void Quiet(const char*, const char*) {}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  qSetDbgHandler(Quiet);
+  benchmark::Initialize(&argc, argv);
+  if (!SetUpRig()) {
+    fprintf(stderr, "slideshow_bench needs a display: run it under xvfb-run\n");
+    return 1;
+  }
+  for (const Photo& p : kPhotos) {
+    if (!MakePhoto(p)) {
+      fprintf(stderr, "can't write %s\n", PhotoPath(p).c_str());
+      return 1;
+    }
+    benchmark::RegisterBenchmark((std::string("RawDecode/") + p.label).c_str(), BM_RawDecode, &p)
+        ->Unit(benchmark::kMillisecond)
+        ->Iterations(5);
+    benchmark::RegisterBenchmark((std::string("LoadToFrame/") + p.label).c_str(), BM_LoadToFrame,
+                                 &p)
+        ->Unit(benchmark::kMillisecond)
+        ->UseManualTime()
+        ->Iterations(5);
+  }
+  benchmark::RunSpecifiedBenchmarks();
+  for (const Photo& p : kPhotos) {
+    const auto load = g_mean.find(std::string("LoadToFrame/") + p.label);
+    const auto raw = g_mean.find(std::string("RawDecode/") + p.label);
+    if (load != g_mean.end() && raw != g_mean.end() && raw->second > 0)
+      printf("%s load to frame / raw decode = %.2f\n", p.label, load->second / raw->second);
+  }
+  const double idle = IdleCpuPercent(PhotoPath(kPhotos[0]), 10.0);
+  if (idle >= 0)
+    printf("idle CPU of glimra showing the %s photo (100 ms idle sleep): %.1f %% of one core\n",
+           kPhotos[0].label, idle);
+  else
+    printf("idle CPU: glimra could not be run from %s\n", g_rig.dir.c_str());
+  for (const Photo& p : kPhotos) remove(PhotoPath(p).c_str());
+  std::error_code ec;
+  fs::remove_all(g_rig.dir, ec);
+  benchmark::Shutdown();
+  return 0;
+}
