@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +18,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/e2e.h"
@@ -40,81 +42,57 @@ bool Is(uint32_t c, uint32_t want) {
 }
 
 // Follows QLOG.txt as it grows: handled commands, good loads with the texture count each one
-// reports, and every error or warning line.
-class LogFollower {
- public:
-  explicit LogFollower(std::string path) : path_(std::move(path)) {}
+// reports (the highest since the last reset), and every error or warning line.
+struct LogFollower {
+  explicit LogFollower(std::string file) : path(std::move(file)) {}
+  std::string path;
+  size_t offset = 0;
+  std::string partial;
+  int commands = 0, loads = 0, textures = -1, maxTextures = -1;
+  std::vector<std::string> complaints;
 
   void Poll() {
-    std::ifstream f(path_, std::ios::binary);
-    if (!f) return;
-    f.seekg(std::streamoff(offset_));
+    std::ifstream f(path, std::ios::binary);
+    f.seekg(std::streamoff(offset));
     const std::string chunk((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-    offset_ += chunk.size();
-    partial_ += chunk;
-    for (size_t nl = partial_.find('\n'); nl != std::string::npos; nl = partial_.find('\n')) {
-      Line(partial_.substr(0, nl));
-      partial_.erase(0, nl + 1);
+    offset += chunk.size();
+    partial += chunk;
+    for (size_t nl = partial.find('\n'); nl != std::string::npos; nl = partial.find('\n')) {
+      const std::string line = partial.substr(0, nl);
+      partial.erase(0, nl + 1);
+      commands += line.find("] in ") != std::string::npos &&
+                  line.find(" bytes (load ") != std::string::npos;
+      const size_t semi = line.rfind("; ");
+      if (line.find("Load times (") != std::string::npos && semi != std::string::npos) {
+        ++loads;
+        if (sscanf(line.c_str() + semi, "; %d textures", &textures) == 1)
+          maxTextures = std::max(maxTextures, textures);
+      }
+      for (const char* level : {"(ERR", "(WARN", "(CRIT", "(FATAL"})
+        if (line.find(level) != std::string::npos) complaints.push_back(line);
     }
   }
-  // Polls until `commands` commands were handled; false after `ms`.
-  bool WaitForCommands(int commands, int ms) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    for (;;) {
-      Poll();
-      if (commands_ >= commands) return true;
-      if (std::chrono::steady_clock::now() > end) return false;
+  bool WaitForCommands(int n, int ms) {
+    for (int waited = 0; Poll(), commands < n; waited += 5) {
+      if (waited > ms) return false;
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
+    return true;
   }
-
-  int commands_ = 0;
-  int loads_ = 0;
-  int textures_ = -1;     // as the last good load reported it
-  int maxTextures_ = -1;  // the most any load reported since ResetMax
-  std::vector<std::string> complaints_;
-
-  void ResetMax() { maxTextures_ = textures_; }
-
- private:
-  void Line(const std::string& line) {
-    if (line.find("] in ") != std::string::npos &&
-        line.find(" bytes (load ") != std::string::npos)
-      ++commands_;
-    const size_t at = line.find("Load times (");
-    if (at != std::string::npos) {
-      ++loads_;
-      const size_t semi = line.rfind("; ");
-      if (semi != std::string::npos &&
-          sscanf(line.c_str() + semi, "; %d textures", &textures_) == 1)
-        maxTextures_ = std::max(maxTextures_, textures_);
-    }
-    for (const char* level : {"(ERR", "(WARN", "(CRIT", "(FATAL"})
-      if (line.find(level) != std::string::npos) complaints_.push_back(line);
-  }
-
-  std::string path_;
-  size_t offset_ = 0;
-  std::string partial_;
 };
 
-// The blocks in LeakSanitizer's report whose allocation passed through the main loop's work:
-// commands, keys, loading and painting.
+// The blocks of LeakSanitizer's report whose allocation passed through the main loop's work.
 std::vector<std::string> LoopLeaks(const std::string& out) {
   std::vector<std::string> found;
-  size_t at = out.find(" leak of ");
-  while (at != std::string::npos) {
-    const size_t next = out.find(" leak of ", at + 1);
-    const std::string block =
-        out.substr(at, next == std::string::npos ? std::string::npos : next - at);
+  for (size_t at = out.find(" leak of "), next; at != std::string::npos; at = next) {
+    next = out.find(" leak of ", at + 1);
+    const std::string block = out.substr(at, next == std::string::npos ? next : next - at);
     for (const char* fn : {"LoadNewImage", "LoadCurImage", "HandleCommand", "NetCheck",
-                           "HandleEvent", "Paint", "IdleProc", "AddToDir"}) {
+                           "HandleEvent", "Paint", "IdleProc", "AddToDir"})
       if (block.find(fn) != std::string::npos) {
         found.push_back(block);
         break;
       }
-    }
-    at = next;
   }
   return found;
 }
@@ -122,20 +100,10 @@ std::vector<std::string> LoopLeaks(const std::string& out) {
 long ResidentKb(pid_t pid) {
   std::ifstream f("/proc/" + std::to_string(pid) + "/status");
   std::string word;
+  long kb = -1;
   while (f >> word)
-    if (word == "VmRSS:") {
-      long kb = -1;
-      f >> kb;
-      return kb;
-    }
-  return -1;
-}
-
-// 400 x 300 quadrants as stored: red top-left, green top-right, blue bottom-left, white
-// bottom-right.
-uint32_t Quadrant(int x, int y) {
-  if (y < 150) return x < 200 ? kRed : kGreen;
-  return x < 200 ? kBlue : kWhite;
+    if (word == "VmRSS:" && f >> kb) break;
+  return kb;
 }
 
 // Photo-like: gradients with noise, so that the JPEG coder has real work.
@@ -180,7 +148,10 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   ASSERT_TRUE(e2e::WritePicture(p.Path("g.tga"), 200, 150, Photo));
   ASSERT_TRUE(e2e::WritePicture(p.Path("more/m.jpg"), 64, 300, Photo));
   ASSERT_TRUE(e2e::WritePicture(p.Path("more/m.tga"), 300, 64, Photo));
-  ASSERT_TRUE(e2e::WritePicture(p.Path("more/final.jpg"), 400, 300, Quadrant));
+  // Stored quadrants: red top-left, green top-right, blue bottom-left, white bottom-right.
+  ASSERT_TRUE(e2e::WritePicture(p.Path("more/final.jpg"), 400, 300, [](int x, int y) {
+    return y < 150 ? (x < 200 ? kRed : kGreen) : (x < 200 ? kBlue : kWhite);
+  }));
   ASSERT_TRUE(e2e::SetJpegOrientation(p.Path("more/final.jpg"), 8));
 
   // Broken ones: cut in half, empty, noise with a picture's name, never there, deleted after
@@ -191,11 +162,10 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   std::filesystem::resize_file(p.Path("cut.jpg"),
                                std::filesystem::file_size(p.Path("cut.jpg")) / 2);
   std::ofstream(p.Path("empty.jpg"));
-  {
-    std::mt19937 rng(7);
-    std::ofstream noise(p.Path("noise.jpg"), std::ios::binary);
-    for (int i = 0; i < 5000; ++i) noise.put(char(rng()));
-  }
+  std::mt19937 rng(7);
+  std::ofstream noise(p.Path("noise.jpg"), std::ios::binary);
+  for (int i = 0; i < 5000; ++i) noise.put(char(rng()));
+  noise.close();
   ASSERT_TRUE(e2e::WritePicture(p.Path("deleted.tga"), 32, 32, Photo));
 
   ASSERT_TRUE(p.Start());
@@ -216,12 +186,10 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
       ASSERT_TRUE(p.Send("load " + path));
     }
     // The program takes one command per cycle; let the queue drain before the next burst.
-    ASSERT_TRUE(log.WaitForCommands(sent, kStepMs))
-        << "handled " << log.commands_ << " of " << sent;
+    ASSERT_TRUE(log.WaitForCommands(sent, kStepMs)) << log.commands << " of " << sent;
     if (sent == kBaseline) {
       baselineKb = ResidentKb(p.Pid());
-      baselineTextures = log.textures_;
-      log.ResetMax();
+      baselineTextures = log.maxTextures = log.textures;
     }
     if (sent % kKeyEvery == 0) {
       ASSERT_TRUE(p.Keys(keys[(sent / kKeyEvery) % 8]));
@@ -232,17 +200,17 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   printf("soak: %d commands, %d good loads in %.1f s; VmRSS %ld kB after %d, %ld kB at the end; "
          "textures %d after %d, at most %d later\n",
-         log.commands_, log.loads_, seconds, baselineKb, kBaseline, endKb, baselineTextures,
-         kBaseline, log.maxTextures_);
+         log.commands, log.loads, seconds, baselineKb, kBaseline, endKb, baselineTextures,
+         kBaseline, log.maxTextures);
 
-  EXPECT_EQ(log.commands_, kCommands);
+  EXPECT_EQ(log.commands, kCommands);
   // Half the commands were good; the key presses add loads of their own.
-  EXPECT_GE(log.loads_, kCommands / 2);
+  EXPECT_GE(log.loads, kCommands / 2);
   ASSERT_GT(baselineKb, 0);
   EXPECT_LE(endKb, baselineKb * 11 / 10) << "resident memory grew";
   EXPECT_GE(endKb, baselineKb * 9 / 10);
   EXPECT_GT(baselineTextures, 0);
-  EXPECT_EQ(log.maxTextures_, baselineTextures) << "textures are not given back";
+  EXPECT_EQ(log.maxTextures, baselineTextures) << "textures are not given back";
 
   // Still answering: a last load shows the turned quadrants (orientation 8, a quarter turn
   // anticlockwise: green top-left, white top-right, red bottom-left, blue bottom-right).
@@ -259,7 +227,7 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   // warning; besides them just the two start-up notes of a test run.
   log.Poll();
   int cantLoad = 0;
-  for (const std::string& line : log.complaints_) {
+  for (const std::string& line : log.complaints) {
     if (line.find("dev.qdbg_to_qlog is 1") != std::string::npos ||
         line.find("uses software rendering") != std::string::npos)
       continue;
@@ -282,8 +250,7 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
     const size_t at = out.find(report);
     EXPECT_EQ(at, std::string::npos) << out.substr(at < 2000 ? 0 : at - 2000, 30000);
   }
-  const std::vector<std::string> leaks = LoopLeaks(out);
-  for (const std::string& leak : leaks) ADD_FAILURE() << leak;
+  for (const std::string& leak : LoopLeaks(out)) ADD_FAILURE() << leak;
   // A leak report of its own makes the sanitizer's exit code 1.
   const bool reported = out.find("LeakSanitizer: detected memory leaks") != std::string::npos;
   EXPECT_EQ(code, reported ? 1 : 0);
