@@ -225,7 +225,7 @@ bool QImage::ReadTGASlow(const char* name) {
   QStream fp(qfopen(name, "rb"));
   if (!fp) return false;
   uint8_t h[kHeaderSize];
-  // Three groups, as the fields are laid out: identifier and types, colour map, image spec.
+  // Three groups, as the fields are laid out: identifier and types, colour map, image geometry.
   if (fread(h, 1, 3, fp.get()) != 3 || fread(h + 3, 1, 5, fp.get()) != 5 ||
       fread(h + 8, 1, 10, fp.get()) != 10) {
     QWARN("QImage::ReadTGASlow", "QImage:ReadTGA(); can't read the header of '%s'", name);
