@@ -2,53 +2,33 @@
 #include "framework/qdebug.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
+#include <unistd.h>
 
-#include <fstream>
+#include <memory>
 #include <string>
-#include <vector>
 
 #include "framework/qini.h"
+#include "support/logcapture.h"
+#include "support/tempdir.h"
 
 namespace {
 
-std::vector<std::string>* g_lines = nullptr;
-void Capture(const char*, const char* text) { g_lines->push_back(text); }
-
-class DebugSetup : public ::testing::Test {
+class DebugSetup : public TempDirTest {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/glimra_dbg_XXXXXX";
-    dir_ = mkdtemp(tmpl);
-    qlogSetFileName((dir_ + "/QLOG.txt").c_str());
-    g_lines = &lines_;
-    oldWarn_ = qSetWarnHandler(Capture);
-    oldErr_ = qSetErrHandler(Capture);
-  }
+  // The second log file goes beside the first, so the log is sent to our directory.
+  DebugSetup() : TempDirTest("glimra_dbg") { qlogSetFileName(Tmp("QLOG.txt").c_str()); }
   void TearDown() override {
-    qSetWarnHandler(oldWarn_);
-    qSetErrHandler(oldErr_);
     qlogCloseSecondFile();
     qdbgSetFlags(0);
     qdbgSetStrict(false);
     qdbgSetUdpOutOpener(nullptr);
-    ASSERT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0);
   }
   QIni* Ini(const std::string& text) {
-    std::string name = dir_ + "/glimra.ini";
-    std::ofstream(name) << text;
-    ini_.reset(new QIni(name.c_str()));
+    ini_.reset(new QIni(MakeFile("glimra.ini", text).c_str()));
     return ini_.get();
   }
-  bool Logged(const std::string& what) const {
-    for (auto& l : lines_)
-      if (l.find(what) != std::string::npos) return true;
-    return false;
-  }
-  std::string dir_;
-  std::vector<std::string> lines_;
+  LogCapture log_;
   std::unique_ptr<QIni> ini_;
-  QMessageHandler oldWarn_ = nullptr, oldErr_ = nullptr;
 };
 
 TEST_F(DebugSetup, DefaultsLeaveEverythingOff) {
@@ -57,7 +37,7 @@ TEST_F(DebugSetup, DefaultsLeaveEverythingOff) {
   EXPECT_EQ(qdbgGetFlags(), 0);  // cleared before the switches are read
   EXPECT_EQ(qdbgGetLevel(), 1);
   EXPECT_FALSE(qdbgStrict());
-  EXPECT_TRUE(lines_.empty());
+  EXPECT_TRUE(log_.Lines().empty());
 }
 
 TEST_F(DebugSetup, SwitchesSetFlagsAndWarn) {
@@ -65,11 +45,10 @@ TEST_F(DebugSetup, SwitchesSetFlagsAndWarn) {
                  "  qdbg_to_qlog=1\n  log_last=1\n}\n"));
   EXPECT_EQ(qdbgGetFlags(), QDEBUG_OPENGL_CHECKS | QDEBUG_ARGUMENT_TRACING | QDEBUG_QDBG_TO_QLOG);
   EXPECT_EQ(qdbgGetLevel(), 3);
-  EXPECT_TRUE(Logged("dev.opengl_checks is 1; may slow the program down and possibly even crash"));
-  EXPECT_TRUE(Logged("dev.argument_tracing is 1;"));
-  EXPECT_TRUE(Logged("dev.qdbg_to_qlog is 1;"));
-  std::ifstream second(dir_ + "/QLOG_LAST.txt");
-  EXPECT_TRUE(second.good());
+  EXPECT_TRUE(log_.Seen("dev.opengl_checks is 1; may slow the program down and possibly even crash"));
+  EXPECT_TRUE(log_.Seen("dev.argument_tracing is 1;"));
+  EXPECT_TRUE(log_.Seen("dev.qdbg_to_qlog is 1;"));
+  EXPECT_EQ(access(Tmp("QLOG_LAST.txt").c_str(), F_OK), 0);
   qdbgSetLevel(1);
 }
 
@@ -82,18 +61,16 @@ bool FakeOpener(const char* description) {
 
 TEST_F(DebugSetup, UdpOutNeedsHostAndPortAndANetwork) {
   qdbg_setup(Ini("dev\n{\n  udp_out=localhost\n}\n"));
-  EXPECT_TRUE(Logged("qdbg_setup: need host:port in dev_udpout (now 'localhost')"));
-
-  lines_.clear();
+  EXPECT_TRUE(log_.Seen("qdbg_setup: need host:port in dev_udpout (now 'localhost')"));
   qdbg_setup(Ini("dev\n{\n  udp_out=10.1.2.3:7000\n}\n"));
-  EXPECT_TRUE(Logged("Cannot open udp_out socket as the NetworkManager is not initialized."));
+  EXPECT_TRUE(log_.Seen("Cannot open udp_out socket as the NetworkManager is not initialized."));
 
-  lines_.clear();
+  log_.Clear();
   g_opened = true;
   qdbgSetUdpOutOpener(FakeOpener);
   qdbg_setup(Ini("dev\n{\n  udp_out=127.0.0.1:7000\n}\n"));
   EXPECT_EQ(g_description, "type=udp,from=0.0.0.0:0,to=127.0.0.1:7000");
-  EXPECT_TRUE(lines_.empty());
+  EXPECT_TRUE(log_.Lines().empty());
 }
 
 }  // namespace

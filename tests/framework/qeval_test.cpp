@@ -5,40 +5,27 @@
 
 #include <string>
 
-TEST(QEval, PrecedenceSignsAndParentheses) {
-  EXPECT_EQ(qeval("2*512"), 1024);
-  EXPECT_EQ(qeval(" 1 + 2 * 3 "), 7);
-  EXPECT_EQ(qeval("(1+2)*3"), 9);
-  EXPECT_EQ(qeval("10 - 4 - 3"), 3);
-  EXPECT_EQ(qeval("-(3+4)*2 % 5"), -4);
-  EXPECT_EQ(qeval("--5"), 5);
-  EXPECT_EQ(qeval("17 / 5"), 3);
-}
-
-TEST(QEval, StopsAtTheFirstForeignByte) {
-  bool complete = true;
-  EXPECT_EQ(qeval("1024.0", &complete), 1024);
-  EXPECT_FALSE(complete);
-  EXPECT_EQ(qeval("12", &complete), 12);
-  EXPECT_TRUE(complete);
-  EXPECT_EQ(qeval("", &complete), 0);
-  EXPECT_FALSE(complete);
+TEST(QEval, ValuesAndWhetherTheWholeTextWasUsed) {
+  const int kMin = -2147483647 - 1;
+  const struct {
+    std::string text;
+    int value;
+    bool complete;
+  } cases[] = {
+      {"2*512", 1024, true}, {" 1 + 2 * 3 ", 7, true}, {"(1+2)*3", 9, true},
+      {"10 - 4 - 3", 3, true}, {"-(3+4)*2 % 5", -4, true}, {"--5", 5, true}, {"17 / 5", 3, true},
+      // Stops at the first foreign byte.
+      {"1024.0", 1024, false}, {"", 0, false}, {"abc", 0, false}, {"(2+3", 5, false},
+      // Faults give zero or wrap instead of trapping.
+      {"5/0", 0, true}, {"5%0", 0, true}, {"-2147483647-1", kMin, true},
+      {"(-2147483647-1)/-1", kMin, true}, {"(-2147483647-1)%-1", 0, true},
+      {"2147483647+1", kMin, true},
+      // The depth bound.
+      {std::string(100000, '(') + "1", 0, false}, {std::string(100000, '-'), 0, false}};
+  for (const auto& c : cases) {
+    bool complete = !c.complete;
+    EXPECT_EQ(qeval(c.text.c_str(), &complete), c.value) << c.text.substr(0, 20);
+    EXPECT_EQ(complete, c.complete) << c.text.substr(0, 20);
+  }
   EXPECT_EQ(qeval(nullptr), 0);
-  EXPECT_EQ(qeval("abc"), 0);
-  EXPECT_EQ(qeval("(2+3", &complete), 5);
-  EXPECT_FALSE(complete);
-}
-
-TEST(QEval, FaultsGiveZeroOrWrapInsteadOfTrapping) {
-  EXPECT_EQ(qeval("5/0"), 0);
-  EXPECT_EQ(qeval("5%0"), 0);
-  EXPECT_EQ(qeval("-2147483647-1"), -2147483647 - 1);
-  EXPECT_EQ(qeval("(-2147483647-1)/-1"), -2147483647 - 1);
-  EXPECT_EQ(qeval("(-2147483647-1)%-1"), 0);
-  EXPECT_EQ(qeval("2147483647+1"), -2147483647 - 1);
-  std::string deep(100000, '(');
-  bool complete = true;
-  EXPECT_EQ(qeval((deep + "1").c_str(), &complete), 0);
-  EXPECT_FALSE(complete);
-  EXPECT_EQ(qeval(std::string(100000, '-').c_str()), 0);
 }

@@ -4,20 +4,20 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <fstream>
 #include <iterator>
 #include <string>
 #include <vector>
+
+#include "support/tempdir.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
 Bytes Fixture(const char* name) {
-  std::string path = std::string(GLIMRA_SOURCE_DIR) + "/tests/data/exif/" + name;
-  std::ifstream in(path, std::ios::binary);
-  EXPECT_TRUE(in.good()) << path;
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  Bytes b = ReadBytes(std::string(GLIMRA_SOURCE_DIR) + "/tests/data/exif/" + name);
+  EXPECT_FALSE(b.empty()) << name;
+  return b;
 }
 
 int32_t ReadFile(QExif* x, const char* name) {
@@ -33,19 +33,10 @@ struct SegmentBuilder {
   Bytes b{std::begin(kLittleHeader), std::end(kLittleHeader)};
 
   size_t Tiff() const { return b.size() - 6; }  // current offset relative to the TIFF header
-  void U16(uint16_t v) {
-    b.push_back(static_cast<uint8_t>(v));
-    b.push_back(static_cast<uint8_t>(v >> 8));
-  }
-  void U32(uint32_t v) {
-    U16(static_cast<uint16_t>(v));
-    U16(static_cast<uint16_t>(v >> 16));
-  }
+  void U16(uint16_t v) { b.insert(b.end(), {uint8_t(v), uint8_t(v >> 8)}); }
+  void U32(uint32_t v) { U16(uint16_t(v)), U16(uint16_t(v >> 16)); }
   void Entry(uint16_t tag, uint16_t format, uint32_t count, uint32_t value) {
-    U16(tag);
-    U16(format);
-    U32(count);
-    U32(value);
+    U16(tag), U16(format), U32(count), U32(value);
   }
   void PutU32(size_t at, uint32_t v) {
     ASSERT_LE(at + 4, b.size());
@@ -58,56 +49,44 @@ constexpr uint16_t kShort = 3, kLong = 4, kRational = 5, kAscii = 2;
 
 // ---------------------------------------------------------------------------------------------
 
-TEST(QExifJpeg, OrientationInBothByteOrders) {
+TEST(QExifJpeg, FixturesGiveTheirOrientationOrTheirFault) {
+  // Each read starts from the previous one's record: stale values must not survive.
+  const struct {
+    const char* file;
+    int32_t result;
+    int orientation, littleEndian;
+  } cases[] = {
+      {"orient6_ii.jpg", 0, 6, 1},
+      {"orient8_mm.jpg", 0, 8, 0},
+      {"trailing.jpg", 0, 6, 1},  // padding after the end marker is ignored
+      {"plain.jpg", QExif::NO_EXIF, 0, -1},
+      {"orient6_ii.jpg", 0, 6, 1},
+      {"xmp_first.jpg", QExif::NO_EXIF, 0, -1},  // only the first APP1 counts, and it holds XMP
+      {"orient_long.jpg", 0, 0, -1},             // orientation stored as a long is ignored
+      {"truncated.jpg", QExif::NOT_JPEG, -1, -1},
+      {"picture.tga", QExif::NOT_JPEG, -1, -1},
+      {"short_segment.jpg", QExif::CORRUPT, -1, -1},
+  };
   QExif x;
-  EXPECT_EQ(ReadFile(&x, "orient6_ii.jpg"), 0);
-  EXPECT_EQ(x.orientation, 6);
-  EXPECT_EQ(x.littleEndian, 1);
-
-  EXPECT_EQ(ReadFile(&x, "orient8_mm.jpg"), 0);
-  EXPECT_EQ(x.orientation, 8);
-  EXPECT_EQ(x.littleEndian, 0);
-}
-
-TEST(QExifJpeg, PaddingAfterEndMarkerIsIgnored) {
-  QExif x;
-  EXPECT_EQ(ReadFile(&x, "trailing.jpg"), 0);
-  EXPECT_EQ(x.orientation, 6);
-}
-
-TEST(QExifJpeg, NotAJpegStream) {
-  QExif x;
-  EXPECT_EQ(ReadFile(&x, "truncated.jpg"), QExif::NOT_JPEG);
-  EXPECT_EQ(ReadFile(&x, "picture.tga"), QExif::NOT_JPEG);
+  for (const auto& c : cases) {
+    EXPECT_EQ(ReadFile(&x, c.file), c.result) << c.file;
+    if (c.orientation >= 0) {
+      EXPECT_EQ(x.orientation, c.orientation) << c.file;
+    }
+    if (c.littleEndian >= 0) {
+      EXPECT_EQ(x.littleEndian, c.littleEndian) << c.file;
+    }
+  }
   EXPECT_EQ(x.ReadFromJpeg(nullptr, 100), QExif::NOT_JPEG);
   const uint8_t tiny[] = {0xFF, 0xD8, 0xFF};
   EXPECT_EQ(x.ReadFromJpeg(tiny, sizeof(tiny)), QExif::NOT_JPEG);
-}
-
-TEST(QExifJpeg, NoExifSegment) {
-  QExif x;
-  // Stale values from an earlier picture must not survive.
-  ASSERT_EQ(ReadFile(&x, "orient6_ii.jpg"), 0);
-  EXPECT_EQ(ReadFile(&x, "plain.jpg"), QExif::NO_EXIF);
-  EXPECT_EQ(x.orientation, 0);
-  // Only the first APP1 is looked at, and here it holds XMP.
-  EXPECT_EQ(ReadFile(&x, "xmp_first.jpg"), QExif::NO_EXIF);
-  EXPECT_EQ(x.orientation, 0);
   // Start marker and padding only: the search for an end marker stops at the start marker.
   const uint8_t empty[] = {0xFF, 0xD8, 0, 0xFF, 0};
   EXPECT_EQ(x.ReadFromJpeg(empty, sizeof(empty)), QExif::NO_EXIF);
 }
 
-TEST(QExifJpeg, OrientationStoredAsLongIsIgnored) {
+TEST(QExifJpeg, SegmentLengthRunningPastTheEndMarker) {
   QExif x;
-  EXPECT_EQ(ReadFile(&x, "orient_long.jpg"), 0);
-  EXPECT_EQ(x.orientation, 0);
-}
-
-TEST(QExifJpeg, SegmentLengthChecks) {
-  QExif x;
-  EXPECT_EQ(ReadFile(&x, "short_segment.jpg"), QExif::CORRUPT);
-  // A length running past the end marker.
   Bytes b = Fixture("orient6_ii.jpg");
   ASSERT_EQ(b[20], 0xFF);
   ASSERT_EQ(b[21], 0xE1);

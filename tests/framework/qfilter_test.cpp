@@ -5,24 +5,16 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "framework/qbitmap.h"
-#include "framework/qmessage.h"
+#include "support/logcapture.h"
 
 namespace {
 
-std::vector<std::string> g_errors;
-void Capture(const char* /*header*/, const char* text) { g_errors.push_back(text); }
-
-// A 2 x 1 bitmap: a dark translucent pixel and a light opaque one.
+// A 2 x 1 bitmap: by default a dark translucent pixel and a light opaque one.
 struct Picture {
   QBitMap bm{32, 2, 1};
-  Picture(uint32_t a = 0x204060C0u, uint32_t b = 0xC0A080FFu) {
-    Set(0, a);
-    Set(1, b);
-  }
+  explicit Picture(uint32_t a = 0x204060C0u, uint32_t b = 0xC0A080FFu) { Set(0, a), Set(1, b); }
   void Set(int x, uint32_t rgba) {
     uint8_t* p = bm.GetAddress(x, 0);
     p[0] = uint8_t(rgba >> 24), p[1] = uint8_t(rgba >> 16);
@@ -36,88 +28,50 @@ struct Picture {
 
 }  // namespace
 
-TEST(QFilterBase, AbstractDoReportsAndChangesNothing) {
-  g_errors.clear();
-  QMessageHandler old = qSetErrHandler(Capture);
+TEST(QFilter, AbstractDoReportsAndChangesNothing) {
+  LogCapture log;
   Picture pic;
-  QFilter filter;
-  filter.Do(&pic.bm);
-  qSetErrHandler(old);
-  ASSERT_EQ(g_errors.size(), 1u);
-  EXPECT_NE(g_errors[0].find("QFilter::Do abstract call"), std::string::npos);
+  QFilter().Do(&pic.bm);
+  ASSERT_EQ(log.Lines().size(), 1u);
+  EXPECT_NE(log.Lines()[0].find("QFilter::Do abstract call"), std::string::npos);
   EXPECT_EQ(pic.Get(0), 0x204060C0u);
-  EXPECT_STREQ(QFilterGray().ClassName(), "QFilterGray");
 }
 
-TEST(QFilterBrightness, ClampsAndMovesTowardWhiteOrBlack) {
-  QControl amount(150);
-  QFilterBrightness filter(&amount);
-  Picture pic;
-  filter.Do(&pic.bm);  // 150 acts as 100
-  EXPECT_EQ(pic.Get(0), 0xFFFFFFC0u);
-  EXPECT_EQ(pic.Get(1), 0xFFFFFFFFu);
-
-  Picture dark;
-  amount.SetValue(-100);
-  filter.Do(&dark.bm);
-  EXPECT_EQ(dark.Get(0), 0x000000C0u);
-
-  Picture half;
-  amount.SetValue(50);  // 0x20 + 50 * (255 - 32) / 100 = 143
-  filter.Do(&half.bm);
-  EXPECT_EQ(half.Get(0) >> 24, 143u);
-  amount.SetValue(-50);  // 0x20 * 50 / 100 = 16
-  Picture lower;
-  filter.Do(&lower.bm);
-  EXPECT_EQ(lower.Get(0) >> 24, 16u);
+TEST(QFilter, AmountsAreClampedAndReadOnEveryDo) {
+  QControl amount;  // one control for all: each Do must read its current value
+  QFilterBrightness bright(&amount);
+  QFilterFade fade(&amount);
+  QFilterGray gray(&amount);
+  QFilterColorize tint(&amount, QColor(255, 128, 0));
+  const uint32_t a = 0x204060C0u, b = 0xC0A080FFu, red = 0xFF000080u, green = 0x00FF00FFu;
+  const struct {
+    QFilter* filter;
+    int amount;
+    uint32_t in0, in1, out0, out1;
+  } cases[] = {
+      {&bright, 150, a, b, 0xFFFFFFC0u, 0xFFFFFFFFu},  // acts as 100
+      {&bright, -100, a, b, 0x000000C0u, 0x000000FFu},
+      {&bright, 50, a, b, 0x8F9FAFC0u, 0xDFCFBFFFu},   // 0x20 + 50 * (255 - 0x20) / 100 = 143
+      {&bright, -50, a, b, 0x102030C0u, 0x605040FFu},  // 0x20 * 50 / 100 = 16
+      {&fade, 100, a, b, 0x20406000u, 0xC0A08000u},    // alpha only
+      {&fade, -100, 0x20406000u, b, 0x204060FFu, b},
+      {&fade, 0, a, b, a, b},
+      {&gray, 200, red, green, 0x49494980u, 0x939393FFu},  // acts as 128; L = 73 and 147
+      {&gray, 64, red, green, 0xA4242480u, 0x49C949FFu},   // 255 + (73 - 255) * 64 / 128 = 164
+      {&gray, -5, a, b, a, b},
+      {&tint, 0, 0xFFFFFF80u, b, 0xFFFFFF80u, b},
+      {&tint, 1, 0xFFFFFF80u, 0x808080FFu, 0xFF800080u, 0x804000FFu},  // L = 128: 128, 64, 0
+  };
+  for (const auto& c : cases) {
+    Picture pic(c.in0, c.in1);
+    amount.SetValue(c.amount);
+    c.filter->Do(&pic.bm);
+    EXPECT_EQ(pic.Get(0), c.out0) << c.filter->ClassName() << " " << c.amount;
+    EXPECT_EQ(pic.Get(1), c.out1) << c.filter->ClassName() << " " << c.amount;
+  }
 }
 
-TEST(QFilterFade, ChangesOnlyAlpha) {
-  QControl amount(100);
-  QFilterFade filter(&amount);
-  Picture pic;
-  filter.Do(&pic.bm);
-  EXPECT_EQ(pic.Get(0), 0x20406000u);
-  EXPECT_EQ(pic.Get(1), 0xC0A08000u);
-  amount.SetValue(-100);
-  filter.Do(&pic.bm);
-  EXPECT_EQ(pic.Get(0), 0x204060FFu);
-  amount.SetValue(0);
-  filter.Do(&pic.bm);
-  EXPECT_EQ(pic.Get(0), 0x204060FFu);
-}
-
-TEST(QFilterGray, FullAndPartialGrey) {
-  QControl amount(200);  // acts as 128
-  QFilterGray filter(&amount);
-  Picture pic(0xFF000080u, 0x00FF00FFu);
-  filter.Do(&pic.bm);
-  EXPECT_EQ(pic.Get(0), 0x49494980u);  // L = 73
-  EXPECT_EQ(pic.Get(1), 0x939393FFu);  // L = 147
-
-  Picture half(0xFF000080u);
-  amount.SetValue(64);  // 255 + (73 - 255) * 64 / 128 = 164; 0 + 73 * 64 / 128 = 36
-  filter.Do(&half.bm);
-  EXPECT_EQ(half.Get(0), 0xA4242480u);
-  amount.SetValue(-5);
-  Picture same;
-  filter.Do(&same.bm);
-  EXPECT_EQ(same.Get(0), 0x204060C0u);
-}
-
-TEST(QFilterColorize, TintsByLuminanceWhenEnabled) {
-  QControl enable(0);
-  QFilterColorize filter(&enable, QColor(255, 128, 0));
-  Picture pic(0xFFFFFF80u, 0x808080FFu);
-  filter.Do(&pic.bm);
-  EXPECT_EQ(pic.Get(0), 0xFFFFFF80u);
-  enable.SetValue(1);
-  filter.Do(&pic.bm);
-  EXPECT_EQ(pic.Get(0), 0xFF800080u);
-  EXPECT_EQ(pic.Get(1), 0x804000FFu);  // L = 128: 128, 64, 0
-}
-
-TEST(QFilterBounds, EmptyAndShortBitmapsAreSafe) {
+TEST(QFilter, EmptyAndShortBitmapsAreSafe) {
   QControl amount(100);
   QBitMap empty;
   QFilterBrightness(&amount).Do(&empty);

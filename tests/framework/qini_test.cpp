@@ -3,12 +3,10 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
 #include <string>
-#include <vector>
 
 #include "framework/qdebug.h"
 #include "framework/qmessage.h"
@@ -50,21 +48,16 @@ struct MemIni {
 
 }  // namespace
 
-TEST(QIniLookup, FirstBlockWinsAndValuesStayUntrimmed) {
+TEST(QIniLookup, FirstBlockWinsValuesStayUntrimmedAndGroupsAreNoKeys) {
   MemIni m("resolution\n{\n  width=800\n  fullscreen= 1\n}\nresolution\n{\n  width=1024\n  depth=32\n}\n");
   EXPECT_EQ(m.Get("resolution.width"), "800");
   EXPECT_EQ(m.Get("resolution.depth"), "32");  // keys only the second block has still count
   EXPECT_EQ(m.Get("resolution.fullscreen"), " 1");
   EXPECT_EQ(m.ini.GetInt("resolution.fullscreen", 7), 1);
   EXPECT_TRUE(m.ini.GetBool("resolution.fullscreen", false));
-}
-
-TEST(QIniLookup, GroupWithoutValueIsNotAKey) {
-  MemIni m("res\n{\n  w=1\n}\n");
-  EXPECT_EQ(m.Get("res"), "<missing:<none>>");
-  EXPECT_EQ(m.Get("res.w.x"), "<missing:<none>>");
-  EXPECT_EQ(m.Get(""), "<missing:<none>>");
-  EXPECT_EQ(m.ini.GetInt("res", 5), 5);
+  for (const char* key : {"resolution", "resolution.width.x", ""})
+    EXPECT_EQ(m.Get(key), "<missing:<none>>") << key;
+  EXPECT_EQ(m.ini.GetInt("resolution", 5), 5);
 }
 
 TEST(QIniLookup, ReferencesAnswerKeysOfTheReferencedGroup) {
@@ -238,16 +231,19 @@ TEST(QIniIterator, WalksInFileOrderWithinTheDepthLimit) {
   EXPECT_EQ(CountContaining(log, "nestLevel"), 0);
 }
 
-TEST(QIniWrite, WrittenFileReadsBackToTheSameTree) {
+class QIniFile : public TempDirTest {
+ protected:
+  QIniFile() : TempDirTest("qini_test") {}
+};
+
+TEST_F(QIniFile, WrittenFileReadsBackToTheSameTree) {
   const std::string text =
       ";head comment\nref_base\n{\n  size=3\n  ;inner\n  deep\n  {\n    x= spaced \n  }\n}\n"
       "item~ref_base\n=tagged\n{\n  size=4\n}\nplain~ref_base\n{\n}\nv=2*512\nv=second\n";
   MemIni m(text);
   EXPECT_EQ(m.Text(), text);
-  TempDir tmp("qini_test");
-  std::string dir = tmp.Path(), name = dir + "/out.ini";
-  ASSERT_TRUE(m.ini.Write(name.c_str(), false));
-  QIni back(name.c_str());
+  ASSERT_TRUE(m.ini.Write(Tmp("out.ini").c_str(), false));
+  QIni back(Tmp("out.ini").c_str());
   EXPECT_TRUE(back.IsFound());
   qstring again;
   back.WriteToString(&again);
@@ -258,11 +254,9 @@ TEST(QIniWrite, WrittenFileReadsBackToTheSameTree) {
   EXPECT_EQ(back.GetInt("v", 0), 1024);
 }
 
-TEST(QIniWrite, ChangedFileIsOnlyOverwrittenWithoutTheQuestion) {
+TEST_F(QIniFile, ChangedFileIsOnlyOverwrittenWithoutTheQuestion) {
   setenv("GLIMRA_NO_MESSAGEBOX", "1", 1);  // every question is answered "no" at once
-  TempDir tmp("qini_test");
-  std::string dir = tmp.Path(), name = dir + "/glimra.ini";
-  WriteFile(name, "a=1\n");
+  const std::string name = MakeFile("glimra.ini", "a=1\n");
   {
     QIni ini(name.c_str());
     WriteFile(name, "a=2\n");
@@ -271,7 +265,6 @@ TEST(QIniWrite, ChangedFileIsOnlyOverwrittenWithoutTheQuestion) {
     ini.SetInt("a", 3);
     EXPECT_FALSE(ini.Write());
     EXPECT_FALSE(ini.IsModified());
-    EXPECT_EQ(ReadFile(name), "a=2\n");
     EXPECT_TRUE(ini.Write());  // nothing modified: nothing to do
     EXPECT_EQ(ReadFile(name), "a=2\n");
   }
@@ -283,22 +276,16 @@ TEST(QIniWrite, ChangedFileIsOnlyOverwrittenWithoutTheQuestion) {
     ini.SetInt("b", 5);  // the time written is remembered: no question this time either
     EXPECT_TRUE(ini.Write());
     EXPECT_EQ(ReadFile(name), "b=5\n");
+    // Reload writes the change first, then reads the file again.
+    ini.SetInt("b", 6);
+    EXPECT_TRUE(ini.Reload());
+    EXPECT_EQ(ini.GetInt("b", 0), 6);
+    EXPECT_FALSE(ini.IsModified());
+    ini.Clear();
+    EXPECT_EQ(ini.GetInt("b", 0), 0);
   }
   LogCapture log;
-  QIni missing((dir + "/none.ini").c_str());
+  QIni missing(Tmp("none.ini").c_str());
   EXPECT_FALSE(missing.IsFound());
-  EXPECT_EQ(CountContaining(log, "can't open ini file '" + dir + "/none.ini', current directory is '"), 1);
-}
-
-TEST(QIniWrite, ReloadWritesChangesThenRereads) {
-  TempDir tmp("qini_test");
-  std::string dir = tmp.Path(), name = dir + "/r.ini";
-  WriteFile(name, "a=1\n");
-  QIni ini(name.c_str());
-  ini.SetInt("a", 2);
-  EXPECT_TRUE(ini.Reload());
-  EXPECT_EQ(ini.GetInt("a", 0), 2);
-  EXPECT_FALSE(ini.IsModified());
-  ini.Clear();
-  EXPECT_EQ(ini.GetInt("a", 0), 0);
+  EXPECT_EQ(CountContaining(log, "can't open ini file '" + Tmp("none.ini") + "', current directory is '"), 1);
 }

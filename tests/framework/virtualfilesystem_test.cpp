@@ -2,46 +2,33 @@
 #include "framework/virtualfilesystem.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 
 #include "framework/qarchive.h"
 #include "framework/qfile.h"
-#include "framework/qmessage.h"
+#include "support/logcapture.h"
+#include "support/tempdir.h"
 
 namespace {
 
-std::string g_log;
-void Collect(const char*, const char* text) { g_log += text; }
-
 // Each test runs inside a fresh directory holding images/real.txt, images/pack.ar and top.ar.
-class VfsTest : public ::testing::Test {
+class VfsTest : public TempDirTest {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/vfs_test_XXXXXX";
-    root_ = mkdtemp(tmpl);
+  VfsTest() : TempDirTest("vfs_test") {
     old_ = std::filesystem::current_path();
-    std::filesystem::current_path(root_);
+    std::filesystem::current_path(dir_);
     std::filesystem::create_directory("images");
     std::ofstream("images/real.txt") << "real";
     Make("images/pack.ar", "pic.tga", "from images", "sub/deep.tga");
     Make("top.ar", "pic.tga", "from top", "other.tga");
-    images_ = new QArchive("images/pack.ar", QArchive::READ);
-    top_ = new QArchive("top.ar", QArchive::READ);
-    g_log.clear();
-    for (auto set : {qSetDbgHandler, qSetWarnHandler, qSetErrHandler}) set(Collect);
+    images_.reset(new QArchive("images/pack.ar", QArchive::READ));
+    top_.reset(new QArchive("top.ar", QArchive::READ));
   }
-  void TearDown() override {
-    for (auto set : {qSetDbgHandler, qSetWarnHandler, qSetErrHandler}) set(nullptr);
-    delete images_;
-    delete top_;
-    std::filesystem::current_path(old_);
-    std::filesystem::remove_all(root_);
-  }
+  ~VfsTest() override { std::filesystem::current_path(old_); }
   // An archive with `first` holding `text` and `second` holding "x".
   static void Make(const char* path, const char* first, const char* text, const char* second) {
     QArchive ar(path, QArchive::CREATE);
@@ -56,18 +43,17 @@ class VfsTest : public ::testing::Test {
     delete f;
     return s;
   }
-  std::string root_;
   std::filesystem::path old_;
-  QArchive* images_ = nullptr;
-  QArchive* top_ = nullptr;
+  std::unique_ptr<QArchive> images_, top_;
+  LogCapture log_;
 };
 
 TEST_F(VfsTest, ArchiveServesOnlyItsOwnDirectory) {
   QVirtualFileSystem vfs;
-  ASSERT_TRUE(vfs.AddArchive(top_) && vfs.AddArchive(images_));
+  ASSERT_TRUE(vfs.AddArchive(top_.get()) && vfs.AddArchive(images_.get()));
   EXPECT_TRUE(vfs.FileExists("images/pic.tga"));
   EXPECT_EQ(Contents(vfs.OpenFile("images/pic.tga", QFile::READ)), "from images");
-  EXPECT_NE(g_log.find("Directory does not match"), std::string::npos);
+  EXPECT_TRUE(log_.Seen("Directory does not match"));
   EXPECT_EQ(Contents(vfs.OpenFile("pic.tga", QFile::READ)), "from top");
   // Directories compare upper-cased, with either separator; names are found exactly but
   // opened case-blind.
@@ -85,26 +71,25 @@ TEST_F(VfsTest, ArchiveServesOnlyItsOwnDirectory) {
   EXPECT_FALSE(real->IsMemoryFile());
   EXPECT_EQ(Contents(real), "real");
 
-  EXPECT_TRUE(vfs.RemoveArchive(images_));
+  EXPECT_TRUE(vfs.RemoveArchive(images_.get()));
   EXPECT_FALSE(vfs.FileExists("images/pic.tga"));
-  EXPECT_TRUE(vfs.RemoveArchive(top_));
-  EXPECT_FALSE(vfs.RemoveArchive(top_));
+  EXPECT_TRUE(vfs.RemoveArchive(top_.get()));
+  EXPECT_FALSE(vfs.RemoveArchive(top_.get()));
 }
 
 TEST_F(VfsTest, CapacityDetachingAndDestruction) {
   {
     QVirtualFileSystem vfs;
-    for (int i = 0; i < QVirtualFileSystem::MAX_ARCHIVES; ++i) ASSERT_TRUE(vfs.AddArchive(top_));
-    EXPECT_FALSE(vfs.AddArchive(images_));
-    EXPECT_NE(g_log.find("Out of space to add archive"), std::string::npos);
+    for (int i = 0; i < QVirtualFileSystem::MAX_ARCHIVES; ++i) ASSERT_TRUE(vfs.AddArchive(top_.get()));
+    EXPECT_FALSE(vfs.AddArchive(images_.get()));
+    EXPECT_TRUE(log_.Seen("Out of space to add archive"));
     // Detaching moves the later ones up, so the last slot is free again.
-    ASSERT_TRUE(vfs.RemoveArchive(top_));
-    EXPECT_TRUE(vfs.AddArchive(images_));
+    ASSERT_TRUE(vfs.RemoveArchive(top_.get()));
+    EXPECT_TRUE(vfs.AddArchive(images_.get()));
     EXPECT_TRUE(vfs.FileExists("images/pic.tga"));
-    g_log.clear();
+    log_.Clear();
   }
-  EXPECT_NE(g_log.find("QVirtualFileSystem: still 100 archives attached upon destruction"),
-            std::string::npos);
+  EXPECT_TRUE(log_.Seen("QVirtualFileSystem: still 100 archives attached upon destruction"));
   EXPECT_TRUE(top_->FindFile("other.tga"));  // not deleted by the file system
 
   QVirtualFileSystem own;
