@@ -2,26 +2,22 @@
 #include "framework/qarchive.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "framework/qfile.h"
-#include "framework/qmessage.h"
+#include "support/logcapture.h"
 #include "support/tempdir.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 namespace fs = std::filesystem;
-
-std::string g_log;
-void Collect(const char*, const char* text) { g_log += text; }
 
 Bytes RandomBytes(size_t n, unsigned seed) {
   std::mt19937 rng(seed);
@@ -151,34 +147,16 @@ TEST(QArchiveCodec, OutputPastCapacityIsCountedNotWritten) {
 // Archive files
 // ---------------------------------------------------------------------------------------------
 
-class QArchiveFileTest : public ::testing::Test {
+class QArchiveFileTest : public TempDirTest {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/qarchive_test_XXXXXX";
-    dir_ = mkdtemp(tmpl);
-    g_log.clear();
-    for (auto set : {qSetErrHandler, qSetWarnHandler, qSetMessageHandler}) set(Collect);
+  QArchiveFileTest() : TempDirTest("qarchive_test") {}
+  std::string Path(const std::string& name) const { return Tmp(name); }
+  std::string Source(const std::string& name, const Bytes& data) const {
+    WriteFile(Tmp(name), data);
+    return Tmp(name);
   }
-  void TearDown() override {
-    for (auto set : {qSetErrHandler, qSetWarnHandler, qSetMessageHandler}) set(nullptr);
-    fs::remove_all(dir_);
-  }
-  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
-  std::string Source(const std::string& name, const Bytes& data) {
-    WriteFile(Path(name), data);
-    return Path(name);
-  }
-  std::string dir_;
+  LogCapture log_;
 };
-
-TEST_F(QArchiveFileTest, NewArchiveIsMagicAndDirectoryOffset) {
-  const std::string path = Path("new.ar");
-  { QArchive ar(path.c_str(), QArchive::CREATE); }
-  EXPECT_EQ(ReadBytes(path), (Bytes{'A', 'R', '0', '1', 4, 0, 0, 0}));
-  QArchive ar(path.c_str(), QArchive::READ);
-  EXPECT_TRUE(ar.IsOpen() && ar.IsArchive());
-  EXPECT_FALSE(ar.FirstEntry(nullptr, nullptr, nullptr));
-}
 
 TEST_F(QArchiveFileTest, MembersRoundTripListAndReportProgress) {
   const Bytes text = TextLike(100000), noise = RandomBytes(3 * 16384 + 10, 3);
@@ -251,20 +229,23 @@ TEST_F(QArchiveFileTest, CaseAndRemoval) {
   EXPECT_EQ(MemberBytes(&ar, "pic.tga"), Bytes{'2'});
 }
 
-TEST_F(QArchiveFileTest, RefusalsLeaveTheArchiveWhole) {
+TEST_F(QArchiveFileTest, NewArchiveIsMagicAndDirectoryOffsetAndRefusalsLeaveItWhole) {
   QArchive missing(Path("none.ar").c_str(), QArchive::READ);
   EXPECT_FALSE(missing.IsOpen());
-  EXPECT_NE(g_log.find("QArchive: can't open '"), std::string::npos);
+  EXPECT_TRUE(log_.Seen("QArchive: can't open '"));
   const std::string plain = Source("plain.txt", TextLike(100));
   EXPECT_FALSE(QArchive(plain.c_str(), QArchive::READ).IsOpen());
 
   const std::string path = Path("r.ar");
   { QArchive create(path.c_str(), QArchive::CREATE); }
+  EXPECT_EQ(ReadBytes(path), (Bytes{'A', 'R', '0', '1', 4, 0, 0, 0}));
   QArchive readOnly(path.c_str(), QArchive::READ);
+  EXPECT_TRUE(readOnly.IsOpen() && readOnly.IsArchive());
+  EXPECT_FALSE(readOnly.FirstEntry(nullptr, nullptr, nullptr));
   EXPECT_FALSE(readOnly.AddFile(plain.c_str(), "x") || readOnly.RemoveFile("x"));
   QArchive ar(path.c_str(), QArchive::UPDATE);
   EXPECT_FALSE(ar.AddFile(Path("nowhere").c_str(), "x"));
-  EXPECT_NE(g_log.find("** ERROR: '"), std::string::npos);
+  EXPECT_TRUE(log_.Seen("** ERROR: '"));
   EXPECT_FALSE(ar.DecompressFile("x", nullptr));
   EXPECT_EQ(fs::file_size(path), 8u);
 }
@@ -288,10 +269,10 @@ TEST_F(QArchiveFileTest, DamagedDirectoriesLeaveTheArchiveClosed) {
       {cut, "is cut short"},
       {{'A', 'R', '0', '1', 4}, "out of range for an archive"}};
   for (const auto& [file, message] : cases) {
-    g_log.clear();
+    log_.Clear();
     WriteFile(Path("bad.ar"), file);
     EXPECT_FALSE(QArchive(Path("bad.ar").c_str(), QArchive::READ).IsOpen()) << message;
-    EXPECT_NE(g_log.find(message), std::string::npos) << message << ": " << g_log;
+    EXPECT_TRUE(log_.Seen(message)) << message;
   }
 }
 
@@ -313,16 +294,16 @@ TEST_F(QArchiveFileTest, DamagedMembersAreReportedAndRefused) {
       {Block({128, 1}), 0x7FFFFFFF, "more than its block can hold"},
       {foreign, 1, nullptr}};  // a foreign block before the data is skipped
   for (const auto& [block, size, message] : cases) {
-    g_log.clear();
+    log_.Clear();
     WriteFile(Path("bad.ar"), OneMemberArchive(block, size));
     QArchive ar(Path("bad.ar").c_str(), QArchive::READ);
     ASSERT_TRUE(ar.IsOpen());
     if (!message) {
-      EXPECT_EQ(MemberBytes(&ar, "m"), (Bytes{'h'})) << g_log;
+      EXPECT_EQ(MemberBytes(&ar, "m"), (Bytes{'h'}));
       continue;
     }
     EXPECT_EQ(ar.OpenFile("m"), nullptr) << message;
-    EXPECT_NE(g_log.find(message), std::string::npos) << message << ": " << g_log;
+    EXPECT_TRUE(log_.Seen(message)) << message;
   }
 }
 
@@ -355,17 +336,17 @@ TEST_F(QArchiveFileTest, TruncatedAndScrambledArchivesNeverCrash) {
 // ---------------------------------------------------------------------------------------------
 
 TEST_F(QArchiveFileTest, RealFilesRoundTrip) {
-  std::vector<std::pair<std::string, std::string>> files;  // source path, member name
-  size_t total = 0;
-  auto take = [&](const fs::path& p, const std::string& name) {
-    std::error_code ec;
-    const auto size = fs::file_size(p, ec);
-    if (ec || !fs::is_regular_file(p, ec) || total + size > (24u << 20)) return;
-    if (!std::ifstream(p, std::ios::binary)) return;  // unreadable
-    total += size;
-    files.emplace_back(p.string(), name);
-  };
+  // The repository's files and a few hundred documentation files, each read once into memory
+  // and packed from a private copy, so an edit in the work tree meanwhile does no harm.
+  std::vector<std::pair<std::string, Bytes>> files;  // member name, contents
+  size_t total = 0, repoFiles = 0;
   const std::string repo = GLIMRA_SOURCE_DIR;
+  auto take = [&](const std::string& path, const std::string& name) {
+    std::error_code ec;
+    if (!fs::is_regular_file(path, ec) || total + fs::file_size(path, ec) > (24u << 20)) return;
+    files.emplace_back(name, ReadBytes(path));
+    total += files.back().second.size();
+  };
   if (FILE* git = popen(("git -C '" + repo + "' ls-files 2>/dev/null").c_str(), "r")) {
     for (char line[4096]; fgets(line, sizeof(line), git);) {
       const std::string rel(line, strcspn(line, "\r\n"));
@@ -373,31 +354,25 @@ TEST_F(QArchiveFileTest, RealFilesRoundTrip) {
     }
     pclose(git);
   }
-  const size_t repoFiles = files.size();
+  repoFiles = files.size();
   std::error_code ec;
   for (fs::recursive_directory_iterator it("/usr/share/doc",
                                            fs::directory_options::skip_permission_denied, ec), end;
        !ec && it != end && files.size() < repoFiles + 300; it.increment(ec))
-    take(it->path(), "doc" + it->path().string().substr(14));
+    take(it->path().string(), "doc" + it->path().string().substr(14));
   ASSERT_GT(repoFiles, 10u);
   ASSERT_GT(files.size(), repoFiles + 50);
 
-  // Each file is packed from a private copy, so an edit in the work tree meanwhile does no harm.
   const std::string path = Path("real.ar");
-  std::vector<Bytes> originals;
   {
     QArchive ar(path.c_str(), QArchive::CREATE);
-    for (const auto& [source, name] : files) {
-      originals.push_back(ReadBytes(source));
-      WriteFile(Path("copy"), originals.back());
-      ASSERT_TRUE(ar.AddFile(Path("copy").c_str(), name.c_str())) << source;
-    }
+    for (const auto& [name, data] : files)
+      ASSERT_TRUE(ar.AddFile(Source("copy", data).c_str(), name.c_str())) << name;
   }
   QArchive ar(path.c_str(), QArchive::READ);
-  for (size_t i = 0; i < files.size(); ++i) {
-    const char* name = files[i].second.c_str();
-    ASSERT_TRUE(ar.DecompressFile(name, Path("out").c_str())) << name;
-    ASSERT_EQ(ReadBytes(Path("out")), originals[i]) << name;
+  for (const auto& [name, data] : files) {
+    ASSERT_TRUE(ar.DecompressFile(name.c_str(), Path("out").c_str())) << name;
+    ASSERT_EQ(ReadBytes(Path("out")), data) << name;
   }
   printf("[ real data ] %zu files, %zu bytes, archive %ju bytes\n", files.size(), total,
          static_cast<uintmax_t>(fs::file_size(path)));
