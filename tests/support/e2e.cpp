@@ -17,12 +17,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <thread>
 
 #include "framework/qbitmap.h"
 #include "framework/qini.h"
+#include "support/tempdir.h"
 
 namespace fs = std::filesystem;
 
@@ -40,21 +40,6 @@ int MsLeft(Clock::time_point end) {
 }
 
 void Pause() { std::this_thread::sleep_for(std::chrono::milliseconds(50)); }
-
-bool Have(const char* tool) {
-  return system((std::string("command -v ") + tool + " >/dev/null 2>&1").c_str()) == 0;
-}
-
-std::string Capture(const std::string& cmd) {
-  std::string out;
-  FILE* p = popen(cmd.c_str(), "r");
-  if (!p) return out;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) out.append(buf, n);
-  pclose(p);
-  return out;
-}
 
 uint32_t Be32(const std::string& d, size_t at) {
   const auto* p = reinterpret_cast<const unsigned char*>(d.data() + at);
@@ -75,6 +60,21 @@ int Channel(uint32_t pixel, uint32_t mask) {
 // ---------------------------------------------------------------------------------------------
 // X server
 // ---------------------------------------------------------------------------------------------
+
+bool Have(const char* tool) {
+  return system((std::string("command -v ") + tool + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+std::string Capture(const std::string& cmd) {
+  std::string out;
+  FILE* p = popen(cmd.c_str(), "r");
+  if (!p) return out;
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) out.append(buf, n);
+  pclose(p);
+  return out;
+}
 
 bool HaveTools() { return Have("Xvfb") && Have("xdotool") && Have("xwd"); }
 
@@ -199,13 +199,7 @@ bool WritePicture(const std::string& path, int w, int h,
 }
 
 bool SetJpegOrientation(const std::string& path, int orientation) {
-  std::string data;
-  {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    data = s.str();
-  }
+  std::string data = ReadFile(path);
   if (data.size() < 4 || (unsigned char)data[0] != 0xFF || (unsigned char)data[1] != 0xD8)
     return false;
   // APP1: "Exif\0\0", a little-endian TIFF header, IFD0 with one SHORT entry 0x0112.
@@ -217,9 +211,7 @@ bool SetJpegOrientation(const std::string& path, int orientation) {
       (unsigned char)orientation, 0x00, 0x00, 0x00,                    // the value
       0x00, 0x00, 0x00, 0x00};                                         // no next IFD
   data.insert(2, reinterpret_cast<const char*>(seg), sizeof(seg));
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(data.data(), std::streamsize(data.size()));
-  return bool(out);
+  return WriteFile(path, data);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -293,13 +285,18 @@ Program::~Program() {
   }
 }
 
-bool Program::Prepare(int port, const std::string& buildDir) {
+bool Program::MakeDir() {
   static int serial = 0;
   // Lower case on purpose: the program lower-cases its own folder before making it current.
   dir_ = "/tmp/glimra-e2e-" + std::to_string(getpid()) + "-" + std::to_string(serial++);
   std::error_code ec;
   fs::remove_all(dir_, ec);
-  if (mkdir(dir_.c_str(), 0700) != 0) return false;
+  return mkdir(dir_.c_str(), 0700) == 0;
+}
+
+bool Program::Prepare(int port, const std::string& buildDir) {
+  if (!MakeDir()) return false;
+  std::error_code ec;
   const fs::path build(buildDir);
   fs::copy_file(build / "glimra", dir_ + "/glimra", ec);
   if (ec) return false;
@@ -326,7 +323,14 @@ std::string Program::Key(const char* key) const {
 }
 
 bool Program::Start(const char* arg) {
-  const std::string exe = Path("glimra"), out = Path("out.txt");
+  return Run(Path("glimra"), arg ? std::vector<std::string>{arg} : std::vector<std::string>{});
+}
+
+bool Program::Run(const std::string& exe, const std::vector<std::string>& args) {
+  const std::string out = Path("out.txt");
+  std::vector<char*> argv{const_cast<char*>(exe.c_str())};
+  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
   pid_ = fork();
   if (pid_ < 0) return false;
   if (pid_ == 0) {
@@ -338,7 +342,7 @@ bool Program::Start(const char* arg) {
     setenv("ASAN_OPTIONS",
            (std::string(asan ? asan : "") + ":detect_leaks=" + (leakCheck_ ? "1" : "0")).c_str(),
            1);
-    execl(exe.c_str(), "glimra", arg, static_cast<char*>(nullptr));
+    execv(exe.c_str(), argv.data());
     _exit(127);
   }
   return true;
@@ -390,12 +394,7 @@ bool Program::Send(const std::string& bytes) const {
   return n == ssize_t(bytes.size());
 }
 
-std::string Program::ReadFile(const std::string& name) const {
-  std::ifstream f(Path(name), std::ios::binary);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
+std::string Program::ReadFile(const std::string& name) const { return ::ReadFile(Path(name)); }
 
 bool Program::WaitForLog(const std::string& text, int ms, int count) const {
   const auto end = Clock::now() + std::chrono::milliseconds(ms);

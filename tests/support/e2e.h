@@ -25,6 +25,10 @@ bool StartXvfb(int w, int h);
 void StopXvfb();
 // True when Xvfb, xdotool and xwd are installed.
 bool HaveTools();
+// True when `tool` is on PATH.
+bool Have(const char* tool);
+// What the shell command writes to its standard output ("" when it cannot run).
+std::string Capture(const std::string& cmd);
 
 // ---- The screen ----
 struct Screen {
@@ -74,6 +78,8 @@ class Program {
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
 
+  // Makes the empty folder alone; false when mkdir fails.
+  bool MakeDir();
   // Makes the folder and its glimra.ini (command port `port`) from the runnable folder
   // `buildDir`. False when that folder is incomplete or a copy fails.
   bool Prepare(int port, const std::string& buildDir);
@@ -93,6 +99,8 @@ class Program {
   void CheckLeaksAtExit(bool on) { leakCheck_ = on; }
   // Runs glimra from the folder with the optional argument; output goes to "out.txt".
   bool Start(const char* arg = nullptr);
+  // Runs `exe` with `args` from the folder the same way; false when fork fails.
+  bool Run(const std::string& exe, const std::vector<std::string>& args);
   pid_t Pid() const { return pid_; }
   // The exit status once it ended within `ms`; -1 on time-out, -2 when a signal ended it.
   int WaitExit(int ms);
