@@ -9,30 +9,14 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "framework/qshell.h"
+#include "support/tempdir.h"
 
 namespace {
 
-std::string Slurp(const std::string& path) {
-  std::ifstream f(path);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
-
-struct Console : ::testing::Test {
-  std::string dir;
-  void SetUp() override {
-    char tmpl[] = "/tmp/glimra-console-test-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir = tmpl;
-  }
-  void TearDown() override { (void)system(("rm -rf " + dir).c_str()); }
-
+struct Console : TempDirTest {
   // Runs the console in a child whose standard output goes to `stdoutFile` (not a terminal)
   // and whose PATH is `path`; answers the child's exit status.
   int RunChild(const std::string& path, const std::string& stdoutFile) {
@@ -54,24 +38,24 @@ struct Console : ::testing::Test {
 
 TEST_F(Console, TerminalShowsWhatIsWrittenAtOnce) {
   // A stand-in terminal: runs its "-e" command with the output into a file.
-  std::string term = dir + "/x-terminal-emulator";
-  std::ofstream(term) << "#!/bin/sh\n[ \"$1\" = -e ] && shift\nexec \"$@\" > " << dir
-                      << "/seen.txt\n";
-  chmod(term.c_str(), 0755);
-  ASSERT_EQ(RunChild(dir + ":/usr/bin:/bin", dir + "/stdout.txt"), 0);
+  chmod(MakeFile("x-terminal-emulator",
+                 "#!/bin/sh\n[ \"$1\" = -e ] && shift\nexec \"$@\" > " + Tmp("seen.txt") + "\n")
+            .c_str(),
+        0755);
+  ASSERT_EQ(RunChild(dir_ + ":/usr/bin:/bin", Tmp("stdout.txt")), 0);
   std::string seen;
   for (int i = 0; i < 50 && seen.find("hello console") == std::string::npos; ++i) {
     usleep(100 * 1000);
-    seen = Slurp(dir + "/seen.txt");
+    seen = ReadFile(Tmp("seen.txt"));
   }
   EXPECT_EQ(seen, "hello console\n");
-  EXPECT_EQ(Slurp(dir + "/stdout.txt"), "");  // the text went to the console instead
+  EXPECT_EQ(ReadFile(Tmp("stdout.txt")), "");  // the text went to the console instead
 }
 
 TEST_F(Console, WithoutATerminalNothingIsReportedAndOutputStays) {
-  mkdir((dir + "/empty").c_str(), 0700);
-  ASSERT_EQ(RunChild(dir + "/empty", dir + "/stdout.txt"), 0);
-  EXPECT_EQ(Slurp(dir + "/stdout.txt"), "hello console\n");
+  mkdir(Tmp("empty").c_str(), 0700);
+  ASSERT_EQ(RunChild(Tmp("empty"), Tmp("stdout.txt")), 0);
+  EXPECT_EQ(ReadFile(Tmp("stdout.txt")), "hello console\n");
 }
 
 }  // namespace
