@@ -56,9 +56,7 @@ TEST_F(LogTest, RepeatsAreFoldedAndFlushedBeforeTheNextMessage) {
   // The repeat line keeps the level and header of the folded message.
   EXPECT_NE(lines[lines.size() - 2].find("(WARN )"), std::string::npos);
   EXPECT_NE(lines[lines.size() - 2].find("LogTest::Repeat]"), std::string::npos);
-}
-
-TEST_F(LogTest, BoxMessagesAreNeverFolded) {
+  // Box messages are never folded.
   for (int i = 0; i < 2; ++i) qlogwrite(QLOG_ERR | QLOG_BOX, nullptr, "box text");
   EXPECT_EQ(CountContaining(Lines(log_), "box text"), 2);
 }
@@ -76,20 +74,15 @@ TEST_F(LogTest, LineFormatAndOneTrailingNewlineStripped) {
 }
 
 TEST_F(LogTest, MaskDecidesWhatReachesTheFile) {
-  qmessage("plain words");
-  QINFO("LogTest::Mask", "info words");
-  std::string text = ReadFile(log_);
-  EXPECT_EQ(text.find("plain words"), std::string::npos);
-  EXPECT_NE(text.find("info words"), std::string::npos);
-
+  qmessage("plain dropped");
+  QINFO("LogTest::Mask", "info kept");
   qlogSetMask(QLOGMASK_MESSAGE);
-  qmessage("plain again");
+  qmessage("plain kept");
   QWARN("LogTest::Mask", "warning dropped");
   QINFO("LogTest::Mask", "info dropped");
-  text = ReadFile(log_);
-  EXPECT_NE(text.find("plain again"), std::string::npos);
-  EXPECT_EQ(text.find("warning dropped"), std::string::npos);
-  EXPECT_EQ(text.find("info dropped"), std::string::npos);
+  const std::string text = ReadFile(log_);
+  EXPECT_EQ(CountContaining(Lines(log_), " kept"), 2) << text;
+  EXPECT_EQ(text.find("dropped"), std::string::npos) << text;
 }
 
 TEST_F(LogTest, RotatesPastTenMillionBytes) {
@@ -194,11 +187,9 @@ TEST_F(LogTest, TraceFileIndentsByDepth) {
   qtraceClose();
   auto lines = Lines(trace);
   ASSERT_EQ(lines.size(), 4u);
-  EXPECT_EQ(lines[0], ">QIni::Read");
-  EXPECT_EQ(lines[1].substr(0, 13), "  >QFile::Ope");
-  EXPECT_NE(lines[1].find("(this=0x"), std::string::npos);
+  EXPECT_EQ(lines[0] + lines[3], ">QIni::Read<QIni::Read");
+  EXPECT_EQ(lines[1].substr(0, 23), "  >QFile::Open (this=0x");
   EXPECT_EQ(lines[2].substr(0, 13), "  <QFile::Ope");
-  EXPECT_EQ(lines[3], "<QIni::Read");
 }
 
 using LogDeathTest = LogTest;

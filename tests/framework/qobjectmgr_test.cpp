@@ -96,14 +96,13 @@ TEST(QObjectManagerRefs, BadReferencesAreRefused) {
   IntManager m(3);
   int neg = -2;
   m.Release(&neg);
-  EXPECT_TRUE(log.Seen("QObjectManager:Release(ref -2) out of range"));
   EXPECT_FALSE(m.Attach(0));
-  EXPECT_TRUE(log.Seen("QObjectManager:Attach(ref 0) out of range"));
   EXPECT_EQ(m.GetRefCount(0), 0);
-  EXPECT_TRUE(log.Seen("QObjectManager:GetGeode(ref 0) out of range"));
   EXPECT_STREQ(m.GetObjectName(-1), "<objmgr_bad_ref>");
-  EXPECT_TRUE(log.Seen("Reference (now -1) must be >=1"));
   EXPECT_FALSE(m.Attach(4));  // past the capacity nothing outside the tables is touched
+  for (const char* t : {"Release(ref -2) out of range", "Attach(ref 0) out of range",
+                        "GetGeode(ref 0) out of range", "Attach(ref 4) out of range"})
+    EXPECT_TRUE(log.Seen(std::string("QObjectManager:") + t)) << t;
 }
 
 TEST(QObjectManagerLifetime, DestructionWarnsAboutLeftoversUnlessQuiet) {
