@@ -4,14 +4,12 @@
 #include "app/slideshow.h"
 
 #include <GL/gl.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <utility>
@@ -23,32 +21,26 @@
 #include "framework/qmem.h"
 #include "support/glwindow.h"
 #include "support/logcapture.h"
+#include "support/tempdir.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
 // Runs a test in a fresh temporary working directory.
-class InTempDir : public ::testing::Test {
+class InTempDir : public TempDirTest {
  protected:
   void SetUp() override {
-    old_ = fs::current_path();
-    char tmpl[] = "/tmp/glimra-slideshow-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
     fs::current_path(dir_);
     rm_ = std::make_unique<RaceManager>();
   }
   void TearDown() override {
     rm_.reset();
     fs::current_path(old_);
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
   }
-  static void Touch(const std::string& name) { std::ofstream(name) << "x"; }
+  static void Touch(const std::string& name) { WriteFile(name, "x"); }
 
-  fs::path old_;
-  std::string dir_;
+  const fs::path old_ = fs::current_path();
   std::unique_ptr<RaceManager> rm_;
 };
 
@@ -106,7 +98,8 @@ TEST_F(InTempDir, ScanTakesVisiblePictureNamesLowerCasedInListingOrder) {
 }
 
 TEST_F(InTempDir, CatalogueStopsAtTwoThousandWithAWarning) {
-  for (int i = 0; i < RaceManager::MAX_IMAGES + 3; ++i) Touch("p" + std::to_string(10000 + i) + ".jpg");
+  for (int i = 0; i < RaceManager::MAX_IMAGES + 3; ++i)
+    Touch("p" + std::to_string(10000 + i) + ".jpg");
   LogCapture log;
   rm_->ScanDir();
   EXPECT_EQ(rm_->GetImageCount(), RaceManager::MAX_IMAGES);
@@ -148,7 +141,7 @@ TEST_F(InTempDir, LoadsReplaceTextureAndMeshWithoutGrowing) {
   memset(bm.GetBuffer(), 200, size_t(bm.GetSize()));
   ASSERT_TRUE(bm.Write("a.tga", 1));
   ASSERT_TRUE(bm.Write("b.jpg", 3, 90));
-  std::ofstream("bad.tga") << "junk";
+  WriteFile("bad.tga", "junk");
 
   rm_->LoadNewImage("a.tga");
   rm_->LoadNewImage("b.jpg");

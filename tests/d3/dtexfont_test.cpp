@@ -5,16 +5,16 @@
 #include <unistd.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "d3/dtexfont.h"
 #include "framework/qbitmap.h"
 #include "framework/qfont.h"
 #include "support/logcapture.h"
+#include "support/tempdir.h"
 
 namespace {
 
@@ -26,19 +26,13 @@ std::string Entry(const std::string& key, int x, int y, int w, int h, const char
   return s.str();
 }
 
-class DTexFontTest : public ::testing::Test {
+class DTexFontTest : public TempDirTest {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/dtexfont_test_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override { (void)system(("rm -rf " + dir_).c_str()); }
-
   // Writes "<dir>/f.dtf" with the general keys and the chars, and a sheet of 64 x 32.
   std::string Write(const std::string& general, const std::string& chars, bool sheet = true) {
     const std::string base = dir_ + "/f";
-    std::ofstream(base + ".dtf") << "general\n{\n" << general << "}\nchars\n{\n" << chars << "}\n";
+    EXPECT_TRUE(
+        WriteFile(base + ".dtf", "general\n{\n" + general + "}\nchars\n{\n" + chars + "}\n"));
     if (sheet) {
       QBitMap bm(32, 64, 32);
       bm.Fill(nullptr, QColor(255, 255, 255, 0));
@@ -53,7 +47,6 @@ class DTexFontTest : public ::testing::Test {
     return s;
   }
 
-  std::string dir_;
   DTexFont font_;
 };
 
@@ -87,10 +80,8 @@ TEST_F(DTexFontTest, RectanglesBecomeTextureCoordinatesFromTheBottom) {
   ASSERT_TRUE(font_.Load(Write("", Entry("char65", 8, 4, 8, 16)).c_str(), false));
   const DTexFontGlyph* g = font_.FindGlyph(65);
   ASSERT_NE(g, nullptr);
-  EXPECT_FLOAT_EQ(g->uLeft, 0.125f);
-  EXPECT_FLOAT_EQ(g->uRight, 0.25f);
-  EXPECT_FLOAT_EQ(g->vLow, 1.0f - 20.0f / 32.0f);
-  EXPECT_FLOAT_EQ(g->vHigh, 1.0f - 4.0f / 32.0f);
+  EXPECT_EQ((std::vector<float>{g->uLeft, g->uRight, g->vLow, g->vHigh}),
+            (std::vector<float>{0.125f, 0.25f, 1.0f - 20.0f / 32.0f, 1.0f - 4.0f / 32.0f}));
 }
 
 TEST_F(DTexFontTest, TwoRunsAndTheGapLookup) {

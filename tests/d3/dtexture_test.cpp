@@ -124,19 +124,6 @@ TEST(DTextureSize, BitmapSizeIsKeptExactly) {
   EXPECT_TRUE(log.Seen("doesn't fill texture 1000x750"));
 }
 
-TEST(DTextureLifecycle, DetachCountsDownOnceThenComplains) {
-  NEED_WINDOW();
-  QBitMap bm(32, 4, 4);
-  memset(bm.GetBuffer(), 255, size_t(bm.GetSize()));
-  DBitMapTexture tex(&bm, "twice");
-  EXPECT_EQ(tex.GetRefCount(), 1);
-  LogCapture log;
-  EXPECT_TRUE(tex.Detach());
-  EXPECT_FALSE(log.Seen("refCount<0"));
-  EXPECT_FALSE(tex.Detach());
-  EXPECT_TRUE(log.Seen("DTexture:Detach(); refCount<0 (refCount=-1); too many Detach() calls"));
-}
-
 TEST(DTextureLifecycle, MipmapChoiceIsFixedAtCreation) {
   NEED_WINDOW();
   QBitMap bm(32, 8, 8);
@@ -163,7 +150,7 @@ TEST(DTextureLifecycle, MipmapChoiceIsFixedAtCreation) {
   EXPECT_EQ(mag, GL_LINEAR);
 }
 
-TEST(DTextureLifecycle, DestructionDeletesTheName) {
+TEST(DTextureLifecycle, DetachCountsDownOnceAndDestructionDeletesTheName) {
   NEED_WINDOW();
   QBitMap bm(32, 2, 2);
   memset(bm.GetBuffer(), 1, size_t(bm.GetSize()));
@@ -173,18 +160,16 @@ TEST(DTextureLifecycle, DestructionDeletesTheName) {
     id = tex.GetID();
     ASSERT_TRUE(glIsTexture(id));
     EXPECT_STREQ(DTextureGetLastKnownTextureName(int(id)), "gone");
+    LogCapture log;
+    EXPECT_TRUE(tex.Detach());
+    EXPECT_FALSE(log.Seen("refCount<0"));
+    EXPECT_FALSE(tex.Detach());
+    EXPECT_TRUE(log.Seen("DTexture:Detach(); refCount<0 (refCount=-1); too many Detach() calls"));
   }
   EXPECT_FALSE(glIsTexture(id));
   GLint bound = -1;
   glGetIntegerv(GL_TEXTURE_BINDING_2D, &bound);
   EXPECT_EQ(bound, 0);
-}
-
-TEST(DTextureWithoutGL, SelectBeforeCreationReports) {
-  DTexture tex("never");
-  LogCapture log;
-  tex.Select();
-  EXPECT_TRUE(log.Seen("DTexture:Select(); no OpenGL context yet"));
 }
 
 TEST(DTextureNameTable, BoundsDifferBetweenSetAndGet) {
@@ -202,15 +187,14 @@ TEST(DTextureNameTable, BoundsDifferBetweenSetAndGet) {
 }
 
 TEST(DTextureFormat, InternalFormatRule) {
-  using T = DTexture;
-  EXPECT_EQ(T::ChooseInternalFormat(GL_RGBA, false, true), unsigned(GL_RGBA));
-  EXPECT_EQ(T::ChooseInternalFormat(GL_RGB, false, true), unsigned(GL_RGB));
-  EXPECT_EQ(T::ChooseInternalFormat(GL_COMPRESSED_RGB, false, true), unsigned(GL_RGB));
-  EXPECT_EQ(T::ChooseInternalFormat(GL_ALPHA, false, true), unsigned(GL_RGBA));
-  EXPECT_EQ(T::ChooseInternalFormat(GL_RGB, false, false), unsigned(GL_SRGB8_ALPHA8));
-  EXPECT_EQ(T::ChooseInternalFormat(GL_RGB, true, true), unsigned(GL_COMPRESSED_RGB));
-  EXPECT_EQ(T::ChooseInternalFormat(GL_RGBA, true, false), unsigned(GL_COMPRESSED_SRGB_ALPHA));
-  EXPECT_EQ(T::ChooseInternalFormat(GL_ALPHA, true, false), unsigned(GL_ALPHA));
+  // format, compressed, linear colour -> internal format
+  const unsigned rule[][4] = {
+      {GL_RGBA, 0, 1, GL_RGBA},           {GL_RGB, 0, 1, GL_RGB},
+      {GL_COMPRESSED_RGB, 0, 1, GL_RGB},  {GL_ALPHA, 0, 1, GL_RGBA},
+      {GL_RGB, 0, 0, GL_SRGB8_ALPHA8},    {GL_RGB, 1, 1, GL_COMPRESSED_RGB},
+      {GL_RGBA, 1, 0, GL_COMPRESSED_SRGB_ALPHA}, {GL_ALPHA, 1, 0, GL_ALPHA}};
+  for (const auto& r : rule)
+    EXPECT_EQ(DTexture::ChooseInternalFormat(r[0], r[1], r[2]), r[3]) << r[0] << r[1] << r[2];
 }
 
 TEST(DGlobalFilters, NamesBothWaysAndUnknowns) {

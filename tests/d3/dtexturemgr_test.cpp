@@ -4,7 +4,6 @@
 
 #include <GL/gl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <string>
 
@@ -13,30 +12,20 @@
 #include "framework/qbitmap.h"
 #include "support/glwindow.h"
 #include "support/logcapture.h"
+#include "support/tempdir.h"
 
 namespace {
 
-class DTextureManagerTest : public ::testing::Test {
+class DTextureManagerTest : public TempDirTest {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/dtexmgr_test_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-    gl_ = testgl::Window() != nullptr;
-  }
-  void TearDown() override {
-    unlink((dir_ + "/pic.tga").c_str());
-    rmdir(dir_.c_str());
-    DGlobal::Settings() = DGraphicsSettings();
-  }
-  std::string dir_;
-  bool gl_ = false;
+  void TearDown() override { DGlobal::Settings() = DGraphicsSettings(); }
+  const bool gl_ = testgl::Window() != nullptr;
 };
 
 TEST_F(DTextureManagerTest, OnePictureOneSharedTexture) {
   QBitMap bm(32, 30, 20);
   memset(bm.GetBuffer(), 200, size_t(bm.GetSize()));
-  const std::string pic = dir_ + "/pic.tga";
+  const std::string pic = Tmp("pic.tga");
   ASSERT_TRUE(bm.Write(pic.c_str(), 1));
 
   DTextureManager mgr;
@@ -66,9 +55,7 @@ TEST_F(DTextureManagerTest, OnePictureOneSharedTexture) {
   r = ref;
   mgr.Release(&r);
   EXPECT_EQ(mgr.GetObject(ref), nullptr);
-  if (gl_) {
-    EXPECT_FALSE(glIsTexture(id));
-  }
+  EXPECT_FALSE(gl_ && glIsTexture(id));
   mgr.DbgPrint();
   EXPECT_TRUE(log.Seen("DTextureManager:DbgPrint(); all textures released"));
   EXPECT_FALSE(log.Seen("refCount<0"));
@@ -77,14 +64,12 @@ TEST_F(DTextureManagerTest, OnePictureOneSharedTexture) {
 TEST_F(DTextureManagerTest, StubsWhenNoPictureCanBeHad) {
   DTextureManager mgr;
   LogCapture log;
-  const std::string missing = dir_ + "/none.jpg";
+  const std::string missing = Tmp("none.jpg");
   int a = mgr.FindOrMakeReference(missing.c_str());
   EXPECT_TRUE(log.Seen("DTextureManager:MakeObject(" + missing + ") couldn't find image"));
-  if (gl_) {
-    EXPECT_EQ(mgr.GetTexture(a)->GetWidth(), 8);
-  }
+  EXPECT_EQ(gl_ ? mgr.GetTexture(a)->GetWidth() : 8, 8);
 
-  const std::string dds = dir_ + "/none.dds";
+  const std::string dds = Tmp("none.dds");
   int b = mgr.FindOrMakeReference(dds.c_str());
   EXPECT_TRUE(log.Seen("Image '" + dds + "' loading failed (not found?)"));
   EXPECT_STREQ(mgr.GetTexture(b)->GetName(), "");

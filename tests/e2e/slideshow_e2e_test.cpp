@@ -7,10 +7,11 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
+#include <utility>
 #include <string>
 
 #include "support/e2e.h"
+#include "support/tempdir.h"
 
 namespace {
 
@@ -34,6 +35,9 @@ bool Ink(const Screen& s, int x0, int y0, int x1, int y1) {
       if (Near(s.At(x, y), 255, 255, 255, 30)) return true;
   return false;
 }
+
+// A file or key and the colour it shows.
+using Shown = std::pair<const char*, uint32_t>;
 
 bool Uniform(const std::string& path, uint32_t c) {
   return e2e::WritePicture(path, 40, 30, [c](int, int) { return c; });
@@ -97,28 +101,25 @@ TEST_F(SlideshowE2E, SecondStartHandsItsArgumentToTheRunningCopyAndEnds) {
 TEST_F(SlideshowE2E, StepsWrapAndCommandsLoadIgnoreOrFailWithoutLosingThePicture) {
   Program p;
   ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
-  ASSERT_TRUE(Uniform(p.Path("a.tga"), kRed));
-  ASSERT_TRUE(Uniform(p.Path("b.tga"), kGreen));
-  ASSERT_TRUE(Uniform(p.Path("c.tga"), kBlue));
   std::filesystem::create_directory(p.Path("extra"));
-  ASSERT_TRUE(Uniform(p.Path("extra/p.tga"), kWhite));
+  const Shown files[] = {{"a.tga", kRed}, {"b.tga", kGreen}, {"c.tga", kBlue},
+                         {"extra/p.tga", kWhite}};
+  for (const Shown& f : files) ASSERT_TRUE(Uniform(p.Path(f.first), f.second));
   // Broken files, outside the catalogue: junk, empty, and a JPEG cut in half.
-  std::ofstream(p.Path("extra/bad.jpg")) << "this is not a picture";
-  std::ofstream(p.Path("extra/empty.tga"));
+  ASSERT_TRUE(WriteFile(p.Path("extra/bad.jpg"), "this is not a picture"));
+  ASSERT_TRUE(WriteFile(p.Path("extra/empty.tga"), ""));
   ASSERT_TRUE(e2e::WritePicture(p.Path("extra/full.jpg"), 64, 48,
                                 [](int x, int y) { return uint32_t(x * 4 << 16 | y * 5); }));
   std::filesystem::resize_file(p.Path("extra/full.jpg"),
                                std::filesystem::file_size(p.Path("extra/full.jpg")) / 2);
 
   StartShowing(&p, nullptr, [](const Screen& s) { return Is(s.At(400, 300), kRed); });
-  ASSERT_TRUE(p.Keys("Right"));
-  EXPECT_TRUE(Centre(kGreen));
-  ASSERT_TRUE(p.Keys("Right"));
-  EXPECT_TRUE(Centre(kBlue));
-  ASSERT_TRUE(p.Keys("Right"));
-  EXPECT_TRUE(Centre(kRed)) << "Right after the last picture wraps to the first";
-  ASSERT_TRUE(p.Keys("Left"));
-  EXPECT_TRUE(Centre(kBlue)) << "Left from the first wraps to the last";
+  // Right after the last picture wraps to the first, Left from the first to the last.
+  const Shown steps[] = {{"Right", kGreen}, {"Right", kBlue}, {"Right", kRed}, {"Left", kBlue}};
+  for (const Shown& step : steps) {
+    ASSERT_TRUE(p.Keys(step.first));
+    EXPECT_TRUE(Centre(step.second)) << step.first;
+  }
 
   // A path outside the catalogue is shown and appended, so Right then wraps to the first.
   ASSERT_TRUE(p.Send("load extra/p.tga"));

@@ -8,9 +8,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,6 +18,7 @@
 #include "framework/qtimer.h"
 #include "net/global.h"
 #include "support/logcapture.h"
+#include "support/tempdir.h"
 
 namespace {
 
@@ -194,33 +193,21 @@ TEST(QNInit, RunsOnce) {
 }
 
 // The log's UDP copy: runs the real writer, so the log file goes to a scratch directory.
-class UdpOut : public ::testing::Test {
+class UdpOut : public TempDirTest {
  protected:
   void SetUp() override {
     qnInit();
-    char tmpl[] = "/tmp/glimra_udpout_XXXXXX";
-    dir_ = mkdtemp(tmpl);
-    oldLog_ = qlogGetFileName();
-    qlogSetFileName((dir_ + "/QLOG.txt").c_str());
+    qlogSetFileName(Tmp("QLOG.txt").c_str());
   }
   void TearDown() override {
     qlogSetUdpSender(nullptr);
     qlogSetFileName(oldLog_.c_str());
-    ASSERT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0);
   }
   void Setup(const std::string& target) {
-    std::string name = dir_ + "/glimra.ini";
-    std::ofstream(name) << "dev\n{\n  udp_out=" << target << "\n}\n";
-    QIni ini(name.c_str());
+    QIni ini(MakeFile("glimra.ini", "dev\n{\n  udp_out=" + target + "\n}\n").c_str());
     qdbg_setup(&ini);
   }
-  std::string Log() const {
-    std::ifstream in(dir_ + "/QLOG.txt");
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-  }
-  std::string dir_, oldLog_;
+  const std::string oldLog_ = qlogGetFileName();
 };
 
 TEST_F(UdpOut, AWarningArrivesAsADatagram) {
@@ -243,7 +230,7 @@ TEST_F(UdpOut, AFailingSendIsReportedOnceWithoutLoopingThroughTheLog) {
   Setup("127.0.0.1:0");  // no datagram can go to port 0
   QWARN("UdpOut::Test", "first after setup");
   QWARN("UdpOut::Test", "second after setup");
-  std::string log = Log();
+  const std::string log = ReadFile(Tmp("QLOG.txt"));
   size_t first = log.find("[udp_out] failed"), second = log.find("[udp_out] failed", first + 1);
   ASSERT_NE(second, std::string::npos) << log;
   EXPECT_EQ(log.find("[udp_out] failed", second + 1), std::string::npos) << log;
