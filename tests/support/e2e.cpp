@@ -236,13 +236,20 @@ int RunningCopies() {
   return count;
 }
 
-int ListenUdp(int port) {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  if (fd < 0) return -1;
+namespace {
+sockaddr_in Loopback(int port) {
   sockaddr_in a{};
   a.sin_family = AF_INET;
   a.sin_port = htons(uint16_t(port));
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return a;
+}
+}  // namespace
+
+int ListenUdp(int port) {
+  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  if (fd < 0) return -1;
+  sockaddr_in a = Loopback(port);
   if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0) {
     close(fd);
     return -1;
@@ -384,10 +391,7 @@ bool Program::Keys(const std::string& keys) {
 bool Program::Send(const std::string& bytes) const {
   int fd = socket(AF_INET, SOCK_DGRAM, 0);
   if (fd < 0) return false;
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(uint16_t(port_));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in a = Loopback(port_);
   const ssize_t n = sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&a),
                            sizeof(a));
   close(fd);

@@ -4,7 +4,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -19,8 +18,8 @@ namespace {
 
 const std::string kTool = std::string(GLIMRA_BUILD_DIR) + "/tools/glimra-demopics";
 
-// Exit status of the tool run with `args` in `dir`; output to `log`.
-int RunTool(const std::string& dir, const std::string& args, const std::string& log) {
+// Exit status of the tool run with `args` in `dir`; output to `log` there (a relative name).
+int RunTool(const std::string& dir, const std::string& args, const char* log = "out.txt") {
   const std::string cmd = "cd '" + dir + "' && '" + kTool + "' " + args + " >'" + log + "' 2>&1";
   const int rc = system(cmd.c_str());
   return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
@@ -57,10 +56,10 @@ const Expected kSet[] = {
 };
 
 TEST_F(DemoPics, WritesEveryPictureDecodableWithItsOrientation) {
-  ASSERT_EQ(RunTool(dir_, "pics", dir_ + "/out.txt"), 0) << ReadFile(dir_ + "/out.txt");
+  ASSERT_EQ(RunTool(dir_, "pics"), 0) << ReadFile(Tmp("out.txt"));
   for (const Expected& e : kSet) {
     SCOPED_TRACE(e.name);
-    const std::string path = dir_ + "/pics/" + e.name;
+    const std::string path = Tmp("pics/") + e.name;
     QImage image(path.c_str());
     ASSERT_TRUE(image.IsRead());
 
@@ -92,15 +91,13 @@ TEST_F(DemoPics, WritesEveryPictureDecodableWithItsOrientation) {
 
 TEST_F(DemoPics, RefusesWhatItCannotDo) {
   // A folder that is a file cannot be written into.
-  FILE* f = fopen((dir_ + "/plain").c_str(), "w");
-  ASSERT_NE(f, nullptr);
-  fclose(f);
-  EXPECT_EQ(RunTool(dir_, "plain", dir_ + "/out.txt"), 1);
-  EXPECT_EQ(RunTool(dir_, "", dir_ + "/out.txt"), 2);
-  EXPECT_EQ(RunTool(dir_, "a b", dir_ + "/out.txt"), 2);
+  MakeFile("plain", "");
+  EXPECT_EQ(RunTool(dir_, "plain"), 1);
+  EXPECT_EQ(RunTool(dir_, ""), 2);
+  EXPECT_EQ(RunTool(dir_, "a b"), 2);
 
-  ASSERT_EQ(RunTool(dir_, "--help", dir_ + "/help.txt"), 0);
-  const std::string help = ReadFile(dir_ + "/help.txt");
+  ASSERT_EQ(RunTool(dir_, "--help", "help.txt"), 0);
+  const std::string help = ReadFile(Tmp("help.txt"));
   for (const Expected& e : kSet) EXPECT_NE(help.find(e.name), std::string::npos) << e.name;
 }
 
