@@ -1,8 +1,7 @@
-// QApp without a display: tables, centring, the dispatch of one loop step, the exit path, and
-// the window preferences and refused operations around it.
+// QApp without a display: tables, centring, the dispatch of one loop step, the exit code, and
+// the window preferences refused after creation.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -161,25 +160,7 @@ TEST_F(QAppStep, ConsumersInOrderAndPointerState) {
   app->GetWindowManager()->RemoveWindow(&win);
 }
 
-void Say(const char* what) { fprintf(stderr, "%s\n", what); }
-
-TEST_F(QAppExitDeathTest, CloseRequestRunsExitThenCleanupsLastFirst) {
-  EXPECT_EXIT(
-      {
-        qSetDbgHandler(nullptr);  // the clean-up lines go to standard error
-        app->SetExitProc([] { Say("exit proc"); });
-        app->AddCleanupProc([] { Say("cleanup A"); });
-        app->AddCleanupProc([] { Say("cleanup B"); });
-        app->AddCleanupProc([] { Say("cleanup C"); });
-        Push(QEVENT_CLOSE);
-        app->Run1();
-        Say("not reached");
-      },
-      ::testing::ExitedWithCode(0),
-      "exit proc\n.*calling cleanup proc 2.*cleanup C\n  cleanup 2 returned.*cleanup B\n.*"
-      "cleanup A\n  cleanup 0 returned.");
-}
-
+// The close request's exit and clean-up order is checked on a real window (qapp_gui_test).
 TEST_F(QAppExitDeathTest, ExitCodeIsPassedOn) {
   EXPECT_EXIT(app->Exit(7), ::testing::ExitedWithCode(7), "");
 }
