@@ -1,7 +1,6 @@
 // QBitMap writers: Targa and JPEG output read back by ImageMagick, SGI output read back by our
 // reader (no other program reads its little-endian byte order), and the refusals.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -59,7 +58,7 @@ class QImageWriteTest : public TempDirTest {
 
 }  // namespace
 
-TEST_F(QImageWriteTest, TargaReadsBackInImageMagick) {
+TEST_F(QImageWriteTest, TargaAndJpegReadBackInImageMagick) {
   if (!HaveImageMagick()) GTEST_SKIP() << "ImageMagick is not installed";
   QBitMap bm;
   Paint(&bm, 7, 5);
@@ -67,8 +66,6 @@ TEST_F(QImageWriteTest, TargaReadsBackInImageMagick) {
   ASSERT_TRUE(bm.Write(colour.c_str(), 1));
   EXPECT_TRUE(Logged("WriteTGA(" + colour + ", format 1)"));
   ASSERT_TRUE(bm.Write(grey.c_str(), 2));
-
-  EXPECT_EQ(Shell("identify -format '%w %h' '" + colour + "'"), "7 5");
   const std::vector<uint8_t> rgba = MagickRgba(colour), g = MagickRgba(grey);
   ASSERT_EQ(rgba.size(), 7u * 5 * 4);
   ASSERT_EQ(g.size(), 7u * 5 * 4);
@@ -77,15 +74,10 @@ TEST_F(QImageWriteTest, TargaReadsBackInImageMagick) {
       const uint8_t* p = bm.GetAddress(x, 4 - y);
       const size_t at = size_t(y * 7 + x) * 4;
       for (int c = 0; c < 4; ++c) EXPECT_EQ(rgba[at + size_t(c)], p[c]) << x << "," << y << " ch " << c;
-      // Grey is the red byte.
-      EXPECT_EQ(g[at], p[0]);
-      EXPECT_EQ(g[at + 2], p[0]);
+      EXPECT_TRUE(g[at] == p[0] && g[at + 2] == p[0]) << x << "," << y;  // grey is the red byte
     }
-}
 
-TEST_F(QImageWriteTest, JpegReadsBackInImageMagickAndOurs) {
-  if (!HaveImageMagick()) GTEST_SKIP() << "ImageMagick is not installed";
-  QBitMap bm;
+  // JPEG: lossy, but the picture is the one we wrote, the right way up, and our reader agrees.
   Paint(&bm, 32, 16);
   const std::string file = Tmp("out.jpg");
   ASSERT_TRUE(bm.Write(file.c_str(), 3, 95));
@@ -97,15 +89,15 @@ TEST_F(QImageWriteTest, JpegReadsBackInImageMagickAndOurs) {
   int worst = 0;
   for (int y = 0; y < 16; ++y)
     for (int x = 0; x < 32; ++x) {
-      const uint8_t* p = bm.GetAddress(x, 15 - y);
-      const uint8_t* q = back.GetAddress(x, 15 - y);
+      const uint8_t *p = bm.GetAddress(x, 15 - y), *q = back.GetAddress(x, 15 - y);
       for (int c = 0; c < 3; ++c) {
-        worst = std::max(worst, std::abs(int(theirs[size_t(y * 32 + x) * 4 + size_t(c)]) - p[c]));
-        EXPECT_NEAR(q[c], theirs[size_t(y * 32 + x) * 4 + size_t(c)], 1);
+        const int t = theirs[size_t(y * 32 + x) * 4 + size_t(c)];
+        worst = std::max(worst, std::abs(t - p[c]));
+        EXPECT_NEAR(q[c], t, 1);
       }
       EXPECT_EQ(q[3], 255);
     }
-  EXPECT_LE(worst, 12);  // lossy, but the picture is the one we wrote, the right way up
+  EXPECT_LE(worst, 12);
 }
 
 TEST_F(QImageWriteTest, SgiRoundTripsEveryChannel) {
@@ -115,8 +107,7 @@ TEST_F(QImageWriteTest, SgiRoundTripsEveryChannel) {
   ASSERT_TRUE(bm.Write(file.c_str(), 0));
   QImage back;
   ASSERT_TRUE(back.Read(file.c_str()));
-  ASSERT_EQ(back.GetWidth(), 9);
-  ASSERT_EQ(back.GetHeight(), 4);
+  ASSERT_TRUE(back.GetWidth() == 9 && back.GetHeight() == 4);
   EXPECT_EQ(memcmp(back.GetBuffer(), bm.GetBuffer(), size_t(bm.GetSize())), 0);
 
   // And the Targa writer through our own reader, both paths alike.
