@@ -65,7 +65,7 @@ int CountRunningCopies() {
   return count;
 }
 
-// The directory of the running executable, lower-cased; empty when it cannot be told.
+// The directory of the running executable; empty when it cannot be told.
 std::string ExeDirectory() {
   char path[kMaxPath + 1] = {};
   ssize_t n = readlink("/proc/self/exe", path, kMaxPath);
@@ -75,7 +75,6 @@ std::string ExeDirectory() {
   for (char* p = path; *p; ++p)
     if (*p == '/' || *p == '\\') cut = p;
   if (cut) *cut = 0;
-  qstrlwr(path);
   return path;
 }
 
@@ -102,9 +101,13 @@ int main(int argc, char** argv) {
   const char* arg = argc > 1 ? argv[1] : nullptr;
 
   // The program's own folder holds its configuration, font and log, except in a developer's
-  // tree ("source" in the path), where the starting directory is kept.
+  // tree ("source" in the path, in any case), where the starting directory is kept. The test
+  // looks at a lower-cased copy; the folder itself is entered by its real name, since file names
+  // here are case-sensitive.
   const std::string dir = ExeDirectory();
-  if (!dir.empty() && dir.find("source") == std::string::npos) QSetCurrentDirectory(dir.c_str());
+  std::string lower = dir;
+  qstrlwr(&lower[0]);
+  if (!dir.empty() && lower.find("source") == std::string::npos) QSetCurrentDirectory(dir.c_str());
 
   if (CountRunningCopies() < 2) {
     RaceManager* rm = new RaceManager();

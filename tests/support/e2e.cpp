@@ -294,8 +294,8 @@ Program::~Program() {
 
 bool Program::MakeDir() {
   static int serial = 0;
-  // Lower case on purpose: the program lower-cases its own folder before making it current.
-  dir_ = "/tmp/glimra-e2e-" + std::to_string(getpid()) + "-" + std::to_string(serial++);
+  // Mixed case on purpose: the program must enter its own folder by its real name.
+  dir_ = "/tmp/Glimra-E2E-" + std::to_string(getpid()) + "-" + std::to_string(serial++);
   std::error_code ec;
   fs::remove_all(dir_, ec);
   return mkdir(dir_.c_str(), 0700) == 0;
@@ -330,10 +330,13 @@ std::string Program::Key(const char* key) const {
 }
 
 bool Program::Start(const char* arg) {
-  return Run(Path("glimra"), arg ? std::vector<std::string>{arg} : std::vector<std::string>{});
+  // Started from elsewhere, as a shell or a second program would: glimra finds its own folder.
+  return Run(Path("glimra"), arg ? std::vector<std::string>{arg} : std::vector<std::string>{},
+             "/");
 }
 
-bool Program::Run(const std::string& exe, const std::vector<std::string>& args) {
+bool Program::Run(const std::string& exe, const std::vector<std::string>& args,
+                  const std::string& cwd) {
   const std::string out = Path("out.txt");
   std::vector<char*> argv{const_cast<char*>(exe.c_str())};
   for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
@@ -341,7 +344,7 @@ bool Program::Run(const std::string& exe, const std::vector<std::string>& args) 
   pid_ = fork();
   if (pid_ < 0) return false;
   if (pid_ == 0) {
-    if (chdir(dir_.c_str()) != 0) _exit(126);
+    if (chdir(cwd.empty() ? dir_.c_str() : cwd.c_str()) != 0) _exit(126);
     int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     if (fd >= 0) dup2(fd, 1), dup2(fd, 2);
     // The GL driver keeps blocks to the end, and so do the font and window by design.

@@ -97,10 +97,12 @@ class Program {
   // Under AddressSanitizer, lets LeakSanitizer report at the program's exit (off by default: the
   // GL driver, the font and the window keep blocks to the end by design). Takes effect at Start.
   void CheckLeaksAtExit(bool on) { leakCheck_ = on; }
-  // Runs glimra from the folder with the optional argument; output goes to "out.txt".
+  // Runs the folder's glimra, started from "/", with the optional argument; output goes to
+  // "out.txt" in the folder.
   bool Start(const char* arg = nullptr);
-  // Runs `exe` with `args` from the folder the same way; false when fork fails.
-  bool Run(const std::string& exe, const std::vector<std::string>& args);
+  // Runs `exe` with `args` in `cwd` (empty: the folder); false when fork fails.
+  bool Run(const std::string& exe, const std::vector<std::string>& args,
+           const std::string& cwd = "");
   pid_t Pid() const { return pid_; }
   // The exit status once it ended within `ms`; -1 on time-out, -2 when a signal ended it.
   int WaitExit(int ms);
