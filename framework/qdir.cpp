@@ -100,7 +100,7 @@ bool QSetCurrentDirectory(const char* path) {
           strerror(errno));
     return false;
   }
-  qlogwrite(QLOG_NOTE, "QSetCurrentDirectory", "Current directory is now '%s'", path);
+  QNOTE("QSetCurrentDirectory", "Current directory is now '%s'", path);
   return true;
 }
 

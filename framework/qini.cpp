@@ -2,7 +2,6 @@
 // debug listing and the iterator in qini_write.cpp.
 #include "framework/qini.h"
 
-#include <cstdarg>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -52,16 +51,6 @@ int SplitKey(char* buf, const char** parts, int maxParts) {
     p = dot + 1;
   }
   return -1;  // more parts than any tree can hold
-}
-
-void Note(int line, const char* fmt, ...) QPRINTF(2, 3);
-void Note(int line, const char* fmt, ...) {
-  char header[128];
-  snprintf(header, sizeof(header), "qini.cpp:%d / QIni", line);
-  va_list ap;
-  va_start(ap, fmt);
-  qlogwritev(QLOG_NOTE, header, fmt, ap);
-  va_end(ap);
 }
 
 // True when `name` could be written as a word and read back as the same name.
@@ -296,7 +285,8 @@ bool QIni::GetStringAt(const char* key, char* out, const char* def, int fallback
   }
   if (fallback_ && fallbackDepth < kMaxFallbackDepth) {
     if (fallback_->GetStringAt(key, out, def, fallbackDepth + 1)) {
-      if (flags_ & NOTE_FALLBACK) Note(__LINE__, "QIni: '%s' only found in fallback file.", key);
+      if (flags_ & NOTE_FALLBACK)
+        QNOTE("QIni::GetString", "QIni: '%s' only found in fallback file.", key);
       return true;
     }
   } else {

@@ -1,6 +1,5 @@
 // QIni: writing the tree back to a file, the debug listing, and the iterator. Every walk uses
 // an explicit stack, so the depth of a tree never turns into the depth of the call stack.
-#include <cstdarg>
 #include <cstring>
 #include <string>
 #include <system_error>
@@ -14,16 +13,6 @@ namespace {
 
 void Indent(std::string* s, int level) {
   if (level > 0) s->append(static_cast<size_t>(level) * 2, ' ');
-}
-
-void Note(int line, const char* fmt, ...) QPRINTF(2, 3);
-void Note(int line, const char* fmt, ...) {
-  char header[128];
-  snprintf(header, sizeof(header), "qini_write.cpp:%d / QIni::Write", line);
-  va_list ap;
-  va_start(ap, fmt);
-  qlogwritev(QLOG_NOTE, header, fmt, ap);
-  va_end(ap);
 }
 
 // One open group of a walk: its next child to visit and the level of its children.
@@ -129,7 +118,7 @@ bool QIni::Write(const char* fileName, bool check) {
   }
   FILE* fp = fopen(target, "wb");
   if (!fp) return true;
-  Note(__LINE__, "Writing ini file '%s'", target);
+  QNOTE("QIni::Write", "Writing ini file '%s'", target);
   qstring text;
   WriteToString(&text);
   size_t len = static_cast<size_t>(text.Length());

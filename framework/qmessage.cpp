@@ -394,6 +394,15 @@ void qinfo(const char* file, const char* method, int line, const char* fmt, ...)
   va_end(ap);
 }
 
+void qnote(const char* file, const char* method, int line, const char* fmt, ...) {
+  char header[1024];
+  FormatHeader(header, Origin{"%s:%d / %s", file, line, method});
+  va_list ap;
+  va_start(ap, fmt);
+  qlogwritev(QLOG_NOTE, header, fmt, ap);
+  va_end(ap);
+}
+
 void qwarn(const char* file, const char* method, int line, const char* fmt, ...) {
   const Origin origin{"WARN,%s:%d,%s", file, line, method};
   va_list ap;

@@ -50,6 +50,8 @@ constexpr const char* qsrcfile(const char* path) {
 
 void qdbg(const char* file, const char* method, int line, const char* fmt, ...) QPRINTF(4, 5);
 void qinfo(const char* file, const char* method, int line, const char* fmt, ...) QPRINTF(4, 5);
+// A note: logged at level "NOTE" with the same header as qinfo, whatever the mask says.
+void qnote(const char* file, const char* method, int line, const char* fmt, ...) QPRINTF(4, 5);
 void qwarn(const char* file, const char* method, int line, const char* fmt, ...) QPRINTF(4, 5);
 void qerr(const char* file, const char* method, int line, const char* fmt, ...) QPRINTF(4, 5);
 // Error box: printed, logged when mask bit 2 is set, and shown in a message box.
@@ -63,6 +65,7 @@ void qmessage(const char* fmt, ...) QPRINTF(1, 2);
 
 #define QDBG(method, ...) qdbg(qsrcfile(__FILE__), method, __LINE__, __VA_ARGS__)
 #define QINFO(method, ...) qinfo(qsrcfile(__FILE__), method, __LINE__, __VA_ARGS__)
+#define QNOTE(method, ...) qnote(qsrcfile(__FILE__), method, __LINE__, __VA_ARGS__)
 #define QWARN(method, ...) qwarn(qsrcfile(__FILE__), method, __LINE__, __VA_ARGS__)
 #define QERR(method, ...) qerr(qsrcfile(__FILE__), method, __LINE__, __VA_ARGS__)
 #define QERRBOX(method, ...) qerrbox(qsrcfile(__FILE__), method, __LINE__, __VA_ARGS__)
