@@ -18,8 +18,7 @@
 #include <string>
 #include <vector>
 
-#include <jpeglib.h>
-
+#include "bench/bench_photo.h"
 #include "framework/qbitmap.h"
 #include "framework/qexif.h"
 #include "framework/qimage.h"
@@ -36,83 +35,11 @@ const Photo kPhotos[] = {{4000, 3000, "12MP"}, {6000, 4000, "24MP"}};
 
 std::string PhotoPath(const Photo& p) { return std::string("/tmp/glimra_bench_") + p.label + ".jpg"; }
 
-// APP1 payload: "Exif", a little-endian TIFF header and one IFD with orientation 6.
-std::vector<uint8_t> ExifBlock() {
-  std::vector<uint8_t> b = {'E', 'x', 'i', 'f', 0, 0, 'I', 'I', 42, 0, 8, 0, 0, 0};
-  const uint8_t ifd[] = {1, 0, 0x12, 0x01, 3, 0, 1, 0, 0, 0, 6, 0, 0, 0, 0, 0, 0, 0};
-  b.insert(b.end(), std::begin(ifd), std::end(ifd));
-  return b;
-}
-
-void MakePhoto(const Photo& p) {
-  FILE* f = fopen(PhotoPath(p).c_str(), "wb");
-  if (!f) return;
-  jpeg_compress_struct c;
-  jpeg_error_mgr err;
-  c.err = jpeg_std_error(&err);
-  jpeg_create_compress(&c);
-  jpeg_stdio_dest(&c, f);
-  c.image_width = JDIMENSION(p.width), c.image_height = JDIMENSION(p.height);
-  c.input_components = 3, c.in_color_space = JCS_RGB;
-  jpeg_set_defaults(&c);
-  jpeg_set_quality(&c, 90, TRUE);
-  jpeg_start_compress(&c, TRUE);
-  const std::vector<uint8_t> exif = ExifBlock();
-  jpeg_write_marker(&c, JPEG_APP0 + 1, exif.data(), unsigned(exif.size()));
-  std::vector<uint8_t> row(size_t(p.width) * 3);
-  uint32_t seed = 12345;
-  for (int y = 0; y < p.height; ++y) {
-    for (int x = 0; x < p.width; ++x) {
-      seed = seed * 1664525u + 1013904223u;
-      const int noise = int(seed >> 27) - 16;  // -16 .. 15
-      const int r = 255 * x / p.width, g = 255 * y / p.height, b = 255 * (x + y) / (p.width + p.height);
-      auto clamp = [](int v) { return uint8_t(v < 0 ? 0 : v > 255 ? 255 : v); };
-      row[size_t(x) * 3] = clamp(r + noise), row[size_t(x) * 3 + 1] = clamp(g + noise / 2),
-                      row[size_t(x) * 3 + 2] = clamp(b - noise);
-    }
-    JSAMPROW r = row.data();
-    jpeg_write_scanlines(&c, &r, 1);
-  }
-  jpeg_finish_compress(&c);
-  jpeg_destroy_compress(&c);
-  fclose(f);
-}
-
-// The yardstick: libjpeg-turbo straight into a fresh RGBA buffer, top row first.
-bool RawDecode(const char* path, int* width) {
-  FILE* f = fopen(path, "rb");
-  if (!f) return false;
-  jpeg_decompress_struct d;
-  jpeg_error_mgr err;
-  d.err = jpeg_std_error(&err);
-  jpeg_create_decompress(&d);
-  jpeg_stdio_src(&d, f);
-  jpeg_read_header(&d, TRUE);
-  d.out_color_space = JCS_EXT_RGBA;
-  jpeg_start_decompress(&d);
-  const size_t stride = size_t(d.output_width) * 4;
-  uint8_t* buffer = static_cast<uint8_t*>(malloc(stride * d.output_height));
-  JSAMPROW rows[16];
-  while (d.output_scanline < d.output_height) {
-    const unsigned first = d.output_scanline;
-    unsigned n = d.output_height - first;
-    if (n > 16) n = 16;
-    for (unsigned k = 0; k < n; ++k) rows[k] = buffer + (first + k) * stride;
-    jpeg_read_scanlines(&d, rows, n);
-  }
-  jpeg_finish_decompress(&d);
-  *width = int(d.output_width);
-  benchmark::DoNotOptimize(buffer[0]);
-  free(buffer);
-  jpeg_destroy_decompress(&d);
-  fclose(f);
-  return true;
-}
+void MakePhoto(const Photo& p) { bench::WritePhoto(PhotoPath(p), p.width, p.height, 6); }
 
 void BM_RawDecode(benchmark::State& state, const Photo* p) {
-  int width = 0;
   for (auto _ : state) {
-    if (!RawDecode(PhotoPath(*p).c_str(), &width)) state.SkipWithError("no photo");
+    if (!bench::RawDecode(PhotoPath(*p).c_str())) state.SkipWithError("no photo");
   }
   state.SetItemsProcessed(state.iterations() * p->width * p->height);
 }

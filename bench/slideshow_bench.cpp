@@ -39,10 +39,8 @@
 #include <thread>
 #include <vector>
 
-// After <cstdio>: the library's header needs FILE.
-#include <jpeglib.h>
-
 #include "app/slideshow.h"
+#include "bench/bench_photo.h"
 #include "d3/dtexture.h"
 #include "framework/qapp.h"
 #include "framework/qini.h"
@@ -73,70 +71,7 @@ std::string PhotoPath(const Photo& p) {
 }
 
 bool MakePhoto(const Photo& p) {
-  FILE* f = fopen(PhotoPath(p).c_str(), "wb");
-  if (!f) return false;
-  jpeg_compress_struct c;
-  jpeg_error_mgr err;
-  c.err = jpeg_std_error(&err);
-  jpeg_create_compress(&c);
-  jpeg_stdio_dest(&c, f);
-  c.image_width = JDIMENSION(p.width), c.image_height = JDIMENSION(p.height);
-  c.input_components = 3, c.in_color_space = JCS_RGB;
-  jpeg_set_defaults(&c);
-  jpeg_set_quality(&c, 90, TRUE);
-  jpeg_start_compress(&c, TRUE);
-  if (p.orientation) {
-    // "Exif", a little-endian TIFF header and one IFD entry 0x0112 (SHORT) with the value.
-    const uint8_t exif[] = {'E', 'x', 'i', 'f', 0, 0, 'I', 'I', 42, 0, 8, 0, 0, 0, 1, 0, 0x12, 1,
-                            3, 0, 1, 0, 0, 0, uint8_t(p.orientation), 0, 0, 0, 0, 0, 0, 0};
-    jpeg_write_marker(&c, JPEG_APP0 + 1, exif, sizeof(exif));
-  }
-  std::vector<uint8_t> row(size_t(p.width) * 3);
-  uint32_t seed = 12345;
-  auto clamp = [](int v) { return uint8_t(v < 0 ? 0 : v > 255 ? 255 : v); };
-  for (int y = 0; y < p.height; ++y) {
-    for (int x = 0; x < p.width; ++x) {
-      seed = seed * 1664525u + 1013904223u;
-      const int noise = int(seed >> 27) - 16;
-      uint8_t* px = &row[size_t(x) * 3];
-      px[0] = clamp(255 * x / p.width + noise);
-      px[1] = clamp(255 * y / p.height + noise / 2);
-      px[2] = clamp(255 * (x + y) / (p.width + p.height) - noise);
-    }
-    JSAMPROW r = row.data();
-    jpeg_write_scanlines(&c, &r, 1);
-  }
-  jpeg_finish_compress(&c);
-  jpeg_destroy_compress(&c);
-  return fclose(f) == 0;
-}
-
-// The yardstick: libjpeg-turbo straight into a fresh RGBA buffer.
-bool RawDecode(const char* path) {
-  FILE* f = fopen(path, "rb");
-  if (!f) return false;
-  jpeg_decompress_struct d;
-  jpeg_error_mgr err;
-  d.err = jpeg_std_error(&err);
-  jpeg_create_decompress(&d);
-  jpeg_stdio_src(&d, f);
-  jpeg_read_header(&d, TRUE);
-  d.out_color_space = JCS_EXT_RGBA;
-  jpeg_start_decompress(&d);
-  const size_t stride = size_t(d.output_width) * 4;
-  std::vector<uint8_t> buffer(stride * d.output_height);
-  JSAMPROW rows[16];
-  while (d.output_scanline < d.output_height) {
-    const unsigned first = d.output_scanline;
-    const unsigned n = std::min(16u, d.output_height - first);
-    for (unsigned k = 0; k < n; ++k) rows[k] = buffer.data() + (first + k) * stride;
-    jpeg_read_scanlines(&d, rows, n);
-  }
-  jpeg_finish_decompress(&d);
-  benchmark::DoNotOptimize(buffer.data());
-  jpeg_destroy_decompress(&d);
-  fclose(f);
-  return true;
+  return bench::WritePhoto(PhotoPath(p), p.width, p.height, p.orientation);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -242,7 +177,7 @@ void BM_RawDecode(benchmark::State& state, const Photo* p) {
   double total = 0;
   for (auto _ : state) {
     const auto start = Clock::now();
-    if (!RawDecode(PhotoPath(*p).c_str())) state.SkipWithError("no photo");
+    if (!bench::RawDecode(PhotoPath(*p).c_str())) state.SkipWithError("no photo");
     total += std::chrono::duration<double>(Clock::now() - start).count();
   }
   if (state.iterations() > 0)
