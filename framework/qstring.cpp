@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "framework/qmem.h"
@@ -15,6 +16,8 @@
 namespace {
 const char kEmpty[] = "";
 const char kUnicodeNyi[] = "<unicodestr-nyi>";
+// Stands for a character that 8-bit text cannot hold.
+constexpr char kReplacement = '?';
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -44,6 +47,56 @@ void qstrupr(char* s) {
 void qstrlwr(char* s) {
   if (!s) return;
   for (; *s; ++s) *s = static_cast<char>(qtolower(static_cast<unsigned char>(*s)));
+}
+
+int qnamecmp(const char* a, const char* b) {
+  const unsigned char* x = reinterpret_cast<const unsigned char*>(a ? a : "");
+  const unsigned char* y = reinterpret_cast<const unsigned char*>(b ? b : "");
+  for (;; ++x, ++y) {
+    // ASCII letters only: a UTF-8 byte folded as Latin-1 would turn one name into another.
+    const int cx = *x >= 'A' && *x <= 'Z' ? *x + 32 : *x;
+    const int cy = *y >= 'A' && *y <= 'Z' ? *y + 32 : *y;
+    if (cx != cy || !cx) return cx - cy;
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// UTF-8
+// ---------------------------------------------------------------------------------------------
+
+uint32_t qutf8next(const unsigned char** text) {
+  const unsigned char* s = *text;
+  const uint32_t c = *s;
+  int extra = 0;
+  uint32_t min = 0;
+  if (c >= 0xC2 && c < 0xE0) {
+    extra = 1, min = 0x80;
+  } else if (c >= 0xE0 && c < 0xF0) {
+    extra = 2, min = 0x800;
+  } else if (c >= 0xF0 && c < 0xF5) {
+    extra = 3, min = 0x10000;
+  }
+  uint32_t cp = c & (0x3Fu >> extra);
+  int i = 1;
+  for (; i <= extra && (s[i] & 0xC0) == 0x80; ++i) cp = (cp << 6) | (s[i] & 0x3F);
+  // Overlong forms, surrogates and values past U+10FFFF are not text either.
+  if (extra == 0 || i <= extra || cp < min || (cp >= 0xD800 && cp < 0xE000) || cp > 0x10FFFF) {
+    *text = s + 1;
+    return c;
+  }
+  *text = s + extra + 1;
+  return cp;
+}
+
+void qUtf8ToLatin1(const char* text, qstring* out) {
+  if (!out) return;
+  std::string latin;
+  const unsigned char* s = reinterpret_cast<const unsigned char*>(text ? text : "");
+  while (*s) {
+    const uint32_t cp = qutf8next(&s);
+    latin += cp <= 0xFF ? static_cast<char>(cp) : kReplacement;
+  }
+  *out = latin.c_str();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -721,34 +774,12 @@ void qstring::QC2UC() {
     QWARN("qstring::QC2UC", "qstring::Q2UC(); string is already unicode");
     return;
   }
-  // The text is UTF-8; a byte that does not start a valid sequence stands for itself (Latin-1),
-  // and code points beyond 16 bits become '?'.
+  // The text is UTF-8; code points beyond 16 bits become '?'.
   const unsigned char* s = reinterpret_cast<const unsigned char*>(cstr());
   std::vector<uint16_t> wide;
   while (*s) {
-    unsigned c = *s;
-    int extra = 0;
-    if (c >= 0xC2 && c < 0xE0)
-      extra = 1;
-    else if (c >= 0xE0 && c < 0xF0)
-      extra = 2;
-    else if (c >= 0xF0 && c < 0xF5)
-      extra = 3;
-    if (c < 0x80 || extra == 0) {
-      wide.push_back(static_cast<uint16_t>(c));
-      ++s;
-      continue;
-    }
-    unsigned cp = c & (0x3F >> extra);
-    int i = 1;
-    for (; i <= extra && (s[i] & 0xC0) == 0x80; ++i) cp = (cp << 6) | (s[i] & 0x3F);
-    if (i <= extra) {
-      wide.push_back(static_cast<uint16_t>(c));
-      ++s;
-      continue;
-    }
+    const uint32_t cp = qutf8next(&s);
     wide.push_back(cp > 0xFFFF ? static_cast<uint16_t>('?') : static_cast<uint16_t>(cp));
-    s += extra + 1;
   }
   wide.push_back(0);
   SetWide(wide.data());

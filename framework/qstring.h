@@ -157,3 +157,13 @@ int qtoupper(int c);
 int qtolower(int c);
 void qstrupr(char* s);
 void qstrlwr(char* s);
+// Compares two file names as strcmp does, folding the ASCII letters only: bytes of 0x80 and
+// above (UTF-8) compare exactly, so no two distinct names on disk are taken for one.
+int qnamecmp(const char* a, const char* b);
+// The code point that starts at *text (not at its terminating zero), moving *text past it. A
+// byte that starts no valid UTF-8 sequence (stray, cut short, overlong, a surrogate) answers
+// itself and moves one byte.
+uint32_t qutf8next(const unsigned char** text);
+// UTF-8 text as the 8-bit (Latin-1) text the fonts draw: code points up to 255 stay, each
+// other code point becomes one '?', an invalid byte stands for itself.
+void qUtf8ToLatin1(const char* text, qstring* out);

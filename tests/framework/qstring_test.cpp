@@ -2,6 +2,8 @@
 #include "framework/qstring.h"
 
 #include <gtest/gtest.h>
+
+#include <utility>
 #include <stdlib.h>
 
 #include <cstring>
@@ -119,13 +121,49 @@ TEST(QStringUnicode, OperationsRefuseAndLeaveTheStringAlone) {
   EXPECT_STREQ(s, "back");
 }
 
-TEST(QStringUnicode, QC2UCDecodesUtf8AndKeepsStrayBytes) {
+TEST(QStringUnicode, Utf8DecodesAndKeepsInvalidBytesAsLatin1) {
   qstring s("A\xC3\xA9\xE2\x82\xAC\xFF");
   s.QC2UC();
   ASSERT_EQ(s.Length(), 4);
   EXPECT_EQ(s.wstr()[1], 0xE9);
   EXPECT_EQ(s.wstr()[2], 0x20AC);
   EXPECT_EQ(s.wstr()[3], 0xFF);
+
+  // For 8-bit drawing: Latin-1 code points stay, every other one is one '?', and a byte that
+  // starts no valid sequence (stray, cut short, overlong, surrogate, past U+10FFFF) is itself.
+  const std::pair<const char*, const char*> latin[] = {
+      {"\xC3\xA9t\xC3\xA9.jpg", "\xE9t\xE9.jpg"},
+      {"\xE2\x82\xAC 5 \xF0\x9F\x98\x80", "? 5 ?"},
+      {"\xE6\x97\xA5\xE6\x9C\xAC", "??"},
+      {"caf\xE9", "caf\xE9"},
+      {"\xC3", "\xC3"},
+      {"\xE2\x82x", "\xE2\x82x"},
+      {"\xC0\xAF", "\xC0\xAF"},
+      {"\xE0\x80\xAF", "\xE0\x80\xAF"},
+      {"\xED\xA0\x80", "\xED\xA0\x80"},
+      {"\xF4\x90\x80\x80", "\xF4\x90\x80\x80"},
+      {"\x80\xBF", "\x80\xBF"},
+      {"", ""}};
+  for (const auto& [in, want] : latin) {
+    qstring out;
+    qUtf8ToLatin1(in, &out);
+    EXPECT_STREQ(out.cstr(), want) << in;
+  }
+}
+
+TEST(QStringNames, CompareFoldsAsciiLettersOnly) {
+  EXPECT_EQ(qnamecmp("IMG_0001.JPG", "img_0001.jpg"), 0);
+  EXPECT_EQ(qnamecmp("DSC 0002.Jpg", "dsc 0002.jpG"), 0);
+  // Latin-1 case pairs and UTF-8 capitals are different names.
+  EXPECT_NE(qnamecmp("\xC9.jpg", "\xE9.jpg"), 0);
+  EXPECT_NE(qnamecmp("\xC3\x89.jpg", "\xC3\xA9.jpg"), 0);
+  EXPECT_NE(qnamecmp("a.jpg", "a.jpg2"), 0);
+  EXPECT_LT(qnamecmp("A", "b"), 0);
+  EXPECT_GT(qnamecmp("b", "A"), 0);
+  // '@' and '[' sit just outside the letters and are not folded.
+  EXPECT_NE(qnamecmp("@", "`"), 0);
+  EXPECT_NE(qnamecmp("[", "{"), 0);
+  EXPECT_EQ(qnamecmp(nullptr, ""), 0);
 }
 
 TEST(QStringEdit, ReplaceSearchAndCase) {
