@@ -73,9 +73,8 @@ inline bool ReadAll(QFile* f, void* buffer, int n) {
 struct JpegError {
   jpeg_error_mgr pub;
   jmp_buf jump;
-  void (*standardEmit)(j_common_ptr, int);
-  bool endIsError;  // the reader's switch: a premature end fails the read
   char text[JMSG_LENGTH_MAX];
+  char warning[JMSG_LENGTH_MAX];  // the reader's first warning, empty when there was none
 };
 
 [[noreturn]] inline void JpegErrorExit(j_common_ptr cinfo) {

@@ -2,13 +2,12 @@
 //
 // Three-component files are decoded straight into the bitmap's rows as RGBA (the library writes
 // alpha 255), last memory row first; other component counts go through PutLine a scanline at a
-// time. The library's standard error manager prints its warnings; its error exit, and the
-// warning for a file that ends inside the pixel data, jump back here and end the read.
+// time. Errors jump back here and fail the read. Warnings (a file cut short, a missing end
+// marker, stray bytes) do not: the library fills what it could not decode, the picture is shown
+// as decoded, and the first warning goes to the log at debug level.
 #include <csetjmp>
 #include <cstdio>
 #include <cstring>
-
-#include <jerror.h>
 
 #include "framework/qimage.h"
 #include "framework/qimage_internal.h"
@@ -24,12 +23,11 @@ constexpr int64_t kMaxPixelsPerByte = 4096;
 // Scanlines handed to the library per call on the direct path.
 constexpr int kLinesPerCall = 16;
 
-// The warning for a file that ends early fails the read while pixels are still wanted; every
-// other message goes to the standard manager.
+// Keeps the first warning for the log instead of printing it; trace messages are dropped.
 void EmitMessage(j_common_ptr cinfo, int level) {
+  if (level >= 0) return;
   JpegError* err = reinterpret_cast<JpegError*>(cinfo->err);
-  if (level < 0 && err->endIsError && cinfo->err->msg_code == JWRN_JPEG_EOF) JpegErrorExit(cinfo);
-  err->standardEmit(cinfo, level);
+  if (cinfo->err->num_warnings++ == 0) (*cinfo->err->format_message)(cinfo, err->warning);
 }
 
 // Owns the decompressor and the stream for the whole read, including the jump out of libjpeg.
@@ -47,10 +45,8 @@ struct JpegDecoder {
 bool Decode(JpegDecoder* dec, QImage* img, const char* name) {
   j_decompress_ptr cinfo = &dec->cinfo;
   cinfo->err = jpeg_std_error(&dec->err.pub);
-  dec->err.standardEmit = dec->err.pub.emit_message;
   dec->err.pub.error_exit = JpegErrorExit;
   dec->err.pub.emit_message = EmitMessage;
-  dec->err.endIsError = true;
   if (setjmp(dec->err.jump)) {
     QWARN("QImage::ReadJPG", "QImage:ReadJPG(%s); %s", name, dec->err.text);
     return false;
@@ -102,9 +98,10 @@ bool Decode(JpegDecoder* dec, QImage* img, const char* name) {
       QImage::PutLine(line[0], height - int(cinfo->output_scanline), img, components, name);
     }
   }
-  // Every pixel is in; a file that lacks only its end marker is still a whole picture.
-  dec->err.endIsError = false;
   jpeg_finish_decompress(cinfo);
+  if (dec->err.warning[0])
+    QDBG("QImage::ReadJPG", "QImage:ReadJPG(%s); %s (%ld warnings)", name, dec->err.warning,
+         cinfo->err->num_warnings);
   return true;
 }
 

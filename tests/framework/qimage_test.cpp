@@ -114,7 +114,8 @@ Bytes Tga(int type, int depth, int w, int h, int descriptor, const Bytes& data, 
 }
 
 // A JPEG of the given size written by libjpeg, a flat grey.
-Bytes MakeJpeg(int w, int h) {
+// Flat grey, or with `busy` a pattern that changes from pixel to pixel.
+Bytes MakeJpeg(int w, int h, bool busy = false) {
   jpeg_compress_struct c;
   jpeg_error_mgr err;
   c.err = jpeg_std_error(&err);
@@ -128,7 +129,10 @@ Bytes MakeJpeg(int w, int h) {
   jpeg_start_compress(&c, TRUE);
   std::vector<uint8_t> row(size_t(w) * 3, 128);
   JSAMPROW r = row.data();
-  while (c.next_scanline < c.image_height) jpeg_write_scanlines(&c, &r, 1);
+  while (c.next_scanline < c.image_height) {
+    for (size_t i = 0; busy && i < row.size(); ++i) row[i] = uint8_t(i * 7 + c.next_scanline * 13);
+    jpeg_write_scanlines(&c, &r, 1);
+  }
   jpeg_finish_compress(&c);
   Bytes b(out, out + size);
   jpeg_destroy_compress(&c);
@@ -293,12 +297,22 @@ TEST_F(QImageTest, JpegSizeLimitIs16384EachWay) {
   }
 }
 
-TEST_F(QImageTest, JpegLibraryErrorsEndTheReadWithAWarning) {
-  QImage img;
-  Bytes photo = Fixture("photo.jpg");
-  const std::string cut = Put("cut.jpg", Bytes(photo.begin(), photo.begin() + long(photo.size()) * 2 / 3));
-  EXPECT_FALSE(img.Read(cut.c_str()));
+TEST_F(QImageTest, JpegWarningsKeepWhatDecodedAndErrorsEndTheRead) {
+  QImage img, whole;
+  const Bytes photo = MakeJpeg(64, 64, true);
+  ASSERT_TRUE(whole.Read(Put("whole.jpg", photo).c_str()));
+  const size_t rowBytes = size_t(whole.GetWidth()) * 4;
+  // Only the end marker missing: the same picture.
+  ASSERT_TRUE(img.Read(Put("noend.jpg", Bytes(photo.begin(), photo.end() - 2)).c_str()));
+  ASSERT_EQ(img.GetSize(), whole.GetSize());
+  EXPECT_EQ(memcmp(img.GetBuffer(), whole.GetBuffer(), whole.GetSize()), 0);
+  // Cut at 60 %: the top rows (the last in memory) as decoded, the rest the library's fill.
+  const std::string cut = Put("cut.jpg", Bytes(photo.begin(), photo.begin() + long(photo.size()) * 3 / 5));
+  ASSERT_TRUE(img.Read(cut.c_str()));
   EXPECT_TRUE(Logged("QImage:ReadJPG(" + cut + "); Premature end of JPEG file"));
+  const int top = whole.GetHeight() - 1;
+  EXPECT_EQ(memcmp(img.GetAddress(0, top), whole.GetAddress(0, top), rowBytes), 0);
+  EXPECT_NE(memcmp(img.GetAddress(0, 0), whole.GetAddress(0, 0), rowBytes), 0);
 
   Bytes junk = {0xFF, 0xD8, 0xFF, 0xC0, 0x00, 0x03, 0x42};
   const std::string bad = Put("junk.jpg", junk);
