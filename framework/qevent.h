@@ -111,8 +111,11 @@ void QEventResetDeadKey();
 void QEventPump();
 // True when a platform source of events exists (the video system is up).
 bool QEventHavePlatform();
-// Platform virtual-key number for an SDL key code (SDL_Keycode); 0 for a key without one.
-int QEventVirtualKey(int sdlKeyCode);
+// Platform virtual-key number of a key from SDL's key code, scan code and modifier state
+// (SDL_Keycode, SDL_Scancode, SDL_Keymod); 0 for a key without one. Keypad digits follow
+// NumLock: on, the keypad codes 96-105 and 110; off, the arrow and editing keys they carry.
+// Symbols of other layouts (ü, +, #) take the code of the US key in their place (0xBA-0xE2).
+int QEventVirtualKey(int sdlKeyCode, int sdlScanCode = 0, int sdlMods = 0);
 // Binds a native window id to its framework window, so the pump addresses events to it;
 // a null window unbinds. At most 16 bindings; more are refused with an error.
 bool QEventBindWindow(uint32_t nativeId, QWindow* win);

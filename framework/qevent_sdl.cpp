@@ -52,9 +52,7 @@ void FillPointer(QEvent* e) {
 void PushKey(const SDL_KeyboardEvent& k, bool press) {
   QEvent e;
   e.win = WindowOf(k.windowID);
-  int vk = QEventVirtualKey(k.keysym.sym);
-  // X maps control + alt + F1..F12 to console-switch symbols; the physical key still counts.
-  if (!vk) vk = QEventVirtualKey(SDL_SCANCODE_TO_KEYCODE(k.keysym.scancode));
+  const int vk = QEventVirtualKey(k.keysym.sym, k.keysym.scancode, k.keysym.mod);
   if (!vk) return;
   FillPointer(&e);
   const int before = g_mods;
@@ -188,7 +186,46 @@ bool QEventBindWindow(uint32_t nativeId, QWindow* win) {
   return false;
 }
 
-int QEventVirtualKey(int sym) {
+namespace {
+
+// The key's code from its place on the keyboard (its US-layout meaning): letters, digits and the
+// OEM punctuation keys, for layouts whose symbols have no key number of their own (ü, ö, é, +).
+int VirtualKeyOfPlace(int scancode) {
+  if (scancode >= SDL_SCANCODE_A && scancode <= SDL_SCANCODE_Z) return 'A' + (scancode - SDL_SCANCODE_A);
+  if (scancode >= SDL_SCANCODE_1 && scancode <= SDL_SCANCODE_9) return '1' + (scancode - SDL_SCANCODE_1);
+  switch (scancode) {
+    case SDL_SCANCODE_0: return '0';
+    case SDL_SCANCODE_SEMICOLON: return 0xBA;
+    case SDL_SCANCODE_EQUALS: return 0xBB;
+    case SDL_SCANCODE_COMMA: return 0xBC;
+    case SDL_SCANCODE_MINUS: return 0xBD;
+    case SDL_SCANCODE_PERIOD: return 0xBE;
+    case SDL_SCANCODE_SLASH: return 0xBF;
+    case SDL_SCANCODE_GRAVE: return 0xC0;
+    case SDL_SCANCODE_LEFTBRACKET: return 0xDB;
+    case SDL_SCANCODE_BACKSLASH: case SDL_SCANCODE_NONUSHASH: return 0xDC;
+    case SDL_SCANCODE_RIGHTBRACKET: return 0xDD;
+    case SDL_SCANCODE_APOSTROPHE: return 0xDE;
+    case SDL_SCANCODE_NONUSBACKSLASH: return 0xE2;
+    default: return 0;
+  }
+}
+
+// Keypad digits and point: with NumLock on the keypad codes, with it off the arrow and editing
+// keys printed on them. -1 for any other key.
+int KeypadKey(int scancode, bool numLock) {
+  static const int kOff[] = {35, 40, 34, 37, 12, 39, 36, 38, 33, 45};  // 1..9, then 0
+  if (scancode >= SDL_SCANCODE_KP_1 && scancode <= SDL_SCANCODE_KP_0) {
+    const int i = scancode - SDL_SCANCODE_KP_1;  // 0..8 for 1..9, 9 for 0
+    if (numLock) return i == 9 ? 96 : 97 + i;
+    return kOff[i];
+  }
+  if (scancode == SDL_SCANCODE_KP_PERIOD) return numLock ? 110 : 46;
+  return -1;
+}
+
+// The key number for the key code alone; 0 when the code has none.
+int VirtualKeyOfCode(int sym) {
   if (sym >= SDLK_a && sym <= SDLK_z) return 'A' + (sym - SDLK_a);
   if (sym >= SDLK_0 && sym <= SDLK_9) return '0' + (sym - SDLK_0);
   if (sym >= SDLK_F1 && sym <= SDLK_F12) return QK_F1 + (sym - SDLK_F1);
@@ -241,4 +278,16 @@ int QEventVirtualKey(int sym) {
     case SDLK_LESS: return 0xE2;
     default: return 0;
   }
+}
+
+}  // namespace
+
+int QEventVirtualKey(int sym, int scancode, int mods) {
+  const int keypad = KeypadKey(scancode, (mods & KMOD_NUM) != 0);
+  if (keypad >= 0) return keypad;
+  const int vk = VirtualKeyOfCode(sym);
+  if (vk) return vk;
+  // X maps control + alt + F1..F12 to console-switch symbols; the physical key still counts.
+  const int placed = VirtualKeyOfCode(SDL_SCANCODE_TO_KEYCODE(scancode));
+  return placed ? placed : VirtualKeyOfPlace(scancode);
 }

@@ -138,6 +138,25 @@ TEST(QEventKeys, PlatformKeyCodesBecomeVirtualKeys) {
                           {S | 82, QK_UP},   {S | 225, QK_SHIFT}, {S | 228, QK_CONTROL},
                           {S | 226, QK_ALT}, {S | 300, 0}};
   for (const auto& p : pairs) EXPECT_EQ(QEventVirtualKey(p[0]), p[1]) << (p[0] & ~S);
+
+  // Keypad keys (SDL scan codes 89-99: 1..9, 0, point) follow NumLock (SDL's modifier 0x1000):
+  // off, the arrows and editing keys; on, the keypad codes.
+  constexpr int kNum = 0x1000;
+  const int keypad[][3] = {{S | 92, 92, QK_LEFT}, {S | 94, 94, QK_RIGHT}, {S | 96, 96, QK_UP},
+                           {S | 90, 90, QK_DOWN}, {S | 95, 95, 36},      {S | 89, 89, 35},
+                           {S | 97, 97, 33},      {S | 91, 91, 34},      {S | 98, 98, 45},
+                           {S | 99, 99, 46},      {S | 93, 93, 12}};
+  for (const auto& k : keypad) {
+    EXPECT_EQ(QEventVirtualKey(k[0], k[1], 0), k[2]) << k[1];
+    const int on = k[1] == 99 ? 110 : k[1] == 98 ? 96 : 97 + (k[1] - 89);
+    EXPECT_EQ(QEventVirtualKey(k[0], k[1], kNum), on) << k[1];
+  }
+  // Symbols of other layouts take the code of the key in their place (scan codes: '[' 47,
+  // ';' 51, '=' 46, the key beside left shift 100, 'q' 20, '1' 30); known codes win.
+  const int placed[][3] = {{0xFC, 47, 0xDB}, {0xF6, 51, 0xBA}, {'+', 46, 0xBB},
+                           {'<', 100, 0xE2}, {0x439, 20, 'Q'}, {'&', 30, '1'},
+                           {'a', 20, 'A'},   {0xE9, 0, 0}};
+  for (const auto& k : placed) EXPECT_EQ(QEventVirtualKey(k[0], k[1], 0), k[2]) << k[0];
 }
 
 }  // namespace
