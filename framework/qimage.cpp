@@ -2,6 +2,7 @@
 #include "framework/qimage.h"
 
 #include <cstring>
+#include <string>
 
 #include "framework/qmessage.h"
 #include "framework/qstring.h"
@@ -12,9 +13,9 @@ namespace {
 enum ImageKind { KIND_RGB = 0, KIND_TGA, KIND_UNKNOWN, KIND_JPG, KIND_BMP, KIND_PSD, KIND_MIP, KIND_PNG };
 
 ImageKind KindOf(const char* name) {
-  char upper[256];
-  strncpy(upper, name, sizeof(upper) - 1);
-  upper[sizeof(upper) - 1] = 0;
+  // The whole name: a path may run to 4096 bytes and its extension comes last.
+  std::string copy(name);
+  char* upper = &copy[0];
   qstrupr(upper);
   // A substring anywhere in the path, first hit in this order: directories count too.
   if (strstr(upper, ".RGB")) return KIND_RGB;
