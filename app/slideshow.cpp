@@ -2,6 +2,7 @@
 #include "app/slideshow.h"
 
 #include <chrono>
+#include <string>
 #include <thread>
 
 #include "d3/dmesh.h"
@@ -27,11 +28,29 @@ constexpr int kKeyB = 'B';
 constexpr int kKeyC = 'C';
 constexpr int kKeyI = 'I';
 
-// Catalogue entries: visible names holding ".jpg" or ".tga" anywhere, compared lower-cased.
+// Catalogue entries: visible names holding ".jpg", ".jpeg" or ".tga" anywhere, in any case of
+// the ASCII letters (a camera writes IMG_0001.JPG).
 bool IsPictureName(const char* name) {
-  qstring lower(name);
-  lower.ToLower();
-  return lower.GetFirstChar() != '.' && (lower.Contains(".jpg") || lower.Contains(".tga"));
+  std::string lower(name);
+  for (char& c : lower)
+    if (c >= 'A' && c <= 'Z') c = char(c + 32);
+  return !lower.empty() && lower[0] != '.' &&
+         (lower.find(".jpg") != std::string::npos || lower.find(".jpeg") != std::string::npos ||
+          lower.find(".tga") != std::string::npos);
+}
+
+// `path` split at its last separator: the directory ("." when there is none) and the name.
+void SplitPath(const char* path, qstring* dir, const char** name) {
+  const char* last = nullptr;
+  for (const char* p = path; *p; ++p)
+    if (*p == '/') last = p;
+  *name = last ? last + 1 : path;
+  if (!last)
+    *dir = ".";
+  else if (last == path)
+    *dir = "/";
+  else
+    qstring(path).GetSubstring(0, int(last - path), dir);
 }
 
 }  // namespace
@@ -180,11 +199,11 @@ void RaceManager::ScanDir() {
       break;
     }
     QDBG("RaceManager::ScanDir", "- image %s\n", name);
-    images[imageCount] = name;
-    images[imageCount].ToLower();
-    ++imageCount;
+    // Kept as listed: it is opened by this name, and file names are case-sensitive bytes here.
+    images[imageCount++] = name;
   }
   dir.Close();
+  QGetRealPath(".", &folder);
   curImage = -1;
 }
 
@@ -195,9 +214,7 @@ bool RaceManager::AddToDir(const char* name) {
   }
   QDBG("RaceManager::AddToDir", "Adding '%s' to dir contents", name);
   if (imageCount < MAX_IMAGES) {
-    images[imageCount] = name;
-    images[imageCount].ToLower();
-    ++imageCount;
+    images[imageCount++] = name;
     return true;
   }
   QWARN("RaceManager::AddToDir", "No space for new image (%s) anymore - not registering", name);
@@ -205,11 +222,25 @@ bool RaceManager::AddToDir(const char* name) {
 }
 
 int RaceManager::FindImage(const char* name) const {
-  qstring lower(name ? name : "");
-  lower.ToLower();
   for (int i = 0; i < imageCount; ++i)
-    if (images[i] == lower.cstr()) return i;
+    if (qnamecmp(images[i].cstr(), name) == 0) return i;
   return -1;
+}
+
+int RaceManager::CatalogueIndex(const char* path) const {
+  if (!path) return -1;
+  qstring dir, realDir;
+  const char* name = nullptr;
+  SplitPath(path, &dir, &name);
+  // A file of the scanned folder, however the path reaches it, is its listed entry: the exact
+  // name first, since two names may differ only in case.
+  if (*name && !folder.IsEmpty() && QGetRealPath(dir.cstr(), &realDir) && realDir == folder.cstr()) {
+    for (int i = 0; i < imageCount; ++i)
+      if (images[i] == name) return i;
+    const int i = FindImage(name);
+    if (i >= 0) return i;
+  }
+  return FindImage(path);
 }
 
 void RaceManager::NextImage() {

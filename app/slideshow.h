@@ -5,8 +5,9 @@
 //
 // What stays true: at most one texture and one mesh exist, both owned here and replaced together
 // by each successful load; a failed load leaves the picture, `curFile` and `curImage` as they
-// were. The catalogue holds at most MAX_IMAGES lower-cased names; `curImage` is -1 or an index
-// below `imageCount`. The configuration is owned and stays open for the whole run, so the keys
+// were. The catalogue holds at most MAX_IMAGES names, each exactly as the directory listing (or
+// the load) gave it, since pictures are opened by that name; `curImage` is -1 or an index below
+// `imageCount`. The configuration is owned and stays open for the whole run, so the keys
 // B, C and I can write their choice back at once. The window and the application are borrowed
 // (the application owns them); the font is owned but, like the window, lives to the end of the
 // process.
@@ -59,11 +60,15 @@ class RaceManager {
   // Rebuilds the catalogue from the working directory; stops, with the AddToDir warning, at
   // MAX_IMAGES. Leaves `curImage` -1.
   void ScanDir();
-  // Appends `name` lower-cased; false when it is already listed (debug note) or the catalogue
-  // is full (warning).
+  // Appends `name` as given; false when it is already listed (debug note) or the catalogue is
+  // full (warning).
   bool AddToDir(const char* name);
-  // Index of `name` (compared lower-cased, byte for byte), or -1.
+  // Index of the first entry equal to `name` with ASCII letters folded (qnamecmp), or -1.
   int FindImage(const char* name) const;
+  // The entry a loaded `path` stands for: a file of the scanned folder (relative, absolute,
+  // "./x", through a linked folder) is its listed entry; any other path is looked up as a
+  // whole with FindImage. -1 when it is not listed.
+  int CatalogueIndex(const char* path) const;
   // Step through the catalogue with wrap-around and load the new current picture; an empty
   // catalogue only sets `curImage` to -1. From -1, PrevImage lands on imageCount - 2.
   void NextImage();
@@ -77,7 +82,7 @@ class RaceManager {
   void LoadCurImage();
   // Draws one frame into the back buffer; the caller presents it. Nothing without a window.
   void Paint();
-  // Overlay text with a drop shadow at window pixel (x, y), y downward.
+  // Overlay text (UTF-8) with a drop shadow at window pixel (x, y), y downward.
   void DrawText(const char* text, int x, int y);
 
   // ---- Main loop ----
@@ -127,6 +132,7 @@ class RaceManager {
   qstring images[MAX_IMAGES];
   int32_t imageCount = 0;
   int32_t curImage = -1;
+  qstring folder;  // the scanned folder's real path, empty before a scan
 
   QCanvas* canvas = nullptr;  // the window canvas, made with the window
   LoadTimes loadTimes;

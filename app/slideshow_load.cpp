@@ -145,7 +145,7 @@ void RaceManager::LoadNewImage(const char* pathArg) {
        path.cstr(), times.read, times.grey, times.exif, times.turn, times.upload,
        DTexture::GetLiveCount());
 
-  curImage = FindImage(path.cstr());
+  curImage = CatalogueIndex(path.cstr());
   if (curImage == -1 && AddToDir(path.cstr())) curImage = imageCount - 1;
 }
 
@@ -173,10 +173,13 @@ void RaceManager::Paint() {
 
 void RaceManager::DrawText(const char* text, int x, int y) {
   if (!canvas) return;
+  // File names are UTF-8; the font's sheet is Latin-1.
+  qstring latin;
+  qUtf8ToLatin1(text, &latin);
   canvas->SetColor(0, 0, 0, 255);
   canvas->SetDrawFlag(1);
-  canvas->Text(x + 2, y + 2, text, -1);
+  canvas->Text(x + 2, y + 2, latin.cstr(), -1);
   canvas->SetColor(255, 255, 255, 255);
   canvas->SetDrawFlag(0);
-  canvas->Text(x, y, text, -1);
+  canvas->Text(x, y, latin.cstr(), -1);
 }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -115,5 +116,16 @@ bool QGetCurrentDirectory(qstring* out) {
     buf.resize(buf.size() * 2);
   }
   *out = buf.data();
+  return true;
+}
+
+bool QGetRealPath(const char* path, qstring* out) {
+  if (!out) return false;
+  *out = "";
+  if (!path || !*path) return false;
+  char* real = realpath(path, nullptr);
+  if (!real) return false;
+  *out = real;
+  free(real);
   return true;
 }

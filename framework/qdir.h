@@ -54,3 +54,7 @@ class QDirectory : public QObject {
 bool QSetCurrentDirectory(const char* path);
 // The working directory into `out`; false (and `out` empty) when it cannot be taken.
 bool QGetCurrentDirectory(qstring* out);
+// The absolute path of an existing file or directory with every link and "." or ".." resolved,
+// so that two paths of the same place compare equal; false (and `out` empty) when it does not
+// exist.
+bool QGetRealPath(const char* path, qstring* out);

@@ -12,8 +12,9 @@ namespace {
 
 QVirtualFileSystem* g_vfs = nullptr;
 
-// Directory part (before the last "/" or "\\", empty when there is none), upper-cased, and the
-// name behind it.
+// Directory part (before the last "/" or "\\", empty when there is none), its ASCII letters
+// upper-cased (UTF-8 bytes are left alone, so distinct folders stay distinct), and the name
+// behind it.
 void SplitPath(const char* path, qstring* dirUpper, const char** name) {
   const char* last = nullptr;
   for (const char* p = path; *p; ++p)
@@ -21,7 +22,10 @@ void SplitPath(const char* path, qstring* dirUpper, const char** name) {
   *name = last ? last + 1 : path;
   dirUpper->Clear();
   if (last) qstring(path).GetSubstring(0, static_cast<int>(last - path), dirUpper);
-  if (dirUpper->Length() > 0) qstrupr(&(*dirUpper)[0]);
+  for (int i = 0; i < dirUpper->Length(); ++i) {
+    char& c = (*dirUpper)[i];
+    if (c >= 'a' && c <= 'z') c = char(c - 32);
+  }
 }
 
 bool SameDirectory(const qstring& dirUpper, QArchive* archive) {

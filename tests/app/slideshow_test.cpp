@@ -78,23 +78,44 @@ TEST(ShippedIni, ReadsBackWithoutWarningsAndHoldsEveryKeyAtItsDefault) {
   EXPECT_FALSE(log.Seen(" (=")) << "a key nobody reads";
 }
 
-TEST_F(InTempDir, ScanTakesVisiblePictureNamesLowerCasedInListingOrder) {
+TEST_F(InTempDir, ScanKeepsVisiblePictureNamesAsListedAndFindsThemAsciiCaseBlind) {
   for (const char* n : {"b.jpg", "a.tga", ".hidden.jpg", "PHOTO.JPG", "x.tgax", "a.jpg.bak",
-                        "c.jpeg", "notes.txt"})
+                        "c.jpeg", "notes.txt", "\xC3\xA9t\xC3\xA9.jpg"})
     Touch(n);
   rm_->ScanDir();
-  const std::vector<std::string> want = {"a.jpg.bak", "a.tga", "b.jpg", "photo.jpg", "x.tgax"};
+  const std::vector<std::string> want = {"a.jpg.bak", "a.tga",  "b.jpg",
+                                         "c.jpeg",    "PHOTO.JPG", "x.tgax", "\xC3\xA9t\xC3\xA9.jpg"};
   ASSERT_EQ(rm_->GetImageCount(), int(want.size()));
   for (int i = 0; i < rm_->GetImageCount(); ++i) EXPECT_EQ(rm_->GetImage(i), want[size_t(i)]);
   EXPECT_EQ(rm_->GetCurImage(), -1);
 
-  EXPECT_EQ(rm_->FindImage("Photo.JPG"), 3);
+  EXPECT_EQ(rm_->FindImage("Photo.jpg"), 4);
   EXPECT_EQ(rm_->FindImage("photo"), -1);
+  // UTF-8 bytes compare exactly: an upper-case E-acute (C3 89) is another name.
+  EXPECT_EQ(rm_->FindImage("\xC3\xA9T\xC3\xA9.JPG"), 6);
+  EXPECT_EQ(rm_->FindImage("\xC3\x89t\xC3\x89.jpg"), -1);
   LogCapture log;
   EXPECT_FALSE(rm_->AddToDir("B.JPG"));
   EXPECT_TRUE(log.Seen("Image 'B.JPG' already found - not inserting"));
   EXPECT_TRUE(rm_->AddToDir("Sub/New.TGA"));
-  EXPECT_EQ(rm_->FindImage("sub/new.tga"), 5);
+  EXPECT_EQ(rm_->GetImage(7), std::string("Sub/New.TGA"));
+  EXPECT_EQ(rm_->FindImage("sub/new.tga"), 7);
+}
+
+TEST_F(InTempDir, APathIntoTheScannedFolderIsItsEntryHoweverItIsWritten) {
+  fs::create_directory("pics");
+  fs::create_directory("other");
+  fs::create_directory_symlink(fs::path(dir_) / "pics", "link");
+  for (const char* n : {"pics/a.jpg", "pics/B.jpg", "pics/b.jpg", "other/a.jpg"}) Touch(n);
+  fs::current_path("pics");
+  rm_->ScanDir();
+  const std::string abs = (fs::path(dir_) / "pics").string();
+  const std::pair<std::string, int> paths[] = {
+      {"a.jpg", 0},           {"./b.jpg", 2},           {abs + "/B.jpg", 1},
+      {abs + "/b.jpg", 2},    {abs + "/A.JPG", 0},      {(fs::path(dir_) / "link/b.jpg").string(), 2},
+      {"../pics/a.jpg", 0},   {"../other/a.jpg", -1},   {(fs::path(dir_) / "other/a.jpg").string(), -1},
+      {abs + "/", -1},        {"", -1}};
+  for (const auto& p : paths) EXPECT_EQ(rm_->CatalogueIndex(p.first.c_str()), p.second) << p.first;
 }
 
 TEST_F(InTempDir, CatalogueStopsAtTwoThousandWithAWarning) {
