@@ -1,6 +1,7 @@
 // glimra: the program's entry. Picks the working directory, and either starts the slideshow or,
 // when a copy already runs, hands the argument to it over UDP and ends.
 #include <dirent.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -78,6 +79,16 @@ std::string ExeDirectory() {
   return path;
 }
 
+// The argument as the running copy must see it: that copy works in its own folder, so a
+// relative path naming a file of the starting directory goes over made absolute. Anything else
+// (absolute, or no such file here) goes over byte for byte.
+std::string HandOffPath(const char* arg, const qstring& startDir) {
+  struct stat st;
+  if (arg[0] == '/' || startDir.IsEmpty()) return arg;
+  const std::string joined = std::string(startDir.cstr()) + "/" + arg;
+  return stat(joined.c_str(), &st) == 0 ? joined : std::string(arg);
+}
+
 }  // namespace
 
 // Sends `text` (without its terminating zero) as one datagram to host:port.
@@ -99,6 +110,9 @@ void QuickNetSend(const char* host, int port, const char* text) {
 
 int main(int argc, char** argv) {
   const char* arg = argc > 1 ? argv[1] : nullptr;
+  // Taken before the program's folder is entered: a relative argument means a file here.
+  qstring startDir;
+  QGetCurrentDirectory(&startDir);
 
   // The program's own folder holds its configuration, font and log, except in a developer's
   // tree ("source" in the path, in any case), where the starting directory is kept. The test
@@ -118,8 +132,10 @@ int main(int argc, char** argv) {
   QDBG("main", "Already running; pass arg to existing app");
   QIni* ini = new QIni("glimra.ini");
   qstring text("load ");
-  if (arg) text += arg;
-  const int port = ini->GetInt("network.port", 5000);
+  if (arg) text += HandOffPath(arg, startDir).c_str();
+  // The running copy listens with the developer's port offset; so must the hand-off aim.
+  const int offset = ini->GetInt("dev.port_offset", 0);
+  const int port = ini->GetInt("network.port", 5000) + (offset >= 1 ? offset : 0);
   QuickNetSend("127.0.0.1", port, text.cstr());
   delete ini;
   return 0;

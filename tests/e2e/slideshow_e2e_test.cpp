@@ -79,12 +79,14 @@ TEST_F(SlideshowE2E, SecondStartHandsItsArgumentToTheRunningCopyAndEnds) {
   // Once its window is there, the first copy has counted itself and runs.
   ASSERT_FALSE(first.WindowId(kStartMs).empty()) << first.Log();
 
-  // The second copy's own glimra.ini names a port this test listens on.
+  // The second copy's own glimra.ini names a port this test listens on, as network.port plus the
+  // developer's port offset (the running copy listens there too).
   const int port = e2e::FreeUdpPort();
   const int fd = e2e::ListenUdp(port);
   ASSERT_GE(fd, 0);
   Program second;
-  ASSERT_TRUE(second.Prepare(port));
+  ASSERT_TRUE(second.Prepare(port - 3));
+  ASSERT_TRUE(second.SetKey("dev.port_offset", "3"));
   ASSERT_TRUE(second.Start("C:\\Pictures\\a.jpg"));
   EXPECT_EQ(second.WaitExit(kStartMs), 0);
   std::string got;
@@ -105,13 +107,12 @@ TEST_F(SlideshowE2E, StepsWrapAndCommandsLoadIgnoreOrFailWithoutLosingThePicture
   const Shown files[] = {{"a.tga", kRed}, {"b.tga", kGreen}, {"c.tga", kBlue},
                          {"extra/p.tga", kWhite}};
   for (const Shown& f : files) ASSERT_TRUE(Uniform(p.Path(f.first), f.second));
-  // Broken files, outside the catalogue: junk, empty, and a JPEG cut in half.
+  // Broken files, outside the catalogue: junk, random bytes named .jpg, empty.
   ASSERT_TRUE(WriteFile(p.Path("extra/bad.jpg"), "this is not a picture"));
+  std::string noise(5000, 0);
+  for (size_t i = 0; i < noise.size(); ++i) noise[i] = char(i * 2654435761u >> 13);
+  ASSERT_TRUE(WriteFile(p.Path("extra/noise.jpg"), noise));
   ASSERT_TRUE(WriteFile(p.Path("extra/empty.tga"), ""));
-  ASSERT_TRUE(e2e::WritePicture(p.Path("extra/full.jpg"), 64, 48,
-                                [](int x, int y) { return uint32_t(x * 4 << 16 | y * 5); }));
-  std::filesystem::resize_file(p.Path("extra/full.jpg"),
-                               std::filesystem::file_size(p.Path("extra/full.jpg")) / 2);
 
   StartShowing(&p, nullptr, [](const Screen& s) { return Is(s.At(400, 300), kRed); });
   // Right after the last picture wraps to the first, Left from the first to the last.
@@ -135,7 +136,7 @@ TEST_F(SlideshowE2E, StepsWrapAndCommandsLoadIgnoreOrFailWithoutLosingThePicture
   }
   // Files that do not load leave the picture as it was; a line end belongs to the path.
   for (const char* path :
-       {"extra/bad.jpg", "extra/empty.tga", "extra/full.jpg", "gone.tga", "", "c.tga\n"}) {
+       {"extra/bad.jpg", "extra/noise.jpg", "extra/empty.tga", "gone.tga", "", "c.tga\n"}) {
     ASSERT_TRUE(p.Send(std::string("load ") + path));
     EXPECT_TRUE(p.WaitForLog("Can't load image (" + std::string(path) + ")", kStepMs)) << path;
   }
@@ -228,6 +229,86 @@ TEST_F(SlideshowE2E, EffectKeysShowAtOnceAndAreWrittenBackAndEscapeEndsCleanly) 
   const size_t exitAt = log.find("RaceManager: exit; releasing the slideshow");
   ASSERT_NE(exitAt, std::string::npos) << log;
   EXPECT_NE(log.find("RaceManager: released", exitAt), std::string::npos) << log;
+}
+
+// Camera and UTF-8 names are shown and loaded by their own bytes, in listing order; a start with
+// the absolute path of a listed picture is that entry; the keypad steps with NumLock off; a long
+// path loads; damaged JPEGs show what decoded.
+TEST_F(SlideshowE2E, RealFolderNamesShowInListingOrderAndLoadAsWritten) {
+  Program p;
+  ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
+  // Listing order: upper-cased bytes, so the UTF-8 name (0xC3...) comes last.
+  const Shown files[] = {{"DSC 0002.Jpg", kRed},
+                         {"IMG_0001.JPG", kGreen},
+                         {"z.jpeg", kBlue},
+                         {"\xC3\xA9t\xC3\xA9.tga", kWhite}};
+  for (const Shown& f : files) ASSERT_TRUE(Uniform(p.Path(f.first), f.second));
+
+  StartShowing(&p, p.Path("IMG_0001.JPG").c_str(),
+               [](const Screen& s) { return Is(s.At(400, 300), kGreen); });
+  const Shown steps[] = {{"Right", kBlue}, {"Right", kWhite}, {"KP_Right", kRed},
+                         {"KP_Right", kGreen}, {"KP_Left", kRed}, {"Left", kWhite}};
+  for (const Shown& step : steps) {
+    ASSERT_TRUE(p.Keys(step.first));
+    EXPECT_TRUE(Centre(step.second)) << step.first;
+  }
+  for (const Shown& f : files) {
+    ASSERT_TRUE(p.Send("load " + p.Path(f.first)));
+    EXPECT_TRUE(Centre(f.second)) << f.first;
+  }
+  const std::string log = p.Log();
+  EXPECT_EQ(log.find("Can't load image"), std::string::npos) << log;
+  EXPECT_EQ(log.find("to dir contents"), std::string::npos) << "a listed picture was added again";
+
+  // A path of more than 300 characters.
+  std::string deep = p.Path("");
+  while (deep.size() < 300) deep += std::string(40, 'd') + "/";
+  std::filesystem::create_directories(deep);
+  ASSERT_TRUE(Uniform(deep + "far.tga", kRed));
+  ASSERT_TRUE(p.Send("load " + deep + "far.tga"));
+  EXPECT_TRUE(Centre(kRed));
+
+  // Yellow over magenta with some grain, so that the bytes spread over the rows.
+  const auto halves = [](int x, int y) {
+    const uint32_t grain = uint32_t((x * 7 + y * 13) % 16);
+    return (y < 240 ? 0xE6E614u : 0xE614E6u) - grain;
+  };
+  ASSERT_TRUE(e2e::WritePicture(p.Path("whole.jpg"), 320, 480, halves));
+  const std::string bytes = p.ReadFile("whole.jpg");
+  ASSERT_TRUE(WriteFile(p.Path("noend.jpg"), bytes.substr(0, bytes.size() - 2)));
+  ASSERT_TRUE(WriteFile(p.Path("cut.jpg"), bytes.substr(0, bytes.size() * 6 / 10)));
+  ASSERT_TRUE(p.Send("load noend.jpg"));
+  EXPECT_TRUE(e2e::WaitForScreen(
+      [](const Screen& s) { return Is(s.At(400, 100), 0xE6E614, 40) && Is(s.At(400, 500), 0xE614E6, 40); },
+      kStepMs, &screen_));
+  // Back to the long path's picture (appended before noend.jpg), so the cut one is seen to arrive.
+  ASSERT_TRUE(p.Keys("Left"));
+  EXPECT_TRUE(Centre(kRed));
+  ASSERT_TRUE(p.Send("load cut.jpg"));
+  EXPECT_TRUE(e2e::WaitForScreen([](const Screen& s) { return Is(s.At(400, 100), 0xE6E614, 40); },
+                                 kStepMs, &screen_));
+  EXPECT_EQ(p.Log().find("Can't load image"), std::string::npos);
+}
+
+// A second start in another folder with a relative argument: the running copy works in its own
+// folder, so the path goes over made absolute.
+TEST_F(SlideshowE2E, SecondStartFromAnotherFolderShowsItsRelativeArgument) {
+  Program first;
+  ASSERT_TRUE(first.Prepare(e2e::FreeUdpPort()));
+  ASSERT_TRUE(Uniform(first.Path("a.tga"), kRed));
+  StartShowing(&first, nullptr, [](const Screen& s) { return Is(s.At(400, 300), kRed); });
+
+  TempDir elsewhere("glimra_elsewhere");
+  ASSERT_TRUE(Uniform(elsewhere.Path() + "/pic.jpg", kBlue));
+  Program second;
+  ASSERT_TRUE(second.MakeDir());
+  ASSERT_TRUE(second.Run(first.Path("glimra"), {"pic.jpg"}, elsewhere.Path()));
+  EXPECT_EQ(second.WaitExit(kStartMs), 0);
+  EXPECT_TRUE(Centre(kBlue)) << first.Log();
+  EXPECT_TRUE(first.WaitForLog("in " + std::to_string(5 + elsewhere.Path().size() + 8) + " bytes (load " +
+                                   elsewhere.Path() + "/pic.jpg)",
+                               kStepMs))
+      << first.Log();
 }
 
 }  // namespace

@@ -194,7 +194,11 @@ bool WritePicture(const std::string& path, int w, int h,
       row[x * 4 + 2] = uint8_t(c), row[x * 4 + 3] = 255;
     }
   }
-  const bool jpeg = path.size() > 4 && strcasecmp(path.c_str() + path.size() - 4, ".jpg") == 0;
+  const auto endsWith = [&path](const char* ext) {
+    const size_t n = strlen(ext);
+    return path.size() > n && strcasecmp(path.c_str() + path.size() - n, ext) == 0;
+  };
+  const bool jpeg = endsWith(".jpg") || endsWith(".jpeg");
   return bm.Write(path.c_str(), jpeg ? 3 : 1, 95);
 }
 

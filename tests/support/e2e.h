@@ -2,8 +2,8 @@
 // outside, the way a person or another program would: UDP datagrams to its command port, keys
 // through xdotool, the screen read back with xwd, its log and configuration files.
 //
-// Each Program gets its own lower-case temporary folder (the program lower-cases its own folder
-// and makes it the working directory) with a copy of the runnable folder of the build
+// Each Program gets its own temporary folder (the program makes its own folder the working
+// directory) with a copy of the runnable folder of the build
 // (GLIMRA_BUILD_DIR: glimra, glimra.ini, fonts/), its own command port and an 800 x 600 window
 // that writes debug lines into QLOG.txt. The folder and the process go when the Program does.
 // Waits poll with time-outs; nothing here sleeps a fixed time longer than a poll step.
@@ -55,7 +55,7 @@ bool WaitForScreen(const std::function<bool(const Screen&)>& ok, int ms, Screen*
 
 // ---- Pictures ----
 // Writes a w x h picture whose pixel (x, y from the top) is `color(x, y)` (0xRRGGBB) as a JPEG
-// (quality 95) or a 32-bit Targa, chosen by the name's extension.
+// (quality 95; ".jpg" or ".jpeg" in any case) or a 32-bit Targa, chosen by the name's extension.
 bool WritePicture(const std::string& path, int w, int h,
                   const std::function<uint32_t(int x, int y)>& color);
 // Puts a minimal EXIF segment carrying only `orientation` right after a JPEG's start marker.
