@@ -1,9 +1,9 @@
 // RaceManager: start-up, catalogue, keys and the main loop.
 #include "app/slideshow.h"
 
-#include <chrono>
+#include "app/command_channel.h"
+
 #include <string>
-#include <thread>
 
 #include "d3/dmesh.h"
 #include "d3/dtexture.h"
@@ -61,11 +61,7 @@ RaceManager* QGetRaceManager() { return g_raceManager; }
 // Construction and destruction
 // ---------------------------------------------------------------------------------------------
 
-RaceManager::RaceManager() {
-  g_raceManager = this;
-  timer = new QTimer();
-  timer->Start();
-}
+RaceManager::RaceManager() { g_raceManager = this; }
 
 RaceManager::~RaceManager() {
   delete ini;
@@ -73,14 +69,13 @@ RaceManager::~RaceManager() {
   ReleaseTexture();
   delete mesh;
   mesh = nullptr;
-  delete timer;
-  timer = nullptr;
   for (qstring& s : images) s.Clear();
   imageCount = 0;
   curFile.Clear();
-  lastName.Clear();
   delete canvas;
   canvas = nullptr;
+  font.reset();
+  commands.reset();
   if (g_raceManager == this) g_raceManager = nullptr;
 }
 
@@ -127,8 +122,9 @@ void RaceManager::Setup(const char* arg) {
   if (ini->GetBool("dev.terminal", false)) QOpenDeveloperConsole();
 
   netPort = ini->GetInt("network.port", 5000);
-  OpenCommandSocket(netPort);
-  // A developer's knob: soak tests shorten the cycle to push thousands of commands through.
+  commands.reset(new CommandChannel());
+  commands->Open(netPort);
+  // A developer's knob: how often the idle procedure runs at the least.
   idleSleepMs = ini->GetInt("dev.idle_sleep_ms", IDLE_SLEEP_MS);
   if (idleSleepMs < 0) idleSleepMs = 0;
 
@@ -159,7 +155,7 @@ void RaceManager::Setup(const char* arg) {
   // Off the visible screen, so that no pointer shows over the pictures.
   app->WarpPointer(10000, 500);
 
-  font = new QFont("fonts/din14");
+  font.reset(new QFont("fonts/din14"));
   if (!font->Create()) qfatal("Can't create font %d", 0);
 
   SetWindow(app->GetMainWindow());
@@ -308,27 +304,30 @@ void RaceManager::Run() {
   app->SetIdleProc(&RaceManager::IdleProc);
   app->SetExitProc(&RaceManager::ExitProc);
   for (;;) {
+    // Asleep until a key, a window event or a datagram comes; a frame still owed is drawn at once.
+    QEventWait(dirty ? 0 : idleSleepMs);
     while (QEventPending()) {
       QEventNext(app->GetCurrentEvent());
+      // Any window event (expose, resize, focus) may have spoilt what is shown.
+      dirty = true;
       HandleEvent(app->GetCurrentEvent());
     }
+    if (commands) commands->Drain();
     IdleProc();
   }
 }
 
 void RaceManager::IdleProc() {
   RaceManager* rm = g_raceManager;
-  if (!rm) return;
+  if (!rm || !rm->dirty) return;
+  rm->dirty = false;
   rm->Paint();
   if (rm->window) rm->window->Swap();
-  std::this_thread::sleep_for(std::chrono::milliseconds(rm->idleSleepMs));
-  NetCheck(rm->netPort);
 }
 
 void RaceManager::ExitProc() {
   QDBG("RaceManager::ExitProc", "RaceManager: exit; releasing the slideshow");
   delete g_raceManager;
   g_raceManager = nullptr;
-  CloseCommandSocket();
   QDBG("RaceManager::ExitProc", "RaceManager: released");
 }

@@ -1,7 +1,8 @@
 // RaceManager: the slideshow's one controller. It reads "glimra.ini", makes the application and
-// its window, opens the command socket, keeps the catalogue of pictures of the working
-// directory and runs the main loop: keys, then one idle cycle (paint, swap, 100 ms sleep, one
-// command datagram). The sleep is "dev.idle_sleep_ms", 100 ms unless a test shortens it.
+// its window, opens the command channel, keeps the catalogue of pictures of the working
+// directory and runs the main loop: it sleeps until a key, a window event or a datagram comes
+// (or "dev.idle_sleep_ms" pass, 100 ms unless set), handles every key and every waiting command,
+// then runs the idle cycle, which paints and presents a frame only when something changed.
 //
 // What stays true: at most one texture and one mesh exist, both owned here and replaced together
 // by each successful load; a failed load leaves the picture, `curFile` and `curImage` as they
@@ -9,18 +10,18 @@
 // the load) gave it, since pictures are opened by that name; `curImage` is -1 or an index below
 // `imageCount`. The configuration is owned and stays open for the whole run, so the keys
 // B, C and I can write their choice back at once. The window and the application are borrowed
-// (the application owns them); the font is owned but, like the window, lives to the end of the
-// process.
+// (the application owns them); the font and the command channel are owned.
 //
 // One controller per process, reachable through QGetRaceManager() by the application's
 // callbacks. Main thread only.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "framework/qstring.h"
-#include "framework/qtimer.h"
 
+class CommandChannel;
 class DBitMapTexture;
 class DMesh;
 class QCanvas;
@@ -35,7 +36,8 @@ class RaceManager {
   static constexpr int MAX_IMAGES = 2000;
   // `flags` bit: the information overlay is shown.
   static constexpr uint32_t SHOW_INFO = 2;
-  // Default pause of an idle cycle ("dev.idle_sleep_ms"), which paces frames and commands.
+  // Default of "dev.idle_sleep_ms": the longest the main loop sleeps when nothing happens, and
+  // so the longest gap between two runs of the idle procedure.
   static constexpr int IDLE_SLEEP_MS = 100;
 
   // Milliseconds spent in each phase of the last successful load: reading the file, the grey
@@ -48,7 +50,7 @@ class RaceManager {
   // Empty catalogue, nothing loaded; becomes the process's controller.
   RaceManager();
   // Releases the configuration, the texture (when this was its last holder), the mesh, the
-  // timer and the catalogue; the font and the window end with the process.
+  // catalogue, the font and the command channel; the window ends with the application.
   ~RaceManager();
 
   // The whole start: configuration, console, command socket, idle pause, application and window,
@@ -91,9 +93,13 @@ class RaceManager {
   void HandleEvent(QEvent* e);
   // The main loop; never returns (Escape ends the process through QApp::Exit).
   [[noreturn]] void Run();
-  // The application's callbacks: one idle cycle, and the exit that destroys the controller.
+  // The application's callbacks: one idle cycle (paint and present when something changed), and
+  // the exit that destroys the controller.
   static void IdleProc();
   static void ExitProc();
+  // Asks for a new frame at the next idle cycle.
+  void Invalidate() { dirty = true; }
+  bool NeedsPaint() const { return dirty; }
 
   // ---- State, for the overlay and for tests ----
   int GetImageCount() const { return imageCount; }
@@ -121,14 +127,12 @@ class RaceManager {
   // Field order follows the controller's record layout; see the header text for ownership.
   QIni* ini = nullptr;
   uint32_t flags = 0;
-  qstring lastName;
-  QTimer* timer = nullptr;
   int32_t netPort = 0;
   QShell* window = nullptr;
   qstring curFile;
   DBitMapTexture* texture = nullptr;
   DMesh* mesh = nullptr;
-  QFont* font = nullptr;
+  std::unique_ptr<QFont> font;
   qstring images[MAX_IMAGES];
   int32_t imageCount = 0;
   int32_t curImage = -1;
@@ -137,20 +141,9 @@ class RaceManager {
   QCanvas* canvas = nullptr;  // the window canvas, made with the window
   LoadTimes loadTimes;
   int idleSleepMs = IDLE_SLEEP_MS;  // read once by Setup; never negative
+  std::unique_ptr<CommandChannel> commands;
+  bool dirty = true;  // the screen no longer shows the current state
 };
 
 // The process's controller; null before construction and after ExitProc.
 RaceManager* QGetRaceManager();
-
-// ---- Command channel (commands.cpp) ----
-// Opens the UDP socket "glimra_commands" on `port` of every local address, non-blocking.
-// A port that cannot be opened is fatal: "Can't open UDP socket at port %d\n".
-void OpenCommandSocket(int port);
-// Takes at most one waiting datagram and handles it. A datagram of 1024 bytes or more ends the
-// program at once (commands must stay below 1024 bytes).
-void NetCheck(int port);
-// "load <path>" loads <path> (everything after the blank, as it stands); anything else is
-// ignored.
-void HandleCommand(const char* text);
-// Closes and destroys the command socket (at exit).
-void CloseCommandSocket();

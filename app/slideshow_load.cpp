@@ -145,6 +145,7 @@ void RaceManager::LoadNewImage(const char* pathArg) {
        path.cstr(), times.read, times.grey, times.exif, times.turn, times.upload,
        DTexture::GetLiveCount());
 
+  dirty = true;
   curImage = CatalogueIndex(path.cstr());
   if (curImage == -1 && AddToDir(path.cstr())) curImage = imageCount - 1;
 }
@@ -159,7 +160,7 @@ void RaceManager::Paint() {
   }
   if (!(flags & SHOW_INFO)) return;
   canvas->Set2D();
-  canvas->SetFont(font);
+  canvas->SetFont(font.get());
   qstring line;
   line.Format("File %d of %d", curImage + 1, imageCount);
   DrawText(line.cstr(), 10, 10);

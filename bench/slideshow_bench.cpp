@@ -39,6 +39,7 @@
 #include <thread>
 #include <vector>
 
+#include "app/command_channel.h"
 #include "app/slideshow.h"
 #include "bench/bench_photo.h"
 #include "d3/dtexture.h"
@@ -82,6 +83,7 @@ struct Rig {
   QApp* app = nullptr;
   QShell* window = nullptr;
   RaceManager* rm = nullptr;
+  CommandChannel* channel = nullptr;
   int port = 0;
   int sender = -1;
   std::string dir;
@@ -120,7 +122,8 @@ bool SetUpRig() {
     return false;
   close(probe);
   g_rig.port = ntohs(a.sin_port);
-  OpenCommandSocket(g_rig.port);
+  g_rig.channel = new CommandChannel();
+  g_rig.channel->Open(g_rig.port);
   g_rig.sender = socket(AF_INET, SOCK_DGRAM, 0);
   return g_rig.sender >= 0;
 }
@@ -145,7 +148,8 @@ void BM_LoadToFrame(benchmark::State& state, const Photo* p) {
   for (auto _ : state) {
     const auto start = Clock::now();
     if (!SendLoad(path)) state.SkipWithError("send failed");
-    NetCheck(g_rig.port);
+    while (g_rig.channel->Drain() == 0) {
+    }
     const RaceManager::LoadTimes& t = g_rig.rm->GetLoadTimes();
     // Neighbouring photos differ in their turned size, so a failed load shows here.
     const DBitMapTexture* tex = g_rig.rm->GetTexture();

@@ -109,6 +109,12 @@ void QEventResetDeadKey();
 // ---- Platform side (qevent_sdl.cpp) ----
 // Reads every waiting platform message into events; nothing when the video system is down.
 void QEventPump();
+// Sleeps until an event is queued, a platform message arrives, QEventWake is called or
+// `timeoutMs` pass (negative: no limit), then pumps. True when the ring holds an event. This is
+// what lets a main loop use no processor time while nothing happens.
+bool QEventWait(int timeoutMs);
+// Ends a QEventWait at once; callable from any thread (a datagram or a finished job arrived).
+void QEventWake();
 // True when a platform source of events exists (the video system is up).
 bool QEventHavePlatform();
 // Platform virtual-key number of a key from SDL's key code, scan code and modifier state

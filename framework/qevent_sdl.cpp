@@ -2,6 +2,10 @@
 // Windows virtual-key numbers (so every key number of the framework stays as it always was).
 #include <SDL.h>
 
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
 #include "framework/qevent.h"
 #include "framework/qmessage.h"
 #include "framework/qwindow.h"
@@ -162,10 +166,60 @@ void Translate(const SDL_Event& ev) {
 
 bool QEventHavePlatform() { return SDL_WasInit(SDL_INIT_VIDEO) != 0; }
 
+namespace {
+
+// The event a QEventWake posts: it only ends a wait.
+uint32_t WakeEventType() {
+  static const uint32_t type = SDL_RegisterEvents(1);
+  return type;
+}
+
+// Without a platform, waits and wakes meet here.
+std::mutex g_wakeMutex;
+std::condition_variable g_wakeCondition;
+bool g_woken = false;
+
+}  // namespace
+
 void QEventPump() {
   if (!QEventHavePlatform()) return;
   SDL_Event ev;
-  while (SDL_PollEvent(&ev)) Translate(ev);
+  while (SDL_PollEvent(&ev))
+    if (ev.type != WakeEventType()) Translate(ev);
+}
+
+bool QEventWait(int timeoutMs) {
+  if (QEventCount() > 0) return true;
+  if (QEventHavePlatform()) {
+    SDL_Event ev;
+    const int got = timeoutMs < 0 ? SDL_WaitEvent(&ev) : SDL_WaitEventTimeout(&ev, timeoutMs);
+    if (got && ev.type != WakeEventType()) Translate(ev);
+    QEventPump();
+    return QEventCount() > 0;
+  }
+  std::unique_lock<std::mutex> lock(g_wakeMutex);
+  if (timeoutMs < 0)
+    g_wakeCondition.wait(lock, [] { return g_woken; });
+  else
+    g_wakeCondition.wait_for(lock, std::chrono::milliseconds(timeoutMs), [] { return g_woken; });
+  g_woken = false;
+  return QEventCount() > 0;
+}
+
+void QEventWake() {
+  if (QEventHavePlatform()) {
+    SDL_Event ev;
+    SDL_zero(ev);
+    ev.type = WakeEventType();
+    // A full platform queue already wakes the waiter.
+    SDL_PushEvent(&ev);
+    return;
+  }
+  {
+    std::lock_guard<std::mutex> lock(g_wakeMutex);
+    g_woken = true;
+  }
+  g_wakeCondition.notify_all();
 }
 
 bool QEventBindWindow(uint32_t nativeId, QWindow* win) {

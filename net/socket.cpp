@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -278,4 +279,14 @@ int QNSocket::Write(const void* data, int length, const QNAddress* to) {
             dest ? dest->GetDotted() : "<no_addr>", dest ? dest->GetPort() : 0);
   }
   return static_cast<int>(n);
+}
+
+bool QNSocket::WaitReadable(int timeoutMs) const {
+  if (handle_ == 0) return false;
+  pollfd p{handle_, POLLIN, 0};
+  int n;
+  do {
+    n = poll(&p, 1, timeoutMs < 0 ? -1 : timeoutMs);
+  } while (n < 0 && errno == EINTR);
+  return n > 0;
 }

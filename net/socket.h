@@ -52,6 +52,10 @@ class QNSocket : public QObject {
   // Answers the system's count; 0 for a null address, -1 reported on failure.
   int Write(const void* data, int length, const QNAddress* to);
 
+  // True when a datagram (or data, or an error to report) waits, within `timeoutMs` (0: now;
+  // negative: no limit). False at once for a closed socket.
+  bool WaitReadable(int timeoutMs) const;
+
   bool IsOpen() const { return handle_ != 0; }
   int GetFlags() const { return flags_; }
   int GetType() const { return type_; }

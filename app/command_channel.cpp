@@ -1,0 +1,102 @@
+// The UDP command channel: a watcher thread that wakes the main loop, and the main thread's
+// reading and handling of each datagram.
+#include "app/command_channel.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "app/slideshow.h"
+#include "framework/qevent.h"
+#include "framework/qmessage.h"
+#include "framework/qthread.h"
+#include "net/addr.h"
+#include "net/global.h"
+#include "net/socket.h"
+
+namespace {
+
+// The controller's log lines carry its main source name wherever its code lives.
+constexpr const char* kSource = "slideshow.cpp";
+constexpr int kBufferSize = 1024;
+// How often the watcher looks up from the socket to see whether it is to end.
+constexpr int kWatchMs = 250;
+// A flood is taken in slices, so that keys and painting go on between them.
+constexpr int kMaxPerDrain = 4096;
+
+}  // namespace
+
+CommandChannel::CommandChannel() = default;
+
+CommandChannel::~CommandChannel() {
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    stop_ = true;
+    changed_.notify_all();
+    // The watcher wakes within one look-up; it must be gone before the socket closes.
+    changed_.wait(lock, [this] { return !running_; });
+  }
+  watcher_.reset();
+  socket_.reset();
+}
+
+void CommandChannel::Open(int port) {
+  qnInit();
+  std::unique_ptr<QNSocket> s(new QNSocket(QNSocket::UDP, "glimra_commands"));
+  if (!s->Open(port)) qfatal("Can't open UDP socket at port %d\n", port);
+  s->SetNonBlocking(1);
+  socket_ = std::move(s);
+  running_ = true;
+  watcher_.reset(new QThread(&CommandChannel::Watch, this, "glimra_commands"));
+  if (!watcher_->Create()) {
+    // Commands are then taken only when something else wakes the loop.
+    std::lock_guard<std::mutex> lock(mutex_);
+    running_ = false;
+  }
+}
+
+void CommandChannel::Watch(void* arg) {
+  CommandChannel* self = static_cast<CommandChannel*>(arg);
+  std::unique_lock<std::mutex> lock(self->mutex_);
+  while (!self->stop_) {
+    lock.unlock();
+    const bool readable = self->socket_->WaitReadable(kWatchMs);
+    lock.lock();
+    if (!readable || self->stop_) continue;
+    self->drained_ = false;
+    QEventWake();
+    self->changed_.wait(lock, [self] { return self->drained_ || self->stop_; });
+  }
+  self->running_ = false;
+  self->changed_.notify_all();
+}
+
+bool CommandChannel::NetCheck() {
+  if (!socket_ || !socket_->WaitReadable(0)) return false;
+  QNAddress from;
+  from.Set(QNAddress::FAMILY_INET, 0, socket_->GetPort());
+  char buf[kBufferSize];
+  const int n = socket_->Read(buf, kBufferSize, &from);
+  // Nothing to handle (a refusal report, an oversized datagram), but a datagram was taken.
+  if (n <= 0) return true;
+  // The terminating zero would not fit: a hard limit of the channel, not a recoverable fault.
+  if (n >= kBufferSize) exit(1);
+  buf[n] = 0;
+  qdbg(kSource, "NetCheck", __LINE__, "in %d bytes (%s)\n", n, buf);
+  HandleCommand(buf);
+  return true;
+}
+
+int CommandChannel::Drain() {
+  int taken = 0;
+  while (taken < kMaxPerDrain && NetCheck()) ++taken;
+  std::lock_guard<std::mutex> lock(mutex_);
+  drained_ = true;
+  changed_.notify_all();
+  return taken;
+}
+
+void CommandChannel::HandleCommand(const char* text) {
+  if (!text || strncmp(text, "load ", 5) != 0) return;
+  RaceManager* rm = QGetRaceManager();
+  if (rm) rm->LoadNewImage(text + 5);
+}

@@ -1,0 +1,51 @@
+// CommandChannel: the slideshow's UDP command port. One plain-text command per datagram, no
+// reply: "load <path>" shows <path> (everything after the blank, as it stands); anything else is
+// logged on arrival and ignored. Commands must stay below 1024 bytes: a datagram of 1024 bytes
+// ends the program at once.
+//
+// A watcher thread sleeps on the socket and wakes the main loop (QEventWake) when a datagram
+// arrives, so that the loop can sleep while nothing happens and still take a command at once.
+// The datagrams themselves are read and handled on the main thread, in arrival order, by
+// Drain. The watcher then waits for that Drain before it looks again, so a datagram left in the
+// queue never makes it spin. Owned by the controller; the destructor stops the watcher and
+// closes the socket.
+#pragma once
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+
+class QNSocket;
+class QThread;
+class RaceManager;
+
+class CommandChannel {
+ public:
+  CommandChannel();
+  ~CommandChannel();
+  CommandChannel(const CommandChannel&) = delete;
+  CommandChannel& operator=(const CommandChannel&) = delete;
+
+  // Opens the UDP socket "glimra_commands" on `port` of every local address, non-blocking, and
+  // starts the watcher. A port that cannot be opened is fatal: "Can't open UDP socket at port %d\n".
+  void Open(int port);
+  // Takes one waiting datagram and handles it; false when none was waiting.
+  bool NetCheck();
+  // Handles every waiting datagram in arrival order, then lets the watcher look again. Answers
+  // how many were taken.
+  int Drain();
+  // "load <path>" loads <path> on the controller; anything else is ignored.
+  static void HandleCommand(const char* text);
+  bool IsOpen() const { return socket_ != nullptr; }
+
+ private:
+  static void Watch(void* self);
+
+  std::unique_ptr<QNSocket> socket_;
+  std::unique_ptr<QThread> watcher_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool drained_ = true;   // the main loop has read what the watcher saw
+  bool stop_ = false;     // the watcher is to end
+  bool running_ = false;  // the watcher's loop has not ended yet
+};
