@@ -16,6 +16,7 @@ die() { printf '%s\n' "package: $*" >&2; exit 1; }
 . scripts/deps.sh
 glimra_install_deps || die "dependency installation failed"
 
+export DEB_BUILD_MAINT_OPTIONS=hardening=+all
 flags() { dpkg-buildflags --get "$1"; }
 cmake -S . -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DGLIMRA_BENCH=OFF \
   -DCMAKE_C_FLAGS="$(flags CPPFLAGS) $(flags CFLAGS)" \
