@@ -109,6 +109,30 @@ void QuickNetSend(const char* host, int port, const char* text) {
 }
 
 int main(int argc, char** argv) {
+  // --help and --version answer before anything starts (no folder change, log, network or
+  // window), so that they work anywhere, even beside a running copy. Any other argument is a
+  // picture.
+  if (argc > 1 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "--version") == 0)) {
+    if (strcmp(argv[1], "--version") == 0) {
+      printf("glimra %s\n", GLIMRA_VERSION);
+      return 0;
+    }
+    printf(
+        "Usage: glimra [PICTURE]\n"
+        "       glimra --help | --version\n"
+        "\n"
+        "Shows the JPEG and Targa pictures of its folder, or of app.startup_directory in\n"
+        "glimra.ini, one at a time and fitted to the screen's height; starts with PICTURE when\n"
+        "one is given. When a copy already runs, hands PICTURE to it (the UDP datagram\n"
+        "\"load PICTURE\" to 127.0.0.1, port network.port) and ends.\n"
+        "\n"
+        "Keys: Left/Right previous/next picture, B black and white, C colour,\n"
+        "      I information line on/off, Escape quit.\n"
+        "The configuration glimra.ini and the log QLOG.txt lie beside the program.\n"
+        "See glimra(1).\n");
+    return 0;
+  }
+
   const char* arg = argc > 1 ? argv[1] : nullptr;
   // Taken before the program's folder is entered: a relative argument means a file here.
   qstring startDir;

@@ -8,7 +8,8 @@ glimra_install_deps() {
     libgtest-dev libgmock-dev libbenchmark-dev hyperfine
     xvfb xauth xdotool x11-utils x11-apps
     clang-14 libclang-rt-14-dev
-    imagemagick netpbm libimage-exiftool-perl)
+    imagemagick netpbm libimage-exiftool-perl
+    dpkg-dev file lintian systemd man-db groff-base)
   local missing=()
   for p in "${pkgs[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

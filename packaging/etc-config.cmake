@@ -1,0 +1,9 @@
+# CPack, after staging the install: in the package the configuration is the conffile
+# /etc/glimra/glimra.ini, and the program's folder keeps a link to it under the name it reads.
+set(stage "${CPACK_TEMPORARY_INSTALL_DIRECTORY}")
+if(NOT EXISTS "${stage}/opt/glimra/glimra.ini")
+  message(FATAL_ERROR "etc-config: no '${stage}/opt/glimra/glimra.ini' to move")
+endif()
+file(MAKE_DIRECTORY "${stage}/etc/glimra")
+file(RENAME "${stage}/opt/glimra/glimra.ini" "${stage}/etc/glimra/glimra.ini")
+file(CREATE_LINK /etc/glimra/glimra.ini "${stage}/opt/glimra/glimra.ini" SYMBOLIC)

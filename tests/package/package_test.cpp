@@ -1,0 +1,305 @@
+// The Debian package, built by CPack from this build folder once for all cases and unpacked with
+// dpkg-deb: its file list, conffile and control fields, what lintian says of it, the systemd
+// units and the manual page it carries, and the unpacked program showing a picture under Xvfb.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "framework/qini.h"
+#include "support/e2e.h"
+#include "support/tempdir.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kStartMs = 30000;
+constexpr int kStepMs = 10000;
+
+// Runs a shell command; its exit status, with standard output and error in `out`.
+int Shell(const std::string& cmd, std::string* out) {
+  *out = e2e::Capture("(" + cmd + ") 2>&1; echo \"#status $?\"");
+  const size_t at = out->rfind("#status ");
+  if (at == std::string::npos) return -1;
+  const int status = atoi(out->c_str() + at + 8);
+  out->resize(at);
+  return status;
+}
+
+std::string Quote(const std::string& s) { return "'" + s + "'"; }
+
+// One datagram to 127.0.0.1:port.
+bool SendUdp(int port, const std::string& bytes) {
+  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  if (fd < 0) return false;
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_port = htons(uint16_t(port));
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const ssize_t n =
+      sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
+  close(fd);
+  return n == ssize_t(bytes.size());
+}
+
+// The dotted keys of an INI file in the program's syntax ("name" then "{" opens a group, "}"
+// closes it, ";" starts a comment) with the values as written.
+std::vector<std::pair<std::string, std::string>> IniKeys(const std::string& text) {
+  std::vector<std::pair<std::string, std::string>> keys;
+  std::vector<std::string> groups;
+  std::string line, last;
+  std::istringstream in(text);
+  while (std::getline(in, line)) {
+    line.erase(0, line.find_first_not_of(" \t"));
+    if (line.empty() || line[0] == ';') continue;
+    if (line == "{") {
+      groups.push_back(last);
+    } else if (line == "}") {
+      if (!groups.empty()) groups.pop_back();
+    } else if (size_t eq = line.find('='); eq != std::string::npos) {
+      std::string key;
+      for (const std::string& g : groups) key += g + ".";
+      keys.emplace_back(key + line.substr(0, eq), line.substr(eq + 1));
+    }
+    last = line;
+  }
+  return keys;
+}
+
+class Package : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    for (const char* tool : {"dpkg-deb", "dpkg-shlibdeps"})
+      if (!e2e::Have(tool)) {
+        missing_ = std::string(tool) + " is missing";
+        return;
+      }
+    tmp_ = new TempDir("glimra_package");
+    const std::string out = tmp_->File("out");
+    std::string log;
+    built_ = Shell(std::string(GLIMRA_CPACK) + " -G DEB --config " GLIMRA_BUILD_DIR
+                   "/CPackConfig.cmake -B " + Quote(out), &log) == 0;
+    for (const auto& e : fs::directory_iterator(out, ec_))
+      if (e.path().extension() == ".deb") debs_.push_back(e.path().string());
+    if (!built_ || debs_.size() != 1) {
+      cpackLog_ = log;
+      built_ = false;
+      return;
+    }
+    built_ = Shell("dpkg-deb -x " + Quote(debs_[0]) + " " + Quote(tmp_->File("root")) +
+                       " && dpkg-deb -e " + Quote(debs_[0]) + " " + Quote(tmp_->File("control")),
+                   &log) == 0;
+    if (!built_) cpackLog_ = log;
+    if (e2e::HaveTools()) xvfb_ = e2e::StartXvfb(800, 600);
+  }
+  static void TearDownTestSuite() {
+    e2e::StopXvfb();
+    delete tmp_;
+    tmp_ = nullptr;
+    debs_.clear();
+  }
+  void SetUp() override {
+    if (!missing_.empty()) GTEST_SKIP() << missing_;
+    ASSERT_TRUE(built_) << "packages made: " << debs_.size() << "\n" << cpackLog_;
+  }
+
+  static std::string Deb() { return debs_[0]; }
+  static std::string Root(const std::string& path) { return tmp_->File("root" + path); }
+  static std::string Control(const std::string& name) { return tmp_->File("control/" + name); }
+  // The value of a field of the control file.
+  static std::string Field(const std::string& name) {
+    std::istringstream in(ReadFile(Control("control")));
+    std::string line;
+    while (std::getline(in, line))
+      if (line.compare(0, name.size() + 2, name + ": ") == 0) return line.substr(name.size() + 2);
+    return "";
+  }
+
+  static inline std::string missing_, cpackLog_;
+  static inline TempDir* tmp_ = nullptr;
+  static inline bool built_ = false, xvfb_ = false;
+  static inline std::vector<std::string> debs_;
+  static inline std::error_code ec_;
+};
+
+TEST_F(Package, HoldsTheRunnableFolderTheLinkAndTheSystemFilesWithTheIniAsConffile) {
+  // Every entry, owned by root, against what the install rules promise.
+  std::string list;
+  ASSERT_EQ(Shell("dpkg-deb -c " + Quote(Deb()), &list), 0) << list;
+  std::set<std::string> files, dirs;
+  std::istringstream in(list);
+  std::string mode, owner, size, date, time, name, arrow, target;
+  while (in >> mode >> owner >> size >> date >> time >> name) {
+    EXPECT_EQ(owner, "root/root") << name;
+    if (mode[0] == 'l') {
+      in >> arrow >> target;
+      name += " -> " + target;
+    }
+    (mode[0] == 'd' ? dirs : files).insert(name.substr(1));  // without the leading '.'
+  }
+  std::set<std::string> want = {
+      "/opt/glimra/glimra",
+      "/etc/glimra/glimra.ini",
+      "/opt/glimra/glimra.ini -> /etc/glimra/glimra.ini",
+      "/usr/bin/glimra -> /opt/glimra/glimra",
+      "/usr/share/man/man1/glimra.1.gz",
+      "/lib/systemd/system/glimra.service",
+      "/usr/lib/systemd/user/glimra-desktop.service",
+      "/usr/share/doc/glimra/copyright",
+      "/usr/share/doc/glimra/changelog.gz",
+      "/usr/share/lintian/overrides/glimra",
+  };
+  const fs::path data = GLIMRA_SOURCE_DIR "/data";
+  for (const auto& e : fs::recursive_directory_iterator(data))
+    if (e.is_regular_file() && e.path().filename() != "glimra.ini")
+      want.insert("/opt/glimra/" + fs::relative(e.path(), data).string());
+  EXPECT_EQ(files, want);
+  EXPECT_TRUE(dirs.count("/opt/glimra/"));
+
+  // The shipped configuration is the source's, and dpkg keeps an edited one on upgrades.
+  EXPECT_EQ(ReadFile(Root("/etc/glimra/glimra.ini")), ReadFile(data / "glimra.ini"));
+  EXPECT_EQ(ReadFile(Control("conffiles")), "/etc/glimra/glimra.ini\n");
+
+  EXPECT_EQ(Field("Package"), "glimra");
+  EXPECT_EQ(Field("Version"), GLIMRA_VERSION);
+  // Dependencies come from the program's shared libraries, plus adduser for postinst.
+  const std::string depends = Field("Depends");
+  for (const char* lib : {"adduser", "libsdl2-2.0-0", "libjpeg62-turbo", "libenet7", "libgl1",
+                          "libglu1-mesa", "libfreetype6", "libfontconfig1", "libc6"})
+    EXPECT_NE(depends.find(lib), std::string::npos) << lib << " in " << depends;
+  std::string out;
+  for (const char* script : {"postinst", "prerm", "postrm"}) {
+    struct stat st {};
+    ASSERT_EQ(stat(Control(script).c_str(), &st), 0) << script;
+    EXPECT_EQ(st.st_mode & 0777, 0755u) << script;
+    EXPECT_EQ(Shell("sh -n " + Quote(Control(script)), &out), 0) << script << ": " << out;
+  }
+}
+
+TEST_F(Package, LintianFindsNoError) {
+  if (!e2e::Have("lintian")) GTEST_SKIP() << "lintian is missing";
+  std::string out;
+  Shell("lintian --allow-root --no-tag-display-limit " + Quote(Deb()), &out);
+  std::istringstream in(out);
+  std::string line;
+  int errors = 0;
+  while (std::getline(in, line))
+    if (line.compare(0, 3, "E: ") == 0) ++errors;
+  EXPECT_EQ(errors, 0) << out;
+  // lintian answers with its own complaints when it could not read the package at all.
+  EXPECT_EQ(out.find("not a valid"), std::string::npos) << out;
+}
+
+TEST_F(Package, SystemdAcceptsTheUnits) {
+  if (!e2e::Have("systemd-analyze")) GTEST_SKIP() << "systemd-analyze is missing";
+  // A root of the machine's system units and the package, where ExecStart's /usr/bin/glimra
+  // exists. The desktop unit is checked there as a system unit: the user manager takes no other
+  // root, and the syntax is the same.
+  const std::string root = tmp_->File("units");
+  std::string out;
+  ASSERT_EQ(Shell("dpkg-deb -x " + Quote(Deb()) + " " + Quote(root) + " && cp -rn " +
+                      "/lib/systemd/system " + Quote(root + "/lib/systemd/") + " && cp " +
+                      Quote(root + "/usr/lib/systemd/user/glimra-desktop.service") + " " +
+                      Quote(root + "/lib/systemd/system/"),
+                  &out),
+            0)
+      << out;
+  for (const char* unit : {"glimra.service", "glimra-desktop.service"}) {
+    // The manual page is checked below; here it is not installed.
+    EXPECT_EQ(Shell("systemd-analyze verify --man=no --root=" + Quote(root) +
+                        " /lib/systemd/system/" + unit,
+                    &out),
+              0)
+        << unit << ": " << out;
+    EXPECT_EQ(out, "") << unit;
+  }
+}
+
+TEST_F(Package, ManualPageRendersWithoutWarningsAndNamesEveryIniKeyWithItsDefault) {
+  if (!e2e::Have("man")) GTEST_SKIP() << "man is missing";
+  std::string errors;
+  const std::string page = Quote(Root("/usr/share/man/man1/glimra.1.gz"));
+  EXPECT_EQ(Shell("MANWIDTH=80 man --warnings=w -l " + page + " >/dev/null", &errors), 0);
+  EXPECT_EQ(errors, "");
+  const std::string text = e2e::Capture("MANWIDTH=200 man -l " + page + " 2>/dev/null");
+  for (const char* section : {"SYNOPSIS", "KEYS", "COMMAND CHANNEL", "CONFIGURATION", "FILES",
+                              "SIGNALS", "EXIT STATUS", "EXAMPLES"})
+    EXPECT_NE(text.find("\n" + std::string(section) + "\n"), std::string::npos) << section;
+  const auto keys = IniKeys(ReadFile(GLIMRA_SOURCE_DIR "/data/glimra.ini"));
+  EXPECT_GT(keys.size(), 20u);
+  for (const auto& [key, value] : keys)
+    EXPECT_NE(text.find(key + "=" + value), std::string::npos) << key << "=" << value;
+}
+
+TEST_F(Package, UnpackedProgramShowsAPictureAnswersVersionAndHelpBesideItAndEndsWithEscape) {
+  if (!xvfb_) GTEST_SKIP() << "needs Xvfb, xdotool and xwd";
+  if (e2e::RunningCopies() > 0) GTEST_SKIP() << "another glimra is running";
+  // The package unpacked into the program's own folder, so that it runs from /opt/glimra there.
+  e2e::Program p;
+  ASSERT_TRUE(p.MakeDir());
+  std::string out;
+  ASSERT_EQ(Shell("dpkg-deb -x " + Quote(Deb()) + " " + Quote(p.Dir()), &out), 0) << out;
+  const std::string exe = p.Path("opt/glimra/glimra");
+  // Its configuration link, as installed at the root.
+  const std::string ini = p.Path("opt/glimra/glimra.ini");
+  ASSERT_TRUE(fs::remove(ini));
+  fs::create_symlink("../../etc/glimra/glimra.ini", ini);
+  const int port = e2e::FreeUdpPort();
+  {
+    QIni config(ini.c_str());
+    ASSERT_TRUE(config.SetString("network.port", std::to_string(port).c_str()) &&
+                config.SetString("resolution.width", "800") &&
+                config.SetString("resolution.height", "600") &&
+                config.SetString("app.startup_directory", p.Path("pictures").c_str()) &&
+                config.SetString("dev.qdbg_to_qlog", "1") && config.Write(nullptr, false));
+  }
+  ASSERT_TRUE(fs::create_directory(p.Path("pictures")));
+  const auto uniform = [](uint32_t c) { return [c](int, int) { return c; }; };
+  ASSERT_TRUE(e2e::WritePicture(p.Path("pictures/a.tga"), 40, 30, uniform(0x1414DC)));
+  ASSERT_TRUE(e2e::WritePicture(p.Path("pictures/b.jpg"), 40, 30, uniform(0xDC1414)));
+
+  ASSERT_TRUE(p.Run(exe, {p.Path("pictures/b.jpg")}, "/"));
+  e2e::Screen screen;
+  EXPECT_TRUE(e2e::WaitForScreen(
+      [](const e2e::Screen& s) { return e2e::Near(s.At(400, 300), 0xDC, 0x14, 0x14, 24); },
+      kStartMs, &screen))
+      << ReadFile(p.Path("opt/glimra/QLOG.txt"));
+
+  // Beside the running copy, --version and --help answer and end without handing anything over.
+  for (const char* option : {"--version", "--help"}) {
+    e2e::Program second;
+    ASSERT_TRUE(second.MakeDir());
+    ASSERT_TRUE(second.Run(exe, {option}, "/"));
+    EXPECT_EQ(second.WaitExit(kStepMs), 0) << option;
+    const std::string said = second.ReadFile("out.txt");
+    if (std::string(option) == "--version")
+      EXPECT_EQ(said, "glimra " GLIMRA_VERSION "\n");
+    else
+      EXPECT_EQ(said.compare(0, 23, "Usage: glimra [PICTURE]"), 0) << said;
+  }
+  // A command sent after them is logged; nothing of theirs came before it.
+  ASSERT_TRUE(SendUdp(port, "load " + p.Path("pictures/a.tga")));
+  const std::string qlog = p.Path("opt/glimra/QLOG.txt");
+  EXPECT_TRUE(e2e::WaitForScreen(
+      [](const e2e::Screen& s) { return e2e::Near(s.At(400, 300), 0x14, 0x14, 0xDC, 24); },
+      kStepMs, &screen));
+  const std::string log = ReadFile(qlog);
+  EXPECT_NE(log.find("bytes (load "), std::string::npos) << log;
+  EXPECT_EQ(log.find("load --"), std::string::npos) << log;
+
+  ASSERT_TRUE(p.Keys("Escape"));
+  EXPECT_EQ(p.WaitExit(kStartMs), 0) << ReadFile(qlog);
+}
+
+}  // namespace
