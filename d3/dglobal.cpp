@@ -145,6 +145,13 @@ bool DGlobal::HasAnisotropy() { return Prepared() && g_facts.anisotropy; }
 bool DGlobal::SupportsCompression() { return Prepared() && g_facts.compression; }
 bool DGlobal::SupportsS3TC() { return Prepared() && g_facts.s3tc; }
 
+int DGlobal::MaxTextureSize() {
+  if (!Prepared()) return 0;
+  GLint size = 0;
+  glGetIntegerv(GL_MAX_TEXTURE_SIZE, &size);
+  return size;
+}
+
 bool DGlobal::HasExtension(const char* ext) {
   if (!Prepared()) return false;
   return ExtensionIn(reinterpret_cast<const char*>(glGetString(GL_EXTENSIONS)), ext);

@@ -54,6 +54,8 @@ class DGlobal {
   static bool HasAnisotropy();
   static bool SupportsCompression();
   static bool SupportsS3TC();
+  // The largest texture side the context takes (GL_MAX_TEXTURE_SIZE); 0 without a context.
+  static int MaxTextureSize();
   // True when the context's extension string names `ext` exactly; false without a context.
   static bool HasExtension(const char* ext);
 

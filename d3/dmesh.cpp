@@ -7,7 +7,7 @@
 #include "d3/dtexture.h"
 #include "framework/qmessage.h"
 
-bool DMesh::DefineFlat2D(float w, float h) {
+bool DMesh::DefineFlat2D(float w, float h, int turn) {
   polygons_ = 0;
   if (!(w > 0.0f) || !(h > 0.0f)) {
     QWARN("DMesh::DefineFlat2D", "DMesh(%s): flat quad size '%gx%g' is empty", GetName(),
@@ -19,6 +19,14 @@ bool DMesh::DefineFlat2D(float w, float h) {
   quad_[1] = {x, -y, 0.0f, 1.0f, 0.0f};
   quad_[2] = {x, y, 0.0f, 1.0f, 1.0f};
   quad_[3] = {-x, y, 0.0f, 0.0f, 1.0f};
+  // A corner at (u, v) of the turned picture shows texel (u', v') of the stored one; in memory
+  // order a quarter turn clockwise puts stored (x, y) at (y, W - 1 - x).
+  for (DMeshVertex& p : quad_) {
+    const float u = p.u, v = p.v;
+    if (turn == 90) p.u = 1.0f - v, p.v = u;
+    if (turn == 180) p.u = 1.0f - u, p.v = 1.0f - v;
+    if (turn == 270) p.u = v, p.v = 1.0f - u;
+  }
   polygons_ = 1;
   return true;
 }

@@ -3,7 +3,7 @@
 //
 // DefineFlat2D makes the one flat quad the slideshow shows its picture on, centred at (0, 0) in
 // the plane z = 0: corners (-w/2, -h/2), (w/2, -h/2), (w/2, h/2), (-w/2, h/2) with texture
-// coordinates (0,0), (1,0), (1,1), (0,1). A polygon's texture rectangle (texels, x and y from the
+// coordinates (0,0), (1,0), (1,1), (0,1) (taken round for a turned picture). A polygon's texture rectangle (texels, x and y from the
 // texture's origin) chooses the part of the texture those coordinates span; the whole texture
 // is the rectangle (0, 0, texture width, texture height).
 //
@@ -31,8 +31,10 @@ class DMesh : public QObject {
   const char* ClassName() const override { return "DMesh"; }
 
   // Replaces the mesh by one quad of `w` x `h`; false with a warning for a size that is not
-  // positive (the mesh is then empty).
-  bool DefineFlat2D(float w, float h);
+  // positive (the mesh is then empty). With `turn` 90, 180 or 270 the texture coordinates go
+  // round so that the quad shows the texture turned clockwise by that angle, as QBitMap::Rotate
+  // would store it, without copying a pixel; other values show it as stored.
+  bool DefineFlat2D(float w, float h, int turn = 0);
   int GetPolygonCount() const { return polygons_; }
   // Vertex `i` of polygon 0; null outside.
   const DMeshVertex* GetVertex(int i) const;

@@ -210,6 +210,13 @@ void DTexture::Select() {
   if (DGlobal::IsOpenGLAvailable()) glBindTexture(target_, id_);
 }
 
+void DTexture::UsePictureFiltering() {
+  EnableMipmap(false);
+  if (id_) return;
+  minFilter_ = magFilter_ = GL_LINEAR;
+  wrap_[0] = wrap_[1] = wrap_[2] = GL_CLAMP_TO_EDGE;
+}
+
 void DTexture::EnableMipmap(bool on) {
   if (id_) {
     QWARN("DTexture::EnableMipmap", "DTexture:EnableMipmap() called after creation (%s)",

@@ -59,6 +59,10 @@ class DTexture : public QObject {
   // Before creation only; afterwards "DTexture:EnableMipmap() called after creation (%s)" and
   // nothing changes. Off also sets the filters to GL_NEAREST (min) / GL_LINEAR (mag).
   void EnableMipmap(bool on);
+  // Before creation: no mipmaps, linear filtering both ways and edges clamped, for a picture
+  // made at about the size it is drawn (no chain to build, no wrap-around at the borders).
+  // Afterwards it warns as EnableMipmap does and changes nothing.
+  void UsePictureFiltering();
   // On takes effect only when the settings allow compression; the internal format follows.
   void EnableCompression(bool on);
   void SetTransparent(bool on);

@@ -75,6 +75,11 @@ class QBitMap : public QDrawable {
   // 180, 270) into `dstRect` of `dst`, which must already have the turned size. Null rects mean
   // the whole bitmap. Another angle warns and moves nothing (false); so does a null `dst`.
   bool Rotate(int angle, const QRect* srcRect, QBitMap* dst, const QRect* dstRect);
+  // Shrinks the 32-bit picture to `width` x `height` (neither larger than now) by averaging the
+  // area each new pixel covers, weighted by how much of every old pixel falls in it: the
+  // reduction a photo needs to look right on a smaller screen. False, unchanged, for another
+  // depth, a size that is not smaller or equal, or no memory (qbitmap_ops.cpp).
+  bool AreaReduce(int width, int height);
 
   // ---- Pixel operations (qbitmap_ops.cpp) ----
   // Grey with the weights 0.21, 0.71, 0.08, truncated (white becomes 254). Alpha untouched.

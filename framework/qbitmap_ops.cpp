@@ -2,7 +2,10 @@
 // bitmaps, and the run-length packer.
 #include <algorithm>
 #include <climits>
+#include <cmath>
+#include <cstdint>
 #include <cstring>
+#include <vector>
 
 #include "framework/qbitmap.h"
 #include "framework/qmem.h"
@@ -56,6 +59,42 @@ inline unsigned Luma(unsigned r, unsigned g, unsigned b) {
 
 uint32_t PackedPixel(const uint8_t* p) {
   return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
+}
+
+// One axis of an area reduction: for each new pixel, the first old pixel it covers and the
+// weights (summing to 1 << 16) of the old pixels from there on.
+struct AreaTaps {
+  std::vector<int> first, count;
+  std::vector<uint32_t> weights;  // count[i] entries per new pixel, in order
+  std::vector<size_t> start;      // where pixel i's weights begin
+};
+
+AreaTaps MakeAreaTaps(int from, int to) {
+  AreaTaps t;
+  t.first.resize(size_t(to));
+  t.count.resize(size_t(to));
+  t.start.resize(size_t(to));
+  const double scale = double(from) / double(to);
+  for (int i = 0; i < to; ++i) {
+    const double lo = i * scale, hi = (i + 1) * scale;
+    const int a = int(lo);
+    const int b = std::min(from - 1, int(std::ceil(hi)) - 1);
+    t.first[size_t(i)] = a;
+    t.count[size_t(i)] = b - a + 1;
+    t.start[size_t(i)] = t.weights.size();
+    uint32_t sum = 0, biggest = 0;
+    size_t biggestAt = t.weights.size();
+    for (int j = a; j <= b; ++j) {
+      const double part = std::min(hi, double(j + 1)) - std::max(lo, double(j));
+      const uint32_t w = uint32_t(std::lround(std::max(0.0, part) / scale * 65536.0));
+      if (w > biggest) biggest = w, biggestAt = t.weights.size();
+      t.weights.push_back(w);
+      sum += w;
+    }
+    // Rounding must not brighten or darken: the weights add up to exactly one.
+    if (biggestAt < t.weights.size()) t.weights[biggestAt] += 65536u - sum;
+  }
+  return t;
 }
 
 }  // namespace
@@ -308,4 +347,49 @@ uint8_t* QBitMap::RLECompress(int* retSize) const {
   QDBG("QBitMap::RLECompress", "Ret size %d\n", int(o));
   if (retSize) *retSize = int(o);
   return out;
+}
+
+bool QBitMap::AreaReduce(int width, int height) {
+  if (depth_ != 32 || !pixels_ || width <= 0 || height <= 0 || width > width_ ||
+      height > height_ || int64_t(size_) < int64_t(width_) * height_ * 4)
+    return false;
+  if (width == width_ && height == height_) return true;
+  // Across first (every old row into `width` columns), then down.
+  std::vector<uint8_t> across;
+  QBitMap result(32, width, height, int(flags_ & ~uint32_t(EXTERNAL)));
+  if (!result.pixels_) return false;
+  across.resize(size_t(width) * size_t(height_) * 4);
+  const AreaTaps tx = MakeAreaTaps(width_, width);
+  for (int y = 0; y < height_; ++y) {
+    const uint8_t* row = pixels_ + size_t(y) * size_t(width_) * 4;
+    uint8_t* out = across.data() + size_t(y) * size_t(width) * 4;
+    for (int x = 0; x < width; ++x, out += 4) {
+      uint32_t acc[4] = {32768, 32768, 32768, 32768};
+      const uint8_t* p = row + size_t(tx.first[size_t(x)]) * 4;
+      const uint32_t* w = tx.weights.data() + tx.start[size_t(x)];
+      for (int k = tx.count[size_t(x)]; k > 0; --k, p += 4, ++w)
+        for (int c = 0; c < 4; ++c) acc[c] += p[c] * *w;
+      for (int c = 0; c < 4; ++c) out[c] = uint8_t(std::min<uint32_t>(255, acc[c] >> 16));
+    }
+  }
+  const AreaTaps ty = MakeAreaTaps(height_, height);
+  const size_t rowBytes = size_t(width) * 4;
+  std::vector<uint32_t> acc(rowBytes);
+  for (int y = 0; y < height; ++y) {
+    std::fill(acc.begin(), acc.end(), 32768u);
+    const uint32_t* w = ty.weights.data() + ty.start[size_t(y)];
+    for (int k = 0; k < ty.count[size_t(y)]; ++k, ++w) {
+      const uint8_t* row = across.data() + size_t(ty.first[size_t(y)] + k) * rowBytes;
+      for (size_t i = 0; i < rowBytes; ++i) acc[i] += row[i] * *w;
+    }
+    uint8_t* out = result.pixels_ + size_t(y) * rowBytes;
+    for (size_t i = 0; i < rowBytes; ++i) out[i] = uint8_t(std::min<uint32_t>(255, acc[i] >> 16));
+  }
+  // Swap blocks: the old one goes with `result`, which frees it unless it was never ours.
+  std::swap(pixels_, result.pixels_);
+  std::swap(size_, result.size_);
+  std::swap(width_, result.width_);
+  std::swap(height_, result.height_);
+  std::swap(flags_, result.flags_);
+  return true;
 }

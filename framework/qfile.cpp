@@ -1,6 +1,7 @@
 // QFile: stream and memory files, the counted open/close wrappers and the file-exists check.
 #include "framework/qfile.h"
 
+#include <atomic>
 #include <climits>
 #include <cstring>
 #include <filesystem>
@@ -12,7 +13,7 @@
 
 namespace {
 
-int g_openFiles = 0;
+std::atomic<int> g_openFiles{0};  // pictures are read on worker threads too
 
 // Shared by every QFile's ReadString; released when any QFile is destroyed.
 char* g_stringBuffer = nullptr;

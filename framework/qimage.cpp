@@ -41,6 +41,9 @@ QImage::QImage(const char* name, int depth, int width, int height, int flags)
   }
 }
 
+bool QImage::IsJpegName(const char* name) { return KindOf(name ? name : "") == KIND_JPG; }
+bool QImage::IsTargaName(const char* name) { return KindOf(name ? name : "") == KIND_TGA; }
+
 bool QImage::Read(const char* name) {
   if (!name) name = "";
   switch (KindOf(name)) {

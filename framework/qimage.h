@@ -19,6 +19,7 @@
 // Not thread-safe (the log and libjpeg's state are per call, but the bitmap is not guarded).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "framework/qbitmap.h"
@@ -47,13 +48,27 @@ class QImage : public QBitMap {
   // pairs, and data that is short or whose run-length packets cross a line ("Image '%s' is
   // corrupt").
   bool ReadTGA(const char* name);
+  // The same from `size` bytes at `data`, as ReadTGA reads them from the file.
+  bool ReadTGA(const uint8_t* data, size_t size, const char* name);
   // Targa from a stdio stream. False for an unreadable header, out of memory, "too wide" and
   // colour maps; an unsupported type/depth pair answers true with the pixels unset, and
   // run-length packets that cross a line are cut at the line's end.
   bool ReadTGASlow(const char* name);
-  // JPEG through libjpeg. False when the file can't be opened, is larger than 16384 in either
-  // direction or than its length can hold, or the library reports an error or a premature end.
+  // JPEG through libjpeg, the file read whole into memory first. False when the file can't be
+  // opened, is larger than 16384 in either direction or than its length can hold, or the
+  // library reports an error. Library warnings (a file cut short, a missing end marker) do not
+  // fail: what decoded is kept and the rest is the library's fill.
   bool ReadJPG(const char* name);
+  // The same from `size` bytes at `data` (`name` names them in messages), decoded at
+  // `eighths` / 8 of the picture's size (1..8, the library's DCT scaling); the 16384 limit is
+  // on the decoded size.
+  bool ReadJPG(const uint8_t* data, size_t size, const char* name, int eighths = 8);
+  // The full width and height a JPEG stream declares; false, silently, when its header can't
+  // be read.
+  static bool ReadJPGSize(const uint8_t* data, size_t size, int* width, int* height);
+  // Which reader Read would choose for `name`.
+  static bool IsJpegName(const char* name);
+  static bool IsTargaName(const char* name);
   // Uncompressed 24-bit and 8-bit (as grey) Windows bitmaps; rows are taken unpadded. False for
   // a short header or memory; other kinds answer true with the pixels unset.
   bool ReadBMP(const char* name);

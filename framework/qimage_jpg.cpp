@@ -6,6 +6,7 @@
 // marker, stray bytes) do not: the library fills what it could not decode, the picture is shown
 // as decoded, and the first warning goes to the log at debug level.
 #include <csetjmp>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -30,42 +31,61 @@ void EmitMessage(j_common_ptr cinfo, int level) {
   if (cinfo->err->num_warnings++ == 0) (*cinfo->err->format_message)(cinfo, err->warning);
 }
 
-// Owns the decompressor and the stream for the whole read, including the jump out of libjpeg.
+// Owns the decompressor for the whole read, including the jump out of libjpeg.
 struct JpegDecoder {
   jpeg_decompress_struct cinfo;
   JpegError err;
-  FILE* fp;
-  ~JpegDecoder() {
-    jpeg_destroy_decompress(&cinfo);  // harmless on a zeroed or half-made decompressor
-    if (fp) qfclose(fp);
+  JpegDecoder() {
+    memset(&cinfo, 0, sizeof(cinfo));
+    memset(&err, 0, sizeof(err));
   }
+  ~JpegDecoder() { jpeg_destroy_decompress(&cinfo); }  // harmless on a zeroed decompressor
 };
 
-// The decode proper. Nothing with a destructor lives in this frame: libjpeg may jump out of it.
-bool Decode(JpegDecoder* dec, QImage* img, const char* name) {
+// Sets up the decompressor on the bytes and reads the header; false (after `name`'s warning)
+// when the library reports an error. Nothing with a destructor lives in this frame.
+bool ReadHeader(JpegDecoder* dec, const uint8_t* data, size_t size, const char* name) {
   j_decompress_ptr cinfo = &dec->cinfo;
   cinfo->err = jpeg_std_error(&dec->err.pub);
   dec->err.pub.error_exit = JpegErrorExit;
   dec->err.pub.emit_message = EmitMessage;
   if (setjmp(dec->err.jump)) {
-    QWARN("QImage::ReadJPG", "QImage:ReadJPG(%s); %s", name, dec->err.text);
+    if (name) QWARN("QImage::ReadJPG", "QImage:ReadJPG(%s); %s", name, dec->err.text);
     return false;
   }
   jpeg_create_decompress(cinfo);
-  const int64_t fileLength = StreamLength(dec->fp);
-  jpeg_stdio_src(cinfo, dec->fp);
+  jpeg_mem_src(cinfo, data, static_cast<unsigned long>(size));
   jpeg_read_header(cinfo, TRUE);
+  return true;
+}
 
-  const int width = int(cinfo->image_width);
-  const int height = int(cinfo->image_height);
-  if (cinfo->image_width > unsigned(QImage::MAX_SIZE) || cinfo->image_height > unsigned(QImage::MAX_SIZE)) {
-    QWARN("QImage::ReadJPG", "QImage:ReadJPG(); (%s) is %dx%d large; supported only upto %dx%d",
-          name, width, height, QImage::MAX_SIZE, QImage::MAX_SIZE);
+// The decode proper, at `eighths` / 8 of the full size. Nothing with a destructor lives in this
+// frame: libjpeg may jump out of it.
+bool Decode(JpegDecoder* dec, QImage* img, const uint8_t* data, size_t size, const char* name,
+            int eighths) {
+  if (!ReadHeader(dec, data, size, name)) return false;
+  j_decompress_ptr cinfo = &dec->cinfo;
+  if (setjmp(dec->err.jump)) {
+    QWARN("QImage::ReadJPG", "QImage:ReadJPG(%s); %s", name, dec->err.text);
     return false;
   }
-  if (int64_t(width) * height > fileLength * kMaxPixelsPerByte) {
+  const int64_t fileLength = int64_t(size);
+  const int fullWidth = int(cinfo->image_width);
+  const int fullHeight = int(cinfo->image_height);
+  if (int64_t(fullWidth) * fullHeight > fileLength * kMaxPixelsPerByte) {
     QWARN("QImage::ReadJPG", "QImage:ReadJPG(); (%s) is %dx%d, more than its %lld bytes can hold",
-          name, width, height, static_cast<long long>(fileLength));
+          name, fullWidth, fullHeight, static_cast<long long>(fileLength));
+    return false;
+  }
+  cinfo->scale_num = unsigned(eighths < 1 ? 1 : eighths > 8 ? 8 : eighths);
+  cinfo->scale_denom = 8;
+  jpeg_calc_output_dimensions(cinfo);
+  // The limit is on what is decoded: a reduced decode of a larger picture is fine.
+  const int width = int(cinfo->output_width);
+  const int height = int(cinfo->output_height);
+  if (cinfo->output_width > unsigned(QImage::MAX_SIZE) || cinfo->output_height > unsigned(QImage::MAX_SIZE)) {
+    QWARN("QImage::ReadJPG", "QImage:ReadJPG(); (%s) is %dx%d large; supported only upto %dx%d",
+          name, width, height, QImage::MAX_SIZE, QImage::MAX_SIZE);
     return false;
   }
   if (!img->Alloc(32, width, height, int(img->GetFlags()))) {
@@ -128,14 +148,27 @@ void QImage::PutLine(const uint8_t* scanline, int row, QBitMap* bm, int componen
 }
 
 bool QImage::ReadJPG(const char* name) {
-  FILE* fp = qfopen(name, "rb");
+  QStream fp(qfopen(name, "rb"));
   if (!fp) {
     printf("Can't open %s\n", name);
     return false;
   }
+  const int64_t length = StreamLength(fp.get());
+  QBlock data(length > 0 && length < INT32_MAX ? static_cast<uint8_t*>(qmalloc(size_t(length)))
+                                               : nullptr);
+  const size_t size = data ? fread(data.get(), 1, size_t(length), fp.get()) : 0;
+  return ReadJPG(data.get(), size, name);
+}
+
+bool QImage::ReadJPG(const uint8_t* data, size_t size, const char* name, int eighths) {
   JpegDecoder dec;
-  memset(&dec.cinfo, 0, sizeof(dec.cinfo));
-  memset(&dec.err, 0, sizeof(dec.err));
-  dec.fp = fp;
-  return Decode(&dec, this, name);
+  return Decode(&dec, this, data, size, name ? name : "", eighths);
+}
+
+bool QImage::ReadJPGSize(const uint8_t* data, size_t size, int* width, int* height) {
+  JpegDecoder dec;
+  if (!data || !ReadHeader(&dec, data, size, nullptr)) return false;
+  if (width) *width = int(dec.cinfo.image_width);
+  if (height) *height = int(dec.cinfo.image_height);
+  return true;
 }

@@ -132,9 +132,13 @@ bool QImage::ReadTGA(const char* name) {
     return false;
   }
   file.reset();
-  const uint8_t* d = data.get();
-  const uint8_t* end = d + size;
+  return ReadTGA(data.get(), size_t(size), name);
+}
 
+bool QImage::ReadTGA(const uint8_t* d, size_t length, const char* name) {
+  if (!name) name = "";
+  const int64_t size = d ? int64_t(length) : 0;
+  const uint8_t* end = d + size;
   if (size < kHeaderSize) {
     QWARN("QImage::ReadTGA", "Image '%s' is corrupt", GetName());
     return false;
