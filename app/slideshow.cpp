@@ -2,6 +2,7 @@
 #include "app/slideshow.h"
 
 #include "app/command_channel.h"
+#include "app/prefetcher.h"
 
 #include <string>
 
@@ -75,6 +76,7 @@ RaceManager::~RaceManager() {
   delete canvas;
   canvas = nullptr;
   font.reset();
+  prefetcher.reset();
   commands.reset();
   if (g_raceManager == this) g_raceManager = nullptr;
 }
@@ -170,6 +172,7 @@ void RaceManager::Setup(const char* arg) {
   }
 
   ScanDir();
+  prefetcher.reset(new Prefetcher());
 
   if (!arg) {
     if (imageCount < 1) return;

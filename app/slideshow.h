@@ -19,9 +19,11 @@
 #include <cstdint>
 #include <memory>
 
+#include "app/picture_loader.h"
 #include "framework/qstring.h"
 
 class CommandChannel;
+class Prefetcher;
 class DBitMapTexture;
 class DMesh;
 class QCanvas;
@@ -40,11 +42,11 @@ class RaceManager {
   // so the longest gap between two runs of the idle procedure.
   static constexpr int IDLE_SLEEP_MS = 100;
 
-  // Milliseconds spent in each phase of the last successful load: reading the file, the grey
-  // conversion (0 when black-and-white is off), the EXIF parse, turning upright, and making
-  // the texture and quad.
+  // Milliseconds spent in each phase of the last successful load: reading the file, decoding,
+  // reducing to the quad's size, the grey conversion (0 when black-and-white is off), the EXIF
+  // parse, and making the texture and quad.
   struct LoadTimes {
-    double read = 0, grey = 0, exif = 0, turn = 0, upload = 0;
+    double read = 0, decode = 0, reduce = 0, grey = 0, exif = 0, upload = 0;
   };
 
   // Empty catalogue, nothing loaded; becomes the process's controller.
@@ -80,6 +82,14 @@ class RaceManager {
   // Loads and shows `path` and logs its phase times at debug level; a file that cannot be read
   // logs "Can't load image (%s)" and changes nothing (the phase times included).
   void LoadNewImage(const char* path);
+  // Puts a loaded picture on the screen, or logs "Can't load image (%s)" for a failed one and
+  // changes nothing. The picture's pixels are given to the texture and freed.
+  // `prefetched` only tells the load-times line where the picture came from.
+  void ShowPicture(LoadedPicture* picture, bool prefetched = false);
+  // Lets the prefetcher work on the catalogue's next and previous pictures (nothing without one).
+  void PrefetchNeighbours();
+  // Where pictures are shown now: the window, the desktop's proportions, the texture limit.
+  ScreenFit CurrentFit() const;
   // Reloads `curFile`; nothing when it is empty.
   void LoadCurImage();
   // Draws one frame into the back buffer; the caller presents it. Nothing without a window.
@@ -142,7 +152,9 @@ class RaceManager {
   LoadTimes loadTimes;
   int idleSleepMs = IDLE_SLEEP_MS;  // read once by Setup; never negative
   std::unique_ptr<CommandChannel> commands;
+  std::unique_ptr<Prefetcher> prefetcher;  // made by Setup; tests and tools load directly
   bool dirty = true;  // the screen no longer shows the current state
+  int shownWidth = 0, shownHeight = 0;  // the shown picture's own size, turned upright
 };
 
 // The process's controller; null before construction and after ExitProc.

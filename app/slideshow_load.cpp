@@ -1,21 +1,21 @@
 // RaceManager: turning a picture file into the textured quad on the screen, and painting.
+#include <chrono>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "app/slideshow.h"
+#include "app/prefetcher.h"
+#include "d3/dglobal.h"
 #include "d3/dmesh.h"
 #include "d3/dtexture.h"
 #include "framework/qapp.h"
 #include "framework/qbitmap.h"
 #include "framework/qcanvas.h"
-#include "framework/qexif.h"
-#include "framework/qfile.h"
 #include "framework/qfont.h"
-#include "framework/qimage.h"
 #include "framework/qini.h"
-#include "framework/qmem.h"
 #include "framework/qmessage.h"
 #include "framework/qshell.h"
-#include "framework/qtimer.h"
 
 namespace {
 
@@ -23,33 +23,9 @@ namespace {
 // filters on the controller keep working.
 constexpr const char* kSource = "slideshow.cpp";
 
-struct QFreeDeleter {
-  void operator()(uint8_t* p) const { qfree(p); }
-};
-using QBlock = std::unique_ptr<uint8_t, QFreeDeleter>;
-
-// The EXIF orientation of the file's bytes (0 when there is none). The whole file is read a
-// second time, since the picture reader keeps none of it.
-int ReadOrientation(const char* path) {
-  // A fresh record answers 0 unless the parse found an orientation; whatever it found is used,
-  // also when the segment fails later.
-  QExif exif;
-  int32_t code = QExif::NOT_JPEG;
-  QFile file(path, QFile::READ);
-  const int size = file.IsOpen() ? file.Size() : 0;
-  QBlock bytes(size > 0 ? static_cast<uint8_t*>(qmalloc(size_t(size))) : nullptr);
-  if (bytes && file.Read(bytes.get(), size) == size)
-    code = exif.ReadFromJpeg(bytes.get(), size_t(size));
-  else
-    code = exif.ReadFromJpeg(nullptr, 0);
-  qdbg(kSource, "RaceManager::LoadNewImage", __LINE__, "Code %d, Orientation: %d\n", code,
-       exif.orientation);
-  return exif.orientation;
-}
-
-// Clockwise angle of QBitMap::Rotate that turns a picture stored with EXIF `orientation`
-// upright: 6 a quarter turn, 8 three quarters, 3 a half turn; 0 for every other value, mirrors
-// included, which are shown as stored.
+// Clockwise angle that turns a picture stored with EXIF `orientation` upright: 6 a quarter
+// turn, 8 three quarters, 3 a half turn; 0 for every other value, mirrors included, which are
+// shown as stored.
 int TurnAngle(int orientation) {
   switch (orientation) {
     case 3:
@@ -73,81 +49,87 @@ void RaceManager::LoadCurImage() {
   LoadNewImage(path.cstr());
 }
 
+ScreenFit RaceManager::CurrentFit() const {
+  ScreenFit fit;
+  QApp* app = QGetApp();
+  if (!window || !app) return fit;
+  fit.windowWidth = window->GetWidth();
+  fit.windowHeight = window->GetHeight();
+  // The desktop's proportions, so that a window shaped like the desktop is filled by height.
+  const QRect& desk = app->GetDesktopRect();
+  if (desk.wid > 0 && desk.hgt > 0) fit.desktopAspect = double(desk.wid) / desk.hgt;
+  fit.maxTexture = DGlobal::MaxTextureSize();
+  return fit;
+}
+
 void RaceManager::LoadNewImage(const char* pathArg) {
   // The path may point into the catalogue or curFile, both of which change below.
-  const qstring path(pathArg ? pathArg : "");
-  LoadTimes times;
-  QTimer phase;
-  phase.Start();
-  std::unique_ptr<QImage> image(new QImage());
-  image->SetName(path.cstr());
-  // A picture without pixels (a PNG name, which the reader accepts unread) cannot be shown.
-  if (!image->Read(path.cstr()) || image->GetWidth() <= 0 || image->GetHeight() <= 0 ||
-      !image->GetBuffer() || int64_t(image->GetSize()) <
-                                 int64_t(image->GetWidth()) * image->GetHeight() * 4) {
-    qerr(kSource, "RaceManager::LoadNewImage", __LINE__, "Can't load image (%s)", path.cstr());
+  const std::string path(pathArg ? pathArg : "");
+  const ScreenFit fit = CurrentFit();
+  const bool grey = ini && ini->GetBool("effects.black_and_white", false);
+  LoadedPicture picture;
+  const bool prefetched = prefetcher && prefetcher->Take(path, fit, grey, &picture);
+  if (!prefetched) LoadPicture(path, fit, grey, &picture);
+  ShowPicture(&picture, prefetched);
+  PrefetchNeighbours();
+}
+
+void RaceManager::PrefetchNeighbours() {
+  if (!prefetcher) return;
+  std::vector<std::string> wanted;
+  if (curImage >= 0 && imageCount > 1) {
+    wanted.push_back(images[(curImage + 1) % imageCount].cstr());
+    const int prev = (curImage - 1 + imageCount) % imageCount;
+    if (prev != (curImage + 1) % imageCount) wanted.push_back(images[prev].cstr());
+  }
+  prefetcher->Want(wanted, CurrentFit(), ini && ini->GetBool("effects.black_and_white", false));
+}
+
+void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched) {
+  const char* path = picture->path.c_str();
+  if (!picture->ok) {
+    qerr(kSource, "RaceManager::LoadNewImage", __LINE__, "Can't load image (%s)", path);
     return;
   }
-  times.read = phase.GetMilliSeconds();
   curFile = path;
-
   ReleaseTexture();
   delete mesh;
   mesh = nullptr;
+  qdbg(kSource, "RaceManager::LoadNewImage", __LINE__, "Code %d, Orientation: %d\n",
+       picture->exifCode, picture->orientation);
 
-  phase.Start();
-  if (ini && ini->GetBool("effects.black_and_white", false)) image->MakeGray();
-  times.grey = phase.GetMilliSeconds();
-
-  phase.Start();
-  const int orientation = ReadOrientation(path.cstr());
-  times.exif = phase.GetMilliSeconds();
-
-  phase.Start();
-  const bool turned = orientation == 6 || orientation == 8;
-  const int w = image->GetWidth(), h = image->GetHeight();
-  std::unique_ptr<QBitMap> oriented(new QBitMap(32, turned ? h : w, turned ? w : h));
-  // Rotate's angles are the orientation table in memory order; an upright picture is copied
-  // whole, top-down and bottom-up being the same for a full rectangle.
-  const int angle = TurnAngle(orientation);
-  if (angle) {
-    image->Rotate(angle, nullptr, oriented.get(), nullptr);
-  } else if (oriented->GetBuffer()) {
-    oriented->CopyPixelsFrom(image.get(), 0, 0, w, h, 0, 0);
+  const auto start = std::chrono::steady_clock::now();
+  QBitMap* pixels = picture->pixels.get();
+  // Uploaded as decoded: the quad turns it, and no mipmaps are needed at about 1:1.
+  texture = new DBitMapTexture();
+  texture->SetName(path);
+  texture->UsePictureFiltering();
+  texture->FromBitMap(pixels);
+  shownWidth = picture->Turned() ? picture->height : picture->width;
+  shownHeight = picture->Turned() ? picture->width : picture->height;
+  int quadW = 0, quadH = 0;
+  picture->QuadSize(&quadW, &quadH);
+  if (window && quadH > 0) {
+    mesh = new DMesh(path);
+    mesh->DefineFlat2D(float(quadW), float(quadH), TurnAngle(picture->orientation));
+    mesh->SetPolygonTexture(0, texture, QRect{0, 0, pixels->GetWidth(), pixels->GetHeight()});
   }
-  times.turn = phase.GetMilliSeconds();
+  picture->pixels.reset();
 
-  phase.Start();
-  texture = new DBitMapTexture(oriented.get(), image->GetName());
-
-  QApp* app = QGetApp();
-  if (window && app) {
-    const double a = double(w) / double(h);
-    const double f = turned ? 1.0 / a : a;
-    const QRect& desk = app->GetDesktopRect();
-    const int ww = window->GetWidth(), wh = window->GetHeight();
-    // The desktop's proportions, so that a window shaped like the desktop is filled by height.
-    const double deskAspect = desk.wid > 0 && desk.hgt > 0 ? double(desk.wid) / desk.hgt
-                                                           : (wh > 0 ? double(ww) / wh : 1.0);
-    const int quadW = int(f / deskAspect * ww);
-    mesh = new DMesh(image->GetName());
-    mesh->DefineFlat2D(float(quadW), float(wh));
-    mesh->SetPolygonTexture(0, texture,
-                            QRect{0, 0, oriented->GetWidth(), oriented->GetHeight()});
-  }
-  oriented.reset();
-  times.upload = phase.GetMilliSeconds();
-  loadTimes = times;
+  LoadTimes& t = loadTimes;
+  t.read = picture->readMs, t.decode = picture->decodeMs, t.reduce = picture->reduceMs;
+  t.grey = picture->greyMs, t.exif = picture->exifMs;
+  t.upload = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   // The texture count shows from outside whether old pictures are given back.
   qdbg(kSource, "RaceManager::LoadNewImage", __LINE__,
-       "Load times (%s): read %.1f ms, grey %.1f ms, exif %.1f ms, turn %.1f ms, upload %.1f ms; "
-       "%d textures\n",
-       path.cstr(), times.read, times.grey, times.exif, times.turn, times.upload,
-       DTexture::GetLiveCount());
+       "Load times (%s): read %.1f ms, decode %.1f ms, reduce %.1f ms, grey %.1f ms, exif %.1f ms, "
+       "upload %.1f ms%s; %d textures\n",
+       path, t.read, t.decode, t.reduce, t.grey, t.exif, t.upload,
+       prefetched ? " (prefetched)" : "", DTexture::GetLiveCount());
 
   dirty = true;
-  curImage = CatalogueIndex(path.cstr());
-  if (curImage == -1 && AddToDir(path.cstr())) curImage = imageCount - 1;
+  curImage = CatalogueIndex(path);
+  if (curImage == -1 && AddToDir(path)) curImage = imageCount - 1;
 }
 
 void RaceManager::Paint() {
@@ -167,7 +149,7 @@ void RaceManager::Paint() {
   if (texture) {
     qstring name(curFile);
     name.CutPath();
-    line.Format("%s (%dx%d)", name.cstr(), texture->GetWidth(), texture->GetHeight());
+    line.Format("%s (%dx%d)", name.cstr(), shownWidth, shownHeight);
     DrawText(line.cstr(), 10, 30);
   }
 }

@@ -3,16 +3,15 @@
 // Load to frame: the controller with a real window and its command socket, as the program runs
 // them. Each iteration sends "load <photo>" to the socket, takes it with NetCheck (which loads
 // the picture), paints, swaps and waits for the GL pipeline to finish: the time from the
-// datagram to the frame on the screen, less the wait for the next idle cycle in the running
-// program (at most one idle sleep, 100 ms by default). The counters split a load into the
-// controller's phases (read, grey, EXIF, turn, upload) plus "frame" (paint, swap, finish).
+// datagram to the frame on the screen. The counters split a load into the controller's phases
+// (read, decode at screen size, reduce, grey, EXIF, upload) plus "frame" (paint, swap, finish).
 // Black-and-white is on, so that the grey phase is measured too. Photos of 12 and 24
 // megapixels, stored upright without EXIF data and stored turned with orientation 6, are made
 // into /tmp: smooth gradients with pixel noise, quality 90. Beside each, a plain libjpeg-turbo
 // decode of the same file; the ratio of the load to it is printed after the table.
 //
 // Idle: the real glimra of this build (../glimra) runs from a temporary copy of its folder at the
-// default idle sleep, showing the 12-megapixel photo; after it has loaded, its utime + stime
+// defaults, showing the 12-megapixel photo; after it has loaded, its utime + stime
 // from /proc/<pid>/stat over 10 s are printed as a percentage of one core.
 //
 // Needs a display: run it under xvfb-run -a -s "-screen 0 1920x1080x24".
@@ -144,16 +143,16 @@ void BM_LoadToFrame(benchmark::State& state, const Photo* p) {
     return;
   }
   const std::string path = PhotoPath(*p);
-  double read = 0, grey = 0, exif = 0, turn = 0, upload = 0, frame = 0, total = 0;
+  double read = 0, decode = 0, reduce = 0, grey = 0, exif = 0, upload = 0, frame = 0, total = 0;
   for (auto _ : state) {
     const auto start = Clock::now();
     if (!SendLoad(path)) state.SkipWithError("send failed");
     while (g_rig.channel->Drain() == 0) {
     }
     const RaceManager::LoadTimes& t = g_rig.rm->GetLoadTimes();
-    // Neighbouring photos differ in their turned size, so a failed load shows here.
+    // Neighbouring photos differ in their turned proportions, so a failed load shows here.
     const DBitMapTexture* tex = g_rig.rm->GetTexture();
-    if (!tex || tex->GetWidth() != (p->orientation == 6 ? p->height : p->width))
+    if (!tex || (tex->GetWidth() > tex->GetHeight()) != (p->width > p->height))
       state.SkipWithError("load failed");
     const auto painting = Clock::now();
     g_rig.rm->Paint();
@@ -162,15 +161,17 @@ void BM_LoadToFrame(benchmark::State& state, const Photo* p) {
     const auto end = Clock::now();
     const double seconds = std::chrono::duration<double>(end - start).count();
     state.SetIterationTime(seconds);
-    read += t.read, grey += t.grey, exif += t.exif, turn += t.turn, upload += t.upload;
+    read += t.read, decode += t.decode, reduce += t.reduce, grey += t.grey, exif += t.exif;
+    upload += t.upload;
     frame += std::chrono::duration<double, std::milli>(end - painting).count();
     total += seconds;
   }
   const auto avg = benchmark::Counter::kAvgIterations;
   state.counters["read_ms"] = benchmark::Counter(read, avg);
+  state.counters["decode_ms"] = benchmark::Counter(decode, avg);
+  state.counters["reduce_ms"] = benchmark::Counter(reduce, avg);
   state.counters["grey_ms"] = benchmark::Counter(grey, avg);
   state.counters["exif_ms"] = benchmark::Counter(exif, avg);
-  state.counters["turn_ms"] = benchmark::Counter(turn, avg);
   state.counters["upload_ms"] = benchmark::Counter(upload, avg);
   state.counters["frame_ms"] = benchmark::Counter(frame, avg);
   if (state.iterations() > 0)

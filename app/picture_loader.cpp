@@ -1,0 +1,162 @@
+// PictureLoader: file -> screen-size bitmap and orientation.
+#include "app/picture_loader.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+
+#include "framework/qexif.h"
+#include "framework/qfile.h"
+#include "framework/qimage.h"
+#include "framework/qmem.h"
+#include "framework/virtualfilesystem.h"
+
+namespace {
+
+struct QFreeDeleter {
+  void operator()(uint8_t* p) const { qfree(p); }
+};
+using QBlock = std::unique_ptr<uint8_t, QFreeDeleter>;
+
+using Clock = std::chrono::steady_clock;
+double MsSince(Clock::time_point t) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - t).count();
+}
+
+// The whole file in one block: a real file, or a member of an archive attached to the virtual
+// file system. Null for anything else (a FIFO, a device or a directory is never opened: it could
+// block for ever or has no picture in it).
+QBlock ReadWhole(const char* path, size_t* size) {
+  *size = 0;
+  struct stat st;
+  const bool real = stat(path, &st) == 0;
+  if (real && !S_ISREG(st.st_mode)) return nullptr;
+  std::unique_ptr<QFile> file;
+  if (QVirtualFileSystem* vfs = QGetVirtualFileSystem()) {
+    file.reset(vfs->OpenFile(path, QFile::READ));
+  } else if (real) {
+    file.reset(new QFile(path, QFile::READ));
+  }
+  if (!file || !file->IsOpen()) return nullptr;
+  const int length = file->Size();
+  if (length <= 0) return nullptr;
+  QBlock data(static_cast<uint8_t*>(qmalloc(size_t(length))));
+  if (!data || file->Read(data.get(), length) != length) return nullptr;
+  *size = size_t(length);
+  return data;
+}
+
+// The quad's size in the picture's stored (unturned) directions.
+void StoredQuadSize(const LoadedPicture& p, int* w, int* h) {
+  int qw = 0, qh = 0;
+  p.QuadSize(&qw, &qh);
+  *w = p.Turned() ? qh : qw;
+  *h = p.Turned() ? qw : qh;
+}
+
+// The smallest JPEG scale (in eighths) whose decode still covers `needW` x `needH` and fits the
+// limits; 8 when even the full size does not cover it.
+int JpegEighths(int w, int h, int needW, int needH, int limit) {
+  for (int m = 1; m <= 8; ++m) {
+    const int64_t sw = (int64_t(w) * m + 7) / 8, sh = (int64_t(h) * m + 7) / 8;
+    if (sw > limit || sh > limit) return std::max(1, m - 1);
+    if (sw >= needW && sh >= needH) return m;
+  }
+  return 8;
+}
+
+}  // namespace
+
+void LoadedPicture::QuadSize(int* w, int* h) const {
+  *w = *h = 0;
+  if (width <= 0 || height <= 0 || fit.windowHeight <= 0) return;
+  const double a = double(width) / double(height);
+  const double f = Turned() ? 1.0 / a : a;
+  const double desk = fit.desktopAspect > 0 ? fit.desktopAspect
+                                            : double(fit.windowWidth) / double(fit.windowHeight);
+  *w = int(f / desk * fit.windowWidth);
+  *h = fit.windowHeight;
+}
+
+FileStamp StampOf(const char* path) {
+  FileStamp s;
+  struct stat st;
+  if (!path || stat(path, &st) != 0) return s;
+  s.size = int64_t(st.st_size);
+  s.modified = int64_t(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+  return s;
+}
+
+void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, LoadedPicture* out) {
+  *out = LoadedPicture();
+  out->path = path;
+  out->fit = fit;
+  out->grey = grey;
+  out->stamp = StampOf(path.c_str());
+
+  auto phase = Clock::now();
+  size_t size = 0;
+  const QBlock bytes = ReadWhole(path.c_str(), &size);
+  out->readMs = MsSince(phase);
+
+  phase = Clock::now();
+  QExif exif;
+  out->exifCode = exif.ReadFromJpeg(bytes.get(), size);
+  out->orientation = exif.orientation;
+  out->exifMs = MsSince(phase);
+  if (!bytes) return;
+
+  phase = Clock::now();
+  const int limit = std::min(QImage::MAX_SIZE, fit.maxTexture > 0 ? fit.maxTexture : QImage::MAX_SIZE);
+  std::unique_ptr<QImage> image(new QImage());
+  image->SetName(path.c_str());
+  bool read = false;
+  if (QImage::IsJpegName(path.c_str())) {
+    int w = 0, h = 0;
+    int eighths = 8;
+    if (QImage::ReadJPGSize(bytes.get(), size, &w, &h) && w > 0 && h > 0) {
+      out->width = w, out->height = h;
+      int needW = 0, needH = 0;
+      StoredQuadSize(*out, &needW, &needH);
+      eighths = JpegEighths(w, h, needW, needH, limit);
+    }
+    read = image->ReadJPG(bytes.get(), size, path.c_str(), eighths);
+  } else if (QImage::IsTargaName(path.c_str())) {
+    read = image->ReadTGA(bytes.get(), size, path.c_str());
+  } else {
+    read = image->Read(path.c_str());
+  }
+  // A picture without pixels (a PNG name, which the reader accepts unread) cannot be shown.
+  if (!read || image->GetWidth() <= 0 || image->GetHeight() <= 0 || !image->GetBuffer() ||
+      int64_t(image->GetSize()) < int64_t(image->GetWidth()) * image->GetHeight() * 4)
+    return;
+  if (!QImage::IsJpegName(path.c_str()) || out->width <= 0)
+    out->width = image->GetWidth(), out->height = image->GetHeight();
+  out->decodeMs = MsSince(phase);
+
+  // Down to the quad's size (kept in proportion when only one direction is larger), and always
+  // inside the texture limit.
+  phase = Clock::now();
+  int needW = 0, needH = 0;
+  StoredQuadSize(*out, &needW, &needH);
+  const int iw = image->GetWidth(), ih = image->GetHeight();
+  double scale = 1.0;
+  if (needW > 0 && needH > 0) scale = std::max(double(needW) / iw, double(needH) / ih);
+  scale = std::min({scale, 1.0, double(limit) / iw, double(limit) / ih});
+  if (scale < 1.0) {
+    const int tw = std::max(1, std::min(iw, int(iw * scale + 0.5)));
+    const int th = std::max(1, std::min(ih, int(ih * scale + 0.5)));
+    if (!image->AreaReduce(tw, th)) return;
+  }
+  out->reduceMs = MsSince(phase);
+
+  phase = Clock::now();
+  if (grey) image->MakeGray();
+  out->greyMs = MsSince(phase);
+
+  out->pixels = std::move(image);
+  out->ok = true;
+}

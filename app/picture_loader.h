@@ -1,0 +1,59 @@
+// PictureLoader: turns a picture file into what the screen needs, without OpenGL, so that it
+// can run on a worker thread: the file read once into memory, its EXIF orientation parsed from
+// those bytes, the pixels decoded at screen size (JPEG through the library's DCT scaling, then
+// an area reduction to the size the quad is drawn at) and made grey when asked. The pixels stay
+// unturned, in memory order; the quad turns them by its texture coordinates.
+//
+// The quad's size follows the picture's own width and height: it fills the window's height and
+// is w = f / (desktop width / desktop height) x window width wide, f being the picture's
+// proportions (turned for orientations 6 and 8). What is decoded never exceeds the largest
+// texture, and a picture that fits no texture is reduced until it does.
+//
+// A failed load is returned, not logged as "Can't load image": the caller says that when the
+// picture is asked for (the readers' own warnings are logged as they happen).
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "framework/qbitmap.h"
+
+// Where and how big pictures are shown.
+struct ScreenFit {
+  int windowWidth = 0;
+  int windowHeight = 0;
+  double desktopAspect = 0;  // width / height of the desktop; 0: the window's own
+  int maxTexture = 0;        // largest texture side; 0: no limit
+};
+
+// The file a picture came from, to tell whether it has changed since.
+struct FileStamp {
+  int64_t size = -1;
+  int64_t modified = 0;  // nanoseconds
+  bool operator==(const FileStamp& o) const { return size == o.size && modified == o.modified; }
+};
+
+struct LoadedPicture {
+  std::string path;
+  bool ok = false;
+  std::unique_ptr<QBitMap> pixels;  // reduced, unturned, memory order
+  int width = 0, height = 0;        // the picture's own size, unturned
+  int orientation = 0;              // EXIF value, 0 when absent
+  int exifCode = 0;                 // the EXIF reader's result code
+  bool grey = false;                // made black and white
+  ScreenFit fit;                    // what it was made for
+  FileStamp stamp;
+  // Milliseconds in each phase: reading, decoding, reducing, grey, EXIF.
+  double readMs = 0, decodeMs = 0, reduceMs = 0, greyMs = 0, exifMs = 0;
+
+  bool Turned() const { return orientation == 6 || orientation == 8; }
+  // The quad's size on screen for this picture under `fit`, in whole pixels.
+  void QuadSize(int* w, int* h) const;
+};
+
+// The file's size and modification time; size -1 when it cannot be examined.
+FileStamp StampOf(const char* path);
+
+// Loads `path` for `fit`, grey when asked. Never throws; `out->ok` tells.
+void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, LoadedPicture* out);
