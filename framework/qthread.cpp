@@ -6,6 +6,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -93,6 +94,24 @@ void OnTerminate(int) {
   _exit(0);
 }
 
+// Kill: the signal's handler ends the calling thread alone with the raw exit system call, so no
+// frame of the program is unwound (a forced unwind through a noexcept frame would abort the
+// whole process) and a thread busy without any cancellation point ends just the same.
+int KillSignal() { return SIGRTMIN + 4; }
+
+void OnKill(int) { syscall(SYS_exit, 0); }
+
+bool InstallKillHandler() {
+  static const bool installed = [] {
+    struct sigaction sa;
+    memset(&sa, 0, sizeof(sa));
+    sa.sa_handler = OnKill;
+    sigfillset(&sa.sa_mask);
+    return sigaction(KillSignal(), &sa, nullptr) == 0;
+  }();
+  return installed;
+}
+
 void* StartRoutine(void* param) {
   std::shared_ptr<QThread::Shared> shared;
   {
@@ -106,10 +125,12 @@ void* StartRoutine(void* param) {
   sigemptyset(&sa.sa_mask);
   sigaction(SIGTERM, &sa, nullptr);
 
-  // A cancellation inside the condition wait would unwind through noexcept code: hold it off
-  // until the gate is open.
-  int oldState = 0;
-  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &oldState);
+  // A kill inside the condition wait could leave the gate's mutex held: hold it off until the
+  // gate is open.
+  sigset_t kill, old;
+  sigemptyset(&kill);
+  sigaddset(&kill, KillSignal());
+  pthread_sigmask(SIG_BLOCK, &kill, &old);
   {
     std::unique_lock<std::mutex> lock(shared->m);
     shared->tid.store(static_cast<uint32_t>(gettid()));
@@ -117,7 +138,7 @@ void* StartRoutine(void* param) {
     shared->cv.notify_all();
     shared->cv.wait(lock, [&] { return shared->open; });
   }
-  pthread_setcancelstate(oldState, nullptr);
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
   shared->func(shared->arg);
   return nullptr;
 }
@@ -237,7 +258,7 @@ bool QThread::Suspend() { return false; }
 bool QThread::Kill() {
   if (!handle_) return false;
   QINFO("QThread::Kill", "QThread:Kill handle %d\n", static_cast<int>(handle_));
-  if (pthread_cancel(PthreadOf(handle_)) != 0) {
+  if (!InstallKillHandler() || pthread_kill(PthreadOf(handle_), KillSignal()) != 0) {
     QWARN("QThread::Kill", "TerminateThread() threadHandle %d failed", static_cast<int>(handle_));
     return false;
   }
