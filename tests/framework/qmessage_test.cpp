@@ -71,6 +71,15 @@ TEST_F(LogTest, LineFormatAndOneTrailingNewlineStripped) {
   EXPECT_NE(l.find(",QIni::Read]"), std::string::npos);
   EXPECT_EQ(ReadFile(log_).find("line 7\n\n"), std::string::npos);
   EXPECT_EQ(CountContaining(lines, "bad bracket"), 1);
+  // Standard error gets one line end, whether or not the text brings its own.
+  testing::internal::CaptureStderr();
+  QWARN("LogTest::Newline", "warned\n");
+  QWARN("LogTest::Newline", "warned again");
+  qmessage("said\n");
+  qmessage("said again");
+  QERR("LogTest::Newline", "erred\n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "warned\nwarned again\nsaid\nsaid again\nerred\n");
 }
 
 TEST_F(LogTest, MaskDecidesWhatReachesTheFile) {
@@ -115,10 +124,15 @@ TEST_F(LogTest, SecondFileTakesErrorsAndWarningsOnly) {
   ASSERT_TRUE(qlogOpenSecondFile());
   QWARN("LogTest::Second", "warned %d", 1);
   QINFO("LogTest::Second", "informed");
+  // A line the log file cannot take does not reach the second file either.
+  qlogSetFileName((dir_ + "/missing/QLOG.txt").c_str());
+  QWARN("LogTest::Second", "unlogged");
+  qlogSetFileName(log_.c_str());
   qlogCloseSecondFile();
   std::string second = ReadFile(dir_ + "/QLOG_LAST.txt");
   EXPECT_NE(second.find(" (WARN): warned 1 [WARN,qmessage_test.cpp:"), std::string::npos) << second;
   EXPECT_EQ(second.find("informed"), std::string::npos);
+  EXPECT_EQ(second.find("unlogged"), std::string::npos) << second;
 }
 
 std::vector<std::string>* g_captured = nullptr;
