@@ -206,6 +206,47 @@ TEST_F(LogTest, TraceFileIndentsByDepth) {
   EXPECT_EQ(lines[2].substr(0, 13), "  <QFile::Ope");
 }
 
+// Sets (or with null unsets) an environment variable for one scope.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value) : name_(name) {
+    const char* old = getenv(name);
+    had_ = old != nullptr;
+    if (had_) old_ = old;
+    if (value)
+      setenv(name, value, 1);
+    else
+      unsetenv(name);
+  }
+  ~ScopedEnv() {
+    if (had_)
+      setenv(name_.c_str(), old_.c_str(), 1);
+    else
+      unsetenv(name_.c_str());
+  }
+
+ private:
+  std::string name_, old_;
+  bool had_ = false;
+};
+
+TEST_F(LogTest, ABoxThatCannotBeShownLeavesItsTitleAndTextOnStandardErrorAndInTheLog) {
+  ScopedEnv display("DISPLAY", nullptr), wayland("WAYLAND_DISPLAY", nullptr);
+  const std::string note = "Message box 'Fatal error - the program will exit' could not be "
+                           "shown: no font here";
+  {
+    ScopedEnv quiet("GLIMRA_NO_MESSAGEBOX", nullptr);
+    testing::internal::CaptureStderr();
+    qlogwrite(QLOG_FATAL | QLOG_BOX, nullptr, "no font here");
+    EXPECT_NE(testing::internal::GetCapturedStderr().find(note), std::string::npos);
+    EXPECT_EQ(CountContaining(Lines(log_), "(NOTE ): [-] " + note), 1) << ReadFile(log_);
+  }
+  // Boxes switched off on purpose stay silent.
+  ScopedEnv quiet("GLIMRA_NO_MESSAGEBOX", "1");
+  qlogwrite(QLOG_ERR | QLOG_BOX, "Caption", "switched off");
+  EXPECT_EQ(CountContaining(Lines(log_), "could not be shown: switched off"), 0);
+}
+
 using LogDeathTest = LogTest;
 
 TEST_F(LogDeathTest, FatalLogsThenCrashes) {
