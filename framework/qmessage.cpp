@@ -370,7 +370,8 @@ void qlogwritev(int code, const char* header, const char* fmt, va_list ap) {
   }
 
   // A line the log file did not get does not go to the second file either.
-  if (logged && w.second && (code & (QLOG_ERR | QLOG_WARN | QLOG_CRIT | QLOG_FATAL | QLOG_SECOND))) {
+  const int secondCodes = QLOG_ERR | QLOG_WARN | QLOG_CRIT | QLOG_FATAL | QLOG_SECOND;
+  if (logged && w.second && (code & secondCodes)) {
     if (header)
       fprintf(w.second, "%s (%s): %s [%s]\n", stamp, level, text, header);
     else

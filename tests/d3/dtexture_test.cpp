@@ -189,7 +189,10 @@ TEST(DTextureKinds, DrawableCopiesWhatWasDrawnAndVolumeStacksItsSlices) {
 
   // Two 2 x 1 slices come back in depth order, pixel for pixel.
   QBitMap a(32, 2, 1), b(32, 2, 1), odd(32, 1, 2);
-  for (int i = 0; i < 8; ++i) a.GetBuffer()[i] = uint8_t(i + 1), b.GetBuffer()[i] = uint8_t(100 + i);
+  for (int i = 0; i < 8; ++i) {
+    a.GetBuffer()[i] = uint8_t(i + 1);
+    b.GetBuffer()[i] = uint8_t(100 + i);
+  }
   DTexture3D volume("volume");
   EXPECT_STREQ(volume.ClassName(), "DTexture3D");
   LogCapture log;
