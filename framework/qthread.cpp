@@ -29,6 +29,11 @@ struct QThread::Shared {
   std::condition_variable cv;
   bool started = false;  // tid recorded
   bool open = false;     // start gate opened by Resume
+  // The running thread's own reference (heap, so that a killed thread's can be given back by
+  // Kill) and how the thread ended: by the kill signal, or by returning from its entry.
+  std::shared_ptr<Shared>* threadRef = nullptr;
+  std::atomic<bool> killed{false};
+  std::atomic<bool> finished{false};
 };
 
 namespace {
@@ -99,7 +104,13 @@ void OnTerminate(int) {
 // whole process) and a thread busy without any cancellation point ends just the same.
 int KillSignal() { return SIGRTMIN + 4; }
 
-void OnKill(int) { syscall(SYS_exit, 0); }
+// The record of the thread running here, for the kill handler.
+thread_local QThread::Shared* t_shared = nullptr;
+
+void OnKill(int) {
+  if (QThread::Shared* shared = t_shared) shared->killed.store(true);
+  syscall(SYS_exit, 0);
+}
 
 bool InstallKillHandler() {
   static const bool installed = [] {
@@ -113,12 +124,10 @@ bool InstallKillHandler() {
 }
 
 void* StartRoutine(void* param) {
-  std::shared_ptr<QThread::Shared> shared;
-  {
-    auto* ref = static_cast<std::shared_ptr<QThread::Shared>*>(param);
-    shared = *ref;
-    delete ref;
-  }
+  auto* ref = static_cast<std::shared_ptr<QThread::Shared>*>(param);
+  QThread::Shared* shared = ref->get();
+  shared->threadRef = ref;
+  t_shared = shared;
   struct sigaction sa;
   memset(&sa, 0, sizeof(sa));
   sa.sa_handler = OnTerminate;
@@ -140,6 +149,13 @@ void* StartRoutine(void* param) {
   }
   pthread_sigmask(SIG_SETMASK, &old, nullptr);
   shared->func(shared->arg);
+  // From here a kill would only lose the reference: let it wait, and go (a pending kill signal
+  // goes with the thread).
+  pthread_sigmask(SIG_BLOCK, &kill, nullptr);
+  t_shared = nullptr;
+  shared->threadRef = nullptr;
+  shared->finished.store(true);
+  delete ref;
   return nullptr;
 }
 
@@ -261,6 +277,13 @@ bool QThread::Kill() {
   if (!InstallKillHandler() || pthread_kill(PthreadOf(handle_), KillSignal()) != 0) {
     QWARN("QThread::Kill", "TerminateThread() threadHandle %d failed", static_cast<int>(handle_));
     return false;
+  }
+  // The killed thread's own reference to the record died with its stack: give it back for it.
+  for (int i = 0; i < 1000 && !shared_->killed.load() && !shared_->finished.load(); ++i)
+    qSleep(1);
+  if (shared_->killed.exchange(false)) {
+    delete shared_->threadRef;
+    shared_->threadRef = nullptr;
   }
   return true;
 }
