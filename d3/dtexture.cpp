@@ -16,8 +16,9 @@
 
 namespace {
 
-// One more entry than the setter fills, so that the getter's bound of 200 stays inside.
-char g_names[DTexture::NAME_TABLE_SIZE + 1][DTexture::NAME_LENGTH];
+// One more entry than the setter fills, so that the getter's bound of 200 stays inside; each
+// keeps NAME_LENGTH characters and its terminator.
+char g_names[DTexture::NAME_TABLE_SIZE + 1][DTexture::NAME_LENGTH + 1];
 char g_tooHigh[64];
 // Id found still in use by the first-texture check; a later creation of it may be a leak.
 int g_suspectId = 0;
@@ -259,7 +260,8 @@ void DTexture::DbgPrint(const char* label) {
            label ? label : "");
   if (!id_ || !DGlobal::IsOpenGLAvailable()) return;
   GLint previous = 0;
-  glGetIntegerv(GL_TEXTURE_BINDING_2D, &previous);
+  glGetIntegerv(target_ == GL_TEXTURE_3D ? GL_TEXTURE_BINDING_3D : GL_TEXTURE_BINDING_2D,
+                &previous);
   glBindTexture(target_, id_);
   GLint s = 0, t = 0, mag = 0, min = 0;
   glGetTexParameteriv(target_, GL_TEXTURE_WRAP_S, &s);
@@ -278,7 +280,11 @@ void DTexture::DbgPrint(const char* label) {
 
 DBitMapTexture::DBitMapTexture(QBitMap* bitmap, const char* name) {
   SetName(name);
-  if (id_ >= 1 && id_ < NAME_TABLE_SIZE) DTextureSetLastKnownTextureName(int(id_), name);
+  if (id_ >= 1 && id_ < NAME_TABLE_SIZE) {
+    char shortName[NAME_LENGTH];  // this entry keeps one character less than the table allows
+    snprintf(shortName, sizeof(shortName), "%s", name ? name : "");
+    DTextureSetLastKnownTextureName(int(id_), shortName);
+  }
   FromBitMap(bitmap);
 }
 
@@ -332,4 +338,91 @@ bool DBitMapTexture::FromBitMap(QBitMap* bitmap) {
     }
   }
   return DGlobal::CheckGLErrors("DBitmapTexture:FromBitMap()") == 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// DDrawableTexture
+// ---------------------------------------------------------------------------------------------
+
+DDrawableTexture::DDrawableTexture(int width, int height, const char* name) : DTexture(name) {
+  EnableMipmap(false);
+  SetSize(width, height);
+}
+
+bool DDrawableTexture::CopyFromScreen(int x, int y) {
+  if (!DGlobal::IsOpenGLAvailable()) return false;
+  if (!id_) {
+    if (!CreateTexture()) return false;
+    // The copy below fills the level: give it the chosen internal format first.
+    glTexImage2D(target_, 0, GLint(internalFormat_), width_, height_, 0, GL_RGBA,
+                 GL_UNSIGNED_BYTE, nullptr);
+  } else {
+    Select();
+  }
+  glCopyTexSubImage2D(target_, 0, 0, 0, x, y, width_, height_);
+  return DGlobal::CheckGLErrors("DDrawableTexture:CopyFromScreen()") == 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// DTexture3D
+// ---------------------------------------------------------------------------------------------
+
+DTexture3D::DTexture3D(const char* name) : DTexture(name) {
+  target_ = GL_TEXTURE_3D;
+  // Slices are uploaded as they are; no chain is made for a volume.
+  EnableMipmap(false);
+}
+
+bool DTexture3D::FromBitMaps(QBitMap* const* slices, int count) {
+  if (!DGlobal::IsOpenGLAvailable()) return false;
+  const QBitMap* first = slices && count > 0 ? slices[0] : nullptr;
+  if (!first || !first->GetBuffer() || first->GetDepth() != 32) {
+    QWARN("DTexture3D::FromBitMaps", "DTexture3D:FromBitMaps(); no 32-bit slices (%s)",
+          NameOf(this));
+    return false;
+  }
+  const int w = first->GetWidth(), h = first->GetHeight();
+  const size_t sliceBytes = size_t(w) * size_t(h) * 4;
+  for (int i = 0; i < count; ++i) {
+    const QBitMap* b = slices[i];
+    if (!b || !b->GetBuffer() || b->GetDepth() != 32 || b->GetWidth() != w ||
+        b->GetHeight() != h || size_t(b->GetSize()) < sliceBytes) {
+      QWARN("DTexture3D::FromBitMaps", "DTexture3D:FromBitMaps(); slice %d is not %dx%d (%s)", i,
+            w, h, NameOf(this));
+      return false;
+    }
+  }
+  if (id_ && (w != width_ || h != height_ || count != depth_)) {
+    QWARN("DTexture3D::FromBitMaps", "DTexture3D:FromBitMaps(); %dx%dx%d doesn't fit %dx%dx%d (%s)",
+          w, h, count, width_, height_, depth_, NameOf(this));
+    return false;
+  }
+  uint8_t* volume = static_cast<uint8_t*>(qmalloc(sliceBytes * size_t(count)));
+  if (!volume) {
+    QWARN("DTexture3D::FromBitMaps", "DTexture3D:FromBitMaps(); out of memory (%s)",
+          NameOf(this));
+    return false;
+  }
+  for (int i = 0; i < count; ++i) memcpy(volume + sliceBytes * size_t(i), slices[i]->GetBuffer(),
+                                         sliceBytes);
+  if (!id_) {
+    SetSize(w, h);
+    depth_ = count;
+    if (!CreateTexture()) {
+      qfree(volume);
+      return false;
+    }
+  } else {
+    Select();
+  }
+  glPixelStorei(GL_UNPACK_ROW_LENGTH, 0);
+  glPixelStorei(GL_UNPACK_SKIP_ROWS, 0);
+  glPixelStorei(GL_UNPACK_SKIP_PIXELS, 0);
+  glPixelStorei(GL_UNPACK_IMAGE_HEIGHT, 0);
+  glPixelStorei(GL_UNPACK_SKIP_IMAGES, 0);
+  glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
+  glTexImage3D(target_, 0, GLint(internalFormat_), width_, height_, depth_, 0, GL_RGBA,
+               GL_UNSIGNED_BYTE, volume);
+  qfree(volume);
+  return DGlobal::CheckGLErrors("DTexture3D:FromBitMaps()") == 0;
 }

@@ -135,8 +135,42 @@ class DBitMapTexture : public DTexture {
   int32_t bitmapHeight_ = 0;
 };
 
+// A texture the program draws into: its pixels come from what was rendered, copied out of the
+// current read buffer (normally the window's back buffer). Not used by the slideshow.
+class DDrawableTexture : public DTexture {
+ public:
+  // Sized now, created by the first copy; mipmaps off (a rendered picture changes too often).
+  DDrawableTexture(int width, int height, const char* name = nullptr);
+  const char* ClassName() const override { return "DDrawableTexture"; }
+
+  // Copies the texture's size of pixels from the read buffer, lower-left corner at window
+  // pixel (x, y counted from the bottom), creating the texture on first use. False while OpenGL
+  // is unavailable or without a context; GL errors are reported under
+  // "DDrawableTexture:CopyFromScreen()" and answer false.
+  bool CopyFromScreen(int x, int y);
+};
+
+// A volume texture (GL_TEXTURE_3D): equally sized slices stacked in depth. Not used by the
+// slideshow.
+class DTexture3D : public DTexture {
+ public:
+  explicit DTexture3D(const char* name = nullptr);
+  const char* ClassName() const override { return "DTexture3D"; }
+
+  // Uploads `count` 32-bit bitmaps of one size as slices 0 .. count - 1 (borrowed), creating
+  // the texture on first use. False, with a warning, for no slices or slices of another depth
+  // or size than the first; false while OpenGL is unavailable. GL errors are reported under
+  // "DTexture3D:FromBitMaps()".
+  bool FromBitMaps(QBitMap* const* slices, int count);
+  int GetDepth() const { return depth_; }
+
+ private:
+  int32_t depth_ = 0;
+};
+
 // The name table: a negative id is reported as "Bad id '%d' passed"; ids 0 .. 199 keep up to
-// 199 characters, larger ones are ignored.
+// 200 characters, larger ones are ignored. A bitmap texture named before creation enters at most
+// 199 of them.
 void DTextureSetLastKnownTextureName(int id, const char* name);
 // "<bad_texture_id>" for a negative id (reported), the stored name for 0 .. 200 (200 is always
 // empty: the bound is one higher than the setter's on purpose), "<texture_id_N_too_high>"

@@ -15,10 +15,11 @@
 
 namespace {
 
-// Bytes for a bitmap of this geometry, or -1 when a size is not positive or the block would not
-// fit the 32-bit size field.
+// Bytes for a bitmap of this geometry, or -1 when a size is negative or the block would not
+// fit the 32-bit size field. A zero size gives 0.
 int64_t BlockBytes(int depth, int width, int height) {
-  if (depth <= 0 || width <= 0 || height <= 0) return -1;
+  if (depth < 0 || width < 0 || height < 0) return -1;
+  if (depth == 0 || width == 0 || height == 0) return 0;
   const int64_t bpp = (int64_t(depth) + 7) / 8;
   const int64_t row = bpp * width;
   if (row > INT_MAX / height) return -1;
@@ -142,9 +143,10 @@ bool QBitMap::Alloc(int depth, int width, int height, int flags, void* pixels) {
   Free();
   const int64_t bytes = BlockBytes(depth, width, height);
   uint8_t* block = nullptr;
-  if (bytes > 0)
-    block = pixels ? static_cast<uint8_t*>(pixels)
-                   : static_cast<uint8_t*>(qmalloc(size_t(bytes)));
+  if (pixels && bytes >= 0)
+    block = static_cast<uint8_t*>(pixels);  // somebody else's block, even for an empty picture
+  else if (bytes > 0)
+    block = static_cast<uint8_t*>(qmalloc(size_t(bytes)));
   if (!block) {
     QWARN("QBitMap::Alloc", "QBitMap::Alloc() failed on %dx%d, depth %d, flags %d\n", width,
           height, depth, flags);

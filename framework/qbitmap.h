@@ -47,9 +47,10 @@ class QBitMap : public QDrawable {
   uint8_t* GetAddress(int x, int y) const;
 
   // ---- Allocation (qbitmap.cpp) ----
-  // Replaces the pixels. With `pixels` the block is taken as is (EXTERNAL set, never freed).
-  // False, with a warning naming the geometry, when a size is not positive, width x height x
-  // bytes overflows, or memory runs out; the bitmap is then empty. New pixels are not cleared.
+  // Replaces the pixels. With `pixels` the block is taken as is (EXTERNAL set, never freed),
+  // zero sizes included (an empty picture over somebody's block). False, with a warning naming
+  // the geometry, when a size is negative, or zero without `pixels`, when width x height x bytes
+  // overflows, or memory runs out; the bitmap is then empty. New pixels are not cleared.
   bool Alloc(int depth, int width, int height, int flags = 0, void* pixels = nullptr);
   // Releases owned pixels and empties the bitmap. Cannot fail.
   void Free();
@@ -85,7 +86,8 @@ class QBitMap : public QDrawable {
   // Grey with the weights 0.21, 0.71, 0.08, truncated (white becomes 254). Alpha untouched.
   void MakeGray();
   // Lifts red, green and blue to `floor` where the luminance is below it; mode 0 touches pixels
-  // with alpha >= 254, other modes every pixel with a non-zero alpha.
+  // with alpha >= 254, other modes every pixel with a non-zero alpha. The floor is compared
+  // unsigned and stored as a byte: -1 makes every qualifying pixel white, 300 stores 44.
   void Lut(int floor, int mode);
   // Fills the top-down rect (null: all) with the colour, keeping alpha when asked. A negative x
   // or y is set to 0 with an error and the extent is then not cut (the fill runs on in memory

@@ -114,11 +114,14 @@ void QBitMap::MakeGray() {
 
 void QBitMap::Lut(int floor, int mode) {
   QDBG("QBitMap::Lut", "QBitMap:Lut(%d)\n", floor);
-  const uint8_t lifted = Clamp255(floor);
+  // Unsigned comparison and a plain byte store: a negative floor lifts every qualifying pixel
+  // and a floor above 255 stores its low byte. Kept so that existing tables look the same.
+  const unsigned limit = unsigned(floor);
+  const uint8_t lifted = uint8_t(floor);
   uint8_t* p = pixels_;
   for (int64_t n = Pixels32(); n > 0; --n, p += 4) {
     const bool qualifies = mode == 0 ? p[3] >= 254 : p[3] != 0;
-    if (qualifies && int64_t(Luma(p[0], p[1], p[2])) < floor) p[0] = p[1] = p[2] = lifted;
+    if (qualifies && Luma(p[0], p[1], p[2]) < limit) p[0] = p[1] = p[2] = lifted;
   }
 }
 

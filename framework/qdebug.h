@@ -21,15 +21,17 @@ void qdbgSetFlags(int flags);
 int qdbgGetLevel();
 void qdbgSetLevel(int level);
 
-// Reads the "dev." keys of the configuration (debug level, run-first command, port offset,
-// fake packet drops, udp_out, log_last, strict, opengl_checks, argument_tracing, qdbg_to_qlog).
+// Reads the "dev." keys of the configuration: first the run-first command, run before anything
+// else is read or set, then debug level, port offset, fake packet drops, udp_out, log_last,
+// strict, opengl_checks, argument_tracing, qdbg_to_qlog.
 void qdbg_setup(QIni* ini);
 // True when "dev.strict" was set: configuration readers give their extra advice.
 bool qdbgStrict();
 void qdbgSetStrict(bool on);
 
-// Set by the network layer: answers false when the network manager is not initialised; else
-// opens the "udp_out" socket with the given description.
+// Set by the network layer: opens the "udp_out" socket with the given description, or answers
+// false after logging which step failed (name lookup, socket). Without an opener (no network
+// layer) qdbg_setup reports that the NetworkManager is not initialized.
 void qdbgSetUdpOutOpener(bool (*open)(const char* description));
 // Set by the network layer: port offset and simulated packet drops from "dev." keys.
 void qdbgSetNetworkTuning(void (*portOffset)(int), void (*packetDrops)(int));

@@ -20,14 +20,15 @@ void qdbgSetNetworkTuning(void (*portOffset)(int), void (*packetDrops)(int)) {
 
 void qdbg_setup(QIni* ini) {
   if (!ini) return;
-  qdbgSetLevel(ini->GetInt("dev.debug_level", 1));
-
+  // Before anything else, so that the command can prepare what the other switches use.
   qstring runFirst;
   ini->GetString("dev.run_first", &runFirst, "");
   if (!runFirst.IsEmpty()) {
     int rc = system(runFirst.cstr());
     QDBG("qdbg_setup", "dev.run_first '%s' returned %d", runFirst.cstr(), rc);
   }
+
+  qdbgSetLevel(ini->GetInt("dev.debug_level", 1));
 
   int offset = ini->GetInt("dev.port_offset", 0);
   if (offset >= 1 && g_portOffset) g_portOffset(offset);
@@ -46,10 +47,14 @@ void qdbg_setup(QIni* ini) {
       int port = atoi(udpOut.cstr() + colon + 1);
       qstring description;
       description.Format("type=udp,from=0.0.0.0:0,to=%s:%d", host.cstr(), port);
-      if (!g_udpOutOpener || !g_udpOutOpener(description.cstr()))
+      // An opener that fails has said why (name lookup, socket); only a missing network
+      // layer is reported here.
+      if (!g_udpOutOpener)
         QERR("qdbg_setup",
              "qdbg will not work.\nCannot open udp_out socket as the NetworkManager is not "
              "initialized.\nPlease ask a developer to fix the application.");
+      else
+        g_udpOutOpener(description.cstr());
     }
   }
 

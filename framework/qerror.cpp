@@ -7,12 +7,30 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "framework/qapp.h"
+#include "framework/qlanguage.h"
 #include "framework/qmessage.h"
 #include "framework/qstring.h"
 
 namespace {
 SDL_Window* g_owner = nullptr;
+
+// Button words from the application's language table when one is loaded.
+const char* Word(const char* key, const char* def) {
+  QApp* app = QGetApp();
+  QLanguage* language = app ? app->GetLanguage() : nullptr;
+  return language ? language->GetString(key, def) : def;
 }
+
+// No box can be shown (no X or Wayland display, as on a KMS/DRM kiosk, or SDL refused): the
+// title and text still reach standard error and the log, and the caller goes on as if the box
+// had been dismissed.
+bool NotShown(const char* caption, const char* text) {
+  qlogwrite(QLOG_NOTE, nullptr, "Message box '%s' could not be shown: %s", caption ? caption : "",
+            text ? text : "");
+  return false;
+}
+}  // namespace
 
 void qSetMessageBoxOwner(void* sdlWindow) { g_owner = static_cast<SDL_Window*>(sdlWindow); }
 
@@ -20,16 +38,16 @@ bool qShowMessageBox(const char* caption, const char* text, QMessageBoxKind kind
   const char* off = getenv("GLIMRA_NO_MESSAGEBOX");
   if (off && *off && strcmp(off, "0") != 0) return false;
   // Without any display SDL would still try to connect; failing fast is the documented path.
-  if (!getenv("DISPLAY") && !getenv("WAYLAND_DISPLAY")) return false;
+  if (!getenv("DISPLAY") && !getenv("WAYLAND_DISPLAY")) return NotShown(caption, text);
   SDL_MessageBoxButtonData buttons[2];
   int nbuttons = 0;
   if (kind == QMB_YESNO_QUESTION) {
-    buttons[0] = {SDL_MESSAGEBOX_BUTTON_RETURNKEY_DEFAULT, 1, "Yes"};
-    buttons[1] = {SDL_MESSAGEBOX_BUTTON_ESCAPEKEY_DEFAULT, 0, "No"};
+    buttons[0] = {SDL_MESSAGEBOX_BUTTON_RETURNKEY_DEFAULT, 1, Word("misc.yes", "Yes")};
+    buttons[1] = {SDL_MESSAGEBOX_BUTTON_ESCAPEKEY_DEFAULT, 0, Word("misc.no", "No")};
     nbuttons = 2;
   } else {
     buttons[0] = {SDL_MESSAGEBOX_BUTTON_RETURNKEY_DEFAULT | SDL_MESSAGEBOX_BUTTON_ESCAPEKEY_DEFAULT,
-                  1, "OK"};
+                  1, Word("misc.ok", "OK")};
     nbuttons = 1;
   }
   SDL_MessageBoxData data{};
@@ -40,7 +58,7 @@ bool qShowMessageBox(const char* caption, const char* text, QMessageBoxKind kind
   data.numbuttons = nbuttons;
   data.buttons = buttons;
   int hit = -1;
-  if (SDL_ShowMessageBox(&data, &hit) != 0) return false;
+  if (SDL_ShowMessageBox(&data, &hit) != 0) return NotShown(caption, text);
   return hit == 1;
 }
 

@@ -1,8 +1,11 @@
 // Message boxes, the deliberate crash and the call-stack text: the platform side of error
 // reporting. Boxes go through SDL, which can show them before (and without) its video start.
 // Without a display a box fails at once and the caller goes on as if it had been answered
-// "no"/dismissed. The environment variable GLIMRA_NO_MESSAGEBOX=1 makes every box fail that way
-// (tests and unattended runs that must never wait for a click).
+// "no"/dismissed; its title and text are then written to standard error and the log (as a note),
+// so that a fatal error on a kiosk without X or Wayland still leaves its reason. Button words come
+// from the application's language table ("misc.yes", "misc.no", "misc.ok") when one is loaded.
+// The environment variable GLIMRA_NO_MESSAGEBOX=1 makes every box fail silently that way (tests
+// and unattended runs that must never wait for a click).
 #pragma once
 
 class qstring;

@@ -11,21 +11,19 @@ namespace {
 
 // The TIFF header sits 6 bytes into the APP1 payload; file offsets count from there.
 constexpr size_t kTiffStart = 6;
-// Size of the TIFF header ("II"/"MM", 42, IFD0 offset): no IFD may start inside it.
-constexpr size_t kTiffHeader = 8;
 constexpr uint8_t kInvalidFormat = 255;
 
 enum Format : uint16_t {
   BYTE = 1, ASCII = 2, SHORT = 3, LONG = 4, RATIONAL = 5, UNDEFINED = 7, SLONG = 9, SRATIONAL = 10
 };
 
-// Bytes per component; 0 for a format that carries no decoded value.
+// Bytes per component; 0 for a format that is not decoded.
 size_t ComponentSize(uint16_t format) {
   switch (format) {
     case BYTE: case ASCII: return 1;
     case SHORT: return 2;
     case LONG: return 4;
-    case RATIONAL: case SRATIONAL: return 8;
+    case RATIONAL: return 8;
     default: return 0;
   }
 }
@@ -46,7 +44,8 @@ struct Segment {
   }
 };
 
-// One 12-byte directory entry. `hasValue` is set only when every component lies in the segment.
+// One 12-byte directory entry. `hasValue` is set only for a decoded format whose components all
+// lie in the segment; UNDEFINED, SLONG and SRATIONAL are accepted but carry no decoded value.
 struct Entry {
   uint16_t tag = 0;
   uint16_t format = 0;
@@ -63,7 +62,7 @@ Entry DecodeEntry(const Segment& s, size_t at) {
   e.format = s.U16(at + 2);
   e.count = s.U32(at + 4);
   e.raw = s.U32(at + 8);
-  if (e.format == UNDEFINED || e.format == SLONG) return e;
+  if (e.format == UNDEFINED || e.format == SLONG || e.format == SRATIONAL) return e;
   size_t unit = ComponentSize(e.format);
   if (unit == 0) {
     e.format = kInvalidFormat;
@@ -82,8 +81,9 @@ bool IsShort(const Entry& e) { return e.format == SHORT && e.hasValue && e.count
 bool IsUnsigned(const Entry& e) {
   return (e.format == SHORT || e.format == LONG) && e.hasValue && e.count >= 1;
 }
+// A signed rational is taken too, but as it carries no decoded value it reads as 0.
 bool IsRational(const Entry& e, uint32_t minCount = 1) {
-  return (e.format == RATIONAL || e.format == SRATIONAL) && e.hasValue && e.count >= minCount;
+  return ((e.format == RATIONAL && e.hasValue) || e.format == SRATIONAL) && e.count >= minCount;
 }
 
 // Component i of a SHORT, LONG or BYTE entry; i < count.
@@ -94,13 +94,12 @@ uint32_t UnsignedAt(const Segment& s, const Entry& e, uint32_t i) {
   return s.data[at];
 }
 
-// Component i of a rational entry; a zero denominator reads as 0 rather than infinity.
+// Component i of a rational entry; a zero denominator, or no decoded value, reads as 0.
 double RationalAt(const Segment& s, const Entry& e, uint32_t i) {
+  if (!e.hasValue) return 0;
   size_t at = e.valueAt + static_cast<size_t>(i) * 8;
   uint32_t num = s.U32(at), den = s.U32(at + 4);
   if (den == 0) return 0;
-  if (e.format == SRATIONAL)
-    return static_cast<double>(static_cast<int32_t>(num)) / static_cast<int32_t>(den);
   return static_cast<double>(num) / den;
 }
 
@@ -112,9 +111,10 @@ void TakeText(const Segment& s, const Entry& e, qstring* out) {
   *out = std::string(p, n).c_str();
 }
 
-// Where an IFD's entries begin, or 0 when the directory does not fit the segment.
+// Where an IFD's entries begin, or 0 when the directory does not fit the segment. A directory
+// overlapping the TIFF header is read like any other: only the bounds matter. `pos` is at least
+// kTiffStart, so 0 never names a directory.
 size_t CheckIfd(const Segment& s, uint64_t pos) {
-  if (pos < kTiffStart + kTiffHeader) return 0;
   if (pos >= s.length || pos + 2 > s.length) return 0;
   uint64_t n = s.U16(static_cast<size_t>(pos));
   if (n * 12 + 6 + pos > s.length) return 0;
@@ -196,7 +196,7 @@ void TakeCoordinate(const Segment& s, const Entry& e, QExif::GeoCoordinate* c) {
 }
 
 void TakeGpsEntry(const Segment& s, const Entry& e, QExif::GeoLocation* g, GpsParts* parts) {
-  bool dms = (e.format == RATIONAL || e.format == SRATIONAL) && e.hasValue && e.count == 3;
+  bool dms = IsRational(e) && e.count == 3;
   switch (e.tag) {
     case 1: if (IsText(e) && e.count >= 1) g->latComponents.direction = FirstChar(s, e); break;
     case 2: if (dms) { TakeCoordinate(s, e, &g->latComponents); parts->hasLat = true; } break;
@@ -292,15 +292,15 @@ int32_t QExif::ReadExifSegment(const uint8_t* data, size_t length) {
   Links links;
   ForEachEntry(s, ifd0, [&](const Entry& e) { TakeMainEntry(s, e, this, &links); });
 
-  // A pointer back to a directory already read would only repeat it.
-  size_t exifIfd = 0;
-  if (links.exifIfd && links.exifIfd != ifd0) {
-    exifIfd = CheckIfd(s, links.exifIfd);
+  // Each pointer is followed wherever it leads, IFD0 included; nothing is followed from the
+  // sub-directories, so no directory is read more than three times.
+  if (links.exifIfd) {
+    size_t exifIfd = CheckIfd(s, links.exifIfd);
     if (!exifIfd) return CORRUPT;
     ForEachEntry(s, exifIfd, [&](const Entry& e) { TakeCameraEntry(s, e, this); });
   }
 
-  if (links.gpsIfd && links.gpsIfd != ifd0 && links.gpsIfd != exifIfd) {
+  if (links.gpsIfd) {
     size_t gps = CheckIfd(s, links.gpsIfd);
     if (!gps) return CORRUPT;
     GpsParts parts;

@@ -6,13 +6,16 @@
 // later keeps the fields read so far. Nothing is logged: the caller reports the code.
 //
 // The reader never trusts the file. Offsets and counts are checked before each read; an entry
-// whose value lies outside the segment is ignored, an IFD that starts inside the TIFF header or
-// runs past the segment answers 1985, and each IFD is read at most once (a sub-IFD pointer that
-// leads back to an IFD already read is ignored). No memory is allocated for values except the
-// string fields' own copies. Text values lose a final zero byte; a text stops at its first zero.
+// whose value lies outside the segment is ignored, and an IFD that runs past the segment answers
+// 1985 (one that overlaps the TIFF header is read as it stands). The EXIF and GPS pointers are
+// followed wherever they lead, back to IFD0 or to each other included; nothing is followed from
+// those two. No memory is allocated for values except the string fields' own copies. Text values
+// lose a final zero byte; a text stops at its first zero.
 //
-// Decoded forms: rationals become doubles (numerator / denominator, 0 when the denominator is 0);
-// signed rationals are decoded as signed. GPS latitude and longitude are kept as degrees,
+// Decoded forms: rationals become doubles (numerator / denominator, 0 when the denominator is 0).
+// Formats 7 (undefined), 9 (signed long) and 10 (signed rational) are accepted but carry no
+// decoded value: a rational field given a signed rational (as writers store the exposure bias)
+// takes it as 0. GPS latitude and longitude are kept as degrees,
 // minutes and seconds together with the reference letter, and combined into signed decimal
 // degrees (south and west negative). The altitude is in metres, negative when its reference byte
 // says below sea level.

@@ -113,9 +113,9 @@ QFile::QFile(const char* fileName, int mode) : QObject(fileName) {
 QFile::QFile(FILE* fp, int mode) {
   mode_ = static_cast<uint8_t>(mode & 0xFF);
   if (mode & MEMORY) QWARN("QFile::QFile", "QFile: can't use memory mapping with 'fp' takeover");
+  // Not counted here: the stream was counted when qfopen opened it, and the destructor's
+  // qfclose takes it off once.
   fp_ = fp;
-  // The destructor closes through qfclose, so the taken-over stream joins the count.
-  if (fp_) ++g_openFiles;
 }
 
 QFile::QFile(void* memory, int size, int mode, bool takeOwnership) {

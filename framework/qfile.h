@@ -47,8 +47,8 @@ class QFile : public QObject {
   // MEMORY with READ_TEXT is refused with an error (the file stays a text stream); MEMORY with
   // another mode than READ warns and keeps the stream; a failed allocation warns likewise.
   QFile(const char* fileName, int mode);
-  // Takes over an open stream (closed with qfclose, and counted as opened). MEMORY is refused
-  // with a warning.
+  // Takes over a stream opened with qfopen (closed with qfclose, which takes it off the count
+  // qfopen put it on). MEMORY is refused with a warning.
   QFile(FILE* fp, int mode);
   // Reads (mode READ) or writes (mode WRITE) a caller's block of `size` bytes. With
   // takeOwnership the block (from qmalloc) is released with qfree on destruction.

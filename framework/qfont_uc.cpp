@@ -110,6 +110,38 @@ std::vector<GLubyte> FlipMono(const FT_Bitmap& bm) {
   return out;
 }
 
+// A rendered glyph as glBitmap takes it.
+struct MonoGlyph {
+  std::vector<GLubyte> bits;  // empty for a glyph without ink (a space)
+  int width = 0, rows = 0, left = 0, top = 0;
+  float advance = 0;
+};
+
+// Renders the glyph loaded into the face's slot; false when the load failed.
+bool Render(FT_Face face, FT_Error loaded, MonoGlyph* out) {
+  if (loaded) return false;
+  const FT_GlyphSlot g = face->glyph;
+  const FT_Bitmap& bm = g->bitmap;
+  out->bits.clear();
+  if (bm.pixel_mode == FT_PIXEL_MODE_MONO && bm.buffer) out->bits = FlipMono(bm);
+  out->width = int(bm.width);
+  out->rows = int(bm.rows);
+  out->left = g->bitmap_left;
+  out->top = g->bitmap_top;
+  out->advance = float(g->advance.x) / 64.0f;
+  return true;
+}
+
+void Compile(uint32_t list, const MonoGlyph& gl) {
+  const bool empty = gl.bits.empty();
+  glNewList(list, GL_COMPILE);
+  glBitmap(empty ? 0 : GLsizei(gl.width), empty ? 0 : GLsizei(gl.rows), GLfloat(-gl.left),
+           GLfloat(gl.rows - gl.top), gl.advance, 0.0f, empty ? nullptr : gl.bits.data());
+  glEndList();
+}
+
+constexpr FT_Int32 kMonoLoad = FT_LOAD_RENDER | FT_LOAD_TARGET_MONO | FT_LOAD_MONOCHROME;
+
 // One builder: the shared face, its lists, and the codes it fills.
 struct Block {
   uint32_t first;
@@ -225,34 +257,41 @@ int QFUC_FillLists(QFontFace* f, uint32_t first, int count, uint32_t listBase, i
   glPixelStorei(GL_UNPACK_LSB_FIRST, GL_FALSE);
   int filled = 0;
   const uint32_t end = first + uint32_t(count);
-  // Walking the face's own map skips the unmapped bulk of a large block at no cost.
-  FT_UInt gindex = 0;
-  uint32_t code = first;
-  if (mappedOnly) {
-    FT_ULong c = FT_Get_First_Char(f->face, &gindex);
-    while (gindex && c < first) c = FT_Get_Next_Char(f->face, c, &gindex);
-    code = gindex ? uint32_t(c) : end;
-  }
-  while (code < end) {
-    if (FT_Load_Char(f->face, code, FT_LOAD_RENDER | FT_LOAD_TARGET_MONO | FT_LOAD_MONOCHROME) ==
-        0) {
-      const FT_GlyphSlot g = f->face->glyph;
-      const FT_Bitmap& bm = g->bitmap;
-      std::vector<GLubyte> bits;
-      if (bm.pixel_mode == FT_PIXEL_MODE_MONO && bm.buffer) bits = FlipMono(bm);
-      const bool empty = bits.empty();
-      glNewList(listBase + uint32_t(offset) + (code - first), GL_COMPILE);
-      glBitmap(empty ? 0 : GLsizei(bm.width), empty ? 0 : GLsizei(bm.rows),
-               GLfloat(-g->bitmap_left), GLfloat(int(bm.rows) - g->bitmap_top),
-               GLfloat(g->advance.x) / 64.0f, 0.0f, empty ? nullptr : bits.data());
-      glEndList();
+  MonoGlyph glyph;
+  if (!mappedOnly) {
+    for (uint32_t code = first; code < end; ++code) {
+      // A code the face lacks loads glyph 0, its missing-glyph box.
+      if (!Render(f->face, FT_Load_Char(f->face, code, kMonoLoad), &glyph)) continue;
+      Compile(listBase + uint32_t(offset) + (code - first), glyph);
       ++filled;
     }
-    if (!mappedOnly) {
-      ++code;
-    } else {
-      FT_ULong c = FT_Get_Next_Char(f->face, code, &gindex);
-      code = gindex ? uint32_t(c) : end;
+  } else {
+    // Walking the face's own map renders only the codes it has. The unmapped bulk of a large
+    // block shows the missing-glyph box: rendered once into the first unmapped code's list,
+    // which the other unmapped lists call.
+    MonoGlyph missing;
+    const bool haveMissing = Render(f->face, FT_Load_Glyph(f->face, 0, kMonoLoad), &missing);
+    uint32_t boxList = 0;
+    FT_UInt gindex = 0;
+    FT_ULong next = FT_Get_First_Char(f->face, &gindex);
+    while (gindex && next < first) next = FT_Get_Next_Char(f->face, next, &gindex);
+    for (uint32_t code = first; code < end; ++code) {
+      const uint32_t list = listBase + uint32_t(offset) + (code - first);
+      const bool mapped = gindex && next == code;
+      if (mapped) next = FT_Get_Next_Char(f->face, next, &gindex);
+      if (mapped && Render(f->face, FT_Load_Char(f->face, code, kMonoLoad), &glyph)) {
+        Compile(list, glyph);
+      } else if (boxList) {
+        glNewList(list, GL_COMPILE);
+        glCallList(boxList);
+        glEndList();
+      } else if (haveMissing) {
+        Compile(list, missing);
+        boxList = list;
+      } else {
+        continue;
+      }
+      ++filled;
     }
   }
   glPopClientAttrib();

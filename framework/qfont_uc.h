@@ -51,9 +51,11 @@ bool QFUC_HaveContext();
 uint32_t QFUC_GenLists(int n);
 // Deletes lists made by QFUC_GenLists when a context is current; otherwise nothing.
 void QFUC_DeleteLists(uint32_t base, int n);
-// Compiles codes first .. first + count - 1 into lists listBase + offset onwards. With
-// `mappedOnly`, codes the face has no glyph for are left empty. Answers the lists compiled (0
-// without face, base or context).
+// Compiles codes first .. first + count - 1 into lists listBase + offset onwards; a code the
+// face has no glyph for draws the face's missing-glyph box. With `mappedOnly` only the codes the
+// face maps are rendered; the box is rendered once into the first unmapped code's list and the
+// other unmapped lists call that one. Answers the lists compiled (0 without face, base or
+// context).
 int QFUC_FillLists(QFontFace* f, uint32_t first, int count, uint32_t listBase, int offset,
                    bool mappedOnly = false);
 
@@ -68,8 +70,9 @@ uint32_t QFUC_GenArabicList(const char* face, int height, int weight);
 uint32_t QFUC_GenCyrillicGreekList(const char* face, int height, int weight);
 // 2 lists: codes 8363-8364.
 uint32_t QFUC_GenEuroList(const char* face, int height, int weight);
-// 65535 list names for codes 0-65534; only the codes the face maps are compiled, so start-up
-// stays short.
+// 65535 lists for codes 0-65534; only the codes the face maps are rendered, the others call
+// the missing-glyph box rendered once (about a second on Mesa's software renderer, most of it
+// spent making the lists).
 uint32_t QFUC_GenFullList(const char* face, int height, int weight);
 // Lists each builder generates (the list count to delete).
 constexpr int QFUC_DEFAULT_LISTS = 256;

@@ -49,7 +49,8 @@ bool QImage::ReadBMP(const char* name) {
   if (!supported) {
     QWARN("QImage::ReadBMP", "QImage:ReadBMP(%s); unsupported #bits (%d) or compression (%d)",
           name, bits, int(compression));
-    return true;  // deliberately: the pixels stay unset
+    memset(pixels_, 0, size_t(size_));  // nothing decoded: black, not old heap contents
+    return true;  // deliberately: the picture stays empty but the read succeeds
   }
 
   // Read into the pixel block itself, then widen in place from the last pixel backwards so that

@@ -182,8 +182,7 @@ bool QLanguage::ReadTaggedASCII(QFile* file) {
     if (!eq) continue;
     const char* keyEnd = eq;
     const char* value = eq + 1;
-    Trim(begin, keyEnd);
-    Trim(value, end);
+    Trim(begin, keyEnd);  // as an INI value: blanks after "=" stay, the line's end is trimmed
     std::string key(begin, keyEnd);
     std::string text(value, end);
     Store(key.c_str(), text.c_str(), nullptr);
@@ -204,8 +203,7 @@ bool QLanguage::ReadTaggedUC(QFile* file) {
     if (eq == end) continue;
     const uint16_t* keyEnd = eq;
     const uint16_t* value = eq + 1;
-    Trim(begin, keyEnd);
-    Trim(value, end);
+    Trim(begin, keyEnd);  // the value keeps its leading blanks, as above
     std::vector<char> key = Narrow(begin, keyEnd);
     std::vector<char> text = Narrow(value, end);
     std::vector<uint16_t> wide(value, end);

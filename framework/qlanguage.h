@@ -3,11 +3,12 @@
 // A table of up to 1000 strings read from a language file of one of three types: 1 simple (one
 // string per line, the line number from 0 is the index), 2 tree (a file of the framework's INI
 // kind: every key with a value, by its dotted path), 3 tagged ("key=value" lines, 8-bit, or
-// 16-bit little-endian when the file begins with a byte-order mark). A missing key is asked of
-// the parent language (borrowed, may be null), then answered with the caller's default, then
-// with "?key?" in a process-wide buffer that the next miss overwrites. Every entry keeps an 8-bit
-// text (16-bit text narrowed to Latin-1, '?' beyond it) and a 16-bit text. A missing file leaves
-// the table empty. Not thread-safe.
+// 16-bit little-endian when the file begins with a byte-order mark; each line is trimmed, the key
+// too, but the value keeps the blanks after "=", as configuration values do). A missing key is
+// asked of the parent language (borrowed, may be null), then answered with the caller's default,
+// then with "?key?" in a process-wide buffer that the next miss overwrites. Every entry keeps an
+// 8-bit text (16-bit text narrowed to Latin-1, '?' beyond it) and a 16-bit text. A missing file
+// leaves the table empty. Not thread-safe.
 #pragma once
 
 #include <cstdint>

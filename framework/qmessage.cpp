@@ -178,6 +178,13 @@ void LogFatal(const char* fmt, va_list ap) {
   qlogwrite(QLOG_FATAL | QLOG_BOX, nullptr, "%s", text);
 }
 
+// Standard error gets the text on a line of its own, without a second line end.
+void PrintLine(const char* text) {
+  const size_t n = strlen(text);
+  fputs(text, stderr);
+  if (n == 0 || text[n - 1] != '\n') fputc('\n', stderr);
+}
+
 void DefaultDbg(const char* /*header*/, const char* text) {
   fprintf(stderr, "%s", text);
   if (qdbgGetFlags() & QDEBUG_QDBG_TO_QLOG) {
@@ -189,7 +196,7 @@ void DefaultDbg(const char* /*header*/, const char* text) {
 }
 
 void DefaultWarn(const char* header, const char* text) {
-  fprintf(stderr, "%s\n", text);
+  PrintLine(text);
   if (qlogGetMask() & QLOGMASK_WARN) qlogwrite(QLOG_WARN | QLOG_ONSTDERR, header, "%s", text);
   if (qtraceIsOpen() && (qtraceGetFlags() & QTRACE_WARNINGS)) {
     qtracePrint(text);
@@ -213,7 +220,7 @@ void DefaultErrBox(const char* header, const char* text) {
 }
 
 void DefaultMessage(const char* /*header*/, const char* text) {
-  fprintf(stderr, "%s\n", text);
+  PrintLine(text);
   if (qlogGetMask() & QLOGMASK_MESSAGE) qlogwrite(QLOG_INFO | QLOG_ONSTDERR, nullptr, "%s", text);
   UdpSend(text);
 }
@@ -341,6 +348,7 @@ void qlogwritev(int code, const char* header, const char* fmt, va_list ap) {
   char stamp[80];
   TimeStamp(stamp, sizeof(stamp));
   FILE* f = fopen(w.fileName.c_str(), "a");
+  const bool logged = f != nullptr;
   if (!f) {
     char why[256];
     snprintf(why, sizeof(why), "[%s/%d] Can't open log file (QLOG)", AppName(),
@@ -361,7 +369,9 @@ void qlogwritev(int code, const char* header, const char* fmt, va_list ap) {
     }
   }
 
-  if (w.second && (code & (QLOG_ERR | QLOG_WARN | QLOG_CRIT | QLOG_FATAL | QLOG_SECOND))) {
+  // A line the log file did not get does not go to the second file either.
+  const int secondCodes = QLOG_ERR | QLOG_WARN | QLOG_CRIT | QLOG_FATAL | QLOG_SECOND;
+  if (logged && w.second && (code & secondCodes)) {
     if (header)
       fprintf(w.second, "%s (%s): %s [%s]\n", stamp, level, text, header);
     else

@@ -20,10 +20,11 @@ QMutex::QMutex(const char* name, int type, bool initiallyOwned) : type_(type), n
         QWARN("QMutex::QMutex", "QMutex: can't create mutex");
         break;
       }
+      // Held at once but not counted: the lock count only follows Lock and Unlock, so the
+      // matching Unlock reports "released more often than locked -1".
       if (initiallyOwned) {
         mutex_->lock();
         TookLock();
-        count_.fetch_add(1);
       }
       break;
     case NONE:

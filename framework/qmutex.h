@@ -5,7 +5,8 @@
 // succeeds. Both real kinds are recursive: the owning thread may lock again and must unlock as
 // often. The lock count goes +1 per successful Lock and -1 per Unlock (atomically, so IsLocked
 // may be asked from any thread); it counts locks, not owners, and for type 2 it is kept too.
-// Ownership given at construction counts as one lock.
+// Ownership given at construction holds the mutex without counting as a lock: IsLocked stays
+// false, and the Unlock that lets it go reports the count -1.
 #pragma once
 
 #include <atomic>

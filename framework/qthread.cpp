@@ -6,6 +6,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -28,6 +29,11 @@ struct QThread::Shared {
   std::condition_variable cv;
   bool started = false;  // tid recorded
   bool open = false;     // start gate opened by Resume
+  // The running thread's own reference (heap, so that a killed thread's can be given back by
+  // Kill) and how the thread ended: by the kill signal, or by returning from its entry.
+  std::shared_ptr<Shared>* threadRef = nullptr;
+  std::atomic<bool> killed{false};
+  std::atomic<bool> finished{false};
 };
 
 namespace {
@@ -93,23 +99,47 @@ void OnTerminate(int) {
   _exit(0);
 }
 
+// Kill: the signal's handler ends the calling thread alone with the raw exit system call, so no
+// frame of the program is unwound (a forced unwind through a noexcept frame would abort the
+// whole process) and a thread busy without any cancellation point ends just the same.
+int KillSignal() { return SIGRTMIN + 4; }
+
+// The record of the thread running here, for the kill handler.
+thread_local QThread::Shared* t_shared = nullptr;
+
+void OnKill(int) {
+  if (QThread::Shared* shared = t_shared) shared->killed.store(true);
+  syscall(SYS_exit, 0);
+}
+
+bool InstallKillHandler() {
+  static const bool installed = [] {
+    struct sigaction sa;
+    memset(&sa, 0, sizeof(sa));
+    sa.sa_handler = OnKill;
+    sigfillset(&sa.sa_mask);
+    return sigaction(KillSignal(), &sa, nullptr) == 0;
+  }();
+  return installed;
+}
+
 void* StartRoutine(void* param) {
-  std::shared_ptr<QThread::Shared> shared;
-  {
-    auto* ref = static_cast<std::shared_ptr<QThread::Shared>*>(param);
-    shared = *ref;
-    delete ref;
-  }
+  auto* ref = static_cast<std::shared_ptr<QThread::Shared>*>(param);
+  QThread::Shared* shared = ref->get();
+  shared->threadRef = ref;
+  t_shared = shared;
   struct sigaction sa;
   memset(&sa, 0, sizeof(sa));
   sa.sa_handler = OnTerminate;
   sigemptyset(&sa.sa_mask);
   sigaction(SIGTERM, &sa, nullptr);
 
-  // A cancellation inside the condition wait would unwind through noexcept code: hold it off
-  // until the gate is open.
-  int oldState = 0;
-  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &oldState);
+  // A kill inside the condition wait could leave the gate's mutex held: hold it off until the
+  // gate is open.
+  sigset_t kill, old;
+  sigemptyset(&kill);
+  sigaddset(&kill, KillSignal());
+  pthread_sigmask(SIG_BLOCK, &kill, &old);
   {
     std::unique_lock<std::mutex> lock(shared->m);
     shared->tid.store(static_cast<uint32_t>(gettid()));
@@ -117,8 +147,15 @@ void* StartRoutine(void* param) {
     shared->cv.notify_all();
     shared->cv.wait(lock, [&] { return shared->open; });
   }
-  pthread_setcancelstate(oldState, nullptr);
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
   shared->func(shared->arg);
+  // From here a kill would only lose the reference: let it wait, and go (a pending kill signal
+  // goes with the thread).
+  pthread_sigmask(SIG_BLOCK, &kill, nullptr);
+  t_shared = nullptr;
+  shared->threadRef = nullptr;
+  shared->finished.store(true);
+  delete ref;
   return nullptr;
 }
 
@@ -237,9 +274,16 @@ bool QThread::Suspend() { return false; }
 bool QThread::Kill() {
   if (!handle_) return false;
   QINFO("QThread::Kill", "QThread:Kill handle %d\n", static_cast<int>(handle_));
-  if (pthread_cancel(PthreadOf(handle_)) != 0) {
+  if (!InstallKillHandler() || pthread_kill(PthreadOf(handle_), KillSignal()) != 0) {
     QWARN("QThread::Kill", "TerminateThread() threadHandle %d failed", static_cast<int>(handle_));
     return false;
+  }
+  // The killed thread's own reference to the record died with its stack: give it back for it.
+  for (int i = 0; i < 1000 && !shared_->killed.load() && !shared_->finished.load(); ++i)
+    qSleep(1);
+  if (shared_->killed.exchange(false)) {
+    delete shared_->threadRef;
+    shared_->threadRef = nullptr;
   }
   return true;
 }

@@ -8,8 +8,11 @@
 //
 // On Linux a thread cannot be suspended by another one. A thread is created held at a start
 // gate (the "suspended" state), and Resume opens that gate; Create resumes before it returns, so
-// a created thread always runs. Suspend does nothing. Kill cancels the thread at its next
-// cancellation point (sleeping, waiting, blocking I/O); a thread that never reaches one runs on.
+// a created thread always runs. Suspend does nothing. Kill ends the thread at once, wherever it
+// is, by a signal whose handler leaves through the thread-exit system call: nothing is unwound,
+// no destructor runs, and the process goes on. As with any hard kill, what the thread held stays
+// held (a lock, the log's mutex, a half-built allocation) and its stack is not given back, so
+// Kill is meant for a thread stuck in its own work.
 //
 // The first thread started installs a SIGTERM handler that ends the whole process with code 0,
 // and qthreadExit ends the whole process too: both are deliberate.
@@ -47,8 +50,8 @@ class QThread {
   bool Resume();
   // Not possible on this platform: does nothing and answers false.
   bool Suspend();
-  // Cancels the thread; false without a handle or after "TerminateThread() threadHandle %d
-  // failed".
+  // Ends the thread at once (see above); false without a handle or after "TerminateThread()
+  // threadHandle %d failed".
   bool Kill();
   // Always false: warns that it does not work, and without a handle that is the answer.
   bool IsRunning();

@@ -75,7 +75,8 @@ class QXWindow : public QWindow {
 
   SDL_Window* GetNativeWindow() const { return window_; }
   uint32_t GetNativeId() const { return nativeId_; }
-  // The pixel format number noted in "Pixfmt %d" (SDL's pixel format value of the window).
+  // The pixel format number noted in "Pixfmt %d": the driver's id of the context's framebuffer
+  // configuration (GLX FBConfig or EGL config), 0 when the driver does not tell.
   int GetPixelFormat() const { return pixfmt_; }
   // True when GL_RENDERER named a software rasteriser.
   bool IsSoftwareRendering() const { return software_; }

@@ -1,5 +1,6 @@
 // QXWindow: the OpenGL context, by the first method and by the old one.
 #include <SDL.h>
+#include <dlfcn.h>
 
 #include <GL/gl.h>
 
@@ -21,16 +22,50 @@ int Attr(SDL_GLattr a) {
   return SDL_GL_GetAttribute(a, &v) == 0 ? v : 0;
 }
 
+// The number of the current context's framebuffer configuration, as the driver counts them: the
+// GLX FBConfig id on X11, the EGL config id on Wayland and KMS/DRM. 0 when neither answers. The
+// calls are looked up at run time so that neither interface is needed to build or to start.
+int FormatNumber() {
+  using GetPtr = void* (*)();
+  using QueryGlx = int (*)(void* display, void* context, int attribute, int* value);
+  using QueryEgl = unsigned (*)(void* display, void* context, int attribute, int* value);
+  constexpr int kGlxFbconfigId = 0x8013, kEglConfigId = 0x3028;
+  int id = 0;
+  auto glxDisplay = reinterpret_cast<GetPtr>(dlsym(RTLD_DEFAULT, "glXGetCurrentDisplay"));
+  auto glxContext = reinterpret_cast<GetPtr>(dlsym(RTLD_DEFAULT, "glXGetCurrentContext"));
+  auto glxQuery = reinterpret_cast<QueryGlx>(dlsym(RTLD_DEFAULT, "glXQueryContext"));
+  if (glxDisplay && glxContext && glxQuery) {
+    void* display = glxDisplay();
+    void* context = glxContext();
+    if (display && context && glxQuery(display, context, kGlxFbconfigId, &id) == 0 && id > 0)
+      return id;
+  }
+  // SDL opens the EGL library itself when it uses it; only look where it is already loaded.
+  void* egl = dlopen("libEGL.so.1", RTLD_LAZY | RTLD_NOLOAD);
+  if (!egl) return 0;
+  auto eglDisplay = reinterpret_cast<GetPtr>(dlsym(egl, "eglGetCurrentDisplay"));
+  auto eglContext = reinterpret_cast<GetPtr>(dlsym(egl, "eglGetCurrentContext"));
+  auto eglQuery = reinterpret_cast<QueryEgl>(dlsym(egl, "eglQueryContext"));
+  id = 0;
+  if (eglDisplay && eglContext && eglQuery) {
+    void* display = eglDisplay();
+    void* context = eglContext();
+    if (!display || !context || !eglQuery(display, context, kEglConfigId, &id)) id = 0;
+  }
+  dlclose(egl);
+  return id;
+}
+
 }  // namespace
 
 bool QXWindow::DescribePixelFormat() {
-  pixfmt_ = int(SDL_GetWindowPixelFormat(window_));
+  pixfmt_ = FormatNumber();
   int color = Attr(SDL_GL_BUFFER_SIZE);
   if (color == 0)
     color = Attr(SDL_GL_RED_SIZE) + Attr(SDL_GL_GREEN_SIZE) + Attr(SDL_GL_BLUE_SIZE) +
             Attr(SDL_GL_ALPHA_SIZE);
   const int stereo = Attr(SDL_GL_STEREO);
-  QINFO("QXWindow::EnableOpenGL",
+  QNOTE("QXWindow::EnableOpenGL",
         "Pixfmt %d: %d color bits, %d depthbuffer bits, %d stencil bits, %d alpha, stereo: %d.",
         pixfmt_, color, Attr(SDL_GL_DEPTH_SIZE), Attr(SDL_GL_STENCIL_SIZE),
         Attr(SDL_GL_ALPHA_SIZE), stereo);
@@ -82,17 +117,20 @@ bool QXWindow::EnableOpenGLOld() {
   SDL_GL_SetAttribute(SDL_GL_DOUBLEBUFFER, 1);
   if (wantStereo) {
     SDL_GL_SetAttribute(SDL_GL_STEREO, 1);
-    QINFO("QXWindow::EnableOpenGLOld", "Quad-buffered stereo enabled - PFD_STEREO flag set");
+    QNOTE("QXWindow::EnableOpenGLOld", "Quad-buffered stereo enabled - PFD_STEREO flag set");
   }
+  // SDL's own reason goes to a debug line, so that the error keeps its fixed text.
   if (!CreateNative()) {
-    QERR("QXWindow::EnableOpenGLOld", "(QXWindow) ChoosePixelFormat() failed ('%s')",
+    QDBG("QXWindow::EnableOpenGLOld", "QXWindow(%s): window refused: %s\n", GetName(),
          SDL_GetError());
+    QERR("QXWindow::EnableOpenGLOld", "(QXWindow) ChoosePixelFormat() failed");
     return false;
   }
   context_ = SDL_GL_CreateContext(window_);
   if (!context_ || SDL_GL_MakeCurrent(window_, static_cast<SDL_GLContext>(context_)) != 0) {
-    QERR("QXWindow::EnableOpenGLOld", "(QXWindow) SetPixelFormat() failed ('%s')",
+    QDBG("QXWindow::EnableOpenGLOld", "QXWindow(%s): context refused: %s\n", GetName(),
          SDL_GetError());
+    QERR("QXWindow::EnableOpenGLOld", "(QXWindow) SetPixelFormat() failed");
     DestroyNative();
     return false;
   }

@@ -43,7 +43,7 @@ bool QXWindow::SwitchToFullScreen() {
     mode.refresh_rate = settings_.refreshRate;
     if (ApplyMode(window_, mode)) {
       modeSwitched_ = true;
-      QINFO("QXWindow::SwitchToFullScreen", "QXWindow: Set fullscreen mode to %dx%dx%d@%d",
+      QNOTE("QXWindow::SwitchToFullScreen", "QXWindow: Set fullscreen mode to %dx%dx%d@%d",
             settings_.width, settings_.height, settings_.bits, settings_.refreshRate);
       return true;
     }

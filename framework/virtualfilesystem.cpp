@@ -92,7 +92,7 @@ QFile* QVirtualFileSystem::OpenFile(const char* path, int mode) const {
   SplitPath(path, &dir, &name);
   for (int i = 0; i < count_; ++i) {
     if (!SameDirectory(dir, archives_[i])) {
-      QDBG("QVirtualFileSystem::OpenFile", "Directory does not match");
+      QNOTE("QVirtualFileSystem::OpenFile", "Directory does not match");
       continue;
     }
     if (QFile* file = archives_[i]->OpenFile(name)) return file;

@@ -87,11 +87,18 @@ bool OpenUdpOut(const char* description) {
           description ? description : "");
     return false;
   }
+  // The log's copy is lost without a word otherwise: say which step failed.
   QNAddress dest;
-  if (!dest.GetByName(to.c_str())) return false;
+  if (!dest.GetByName(to.c_str())) {
+    QERR("qnOpenUdpOut", "qdbg will not work.\nCannot open udp_out socket: name lookup of '%s' "
+         "failed.", to.c_str());
+    return false;
+  }
   QNSocket* sock = new QNSocket(QNSocket::UDP, "udp_out");
   sock->SetNoBind();
   if (!sock->Open(0) || sock->SetNonBlocking(1) != 0) {
+    QERR("qnOpenUdpOut", "qdbg will not work.\nCannot open udp_out socket: the socket to '%s' "
+         "can't be opened.", to.c_str());
     delete sock;
     return false;
   }

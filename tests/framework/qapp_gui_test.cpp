@@ -147,6 +147,14 @@ TEST_F(WinTest, WindowFrameKeysScreenshotAndCloseRequest) {
     at = log.find(text, at);
     ASSERT_NE(at, std::string::npos) << text << "\n" << log;
   }
+  // The context's format is a note, numbered as the driver counts its formats (small numbers,
+  // not a packed pixel-layout constant).
+  const size_t pixfmt = log.find("Pixfmt ");
+  ASSERT_NE(pixfmt, std::string::npos) << log;
+  const size_t start = log.rfind('\n', pixfmt) + 1;  // npos + 1 is 0: the first line
+  EXPECT_NE(log.substr(start, pixfmt - start).find("(NOTE ): "), std::string::npos) << log;
+  const long number = strtol(log.c_str() + pixfmt + 7, nullptr, 10);
+  EXPECT_TRUE(number > 0 && number < 0x10000) << number;
 }
 
 TEST_F(WinTest, FullScreenCoversTheWholeScreen) {

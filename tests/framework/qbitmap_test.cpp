@@ -84,6 +84,15 @@ TEST_F(BitmapTest, ExternalPixelsAreNeverFreedAndClonesOwnTheirs) {
     // Reallocating drops the borrowed block without freeing it and owns the new one.
     ASSERT_TRUE(bm.Resize(1, 1, false));
     EXPECT_EQ(bm.GetFlags() & QBitMap::EXTERNAL, 0u);
+    // A borrowed block may carry an empty picture; only owned blocks need a positive size.
+    for (auto [w, h] : {std::pair{0, 1}, std::pair{2, 0}}) {
+      ASSERT_TRUE(bm.Alloc(32, w, h, 0, block)) << w << "x" << h;
+      EXPECT_EQ(bm.GetBuffer(), block);
+      EXPECT_EQ(bm.GetSize(), 0);
+      EXPECT_EQ(bm.GetWidth(), w);
+    }
+    EXPECT_FALSE(bm.Alloc(32, -1, 1, 0, block));
+    EXPECT_EQ(bm.GetBuffer(), nullptr);
   }
   EXPECT_EQ(qmemGetCount(), before);
   EXPECT_EQ(block[7], 8);
@@ -250,6 +259,14 @@ TEST_F(BitmapTest, LutLiftsDarkPixelsThatQualifyByAlpha) {
   EXPECT_EQ(Px(bm, 1, 0), 0x323232FDu);
   EXPECT_EQ(Px(bm, 2, 0), 0x10101000u);
   EXPECT_EQ(Px(bm, 3, 0), 0x404040FFu);
+  // The floor is compared unsigned and stored as a byte: 300 lifts everything to 44, and -1
+  // (every luminance is below it) to 255.
+  bm.Lut(300, 0);
+  EXPECT_EQ(Px(bm, 3, 0), 0x2C2C2CFFu);
+  EXPECT_EQ(Px(bm, 1, 0), 0x323232FDu);
+  bm.Lut(-1, 1);
+  EXPECT_EQ(Px(bm, 1, 0), 0xFFFFFFFDu);
+  EXPECT_EQ(Px(bm, 2, 0), 0x10101000u);
 }
 
 TEST_F(BitmapTest, ResizeWithoutGLScalesNearestNeighbour) {

@@ -65,9 +65,14 @@ TEST_F(DebugSetup, UdpOutNeedsHostAndPortAndANetwork) {
   qdbg_setup(Ini("dev\n{\n  udp_out=10.1.2.3:7000\n}\n"));
   EXPECT_TRUE(log_.Seen("Cannot open udp_out socket as the NetworkManager is not initialized."));
 
+  // With a network layer, a failing opener reports its own cause; no second line here.
   log_.Clear();
-  g_opened = true;
   qdbgSetUdpOutOpener(FakeOpener);
+  qdbg_setup(Ini("dev\n{\n  udp_out=10.1.2.3:7000\n}\n"));
+  EXPECT_EQ(g_description, "type=udp,from=0.0.0.0:0,to=10.1.2.3:7000");
+  EXPECT_TRUE(log_.Lines().empty());
+
+  g_opened = true;
   qdbg_setup(Ini("dev\n{\n  udp_out=127.0.0.1:7000\n}\n"));
   EXPECT_EQ(g_description, "type=udp,from=0.0.0.0:0,to=127.0.0.1:7000");
   EXPECT_TRUE(log_.Lines().empty());

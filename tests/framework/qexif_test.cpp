@@ -124,7 +124,8 @@ TEST(QExifJpeg, DescriptiveAndCameraFields) {
                         x.lensInfo.focalLengthMin, x.lensInfo.focalLengthMax, x.lensInfo.fStopMin,
                         x.lensInfo.fStopMax, g.latComponents.degrees, g.latComponents.minutes,
                         g.latComponents.seconds, g.altitude, g.dop};
-  const double want[] = {1.0 / 250, 56573.0 / 7102, -0.7, 2.5, 35, 1000, 2000, 24, 70, 2.8, 4,
+  // The shutter speed and the exposure bias are signed rationals in the file: no decoded value.
+  const double want[] = {1.0 / 250, 0, 0, 2.5, 35, 1000, 2000, 24, 70, 2.8, 4,
                          33, 51, 24.48, -12.5, 1.5};
   for (size_t i = 0; i < std::size(want); ++i) EXPECT_DOUBLE_EQ(got[i], want[i]) << "value " << i;
   EXPECT_TRUE(x.meteringMode == 5 && x.flash == 16 && x.imageWidth == 16u && x.focalLengthIn35mm == 52);
@@ -175,11 +176,13 @@ TEST(QExifSegment, DirectoryBounds) {
   SegmentBuilder far = s;
   far.PutU32(10, 0xFFFFFFF0u);
   EXPECT_EQ(far.Parse(&x), QExif::CORRUPT);
-  // At offset 4 the count would be read from the offset field itself (4 entries).
+  // At offset 4 the count is read from the offset field itself (4 entries): refused only while
+  // those entries run past the end, then read like any directory.
   SegmentBuilder inside = s;
   inside.PutU32(10, 4);
-  inside.b.resize(100);
   EXPECT_EQ(inside.Parse(&x), QExif::CORRUPT);
+  inside.b.resize(100);
+  EXPECT_EQ(inside.Parse(&x), 0);
   // The next-IFD field must fit too.
   EXPECT_EQ(x.ReadExifSegment(s.b.data(), s.b.size() - 1), QExif::CORRUPT);
 }
@@ -201,9 +204,9 @@ TEST(QExifSegment, HostileEntryValuesAreIgnored) {
   EXPECT_EQ(x.sampleBits, 8);
 }
 
-TEST(QExifSegment, SubDirectoriesAreReadOnce) {
+TEST(QExifSegment, SubDirectoriesAreReadWhereverTheyPoint) {
   // Tag 11 is the GPS precision and 37385 the flash of the EXIF directory; elsewhere they mean
-  // nothing, so a value in `dop` or `flash` shows that a directory was read a second time.
+  // nothing, so a value in `dop` or `flash` shows which way a directory was read.
   QExif x;
   SegmentBuilder s;
   s.U16(5);
@@ -217,10 +220,10 @@ TEST(QExifSegment, SubDirectoriesAreReadOnce) {
   s.U32(2);
   ASSERT_EQ(s.Parse(&x), 0);
   EXPECT_EQ(x.orientation, 3);
-  EXPECT_DOUBLE_EQ(x.geoLocation.dop, 0);
-  EXPECT_EQ(x.flash, 0);
+  EXPECT_DOUBLE_EQ(x.geoLocation.dop, 1.5);
+  EXPECT_EQ(x.flash, 1);
 
-  // The GPS pointer leads to the EXIF directory, which is read once, as EXIF.
+  // The GPS pointer leads to the EXIF directory, which is read as both.
   SegmentBuilder t;
   const uint32_t sub = 8 + 2 + 2 * 12 + 4;
   t.U16(2);
@@ -233,9 +236,15 @@ TEST(QExifSegment, SubDirectoriesAreReadOnce) {
   t.U32(3);
   t.U32(2);
   ASSERT_EQ(t.Parse(&x), 0);
+  EXPECT_DOUBLE_EQ(x.geoLocation.dop, 1.5);
+  // Reached only through the EXIF pointer it is read as EXIF alone, and through the GPS
+  // pointer alone as GPS.
+  const size_t exifTag = 6 + 8 + 2, gpsTag = exifTag + 12;
+  const uint8_t gpsLow = t.b[gpsTag];
+  t.b[gpsTag] = 0x99;  // the GPS pointer's tag becomes an unknown one
+  ASSERT_EQ(t.Parse(&x), 0);
   EXPECT_DOUBLE_EQ(x.geoLocation.dop, 0);
-  // The same directory reached only through the GPS pointer is read as GPS.
-  t.b[6 + 8 + 2] = 0x99;  // the EXIF pointer's tag becomes an unknown one
+  t.b[gpsTag] = gpsLow, t.b[exifTag] = 0x99;
   ASSERT_EQ(t.Parse(&x), 0);
   EXPECT_DOUBLE_EQ(x.geoLocation.dop, 1.5);
 }
@@ -271,6 +280,13 @@ TEST(QExifSegment, GpsNeedsThreeRationals) {
   EXPECT_FALSE(x.geoLocation.hasPosition);
   EXPECT_DOUBLE_EQ(x.geoLocation.longitude, 10.51);
   EXPECT_DOUBLE_EQ(x.geoLocation.latitude, 0);
+  // Three signed rationals are taken, but the format carries no decoded value: 0, 0, 0.
+  s.b[gps + 2 + 12 + 2] = 10;
+  s.b[gps + 2 + 12 + 4] = 3;
+  ASSERT_EQ(s.Parse(&x), 0);
+  EXPECT_TRUE(x.geoLocation.hasPosition);
+  EXPECT_DOUBLE_EQ(x.geoLocation.latitude, 0);
+  EXPECT_DOUBLE_EQ(x.geoLocation.longitude, 10.51);
 }
 
 }  // namespace

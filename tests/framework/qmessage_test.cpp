@@ -71,6 +71,15 @@ TEST_F(LogTest, LineFormatAndOneTrailingNewlineStripped) {
   EXPECT_NE(l.find(",QIni::Read]"), std::string::npos);
   EXPECT_EQ(ReadFile(log_).find("line 7\n\n"), std::string::npos);
   EXPECT_EQ(CountContaining(lines, "bad bracket"), 1);
+  // Standard error gets one line end, whether or not the text brings its own.
+  testing::internal::CaptureStderr();
+  QWARN("LogTest::Newline", "warned\n");
+  QWARN("LogTest::Newline", "warned again");
+  qmessage("said\n");
+  qmessage("said again");
+  QERR("LogTest::Newline", "erred\n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "warned\nwarned again\nsaid\nsaid again\nerred\n");
 }
 
 TEST_F(LogTest, MaskDecidesWhatReachesTheFile) {
@@ -115,10 +124,15 @@ TEST_F(LogTest, SecondFileTakesErrorsAndWarningsOnly) {
   ASSERT_TRUE(qlogOpenSecondFile());
   QWARN("LogTest::Second", "warned %d", 1);
   QINFO("LogTest::Second", "informed");
+  // A line the log file cannot take does not reach the second file either.
+  qlogSetFileName((dir_ + "/missing/QLOG.txt").c_str());
+  QWARN("LogTest::Second", "unlogged");
+  qlogSetFileName(log_.c_str());
   qlogCloseSecondFile();
   std::string second = ReadFile(dir_ + "/QLOG_LAST.txt");
   EXPECT_NE(second.find(" (WARN): warned 1 [WARN,qmessage_test.cpp:"), std::string::npos) << second;
   EXPECT_EQ(second.find("informed"), std::string::npos);
+  EXPECT_EQ(second.find("unlogged"), std::string::npos) << second;
 }
 
 std::vector<std::string>* g_captured = nullptr;
@@ -190,6 +204,47 @@ TEST_F(LogTest, TraceFileIndentsByDepth) {
   EXPECT_EQ(lines[0] + lines[3], ">QIni::Read<QIni::Read");
   EXPECT_EQ(lines[1].substr(0, 23), "  >QFile::Open (this=0x");
   EXPECT_EQ(lines[2].substr(0, 13), "  <QFile::Ope");
+}
+
+// Sets (or with null unsets) an environment variable for one scope.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value) : name_(name) {
+    const char* old = getenv(name);
+    had_ = old != nullptr;
+    if (had_) old_ = old;
+    if (value)
+      setenv(name, value, 1);
+    else
+      unsetenv(name);
+  }
+  ~ScopedEnv() {
+    if (had_)
+      setenv(name_.c_str(), old_.c_str(), 1);
+    else
+      unsetenv(name_.c_str());
+  }
+
+ private:
+  std::string name_, old_;
+  bool had_ = false;
+};
+
+TEST_F(LogTest, ABoxThatCannotBeShownLeavesItsTitleAndTextOnStandardErrorAndInTheLog) {
+  ScopedEnv display("DISPLAY", nullptr), wayland("WAYLAND_DISPLAY", nullptr);
+  const std::string note = "Message box 'Fatal error - the program will exit' could not be "
+                           "shown: no font here";
+  {
+    ScopedEnv quiet("GLIMRA_NO_MESSAGEBOX", nullptr);
+    testing::internal::CaptureStderr();
+    qlogwrite(QLOG_FATAL | QLOG_BOX, nullptr, "no font here");
+    EXPECT_NE(testing::internal::GetCapturedStderr().find(note), std::string::npos);
+    EXPECT_EQ(CountContaining(Lines(log_), "(NOTE ): [-] " + note), 1) << ReadFile(log_);
+  }
+  // Boxes switched off on purpose stay silent.
+  ScopedEnv quiet("GLIMRA_NO_MESSAGEBOX", "1");
+  qlogwrite(QLOG_ERR | QLOG_BOX, "Caption", "switched off");
+  EXPECT_EQ(CountContaining(Lines(log_), "could not be shown: switched off"), 0);
 }
 
 using LogDeathTest = LogTest;

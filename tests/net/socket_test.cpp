@@ -226,6 +226,14 @@ TEST_F(UdpOut, AWarningArrivesAsADatagram) {
   EXPECT_EQ(got.substr(got.size() - tail.size()), tail);
 }
 
+TEST_F(UdpOut, AFailedLookupSaysSo) {
+  Setup(":7000");  // an empty host name is never found
+  const std::string log = ReadFile(Tmp("QLOG.txt"));
+  EXPECT_NE(log.find("Cannot open udp_out socket: name lookup of ':7000' failed."),
+            std::string::npos) << log;
+  EXPECT_EQ(log.find("NetworkManager"), std::string::npos) << log;
+}
+
 TEST_F(UdpOut, AFailingSendIsReportedOnceWithoutLoopingThroughTheLog) {
   Setup("127.0.0.1:0");  // no datagram can go to port 0
   QWARN("UdpOut::Test", "first after setup");

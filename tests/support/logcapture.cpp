@@ -36,6 +36,19 @@ int LogCapture::Count(const std::string& text) const {
   return n;
 }
 
+bool LogCapture::Logged(const std::string& level, const std::string& text) const {
+  const std::string file = ReadFile(dir_.File("QLOG.txt"));
+  const std::string word = "(" + level;
+  for (size_t at = 0; at < file.size();) {
+    size_t end = file.find('\n', at);
+    if (end == std::string::npos) end = file.size();
+    const std::string line = file.substr(at, end - at);
+    if (line.find(word) != std::string::npos && line.find(text) != std::string::npos) return true;
+    at = end + 1;
+  }
+  return false;
+}
+
 void LogCapture::Clear() {
   g_lines.clear();
   unlink(dir_.File("QLOG.txt").c_str());

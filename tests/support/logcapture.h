@@ -21,6 +21,8 @@ class LogCapture {
   // Lines (or log-file text) containing `text`.
   int Count(const std::string& text) const;
   bool Seen(const std::string& text) const { return Count(text) > 0; }
+  // True when a line of the log file has the level word (as "NOTE") and `text`.
+  bool Logged(const std::string& level, const std::string& text) const;
   void Clear();
 
  private:
