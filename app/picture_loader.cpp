@@ -68,6 +68,16 @@ int JpegEighths(int w, int h, int needW, int needH, int limit) {
   return 8;
 }
 
+// The size a `w` x `h` picture is reduced to: just covering the quad (`needW` x `needH`, its
+// proportions kept), never enlarged, and inside the texture limit.
+void TargetSize(int w, int h, int needW, int needH, int limit, int* tw, int* th) {
+  double scale = 1.0;
+  if (needW > 0 && needH > 0) scale = std::max(double(needW) / w, double(needH) / h);
+  scale = std::min({scale, 1.0, double(limit) / w, double(limit) / h});
+  *tw = scale < 1.0 ? std::max(1, std::min(w, int(w * scale + 0.5))) : w;
+  *th = scale < 1.0 ? std::max(1, std::min(h, int(h * scale + 0.5))) : h;
+}
+
 }  // namespace
 
 void LoadedPicture::QuadSize(int* w, int* h) const {
@@ -90,16 +100,18 @@ FileStamp StampOf(const char* path) {
   return s;
 }
 
-void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, LoadedPicture* out) {
+void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, LoadedPicture* out,
+                 const std::string* file) {
   *out = LoadedPicture();
   out->path = path;
   out->fit = fit;
   out->grey = grey;
-  out->stamp = StampOf(path.c_str());
+  const char* source = file ? file->c_str() : path.c_str();
+  out->stamp = StampOf(source);
 
   auto phase = Clock::now();
   size_t size = 0;
-  const QBlock bytes = ReadWhole(path.c_str(), &size);
+  const QBlock bytes = ReadWhole(source, &size);
   out->readMs = MsSince(phase);
 
   phase = Clock::now();
@@ -115,19 +127,21 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
   image->SetName(path.c_str());
   bool read = false;
   if (QImage::IsJpegName(path.c_str())) {
-    int w = 0, h = 0;
-    int eighths = 8;
+    int w = 0, h = 0, eighths = 8, tw = 0, th = 0;
     if (QImage::ReadJPGSize(bytes.get(), size, &w, &h) && w > 0 && h > 0) {
       out->width = w, out->height = h;
       int needW = 0, needH = 0;
       StoredQuadSize(*out, &needW, &needH);
       eighths = JpegEighths(w, h, needW, needH, limit);
+      // The library's size at that scale, then shrunk to the quad while decoding.
+      const int dw = int((int64_t(w) * eighths + 7) / 8), dh = int((int64_t(h) * eighths + 7) / 8);
+      TargetSize(dw, dh, needW, needH, limit, &tw, &th);
     }
-    read = image->ReadJPG(bytes.get(), size, path.c_str(), eighths);
+    read = image->ReadJPG(bytes.get(), size, path.c_str(), eighths, tw, th);
   } else if (QImage::IsTargaName(path.c_str())) {
     read = image->ReadTGA(bytes.get(), size, path.c_str());
   } else {
-    read = image->Read(path.c_str());
+    read = image->Read(source);
   }
   // A picture without pixels (a PNG name, which the reader accepts unread) cannot be shown.
   if (!read || image->GetWidth() <= 0 || image->GetHeight() <= 0 || !image->GetBuffer() ||
@@ -140,17 +154,10 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
   // Down to the quad's size (kept in proportion when only one direction is larger), and always
   // inside the texture limit.
   phase = Clock::now();
-  int needW = 0, needH = 0;
+  int needW = 0, needH = 0, tw = 0, th = 0;
   StoredQuadSize(*out, &needW, &needH);
-  const int iw = image->GetWidth(), ih = image->GetHeight();
-  double scale = 1.0;
-  if (needW > 0 && needH > 0) scale = std::max(double(needW) / iw, double(needH) / ih);
-  scale = std::min({scale, 1.0, double(limit) / iw, double(limit) / ih});
-  if (scale < 1.0) {
-    const int tw = std::max(1, std::min(iw, int(iw * scale + 0.5)));
-    const int th = std::max(1, std::min(ih, int(ih * scale + 0.5)));
-    if (!image->AreaReduce(tw, th)) return;
-  }
+  TargetSize(image->GetWidth(), image->GetHeight(), needW, needH, limit, &tw, &th);
+  if ((tw < image->GetWidth() || th < image->GetHeight()) && !image->AreaReduce(tw, th)) return;
   out->reduceMs = MsSince(phase);
 
   phase = Clock::now();

@@ -55,5 +55,7 @@ struct LoadedPicture {
 // The file's size and modification time; size -1 when it cannot be examined.
 FileStamp StampOf(const char* path);
 
-// Loads `path` for `fit`, grey when asked. Never throws; `out->ok` tells.
-void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, LoadedPicture* out);
+// Loads `path` for `fit`, grey when asked. Never throws; `out->ok` tells. With `file`, the bytes
+// are read from there (the same picture by another path) while messages still name `path`.
+void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, LoadedPicture* out,
+                 const std::string* file = nullptr);

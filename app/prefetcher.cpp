@@ -34,6 +34,17 @@ bool Prefetcher::Matches(const ScreenFit& fit, bool grey) const {
 
 void Prefetcher::Want(const std::vector<std::string>& paths, const ScreenFit& fit, bool grey) {
   std::lock_guard<std::mutex> lock(mutex_);
+  WantLocked(paths, nullptr, fit, grey);
+}
+
+void Prefetcher::WantFile(const std::string& path, const std::string& file, const ScreenFit& fit,
+                          bool grey) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  WantLocked({path}, &file, fit, grey);
+}
+
+void Prefetcher::WantLocked(const std::vector<std::string>& paths, const std::string* file,
+                            const ScreenFit& fit, bool grey) {
   std::vector<std::unique_ptr<Job>> keep;
   const bool same = Matches(fit, grey);
   for (const std::string& p : paths) {
@@ -43,6 +54,7 @@ void Prefetcher::Want(const std::vector<std::string>& paths, const ScreenFit& fi
     if (!job) {
       job.reset(new Job());
       job->path = p;
+      if (file) job->file = *file;
     }
     keep.push_back(std::move(job));
   }
@@ -93,11 +105,12 @@ void Prefetcher::Work(void* arg) {
     // Decoded outside the lock into a job of its own, so that Want may drop the original.
     Job work;
     work.path = next->path;
+    work.file = next->file;
     const ScreenFit fit = self->fit_;
     const bool grey = self->grey_;
     self->busy_ = &work;
     lock.unlock();
-    LoadPicture(work.path, fit, grey, &work.result);
+    LoadPicture(work.path, fit, grey, &work.result, work.file.empty() ? nullptr : &work.file);
     lock.lock();
     self->busy_ = nullptr;
     // Still wanted, for the same screen and grey setting?

@@ -34,6 +34,9 @@ class Prefetcher {
   // From now on `paths` (in that order) are wanted for `fit` and `grey`; results and queued
   // work for anything else are dropped.
   void Want(const std::vector<std::string>& paths, const ScreenFit& fit, bool grey);
+  // Wants the one picture `path`, read from `file` (the same file by another path: the start
+  // decodes its first picture while the window is made, before it enters the pictures' folder).
+  void WantFile(const std::string& path, const std::string& file, const ScreenFit& fit, bool grey);
   // Hands over the prefetched `path` for `fit` and `grey` (waiting for it if it is being decoded
   // right now). False when it is not there, was made for something else, or the file changed.
   bool Take(const std::string& path, const ScreenFit& fit, bool grey, LoadedPicture* out);
@@ -43,10 +46,14 @@ class Prefetcher {
  private:
   struct Job {
     std::string path;
+    std::string file;  // what is read; the path itself when empty
     bool done = false;
     LoadedPicture result;
   };
   static void Work(void* self);
+  // Want's work, under the lock; `file` (when given) is what the new jobs read.
+  void WantLocked(const std::vector<std::string>& paths, const std::string* file,
+                  const ScreenFit& fit, bool grey);
   bool Matches(const ScreenFit& fit, bool grey) const;
 
   std::unique_ptr<QThread> thread_;

@@ -15,6 +15,7 @@
 #include "framework/qdir.h"
 #include "framework/qevent.h"
 #include "framework/qfont.h"
+#include "framework/qimage.h"
 #include "framework/qini.h"
 #include "framework/qmessage.h"
 #include "framework/qshell.h"
@@ -148,6 +149,11 @@ void RaceManager::Setup(const char* arg) {
   settings.height = rect.hgt;
   app->SetFullScreenSettings(&settings);
 
+  // The first picture is decoded while the window and its context are made, which takes about
+  // as long. Its catalogue scan and load still come in their place below.
+  prefetcher.reset(new Prefetcher());
+  StartFirstPicture(arg, app, rect.wid, rect.hgt);
+
   // Icon resource 101 is compiled into the program; the main window puts it up when it is made.
   // A window or context that cannot be made is reported by Create; the font below then fails
   // too, which ends the program.
@@ -172,7 +178,6 @@ void RaceManager::Setup(const char* arg) {
   }
 
   ScanDir();
-  prefetcher.reset(new Prefetcher());
 
   if (!arg) {
     if (imageCount < 1) return;
@@ -204,6 +209,32 @@ void RaceManager::ScanDir() {
   dir.Close();
   QGetRealPath(".", &folder);
   curImage = -1;
+}
+
+void RaceManager::StartFirstPicture(const char* arg, QApp* app, int width, int height) {
+  qstring startDir;
+  ini->GetString("app.startup_directory", &startDir, "");
+  startDir.ReplaceAll("\\", "/");
+  const std::string folder = startDir.IsEmpty() ? "." : startDir.cstr();
+  std::string path;
+  if (arg) {
+    path = arg;
+  } else {
+    // What ScanDir will list first, found without a word in the log.
+    QDirectory dir(folder.c_str());
+    char name[QDirectory::NAME_SIZE];
+    while (path.empty() && dir.ReadNext(name))
+      if (IsPictureName(name)) path = name;
+  }
+  if (path.empty()) return;
+  const std::string file = path[0] == '/' ? path : folder + "/" + path;
+  ScreenFit fit;
+  fit.windowWidth = width;
+  fit.windowHeight = height;
+  const QRect& desk = app->GetDesktopRect();
+  if (desk.wid > 0 && desk.hgt > 0) fit.desktopAspect = double(desk.wid) / desk.hgt;
+  fit.maxTexture = QImage::MAX_SIZE;
+  prefetcher->WantFile(path, file, fit, ini->GetBool("effects.black_and_white", false));
 }
 
 bool RaceManager::AddToDir(const char* name) {

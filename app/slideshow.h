@@ -23,6 +23,7 @@
 #include "framework/qstring.h"
 
 class CommandChannel;
+class QApp;
 class Prefetcher;
 class DBitMapTexture;
 class DMesh;
@@ -59,6 +60,10 @@ class RaceManager {
   // font, start-up directory, catalogue, first picture (or `arg`, which may be null). A font
   // that cannot be made or a command port that cannot be opened ends the program (fatal).
   void Setup(const char* arg);
+
+  // Has the prefetcher decode the picture Setup will show first (`arg`, else what the scan will
+  // list first) for a `width` x `height` window, before the window exists.
+  void StartFirstPicture(const char* arg, QApp* app, int width, int height);
 
   // ---- Catalogue ----
   // Rebuilds the catalogue from the working directory; stops, with the AddToDir warning, at

@@ -1,4 +1,5 @@
 // RaceManager: turning a picture file into the textured quad on the screen, and painting.
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -13,6 +14,7 @@
 #include "framework/qbitmap.h"
 #include "framework/qcanvas.h"
 #include "framework/qfont.h"
+#include "framework/qimage.h"
 #include "framework/qini.h"
 #include "framework/qmessage.h"
 #include "framework/qshell.h"
@@ -58,7 +60,9 @@ ScreenFit RaceManager::CurrentFit() const {
   // The desktop's proportions, so that a window shaped like the desktop is filled by height.
   const QRect& desk = app->GetDesktopRect();
   if (desk.wid > 0 && desk.hgt > 0) fit.desktopAspect = double(desk.wid) / desk.hgt;
-  fit.maxTexture = DGlobal::MaxTextureSize();
+  // Nothing decodes beyond the readers' limit anyway; the start predicts exactly this.
+  const int glMax = DGlobal::MaxTextureSize();
+  fit.maxTexture = glMax > 0 ? std::min(glMax, int(QImage::MAX_SIZE)) : 0;
   return fit;
 }
 

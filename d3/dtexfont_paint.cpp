@@ -12,8 +12,13 @@
 void DTexFont::TextureDeleter::operator()(DBitMapTexture* t) const { delete t; }
 
 DBitMapTexture* DTexFont::MakeTexture(QBitMap* sheet, const char* name) {
-  // Without OpenGL the texture stays uncreated: such a font cannot draw.
-  DBitMapTexture* t = new DBitMapTexture(sheet, name);
+  // Without OpenGL the texture stays uncreated: such a font cannot draw. Glyphs are drawn at
+  // their own size, so a mipmap chain would only cost start-up time (a software renderer builds
+  // it slowly).
+  DBitMapTexture* t = new DBitMapTexture();
+  t->SetName(name);
+  t->UsePictureFiltering();
+  t->FromBitMap(sheet);
   if (t->GetID() == 0) {
     delete t;
     return nullptr;

@@ -22,6 +22,8 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <vector>
 
 #include "framework/qcolor.h"
 #include "framework/qdrawable.h"
@@ -145,4 +147,32 @@ class QBitMap : public QDrawable {
   int Pixels32() const { return pixels_ ? size_ / 4 : 0; }
   // Nearest-neighbour scaling of the current pixels into `dst` (w x h, 4 bytes each).
   void ScaleNearest(uint8_t* dst, int w, int h) const;
+};
+
+// The area reduction of QBitMap::AreaReduce fed one picture row at a time, top row first, so
+// that a reader can shrink a picture while decoding it without holding it whole. Rows go into
+// `dst` (32-bit, already allocated at the new size, not larger than the old one either way) as
+// soon as they are complete. A reducer whose sizes do not fit is not ready and ignores rows.
+class QAreaReducer {
+ public:
+  QAreaReducer(int srcWidth, int srcHeight, QBitMap* dst);
+  ~QAreaReducer();
+  QAreaReducer(const QAreaReducer&) = delete;
+  QAreaReducer& operator=(const QAreaReducer&) = delete;
+
+  bool IsReady() const { return ok_; }
+  // One old row of `srcWidth` RGBA pixels; rows past the last are ignored.
+  void PushRow(const uint8_t* row);
+
+ private:
+  struct Taps;
+  uint32_t WeightOf(int newRow, int oldRow) const;
+
+  int srcW_, srcH_, dstW_ = 0, dstH_ = 0;
+  QBitMap* dst_;
+  bool ok_ = false;
+  int srcRow_ = 0, outRow_ = 0;
+  std::unique_ptr<Taps> tx_, ty_;
+  std::vector<uint8_t> across_;
+  std::vector<uint32_t> acc_[2];
 };

@@ -352,42 +352,81 @@ uint8_t* QBitMap::RLECompress(int* retSize) const {
   return out;
 }
 
+// ---------------------------------------------------------------------------------------------
+// Area reduction
+// ---------------------------------------------------------------------------------------------
+
+struct QAreaReducer::Taps : AreaTaps {
+  explicit Taps(const AreaTaps& t) : AreaTaps(t) {}
+};
+
+QAreaReducer::QAreaReducer(int srcWidth, int srcHeight, QBitMap* dst)
+    : srcW_(srcWidth), srcH_(srcHeight), dst_(dst) {
+  if (!dst || dst->GetDepth() != 32 || !dst->GetBuffer() || srcWidth <= 0 || srcHeight <= 0 ||
+      dst->GetWidth() > srcWidth || dst->GetHeight() > srcHeight ||
+      int64_t(dst->GetSize()) < int64_t(dst->GetWidth()) * dst->GetHeight() * 4)
+    return;
+  dstW_ = dst->GetWidth();
+  dstH_ = dst->GetHeight();
+  tx_.reset(new Taps(MakeAreaTaps(srcW_, dstW_)));
+  ty_.reset(new Taps(MakeAreaTaps(srcH_, dstH_)));
+  across_.resize(size_t(dstW_) * 4);
+  acc_[0].assign(size_t(dstW_) * 4, 32768u);
+  acc_[1].assign(size_t(dstW_) * 4, 32768u);
+  ok_ = true;
+}
+
+QAreaReducer::~QAreaReducer() = default;
+
+// The weight of old row `j` in new row `i`; 0 when it lies outside.
+uint32_t QAreaReducer::WeightOf(int i, int j) const {
+  if (i < 0 || i >= dstH_) return 0;
+  const int k = j - ty_->first[size_t(i)];
+  if (k < 0 || k >= ty_->count[size_t(i)]) return 0;
+  return ty_->weights[ty_->start[size_t(i)] + size_t(k)];
+}
+
+void QAreaReducer::PushRow(const uint8_t* row) {
+  if (!ok_ || !row || srcRow_ >= srcH_) return;
+  // Across: the old row into `dstW_` pixels.
+  uint8_t* out = across_.data();
+  for (int x = 0; x < dstW_; ++x, out += 4) {
+    uint32_t acc[4] = {32768, 32768, 32768, 32768};
+    const uint8_t* p = row + size_t(tx_->first[size_t(x)]) * 4;
+    const uint32_t* w = tx_->weights.data() + tx_->start[size_t(x)];
+    for (int k = tx_->count[size_t(x)]; k > 0; --k, p += 4, ++w)
+      for (int c = 0; c < 4; ++c) acc[c] += p[c] * *w;
+    for (int c = 0; c < 4; ++c) out[c] = uint8_t(std::min<uint32_t>(255, acc[c] >> 16));
+  }
+  // Down: an old row falls into the current new row and, across a border, the next one too.
+  const size_t n = across_.size();
+  for (int d = 0; d < 2; ++d) {
+    const uint32_t w = WeightOf(outRow_ + d, srcRow_);
+    if (!w) continue;
+    uint32_t* acc = acc_[d].data();
+    for (size_t i = 0; i < n; ++i) acc[i] += across_[i] * w;
+  }
+  const bool lastOfRow = outRow_ < dstH_ &&
+                         srcRow_ == ty_->first[size_t(outRow_)] + ty_->count[size_t(outRow_)] - 1;
+  ++srcRow_;
+  if (!lastOfRow) return;
+  // The new row is complete; rows arrive top-down and memory rows are bottom-up.
+  uint8_t* dst = dst_->GetBuffer() + size_t(dstH_ - 1 - outRow_) * n;
+  for (size_t i = 0; i < n; ++i) dst[i] = uint8_t(std::min<uint32_t>(255, acc_[0][i] >> 16));
+  std::swap(acc_[0], acc_[1]);
+  std::fill(acc_[1].begin(), acc_[1].end(), 32768u);
+  ++outRow_;
+}
+
 bool QBitMap::AreaReduce(int width, int height) {
   if (depth_ != 32 || !pixels_ || width <= 0 || height <= 0 || width > width_ ||
       height > height_ || int64_t(size_) < int64_t(width_) * height_ * 4)
     return false;
   if (width == width_ && height == height_) return true;
-  // Across first (every old row into `width` columns), then down.
-  std::vector<uint8_t> across;
   QBitMap result(32, width, height, int(flags_ & ~uint32_t(EXTERNAL)));
-  if (!result.pixels_) return false;
-  across.resize(size_t(width) * size_t(height_) * 4);
-  const AreaTaps tx = MakeAreaTaps(width_, width);
-  for (int y = 0; y < height_; ++y) {
-    const uint8_t* row = pixels_ + size_t(y) * size_t(width_) * 4;
-    uint8_t* out = across.data() + size_t(y) * size_t(width) * 4;
-    for (int x = 0; x < width; ++x, out += 4) {
-      uint32_t acc[4] = {32768, 32768, 32768, 32768};
-      const uint8_t* p = row + size_t(tx.first[size_t(x)]) * 4;
-      const uint32_t* w = tx.weights.data() + tx.start[size_t(x)];
-      for (int k = tx.count[size_t(x)]; k > 0; --k, p += 4, ++w)
-        for (int c = 0; c < 4; ++c) acc[c] += p[c] * *w;
-      for (int c = 0; c < 4; ++c) out[c] = uint8_t(std::min<uint32_t>(255, acc[c] >> 16));
-    }
-  }
-  const AreaTaps ty = MakeAreaTaps(height_, height);
-  const size_t rowBytes = size_t(width) * 4;
-  std::vector<uint32_t> acc(rowBytes);
-  for (int y = 0; y < height; ++y) {
-    std::fill(acc.begin(), acc.end(), 32768u);
-    const uint32_t* w = ty.weights.data() + ty.start[size_t(y)];
-    for (int k = 0; k < ty.count[size_t(y)]; ++k, ++w) {
-      const uint8_t* row = across.data() + size_t(ty.first[size_t(y)] + k) * rowBytes;
-      for (size_t i = 0; i < rowBytes; ++i) acc[i] += row[i] * *w;
-    }
-    uint8_t* out = result.pixels_ + size_t(y) * rowBytes;
-    for (size_t i = 0; i < rowBytes; ++i) out[i] = uint8_t(std::min<uint32_t>(255, acc[i] >> 16));
-  }
+  QAreaReducer reducer(width_, height_, &result);
+  if (!reducer.IsReady()) return false;
+  for (int y = height_ - 1; y >= 0; --y) reducer.PushRow(pixels_ + size_t(y) * size_t(width_) * 4);
   // Swap blocks: the old one goes with `result`, which frees it unless it was never ours.
   std::swap(pixels_, result.pixels_);
   std::swap(size_, result.size_);

@@ -61,8 +61,11 @@ class QImage : public QBitMap {
   bool ReadJPG(const char* name);
   // The same from `size` bytes at `data` (`name` names them in messages), decoded at
   // `eighths` / 8 of the picture's size (1..8, the library's DCT scaling); the 16384 limit is
-  // on the decoded size.
-  bool ReadJPG(const uint8_t* data, size_t size, const char* name, int eighths = 8);
+  // on the decoded size. With a reduced size (not larger than the decode either way, and
+  // smaller in one), the rows are area-reduced to it as they are decoded (QAreaReducer), so the
+  // decoded picture is never held whole.
+  bool ReadJPG(const uint8_t* data, size_t size, const char* name, int eighths = 8,
+               int reduceWidth = 0, int reduceHeight = 0);
   // The full width and height a JPEG stream declares; false, silently, when its header can't
   // be read.
   static bool ReadJPGSize(const uint8_t* data, size_t size, int* width, int* height);

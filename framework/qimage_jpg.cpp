@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "framework/qimage.h"
 #include "framework/qimage_internal.h"
@@ -35,6 +36,9 @@ void EmitMessage(j_common_ptr cinfo, int level) {
 struct JpegDecoder {
   jpeg_decompress_struct cinfo;
   JpegError err;
+  // For a decode that shrinks as it goes: the reducer and one decoded row.
+  std::unique_ptr<QAreaReducer> reducer;
+  std::unique_ptr<QBitMap> line;
   JpegDecoder() {
     memset(&cinfo, 0, sizeof(cinfo));
     memset(&err, 0, sizeof(err));
@@ -62,7 +66,7 @@ bool ReadHeader(JpegDecoder* dec, const uint8_t* data, size_t size, const char* 
 // The decode proper, at `eighths` / 8 of the full size. Nothing with a destructor lives in this
 // frame: libjpeg may jump out of it.
 bool Decode(JpegDecoder* dec, QImage* img, const uint8_t* data, size_t size, const char* name,
-            int eighths) {
+            int eighths, int reduceW, int reduceH) {
   if (!ReadHeader(dec, data, size, name)) return false;
   j_decompress_ptr cinfo = &dec->cinfo;
   if (setjmp(dec->err.jump)) {
@@ -88,9 +92,42 @@ bool Decode(JpegDecoder* dec, QImage* img, const uint8_t* data, size_t size, con
           name, width, height, QImage::MAX_SIZE, QImage::MAX_SIZE);
     return false;
   }
-  if (!img->Alloc(32, width, height, int(img->GetFlags()))) {
+  const bool shrink = reduceW > 0 && reduceH > 0 && reduceW <= width && reduceH <= height &&
+                      (reduceW < width || reduceH < height);
+  if (!img->Alloc(32, shrink ? reduceW : width, shrink ? reduceH : height, int(img->GetFlags()))) {
     QWARN("QImage::ReadJPG", "QImage:ReadJPG(); (%s) out of memory", name);
     return false;
+  }
+  if (shrink) {
+    // Row by row through a one-row bitmap into the reducer: the full decode is never held.
+    dec->line.reset(new QBitMap(32, width, 1));
+    dec->reducer.reset(new QAreaReducer(width, height, img));
+    if (!dec->line->GetBuffer() || !dec->reducer->IsReady()) {
+      QWARN("QImage::ReadJPG", "QImage:ReadJPG(); (%s) out of memory", name);
+      return false;
+    }
+    const int components = cinfo->num_components;
+    if (components == 3) cinfo->out_color_space = JCS_EXT_RGBA;
+    jpeg_start_decompress(cinfo);
+    JSAMPARRAY raw = nullptr;
+    if (components != 3)
+      raw = (*cinfo->mem->alloc_sarray)(reinterpret_cast<j_common_ptr>(cinfo), JPOOL_IMAGE,
+                                        JDIMENSION(cinfo->output_width * JDIMENSION(cinfo->output_components)), 1);
+    JSAMPROW row = dec->line->GetBuffer();
+    while (cinfo->output_scanline < cinfo->output_height) {
+      if (components == 3) {
+        jpeg_read_scanlines(cinfo, &row, 1);
+      } else {
+        jpeg_read_scanlines(cinfo, raw, 1);
+        QImage::PutLine(raw[0], 0, dec->line.get(), components, name);
+      }
+      dec->reducer->PushRow(row);
+    }
+    jpeg_finish_decompress(cinfo);
+    if (dec->err.warning[0])
+      QDBG("QImage::ReadJPG", "QImage:ReadJPG(%s); %s (%ld warnings)", name, dec->err.warning,
+           cinfo->err->num_warnings);
+    return true;
   }
 
   const int components = cinfo->num_components;
@@ -160,9 +197,10 @@ bool QImage::ReadJPG(const char* name) {
   return ReadJPG(data.get(), size, name);
 }
 
-bool QImage::ReadJPG(const uint8_t* data, size_t size, const char* name, int eighths) {
+bool QImage::ReadJPG(const uint8_t* data, size_t size, const char* name, int eighths,
+                     int reduceWidth, int reduceHeight) {
   JpegDecoder dec;
-  return Decode(&dec, this, data, size, name ? name : "", eighths);
+  return Decode(&dec, this, data, size, name ? name : "", eighths, reduceWidth, reduceHeight);
 }
 
 bool QImage::ReadJPGSize(const uint8_t* data, size_t size, int* width, int* height) {
