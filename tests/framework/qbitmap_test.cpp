@@ -140,6 +140,35 @@ TEST_F(BitmapTest, RotateRefusesOtherAnglesAndStaysInsideAWrongSizedDestination)
   EXPECT_EQ(Screen(half), (Rows{{11, 3, 2}, {0x99, 13, 12}}));
 }
 
+TEST_F(BitmapTest, AreaReduceAveragesTheCoveredAreaAndKeepsTheTopRowOnTop) {
+  // 4 x 2 -> 2 x 1: each new pixel is the mean of a 2 x 2 block, per byte.
+  QBitMap bm(32, 4, 2);
+  const uint32_t top[] = {0x00000000, 0x04080C10, 0x10203040, 0x20406080};
+  const uint32_t bottom[] = {0x02020202, 0x06060606, 0x30303030, 0x50505050};
+  for (int x = 0; x < 4; ++x) Put(bm, x, 1, top[x]), Put(bm, x, 0, bottom[x]);
+  ASSERT_TRUE(bm.AreaReduce(2, 1));
+  EXPECT_EQ(Screen(bm), (Rows{{0x03040506, 0x2C384450}}));
+
+  // 3 -> 2 across: the middle pixel is split half and half; rows stay where they were (a red
+  // top row over a blue bottom row, 3 x 2 -> 2 x 2).
+  QBitMap odd(32, 3, 2);
+  for (int x = 0; x < 3; ++x) Put(odd, x, 1, x == 1 ? 0x000000FF : 0xF00000FF), Put(odd, x, 0, 0x0000F0FF);
+  ASSERT_TRUE(odd.AreaReduce(2, 2));
+  EXPECT_EQ(Screen(odd), (Rows{{0xA00000FF, 0xA00000FF}, {0x0000F0FF, 0x0000F0FF}}));
+
+  // A flat picture stays flat through any ratio; growing, other depths and empty sizes are refused.
+  QBitMap flat(32, 97, 61);
+  flat.Fill(nullptr, QColor(0x80, 0x40, 0x20, 0xFF));
+  ASSERT_TRUE(flat.AreaReduce(13, 7));
+  for (int row = 0; row < 7; ++row)
+    for (int x = 0; x < 13; ++x) ASSERT_EQ(Px(flat, x, row), 0x804020FFu);
+  EXPECT_FALSE(flat.AreaReduce(14, 7));
+  EXPECT_FALSE(flat.AreaReduce(0, 7));
+  EXPECT_EQ(flat.GetWidth(), 13);
+  QBitMap grey(8, 4, 4);
+  EXPECT_FALSE(grey.AreaReduce(2, 2));
+}
+
 TEST_F(BitmapTest, CopyPixelsFromCountsRowsFromTheTop) {
   QBitMap src(32, 3, 3), dst(32, 4, 3);
   Number(src);  // top-down row 0 is memory row 2: values 21 22 23

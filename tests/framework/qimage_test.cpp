@@ -290,11 +290,35 @@ TEST_F(QImageTest, JpegSizeLimitIs16384EachWay) {
   EXPECT_EQ(img.GetWidth(), 16384);
   EXPECT_EQ(At(img, 16383, 7), Rgba(128, 128, 128, 255));
   for (auto [w, h] : {std::pair{16385, 8}, std::pair{8, 16385}}) {
-    const std::string f = Put("over.jpg", MakeJpeg(w, h));
+    const Bytes jpeg = MakeJpeg(w, h);
+    const std::string f = Put("over.jpg", jpeg);
     EXPECT_FALSE(img.Read(f.c_str()));
     EXPECT_TRUE(Logged("QImage:ReadJPG(); (" + f + ") is " + std::to_string(w) + "x" +
                        std::to_string(h) + " large; supported only upto 16384x16384"));
+    // The limit is on what is decoded: half size fits.
+    EXPECT_TRUE(img.ReadJPG(jpeg.data(), jpeg.size(), "over.jpg", 4));
+    EXPECT_EQ(img.GetWidth() * img.GetHeight(), 8193 * 4);
   }
+}
+
+TEST_F(QImageTest, JpegDecodesScaledAndShrinksWhileDecoding) {
+  const Bytes jpeg = MakeJpeg(203, 101, true);
+  int w = 0, h = 0;
+  ASSERT_TRUE(QImage::ReadJPGSize(jpeg.data(), jpeg.size(), &w, &h));
+  EXPECT_EQ(w * 1000 + h, 203101);
+  EXPECT_FALSE(QImage::ReadJPGSize(jpeg.data(), 20, &w, &h));
+  // 3/8 rounds up: 77 x 38.
+  QImage scaled, shrunk;
+  ASSERT_TRUE(scaled.ReadJPG(jpeg.data(), jpeg.size(), "s.jpg", 3));
+  EXPECT_EQ(scaled.GetWidth() * 1000 + scaled.GetHeight(), 77038);
+  // Shrinking row by row gives what shrinking the whole decode gives.
+  ASSERT_TRUE(shrunk.ReadJPG(jpeg.data(), jpeg.size(), "s.jpg", 3, 50, 25));
+  ASSERT_TRUE(scaled.AreaReduce(50, 25));
+  ASSERT_EQ(shrunk.GetSize(), scaled.GetSize());
+  EXPECT_EQ(memcmp(shrunk.GetBuffer(), scaled.GetBuffer(), size_t(scaled.GetSize())), 0);
+  // A reduced size larger than the decode is ignored.
+  ASSERT_TRUE(shrunk.ReadJPG(jpeg.data(), jpeg.size(), "s.jpg", 1, 100, 100));
+  EXPECT_EQ(shrunk.GetWidth() * 1000 + shrunk.GetHeight(), 26013);
 }
 
 TEST_F(QImageTest, JpegWarningsKeepWhatDecodedAndErrorsEndTheRead) {

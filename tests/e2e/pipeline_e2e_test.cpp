@@ -1,0 +1,219 @@
+// The picture pipeline from outside, on a 1920 x 1080 X server: what reaches the screen looks
+// like a high-quality resize of the picture (a 24-megapixel photo upright and turned, a large
+// Targa, a 30000-pixel panorama), a step to a prefetched picture reads no file and a picture
+// replaced after its prefetch shows its new content, and a flood of junk datagrams does not
+// hold up a real command.
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "support/e2e.h"
+#include "support/tempdir.h"
+
+namespace {
+
+using e2e::Program;
+using e2e::Screen;
+
+constexpr int kW = 1920, kH = 1080;
+constexpr int kStartMs = 60000;  // a 24-megapixel decode under the sanitizers is slow
+constexpr int kStepMs = 20000;
+
+// Photo-like: smooth colour fields with fine detail and some grain.
+uint32_t Photo(int x, int y) {
+  const double r = 128 + 70 * std::sin(x / 310.0) * std::cos(y / 190.0) + 20 * std::sin(x / 7.0);
+  const double g = 120 + 60 * std::cos(x / 450.0 + y / 260.0) + 15 * std::cos(y / 5.0);
+  const double b = 110 + 80 * std::sin((x + y) / 520.0);
+  const uint32_t grain = (uint32_t(x) * 2654435761u ^ uint32_t(y) * 40503u) >> 28;  // 0..15
+  const auto c = [grain](double v) { return uint32_t(std::min(255.0, std::max(0.0, v + grain - 8))); };
+  return c(r) << 16 | c(g) << 8 | c(b);
+}
+
+// Mean absolute difference per channel between the screen's rectangle at (x0, y0) and a binary
+// PPM of the same size; a large number when the PPM cannot be read.
+double MeanDifference(const Screen& s, int x0, int y0, const std::string& ppm) {
+  std::ifstream f(ppm, std::ios::binary);
+  std::string magic;
+  int w = 0, h = 0, max = 0;
+  f >> magic >> w >> h >> max;
+  f.get();
+  if (magic != "P6" || w <= 0 || h <= 0 || max != 255) return 1e9;
+  std::string px(size_t(w) * h * 3, 0);
+  if (!f.read(&px[0], std::streamsize(px.size()))) return 1e9;
+  double sum = 0;
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      const uint32_t c = s.At(x0 + x, y0 + y);
+      const unsigned char* p = reinterpret_cast<const unsigned char*>(&px[(size_t(y) * w + x) * 3]);
+      sum += std::abs(e2e::R(c) - p[0]) + std::abs(e2e::G(c) - p[1]) + std::abs(e2e::B(c) - p[2]);
+    }
+  return sum / (3.0 * w * h);
+}
+
+// The Photo pattern as a binary PPM.
+bool WritePpm(const std::string& path, int w, int h) {
+  std::ofstream o(path, std::ios::binary);
+  o << "P6\n" << w << " " << h << "\n255\n";
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      const uint32_t c = Photo(x, y);
+      o.put(char(c >> 16)).put(char(c >> 8)).put(char(c));
+    }
+  return bool(o);
+}
+
+// ImageMagick's resize of `picture` (turned first by `rotate` degrees) to w x h, as a PPM.
+std::string Reference(const std::string& picture, int rotate, int w, int h) {
+  const std::string out = picture + ".ref.ppm";
+  const std::string cmd = "convert '" + picture + "' -rotate " + std::to_string(rotate) +
+                          " -resize " + std::to_string(w) + "x" + std::to_string(h) + "! '" + out +
+                          "' 2>&1";
+  return e2e::Capture(cmd).empty() ? out : "";
+}
+
+class PipelineE2E : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    if (e2e::HaveTools() && e2e::Have("convert")) xvfb_ = e2e::StartXvfb(kW, kH);
+  }
+  static void TearDownTestSuite() { e2e::StopXvfb(); }
+  void SetUp() override {
+    if (!xvfb_) GTEST_SKIP() << "needs Xvfb, xdotool, xwd and ImageMagick";
+    if (access(GLIMRA_BUILD_DIR "/glimra", X_OK) != 0) GTEST_SKIP() << "glimra is not built";
+    if (e2e::RunningCopies() > 0) GTEST_SKIP() << "another glimra is running";
+  }
+  // A full-screen program on the whole server.
+  void Prepare(Program* p) {
+    ASSERT_TRUE(p->Prepare(e2e::FreeUdpPort()));
+    ASSERT_TRUE(p->SetKey("resolution.width", std::to_string(kW).c_str()));
+    ASSERT_TRUE(p->SetKey("resolution.height", std::to_string(kH).c_str()));
+    ASSERT_TRUE(p->SetKey("effects.show_info", "0"));
+  }
+  // Waits until the log reports the load of `name` `count` times, then grabs the screen.
+  bool Shown(Program* p, const std::string& name, int count = 1) {
+    return p->WaitForLog("Load times (" + name, kStepMs, count) && (Settle(), e2e::GrabScreen(&screen_));
+  }
+  static void Settle() { std::this_thread::sleep_for(std::chrono::milliseconds(300)); }
+
+  static bool xvfb_;
+  Screen screen_;
+};
+bool PipelineE2E::xvfb_ = false;
+
+TEST_F(PipelineE2E, WhatIsShownLooksLikeAHighQualityResize) {
+  Program p;
+  Prepare(&p);
+  ASSERT_TRUE(e2e::WritePicture(p.Path("photo.jpg"), 6000, 4000, Photo));
+  // A large Targa; ImageMagick resizes the same pixels from a plain PPM (it reads the origin
+  // of a Targa's rows its own way).
+  ASSERT_TRUE(e2e::WritePicture(p.Path("big.tga"), 3000, 2000, Photo));
+  ASSERT_TRUE(WritePpm(p.Path("big.ppm"), 3000, 2000));
+  // The same photo stored turned: EXIF orientation 6 asks for a quarter turn clockwise.
+  ASSERT_TRUE(WriteFile(p.Path("turned.jpg"), p.ReadFile("photo.jpg")));
+  ASSERT_TRUE(e2e::SetJpegOrientation(p.Path("turned.jpg"), 6));
+
+  // 3:2 in 1920 x 1080: 1620 x 1080 from x = 150; turned, 720 x 1080 from x = 600.
+  struct Case { const char* name; int rotate, x, w; } cases[] = {
+      {"photo.jpg", 0, 150, 1620}, {"turned.jpg", 90, 600, 720}, {"big.tga", 0, 150, 1620}};
+  ASSERT_TRUE(p.Start("photo.jpg"));
+  for (const Case& c : cases) {
+    if (c.name != cases[0].name) {
+      ASSERT_TRUE(p.Send(std::string("load ") + c.name));
+    }
+    ASSERT_TRUE(Shown(&p, c.name)) << p.Log();
+    std::string source = p.Path(c.name);
+    if (source.size() > 4 && source.compare(source.size() - 4, 4, ".tga") == 0)
+      source.replace(source.size() - 4, 4, ".ppm");
+    const std::string ref = Reference(source, c.rotate, c.w, kH);
+    ASSERT_FALSE(ref.empty()) << c.name;
+    EXPECT_LE(MeanDifference(screen_, c.x, 0, ref), 4.0) << c.name;
+    // Black beside the picture, picture at its edges.
+    EXPECT_EQ(screen_.At(c.x - 1, kH / 2), 0u) << c.name;
+    EXPECT_NE(screen_.At(c.x, kH / 2), 0u) << c.name;
+    EXPECT_NE(screen_.At(c.x + c.w - 1, kH / 2), 0u) << c.name;
+    EXPECT_EQ(screen_.At(c.x + c.w, kH / 2), 0u) << c.name;
+  }
+  EXPECT_TRUE(p.WaitForLog("Code 0, Orientation: 6", kStepMs));
+
+  // A phone panorama wider than any texture: decoded reduced, it runs over both sides.
+  ASSERT_TRUE(e2e::WritePicture(p.Path("pano.jpg"), 30000, 1500,
+                                [](int x, int) { return x < 15000 ? 0xC83232u : 0x3232C8u; }));
+  ASSERT_TRUE(p.Send("load pano.jpg"));
+  ASSERT_TRUE(Shown(&p, "pano.jpg")) << p.Log();
+  EXPECT_TRUE(e2e::Near(screen_.At(5, kH / 2), 0xC8, 0x32, 0x32, 24));
+  EXPECT_TRUE(e2e::Near(screen_.At(kW - 5, kH / 2), 0x32, 0x32, 0xC8, 24));
+  EXPECT_EQ(p.Log().find("Can't load image"), std::string::npos) << p.Log();
+}
+
+// Bytes the program has read through read() so far; -1 when unknown.
+long long ReadBytes(pid_t pid) {
+  std::ifstream f("/proc/" + std::to_string(pid) + "/io");
+  std::string key;
+  long long value = -1;
+  while (f >> key >> value)
+    if (key == "rchar:") return value;
+  return -1;
+}
+
+TEST_F(PipelineE2E, StepsUsePrefetchedPicturesUnlessTheFileChanged) {
+  Program p;
+  Prepare(&p);
+  const uint32_t colours[] = {0xC83232, 0x32C832, 0x3232C8};
+  const char* names[] = {"a.jpg", "b.jpg", "c.jpg"};
+  for (int i = 0; i < 3; ++i) {
+    const uint32_t c = colours[i];
+    // Grain, so that each file is a few megabytes and a read of it cannot go unnoticed.
+    ASSERT_TRUE(e2e::WritePicture(p.Path(names[i]), 3000, 2000,
+                                  [c](int x, int y) { return c ^ (Photo(x, y) & 0x0F0F0F); }));
+  }
+  ASSERT_GT(p.ReadFile("b.jpg").size(), 1000000u);
+  ASSERT_TRUE(p.Start());
+  ASSERT_TRUE(Shown(&p, "a.jpg")) << p.Log();
+  // Give the worker time to decode b and c, then step: only the upload is left. a goes, so that
+  // the prefetch of the new neighbours after the step has nothing to read either.
+  std::this_thread::sleep_for(std::chrono::seconds(3));
+  ASSERT_EQ(unlink(p.Path("a.jpg").c_str()), 0);
+  const long long before = ReadBytes(p.Pid());
+  ASSERT_TRUE(p.Keys("Right"));
+  ASSERT_TRUE(Shown(&p, "b.jpg")) << p.Log();
+  EXPECT_TRUE(e2e::Near(screen_.At(kW / 2, kH / 2), 0x32, 0xC8, 0x32, 24));
+  EXPECT_TRUE(p.WaitForLog("Load times (b.jpg", kStepMs));
+  EXPECT_NE(p.Log().find("(prefetched)"), std::string::npos) << p.Log();
+  const long long read = ReadBytes(p.Pid()) - before;
+  EXPECT_GE(before, 0);
+  EXPECT_LT(read, 100000) << "bytes read by the step";
+
+  // c was prefetched as blue; replaced on disk by a white one, the step shows white.
+  std::this_thread::sleep_for(std::chrono::seconds(3));
+  ASSERT_TRUE(e2e::WritePicture(p.Path("c.jpg"), 600, 400, [](int, int) { return 0xE6E6E6u; }));
+  ASSERT_TRUE(p.Keys("Right"));
+  ASSERT_TRUE(Shown(&p, "c.jpg")) << p.Log();
+  EXPECT_TRUE(e2e::Near(screen_.At(kW / 2, kH / 2), 0xE6, 0xE6, 0xE6, 24));
+}
+
+TEST_F(PipelineE2E, AFloodOfJunkDatagramsDoesNotHoldUpARealCommand) {
+  Program p;
+  Prepare(&p);
+  ASSERT_TRUE(e2e::WritePicture(p.Path("a.tga"), 60, 40, [](int, int) { return 0xC83232u; }));
+  ASSERT_TRUE(e2e::WritePicture(p.Path("x.tga"), 60, 40, [](int, int) { return 0x3232C8u; }));
+  ASSERT_TRUE(p.Start("a.tga"));
+  ASSERT_TRUE(Shown(&p, "a.tga")) << p.Log();
+  for (int i = 0; i < 10000; ++i) ASSERT_TRUE(p.Send("junk " + std::to_string(i)));
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  ASSERT_TRUE(p.Send("load x.tga"));
+  const auto sent = std::chrono::steady_clock::now();
+  ASSERT_TRUE(e2e::WaitForScreen(
+      [](const Screen& s) { return e2e::Near(s.At(kW / 2, kH / 2), 0x32, 0x32, 0xC8, 24); }, kStepMs,
+      &screen_));
+  // Generous for a loaded machine; the channel used to stay jammed for half a minute.
+  EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(5));
+}
+
+}  // namespace
