@@ -1,6 +1,7 @@
 // glimra: the program's entry. Picks the working directory, and either starts the slideshow or,
 // when a copy already runs, hands the argument to it over UDP and ends.
 #include <dirent.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -134,6 +135,10 @@ int main(int argc, char** argv) {
   }
 
   const char* arg = argc > 1 ? argv[1] : nullptr;
+  // Picture-sized blocks go straight back to the system when freed. Left to itself the C
+  // library raises this threshold after the first such free and then keeps later pictures in
+  // its heap, so a display that runs for months would hold its largest pictures' worth for good.
+  mallopt(M_MMAP_THRESHOLD, 256 * 1024);
   // Taken before the program's folder is entered: a relative argument means a file here.
   qstring startDir;
   QGetCurrentDirectory(&startDir);

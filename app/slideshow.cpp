@@ -353,10 +353,18 @@ void RaceManager::Run() {
 
 void RaceManager::IdleProc() {
   RaceManager* rm = g_raceManager;
+  if (rm && !rm->dirty && rm->prefetchDue) {
+    rm->prefetchDue = false;
+    rm->PrefetchNeighbours();
+  }
   if (!rm || !rm->dirty) return;
   rm->dirty = false;
   rm->Paint();
   if (rm->window) rm->window->Swap();
+  if (rm->prefetchDue) {
+    rm->prefetchDue = false;
+    rm->PrefetchNeighbours();
+  }
 }
 
 void RaceManager::ExitProc() {

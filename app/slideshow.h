@@ -159,6 +159,7 @@ class RaceManager {
   std::unique_ptr<CommandChannel> commands;
   std::unique_ptr<Prefetcher> prefetcher;  // made by Setup; tests and tools load directly
   bool dirty = true;  // the screen no longer shows the current state
+  bool prefetchDue = false;  // the neighbours are to be prefetched once the frame is out
   int shownWidth = 0, shownHeight = 0;  // the shown picture's own size, turned upright
 };
 

@@ -75,7 +75,8 @@ void RaceManager::LoadNewImage(const char* pathArg) {
   const bool prefetched = prefetcher && prefetcher->Take(path, fit, grey, &picture);
   if (!prefetched) LoadPicture(path, fit, grey, &picture);
   ShowPicture(&picture, prefetched);
-  PrefetchNeighbours();
+  // After the frame: the worker would otherwise take the processor from the paint.
+  prefetchDue = true;
 }
 
 void RaceManager::PrefetchNeighbours() {

@@ -15,8 +15,10 @@
 namespace bench {
 
 // Smooth colour gradients with pixel noise (so the entropy data looks like a photo's), written
-// by libjpeg at quality 90; `orientation` 1-8 adds an EXIF block with it, 0 none.
-inline bool WritePhoto(const std::string& path, int width, int height, int orientation) {
+// by libjpeg at quality 90; `orientation` 1-8 adds an EXIF block with it, 0 none. `tint` 1, 2
+// or 3 lifts red, green or blue, so that pictures can be told apart on the screen.
+inline bool WritePhoto(const std::string& path, int width, int height, int orientation,
+                       int tint = 0) {
   FILE* f = fopen(path.c_str(), "wb");
   if (!f) return false;
   jpeg_compress_struct c;
@@ -43,9 +45,9 @@ inline bool WritePhoto(const std::string& path, int width, int height, int orien
       seed = seed * 1664525u + 1013904223u;
       const int noise = int(seed >> 27) - 16;  // -16 .. 15
       uint8_t* px = &row[size_t(x) * 3];
-      px[0] = clamp(255 * x / width + noise);
-      px[1] = clamp(255 * y / height + noise / 2);
-      px[2] = clamp(255 * (x + y) / (width + height) - noise);
+      px[0] = clamp(255 * x / width + noise + (tint == 1 ? 90 : 0));
+      px[1] = clamp(255 * y / height + noise / 2 + (tint == 2 ? 90 : 0));
+      px[2] = clamp(255 * (x + y) / (width + height) - noise + (tint == 3 ? 90 : 0));
     }
     JSAMPROW r = row.data();
     jpeg_write_scanlines(&c, &r, 1);
@@ -55,8 +57,9 @@ inline bool WritePhoto(const std::string& path, int width, int height, int orien
   return fclose(f) == 0;
 }
 
-// The yardstick: libjpeg-turbo straight into a fresh RGBA buffer, top row first.
-inline bool RawDecode(const char* path) {
+// The yardstick: libjpeg-turbo straight into a fresh RGBA buffer, top row first, at `eighths`
+// of the full size (the library's DCT scaling).
+inline bool RawDecode(const char* path, int eighths = 8) {
   FILE* f = fopen(path, "rb");
   if (!f) return false;
   jpeg_decompress_struct d;
@@ -65,6 +68,8 @@ inline bool RawDecode(const char* path) {
   jpeg_create_decompress(&d);
   jpeg_stdio_src(&d, f);
   jpeg_read_header(&d, TRUE);
+  d.scale_num = unsigned(eighths);
+  d.scale_denom = 8;
   d.out_color_space = JCS_EXT_RGBA;
   jpeg_start_decompress(&d);
   const size_t stride = size_t(d.output_width) * 4;

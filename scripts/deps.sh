@@ -5,7 +5,7 @@ glimra_install_deps() {
   local pkgs=(cmake g++ pkg-config make
     libjpeg62-turbo-dev libenet-dev libsdl2-dev libgl-dev libglu1-mesa-dev
     libfreetype-dev libfontconfig-dev fonts-dejavu-core zlib1g-dev
-    libgtest-dev libgmock-dev libbenchmark-dev hyperfine
+    libgtest-dev libgmock-dev libbenchmark-dev hyperfine libx11-dev libxtst-dev
     xvfb xauth xdotool x11-utils x11-apps
     clang-14 libclang-rt-14-dev
     imagemagick netpbm libimage-exiftool-perl
