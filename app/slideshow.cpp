@@ -324,6 +324,7 @@ void RaceManager::HandleEvent(QEvent* e) {
       if (ini) ini->SetBool("effects.show_info", (flags & SHOW_INFO) == 0);
       SaveIni();
       flags ^= SHOW_INFO;
+      dirty = true;
       break;
     default:
       break;
@@ -341,10 +342,13 @@ void RaceManager::Run() {
     // Asleep until a key, a window event or a datagram comes; a frame still owed is drawn at once.
     QEventWait(dirty ? 0 : idleSleepMs);
     while (QEventPending()) {
-      QEventNext(app->GetCurrentEvent());
-      // Any window event (expose, resize, focus) may have spoilt what is shown.
-      dirty = true;
-      HandleEvent(app->GetCurrentEvent());
+      QEvent* e = app->GetCurrentEvent();
+      QEventNext(e);
+      // A window event (expose, resize, focus) may have spoilt what is shown; keys and the
+      // pointer change nothing by themselves (what a key does asks for its own frame).
+      if (e->type != QEVENT_KEYPRESS && e->type != QEVENT_KEYRELEASE && e->type != QEVENT_MOTION)
+        dirty = true;
+      HandleEvent(e);
     }
     if (commands) commands->Drain();
     IdleProc();
