@@ -1,6 +1,7 @@
 // glimra: the program's entry. Picks the working directory, and either starts the slideshow or,
 // when a copy already runs, hands the argument to it over UDP and ends.
 #include <dirent.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -8,6 +9,7 @@
 #include <string>
 
 #include "app/slideshow.h"
+#include "framework/qapp.h"
 #include "framework/qdir.h"
 #include "framework/qini.h"
 #include "framework/qmessage.h"
@@ -78,6 +80,32 @@ std::string ExeDirectory() {
   return path;
 }
 
+// A stop from outside (systemd, Ctrl+C, a closed terminal): the main loop ends the program
+// through its exit procedure at the end of its cycle.
+void OnStopSignal(int sig) { RaceManager::RequestStop(sig); }
+
+// A crash: give the monitor its desktop mode back, then die of the same signal. Leaving full
+// screen is not async-signal-safe; the handler runs once (SA_RESETHAND), and the alarm ends a
+// process that deadlocks in there, so the worst case is the crash as it would have been.
+void OnCrashSignal(int sig) {
+  alarm(2);
+  QApp::PrepareForBox();
+  raise(sig);
+}
+
+void InstallSignalHandlers() {
+  struct sigaction stop {};
+  stop.sa_handler = &OnStopSignal;
+  sigemptyset(&stop.sa_mask);
+  stop.sa_flags = SA_RESTART;
+  for (int sig : {SIGTERM, SIGINT, SIGHUP}) sigaction(sig, &stop, nullptr);
+  struct sigaction crash {};
+  crash.sa_handler = &OnCrashSignal;
+  sigemptyset(&crash.sa_mask);
+  crash.sa_flags = SA_RESETHAND | SA_NODEFER;
+  for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGABRT}) sigaction(sig, &crash, nullptr);
+}
+
 }  // namespace
 
 // Sends `text` (without its terminating zero) as one datagram to host:port.
@@ -110,6 +138,7 @@ int main(int argc, char** argv) {
   if (!dir.empty() && lower.find("source") == std::string::npos) QSetCurrentDirectory(dir.c_str());
 
   if (CountRunningCopies() < 2) {
+    InstallSignalHandlers();
     RaceManager* rm = new RaceManager();
     rm->Setup(arg);
     rm->Run();
@@ -119,8 +148,10 @@ int main(int argc, char** argv) {
   QIni* ini = new QIni("glimra.ini");
   qstring text("load ");
   if (arg) text += arg;
-  const int port = ini->GetInt("network.port", 5000);
-  QuickNetSend("127.0.0.1", port, text.cstr());
+  // The running copy may listen on one address only; it is reached there.
+  qstring listen;
+  const bool one = CommandListenAddress(ini, &listen);
+  QuickNetSend(one ? listen.cstr() : "127.0.0.1", CommandPort(ini), text.cstr());
   delete ini;
   return 0;
 }

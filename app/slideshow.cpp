@@ -2,6 +2,8 @@
 #include "app/slideshow.h"
 
 #include <chrono>
+#include <csignal>
+#include <cstring>
 #include <thread>
 
 #include "d3/dmesh.h"
@@ -21,6 +23,8 @@
 namespace {
 
 RaceManager* g_raceManager = nullptr;
+// The signal that asked the program to stop, 0 while none did; set from a signal handler.
+volatile sig_atomic_t g_stopSignal = 0;
 
 // Key numbers the controller answers (virtual-key codes).
 constexpr int kKeyB = 'B';
@@ -107,8 +111,10 @@ void RaceManager::Setup(const char* arg) {
 
   if (ini->GetBool("dev.terminal", false)) QOpenDeveloperConsole();
 
-  netPort = ini->GetInt("network.port", 5000);
-  OpenCommandSocket(netPort);
+  netPort = CommandPort(ini);
+  qstring listen;
+  CommandListenAddress(ini, &listen);
+  OpenCommandSocket(netPort, listen.cstr());
   // A developer's knob: soak tests shorten the cycle to push thousands of commands through.
   idleSleepMs = ini->GetInt("dev.idle_sleep_ms", IDLE_SLEEP_MS);
   if (idleSleepMs < 0) idleSleepMs = 0;
@@ -282,8 +288,14 @@ void RaceManager::Run() {
       HandleEvent(app->GetCurrentEvent());
     }
     IdleProc();
+    if (const int sig = g_stopSignal) {
+      QNOTE("RaceManager::Run", "Signal %d (%s): ending", sig, strsignal(sig));
+      app->Exit(0);
+    }
   }
 }
+
+void RaceManager::RequestStop(int signal) { g_stopSignal = signal; }
 
 void RaceManager::IdleProc() {
   RaceManager* rm = g_raceManager;

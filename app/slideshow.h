@@ -84,8 +84,12 @@ class RaceManager {
   // Key presses: Escape exits, Left/Right step, B/C switch black-and-white (written to the
   // configuration file), I toggles the overlay (likewise). Everything else is ignored.
   void HandleEvent(QEvent* e);
-  // The main loop; never returns (Escape ends the process through QApp::Exit).
+  // The main loop; never returns (Escape ends the process through QApp::Exit, and so does a
+  // stop request, with status 0, at the end of the cycle it arrives in).
   [[noreturn]] void Run();
+  // Asks the main loop to end the program; `signal` names the reason in the log. Only stores a
+  // number, so a signal handler may call it.
+  static void RequestStop(int signal);
   // The application's callbacks: one idle cycle, and the exit that destroys the controller.
   static void IdleProc();
   static void ExitProc();
@@ -137,11 +141,19 @@ class RaceManager {
 RaceManager* QGetRaceManager();
 
 // ---- Command channel (commands.cpp) ----
-// Opens the UDP socket "glimra_commands" on `port` of every local address, non-blocking.
-// A port that cannot be opened is fatal: "Can't open UDP socket at port %d\n".
-void OpenCommandSocket(int port);
+// "network.port" when it is a number from 1 to 65535; otherwise (an error names the value) and
+// when it is missing, 5000.
+int CommandPort(QIni* ini);
+// "network.listen" into `address`: false and empty when unset (every address of the machine). A
+// value that is not a dotted IPv4 address logs an error and answers 127.0.0.1.
+bool CommandListenAddress(QIni* ini, qstring* address);
+// Opens the UDP socket "glimra_commands" on `port` of the address `listen` (null or empty: every
+// local address), non-blocking. A port that cannot be opened is fatal: "Can't open UDP socket
+// at port %d\n".
+void OpenCommandSocket(int port, const char* listen = nullptr);
 // Takes at most one waiting datagram and handles it. A datagram of 1024 bytes or more ends the
-// program at once (commands must stay below 1024 bytes).
+// program (commands must stay below 1024 bytes): one error line naming the size and the sender,
+// then the application's exit with status 1.
 void NetCheck(int port);
 // "load <path>" loads <path> (everything after the blank, as it stands); anything else is
 // ignored.
