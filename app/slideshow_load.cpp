@@ -1,4 +1,5 @@
 // RaceManager: turning a picture file into the textured quad on the screen, and painting.
+#include <algorithm>
 #include <memory>
 
 #include "app/slideshow.h"
@@ -114,6 +115,17 @@ void RaceManager::LoadNewImage(const char* pathArg) {
     image->Rotate(angle, nullptr, oriented.get(), nullptr);
   } else if (oriented->GetBuffer()) {
     oriented->CopyPixelsFrom(image.get(), 0, 0, w, h, 0, 0);
+  }
+  // A picture larger than any texture would show as a white quad: shrink it to fit, keeping
+  // its proportions (the mesh below takes them from the picture, not the texture).
+  const int limit = DTexture::GetMaxSize();
+  if (limit > 0 && (oriented->GetWidth() > limit || oriented->GetHeight() > limit)) {
+    const int ow = oriented->GetWidth(), oh = oriented->GetHeight();
+    const int fw = ow >= oh ? limit : std::max(1, int(int64_t(ow) * limit / oh));
+    const int fh = ow >= oh ? std::max(1, int(int64_t(oh) * limit / ow)) : limit;
+    if (oriented->ReduceByArea(fw, fh))
+      QNOTE("RaceManager::LoadNewImage", "'%s' is %dx%d, above the texture limit %d: shown at %dx%d",
+            path.cstr(), ow, oh, limit, fw, fh);
   }
   times.turn = phase.GetMilliSeconds();
 

@@ -99,6 +99,13 @@ DTexture::~DTexture() {
 
 int DTexture::GetLiveCount() { return g_liveTextures; }
 
+int DTexture::GetMaxSize() {
+  if (!QGLMakeAppContextCurrent()) return 0;
+  GLint size = 0;
+  glGetIntegerv(GL_MAX_TEXTURE_SIZE, &size);
+  return size > 0 ? int(size) : 0;
+}
+
 unsigned int DTexture::ChooseInternalFormat(unsigned int requested, bool compressed,
                                             bool linear) {
   if (!compressed) {

@@ -70,6 +70,9 @@ class DTexture : public QObject {
 
   // GL names held by all textures of the process now (made and not yet deleted). Cannot fail.
   static int GetLiveCount();
+  // The longest side a texture may have (GL_MAX_TEXTURE_SIZE of the application's context);
+  // 0 when no context can be made current.
+  static int GetMaxSize();
 
   // The internal-format rule of the header text.
   static unsigned int ChooseInternalFormat(unsigned int requested, bool compressed, bool linear);

@@ -69,6 +69,10 @@ class QBitMap : public QDrawable {
   bool Resize(int width, int height, bool scaleContents = true);
   // Keeps only the top-down rectangle `r`; false, unchanged, for an empty rectangle or no memory.
   bool CropTo(const QRect& r);
+  // Shrinks a 32-bit bitmap to width x height by averaging the block of source pixels each new
+  // pixel covers (an area filter: no aliasing, every source pixel counts). False, unchanged, for
+  // another depth, a size that is not a reduction, or no memory.
+  bool ReduceByArea(int width, int height);
 
   // ---- Geometry ----
   // Copies `srcRect` of this bitmap (memory rows, bottom-up) turned clockwise by `angle` (0, 90,

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <vector>
 
 #include "framework/qbitmap.h"
 #include "framework/qmem.h"
@@ -63,6 +64,46 @@ uint32_t PackedPixel(const uint8_t* p) {
 // ---------------------------------------------------------------------------------------------
 // Whole-picture pixel operations
 // ---------------------------------------------------------------------------------------------
+
+bool QBitMap::ReduceByArea(int width, int height) {
+  const int64_t sw = width_, sh = height_;
+  if (depth_ != 32 || !pixels_ || width < 1 || height < 1 || width > sw || height > sh) return false;
+  if (width == sw && height == sh) return true;
+  uint8_t* block = static_cast<uint8_t*>(qmalloc(size_t(int64_t(width) * height * 4)));
+  if (!block) {
+    QWARN("QBitMap::ReduceByArea", "QBitMap::ReduceByArea() no memory for %dx%d", width, height);
+    return false;
+  }
+  // One row of channel sums for the output row being gathered; source rows are visited once.
+  std::vector<uint64_t> sums(size_t(width) * 4);
+  std::vector<int> firstX(size_t(width) + 1);
+  for (int x = 0; x <= width; ++x) firstX[size_t(x)] = int(int64_t(x) * sw / width);
+  for (int y = 0; y < height; ++y) {
+    const int64_t y0 = int64_t(y) * sh / height, y1 = int64_t(y + 1) * sh / height;
+    std::fill(sums.begin(), sums.end(), 0);
+    for (int64_t sy = y0; sy < y1; ++sy) {
+      const uint8_t* row = pixels_ + sy * sw * 4;
+      for (int x = 0; x < width; ++x) {
+        uint64_t* acc = &sums[size_t(x) * 4];
+        for (int sx = firstX[size_t(x)]; sx < firstX[size_t(x) + 1]; ++sx)
+          for (int c = 0; c < 4; ++c) acc[c] += row[int64_t(sx) * 4 + c];
+      }
+    }
+    uint8_t* out = block + int64_t(y) * width * 4;
+    for (int x = 0; x < width; ++x) {
+      const uint64_t n = uint64_t(firstX[size_t(x) + 1] - firstX[size_t(x)]) * uint64_t(y1 - y0);
+      for (int c = 0; c < 4; ++c)
+        out[x * 4 + c] = uint8_t((sums[size_t(x) * 4 + c] + n / 2) / n);
+    }
+  }
+  if (!(flags_ & EXTERNAL)) qfree(pixels_);
+  flags_ &= ~uint32_t(EXTERNAL);
+  pixels_ = block;
+  width_ = width;
+  height_ = height;
+  size_ = width * height * 4;
+  return true;
+}
 
 void QBitMap::MakeGray() {
   static const GrayWeights kWeights;

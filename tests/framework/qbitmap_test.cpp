@@ -269,6 +269,32 @@ TEST_F(BitmapTest, ResizeWithoutGLScalesNearestNeighbour) {
   EXPECT_EQ(row.GetWidth(), 4);
 }
 
+TEST_F(BitmapTest, ReduceByAreaAveragesTheBlockEachPixelCovers) {
+  // 5 x 3 to 2 x 1: columns 0-1 and 2-4 of all three rows. Pixel values are small numbers in
+  // the alpha byte (and 0 elsewhere), so averages are easy to check: (1+2+11+12+21+22)/6 = 11.5
+  // rounds to 12, (3+4+5+13+14+15+23+24+25)/9 = 14.
+  QBitMap bm(32, 5, 3);
+  Number(bm);
+  ASSERT_TRUE(bm.ReduceByArea(2, 1));
+  EXPECT_EQ(Screen(bm), (Rows{{12, 14}}));
+
+  // A checkerboard of black and white becomes even grey, not an alias of either.
+  QBitMap board(32, 8, 6);
+  for (int row = 0; row < 6; ++row)
+    for (int x = 0; x < 8; ++x) Put(board, x, row, (x + row) % 2 ? 0xFFFFFFFF : 0x000000FF);
+  ASSERT_TRUE(board.ReduceByArea(4, 3));
+  for (const auto& r : Screen(board))
+    for (uint32_t c : r) EXPECT_EQ(c, 0x808080FFu);
+
+  // Only reductions of 32-bit pictures; a refusal changes nothing.
+  EXPECT_FALSE(board.ReduceByArea(5, 3));
+  EXPECT_FALSE(board.ReduceByArea(0, 1));
+  QBitMap grey(8, 4, 4);
+  EXPECT_FALSE(grey.ReduceByArea(2, 2));
+  EXPECT_EQ(board.GetWidth(), 4);
+  EXPECT_EQ(board.GetSize(), 4 * 3 * 4);
+}
+
 TEST_F(BitmapTest, CropToKeepsATopDownRectangle) {
   QBitMap bm(32, 4, 3);
   Number(bm);  // screen rows: 21..24, 11..14, 1..4
