@@ -2,6 +2,7 @@
 // when a copy already runs, hands the argument to it over UDP and ends.
 #include <dirent.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -51,17 +52,43 @@ bool ProcessName(const char* pid, std::string* out) {
   return true;
 }
 
-// Running processes (this one included) whose executable file name is the program's, compared
-// without regard to case. 0 when the process list cannot be read, which means a full start.
+bool IsProgram(const char* pid) {
+  std::string name;
+  return ProcessName(pid, &name) && strcasecmp(name.c_str(), kProgramName) == 0;
+}
+
+// True when process `pid` runs as this user and has not ended; `parent` gets its parent's id.
+bool IsLiveOwnProcess(const char* pid, std::string* parent) {
+  const std::string dir = std::string("/proc/") + pid;
+  struct stat st;
+  if (stat(dir.c_str(), &st) != 0 || st.st_uid != getuid()) return false;
+  FILE* f = fopen((dir + "/stat").c_str(), "r");
+  if (!f) return false;
+  char line[512] = {};
+  const bool ok = fgets(line, sizeof(line), f) != nullptr;
+  fclose(f);
+  // "pid (name) state ppid ...": the name may hold anything, so read from its last ')'.
+  const char* close = ok ? strrchr(line, ')') : nullptr;
+  char state = 0;
+  long ppid = 0;
+  if (!close || sscanf(close + 1, " %c %ld", &state, &ppid) != 2) return false;
+  *parent = std::to_string(ppid);
+  return state != 'Z' && state != 'X';
+}
+
+// Running processes (this one included) of this user whose executable file name is the
+// program's, compared without regard to case. A child of such a process (the one a message box
+// runs in) is no copy of its own, and neither is an ended one nobody has reaped. 0 when the
+// process list cannot be read, which means a full start.
 int CountRunningCopies() {
   DIR* d = opendir("/proc");
   if (!d) return 0;
   int count = 0;
   while (dirent* e = readdir(d)) {
     if (e->d_name[0] < '0' || e->d_name[0] > '9') continue;
-    std::string name;
-    if (!ProcessName(e->d_name, &name)) continue;
-    if (strcasecmp(name.c_str(), kProgramName) == 0) ++count;
+    std::string parent;
+    if (!IsProgram(e->d_name) || !IsLiveOwnProcess(e->d_name, &parent)) continue;
+    if (!IsProgram(parent.c_str())) ++count;
   }
   closedir(d);
   return count;

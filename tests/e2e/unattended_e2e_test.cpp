@@ -7,13 +7,17 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <random>
 #include <string>
 #include <thread>
 
 #include "framework/qini.h"
 #include "support/e2e.h"
+#include "support/tempdir.h"
 
 namespace {
 
@@ -26,6 +30,33 @@ constexpr int kStepMs = 10000;
 // A picture the program can show, so that every start runs the whole show.
 bool AddPicture(const Program& p) {
   return e2e::WritePicture(p.Path("a.tga"), 40, 30, [](int, int) { return 0xDC1414u; });
+}
+
+// "R", "S", "Z", ... of process `pid`; "" when it is gone. The parent's id into `ppid`.
+std::string State(pid_t pid, pid_t* ppid = nullptr) {
+  const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+  const size_t close = stat.rfind(')');
+  if (close == std::string::npos) return "";
+  char state = 0;
+  long parent = 0;
+  if (sscanf(stat.c_str() + close + 1, " %c %ld", &state, &parent) != 2) return "";
+  if (ppid) *ppid = pid_t(parent);
+  return std::string(1, state);
+}
+
+// A process whose parent is `pid`, within `ms`; 0 when none shows up.
+pid_t WaitForChild(pid_t pid, int ms) {
+  for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+       std::chrono::steady_clock::now() < end;
+       std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+    for (const auto& e : std::filesystem::directory_iterator("/proc")) {
+      const std::string name = e.path().filename().string();
+      if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+      pid_t parent = 0;
+      if (State(pid_t(std::stoi(name)), &parent) != "" && parent == pid) return std::stoi(name);
+    }
+  }
+  return 0;
 }
 
 class UnattendedE2E : public ::testing::Test {
@@ -131,6 +162,55 @@ TEST_F(UnattendedE2E, StopSignalsAndTheOverLongCommandLeaveThroughTheExitPath) {
     ASSERT_NE(exitAt, std::string::npos) << log;
     EXPECT_NE(log.find("RaceManager: released", exitAt), std::string::npos) << log;
   }
+}
+
+}  // namespace
+
+namespace {
+
+// A fatal error with its message box up: the program without its font.
+TEST_F(UnattendedE2E, FatalBoxDiesWithItsProgramAndClosesItselfWhenAsked) {
+  const char* off = getenv("GLIMRA_NO_MESSAGEBOX");
+  const std::string saved = off ? off : "";
+  unsetenv("GLIMRA_NO_MESSAGEBOX");
+  struct Restore {
+    std::string value;
+    ~Restore() {
+      if (!value.empty()) setenv("GLIMRA_NO_MESSAGEBOX", value.c_str(), 1);
+    }
+  } restore{saved};
+
+  Program p;
+  ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
+  ASSERT_TRUE(AddPicture(p));
+  const std::string fonts = p.Path("fonts"), away = p.Path("fonts-away");
+  ASSERT_EQ(rename(fonts.c_str(), away.c_str()), 0);
+  ASSERT_TRUE(p.Start());
+  const pid_t box = WaitForChild(p.Pid(), kStartMs);
+  ASSERT_NE(box, 0) << p.Log();
+  kill(p.Pid(), SIGKILL);
+  p.WaitExit(kStepMs);
+  // Gone with its parent (at most an ended entry nobody has reaped yet).
+  for (int i = 0; i < 100 && State(box) != "" && State(box) != "Z"; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_TRUE(State(box) == "" || State(box) == "Z") << State(box);
+
+  // So a restart is a real start, not a hand-off to the box.
+  ASSERT_EQ(rename(away.c_str(), fonts.c_str()), 0);
+  ASSERT_TRUE(p.Start());
+  EXPECT_FALSE(p.WindowId(kStartMs).empty()) << p.Log();
+  EXPECT_EQ(p.WaitExit(200), -1) << "it handed off and ended";
+  kill(p.Pid(), SIGTERM);
+  EXPECT_EQ(p.WaitExit(kStepMs), 0);
+
+  // With dev.fatal_box_seconds the box closes itself and the program ends.
+  ASSERT_EQ(rename(fonts.c_str(), away.c_str()), 0);
+  ASSERT_TRUE(p.SetKey("dev.fatal_box_seconds", "1"));
+  ASSERT_TRUE(p.Start());
+  ASSERT_NE(WaitForChild(p.Pid(), kStartMs), 0) << p.Log();
+  const auto shown = std::chrono::steady_clock::now();
+  EXPECT_NE(p.WaitExit(kStepMs), -1) << "still waiting for a click";
+  EXPECT_GE(std::chrono::steady_clock::now() - shown, std::chrono::milliseconds(500));
 }
 
 }  // namespace
