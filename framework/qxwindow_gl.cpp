@@ -11,6 +11,9 @@
 
 namespace {
 
+// The fatal error of the step at which the old method last gave up.
+const char* g_oldMethodFailure = "Failed to choose pixel format.";
+
 void AskCompatibilityProfile() {
   SDL_GL_ResetAttributes();
   SDL_GL_SetAttribute(SDL_GL_CONTEXT_PROFILE_MASK, SDL_GL_CONTEXT_PROFILE_COMPATIBILITY);
@@ -65,7 +68,10 @@ bool QXWindow::EnableOpenGL() {
   // Drivers that refuse the first method still give a context the old way.
   QWARN("QXWindow::EnableOpenGL", "SetPixelFormat failed, are you using an Intel GPU?.");
   QWARN("QXWindow::EnableOpenGL", "Reverting to the old method of creating the OpenGL context.");
-  return EnableOpenGLOld();
+  if (EnableOpenGLOld()) return true;
+  // Nothing can be drawn without a context: the window says so, not the first user of OpenGL.
+  qfatal("%s", g_oldMethodFailure);
+  return false;
 }
 
 bool QXWindow::EnableOpenGLOld() {
@@ -87,9 +93,11 @@ bool QXWindow::EnableOpenGLOld() {
   if (!CreateNative()) {
     QERR("QXWindow::EnableOpenGLOld", "(QXWindow) ChoosePixelFormat() failed ('%s')",
          SDL_GetError());
+    g_oldMethodFailure = "Failed to choose pixel format.";
     return false;
   }
   context_ = SDL_GL_CreateContext(window_);
+  g_oldMethodFailure = context_ ? "wglMakeCurrent failed." : "wglCreateContextfailed.";
   if (!context_ || SDL_GL_MakeCurrent(window_, static_cast<SDL_GLContext>(context_)) != 0) {
     QERR("QXWindow::EnableOpenGLOld", "(QXWindow) SetPixelFormat() failed ('%s')",
          SDL_GetError());
