@@ -23,7 +23,7 @@
 class DBitMapTexture;
 class DMesh;
 class QCanvas;
-class QEvent;
+struct QEvent;
 class QFont;
 class QIni;
 class QShell;

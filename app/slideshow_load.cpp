@@ -124,8 +124,9 @@ void RaceManager::LoadNewImage(const char* pathArg) {
     const int fw = ow >= oh ? limit : std::max(1, int(int64_t(ow) * limit / oh));
     const int fh = ow >= oh ? std::max(1, int(int64_t(oh) * limit / ow)) : limit;
     if (oriented->ReduceByArea(fw, fh))
-      QNOTE("RaceManager::LoadNewImage", "'%s' is %dx%d, above the texture limit %d: shown at %dx%d",
-            path.cstr(), ow, oh, limit, fw, fh);
+      QNOTE("RaceManager::LoadNewImage",
+            "'%s' is %dx%d, above the texture limit %d: shown at %dx%d", path.cstr(), ow, oh,
+            limit, fw, fh);
   }
   times.turn = phase.GetMilliSeconds();
 

@@ -67,7 +67,8 @@ uint32_t PackedPixel(const uint8_t* p) {
 
 bool QBitMap::ReduceByArea(int width, int height) {
   const int64_t sw = width_, sh = height_;
-  if (depth_ != 32 || !pixels_ || width < 1 || height < 1 || width > sw || height > sh) return false;
+  if (depth_ != 32 || !pixels_ || width < 1 || height < 1 || width > sw || height > sh)
+    return false;
   if (width == sw && height == sh) return true;
   uint8_t* block = static_cast<uint8_t*>(qmalloc(size_t(int64_t(width) * height * 4)));
   if (!block) {

@@ -112,7 +112,8 @@ int ReplaceFile(const std::string& path, const char* data, size_t size) {
   }
   // The rename itself must reach the disk too.
   const size_t slash = path.rfind('/');
-  const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+  const std::string dir =
+      slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
   const int dfd = open(dir.c_str(), O_RDONLY | O_DIRECTORY);
   if (dfd >= 0) {
     fsync(dfd);

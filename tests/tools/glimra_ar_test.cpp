@@ -39,7 +39,9 @@ int Wait(pid_t pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-int RunTool(const std::string& dir, std::vector<std::string> args) { return Wait(Start(dir, args)); }
+int RunTool(const std::string& dir, std::vector<std::string> args) {
+  return Wait(Start(dir, args));
+}
 
 // The member's bytes as the archive gives them back ("" when it cannot).
 std::string Member(const std::string& archive, const char* name, const std::string& out) {
