@@ -181,8 +181,12 @@ void QIni::WriteNode(qstring* out, const QIniNode* group, int level) const {
 
 void QIni::WriteToString(qstring* out) const {
   if (!out) return;
-  if (bom_) *out += kBom;
-  WriteNode(out, root_, 0);
+  qstring text;
+  WriteNode(&text, root_, 0);
+  // A first name that begins with the mark's bytes needs a mark before it, or the reader would
+  // take its first three bytes for one.
+  if (bom_ || strncmp(text.cstr(), kBom, 3) == 0) *out += kBom;
+  *out += text.cstr();
 }
 
 bool QIni::Write(const char* fileName, bool check) {

@@ -323,4 +323,10 @@ TEST_F(QIniFile, ByteOrderMarkIsSkippedOnReadAndKeptOnWrite) {
   ini.SetInt("group.b", 2);
   ASSERT_TRUE(ini.Write(nullptr, false));
   EXPECT_EQ(ReadFile(name), "\xEF\xBB\xBFgroup\n{\n  a=1\n  b=2\n}\n");
+
+  // Not at the start, the same bytes are part of a name, which must survive a write and read.
+  MemIni named("=\n\xEF\xBB\xBFk=1\n");
+  EXPECT_EQ(named.Get("\xEF\xBB\xBFk"), "1");
+  MemIni back(named.Text());
+  EXPECT_EQ(back.Get("\xEF\xBB\xBFk"), "1");
 }
