@@ -2,11 +2,15 @@
 // reading and handling of each datagram.
 #include "app/command_channel.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "app/slideshow.h"
+#include "framework/qapp.h"
+#include "framework/qeval.h"
 #include "framework/qevent.h"
+#include "framework/qini.h"
 #include "framework/qmessage.h"
 #include "framework/qthread.h"
 #include "net/addr.h"
@@ -18,6 +22,7 @@ namespace {
 // The controller's log lines carry its main source name wherever its code lives.
 constexpr const char* kSource = "slideshow.cpp";
 constexpr int kBufferSize = 1024;
+constexpr int kDefaultPort = 5000;
 // How often the watcher looks up from the socket to see whether it is to end.
 constexpr int kWatchMs = 250;
 // A flood is taken in slices, so that keys and painting go on between them.
@@ -39,9 +44,44 @@ CommandChannel::~CommandChannel() {
   socket_.reset();
 }
 
-void CommandChannel::Open(int port) {
+int CommandPort(QIni* ini) {
+  char raw[QIni::MAX_TEXT];
+  if (!ini || !ini->GetString("network.port", raw)) return kDefaultPort;
+  bool complete = false;
+  const int port = qeval(raw, &complete);
+  if (complete && port >= 1 && port <= 65535) return port;
+  // Port 0 would be any free port: nobody could reach the display.
+  QERR("CommandPort", "network.port '%s' is not a port number from 1 to 65535; using %d", raw,
+       kDefaultPort);
+  return kDefaultPort;
+}
+
+bool CommandListenAddress(QIni* ini, qstring* address) {
+  address->Clear();
+  if (!ini) return false;
+  ini->GetString("network.listen", address, "");
+  if (address->IsEmpty()) return false;
+  // A dotted address of this machine, not a name: a name would need a look-up at every start.
+  unsigned b[4];
+  char extra;
+  if (sscanf(address->cstr(), "%3u.%3u.%3u.%3u%c", &b[0], &b[1], &b[2], &b[3], &extra) == 4 &&
+      b[0] < 256 && b[1] < 256 && b[2] < 256 && b[3] < 256)
+    return true;
+  // Better deaf to the network than open to all of it by a typing mistake.
+  QERR("CommandListenAddress", "network.listen '%s' is not an address; listening on 127.0.0.1",
+       address->cstr());
+  *address = "127.0.0.1";
+  return true;
+}
+
+void CommandChannel::Open(int port, const char* listen) {
   qnInit();
   std::unique_ptr<QNSocket> s(new QNSocket(QNSocket::UDP, "glimra_commands"));
+  if (listen && *listen) {
+    QNAddress a;
+    a.GetByName(listen);
+    s->SetBindAddress(a.GetAddress());
+  }
   if (!s->Open(port)) qfatal("Can't open UDP socket at port %d\n", port);
   s->SetNonBlocking(1);
   socket_ = std::move(s);
@@ -79,7 +119,13 @@ bool CommandChannel::NetCheck() {
   // Nothing to handle (a refusal report, an oversized datagram), but a datagram was taken.
   if (n <= 0) return true;
   // The terminating zero would not fit: a hard limit of the channel, not a recoverable fault.
-  if (n >= kBufferSize) exit(1);
+  // The program still leaves through its exit procedure, so the screen and the log end well.
+  if (n >= kBufferSize) {
+    QERR("NetCheck", "Command of %d bytes from %s:%d is too long (at most %d); ending", n,
+         from.GetDotted(), from.GetPort(), kBufferSize - 1);
+    if (QGetApp()) QGetApp()->Exit(1);
+    qExitProcess(1);
+  }
   buf[n] = 0;
   qdbg(kSource, "NetCheck", __LINE__, "in %d bytes (%s)\n", n, buf);
   HandleCommand(buf);

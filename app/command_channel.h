@@ -15,9 +15,18 @@
 #include <memory>
 #include <mutex>
 
+class QIni;
 class QNSocket;
 class QThread;
 class RaceManager;
+class qstring;
+
+// "network.port" when it is a number from 1 to 65535; otherwise (an error names the value) and
+// when it is missing, 5000.
+int CommandPort(QIni* ini);
+// "network.listen" into `address`: false and empty when unset (every address of the machine). A
+// value that is not a dotted IPv4 address logs an error and answers 127.0.0.1.
+bool CommandListenAddress(QIni* ini, qstring* address);
 
 class CommandChannel {
  public:
@@ -26,10 +35,13 @@ class CommandChannel {
   CommandChannel(const CommandChannel&) = delete;
   CommandChannel& operator=(const CommandChannel&) = delete;
 
-  // Opens the UDP socket "glimra_commands" on `port` of every local address, non-blocking, and
-  // starts the watcher. A port that cannot be opened is fatal: "Can't open UDP socket at port %d\n".
-  void Open(int port);
-  // Takes one waiting datagram and handles it; false when none was waiting.
+  // Opens the UDP socket "glimra_commands" on `port` of the address `listen` (null or empty:
+  // every local address), non-blocking, and starts the watcher. A port that cannot be opened is
+  // fatal: "Can't open UDP socket at port %d\n".
+  void Open(int port, const char* listen = nullptr);
+  // Takes one waiting datagram and handles it; false when none was waiting. A datagram of 1024
+  // bytes or more ends the program: one error line naming the size and the sender, then the
+  // exit procedure with status 1.
   bool NetCheck();
   // Handles every waiting datagram in arrival order, then lets the watcher look again. Answers
   // how many were taken.

@@ -2,6 +2,7 @@
 // when a copy already runs, hands the argument to it over UDP and ends.
 #include <dirent.h>
 #include <malloc.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,7 +10,9 @@
 #include <cstring>
 #include <string>
 
+#include "app/command_channel.h"
 #include "app/slideshow.h"
+#include "framework/qapp.h"
 #include "framework/qdir.h"
 #include "framework/qini.h"
 #include "framework/qmessage.h"
@@ -51,17 +54,43 @@ bool ProcessName(const char* pid, std::string* out) {
   return true;
 }
 
-// Running processes (this one included) whose executable file name is the program's, compared
-// without regard to case. 0 when the process list cannot be read, which means a full start.
+bool IsProgram(const char* pid) {
+  std::string name;
+  return ProcessName(pid, &name) && strcasecmp(name.c_str(), kProgramName) == 0;
+}
+
+// True when process `pid` runs as this user and has not ended; `parent` gets its parent's id.
+bool IsLiveOwnProcess(const char* pid, std::string* parent) {
+  const std::string dir = std::string("/proc/") + pid;
+  struct stat st;
+  if (stat(dir.c_str(), &st) != 0 || st.st_uid != getuid()) return false;
+  FILE* f = fopen((dir + "/stat").c_str(), "r");
+  if (!f) return false;
+  char line[512] = {};
+  const bool ok = fgets(line, sizeof(line), f) != nullptr;
+  fclose(f);
+  // "pid (name) state ppid ...": the name may hold anything, so read from its last ')'.
+  const char* close = ok ? strrchr(line, ')') : nullptr;
+  char state = 0;
+  long ppid = 0;
+  if (!close || sscanf(close + 1, " %c %ld", &state, &ppid) != 2) return false;
+  *parent = std::to_string(ppid);
+  return state != 'Z' && state != 'X';
+}
+
+// Running processes (this one included) of this user whose executable file name is the
+// program's, compared without regard to case. A child of such a process (the one a message box
+// runs in) is no copy of its own, and neither is an ended one nobody has reaped. 0 when the
+// process list cannot be read, which means a full start.
 int CountRunningCopies() {
   DIR* d = opendir("/proc");
   if (!d) return 0;
   int count = 0;
   while (dirent* e = readdir(d)) {
     if (e->d_name[0] < '0' || e->d_name[0] > '9') continue;
-    std::string name;
-    if (!ProcessName(e->d_name, &name)) continue;
-    if (strcasecmp(name.c_str(), kProgramName) == 0) ++count;
+    std::string parent;
+    if (!IsProgram(e->d_name) || !IsLiveOwnProcess(e->d_name, &parent)) continue;
+    if (!IsProgram(parent.c_str())) ++count;
   }
   closedir(d);
   return count;
@@ -88,6 +117,32 @@ std::string HandOffPath(const char* arg, const qstring& startDir) {
   if (arg[0] == '/' || startDir.IsEmpty()) return arg;
   const std::string joined = std::string(startDir.cstr()) + "/" + arg;
   return stat(joined.c_str(), &st) == 0 ? joined : std::string(arg);
+}
+
+// A stop from outside (systemd, Ctrl+C, a closed terminal): the main loop ends the program
+// through its exit procedure at the end of its cycle.
+void OnStopSignal(int sig) { RaceManager::RequestStop(sig); }
+
+// A crash: give the monitor its desktop mode back, then die of the same signal. Leaving full
+// screen is not async-signal-safe; the handler runs once (SA_RESETHAND), and the alarm ends a
+// process that deadlocks in there, so the worst case is the crash as it would have been.
+void OnCrashSignal(int sig) {
+  alarm(2);
+  QApp::PrepareForBox();
+  raise(sig);
+}
+
+void InstallSignalHandlers() {
+  struct sigaction stop {};
+  stop.sa_handler = &OnStopSignal;
+  sigemptyset(&stop.sa_mask);
+  stop.sa_flags = SA_RESTART;
+  for (int sig : {SIGTERM, SIGINT, SIGHUP}) sigaction(sig, &stop, nullptr);
+  struct sigaction crash {};
+  crash.sa_handler = &OnCrashSignal;
+  sigemptyset(&crash.sa_mask);
+  crash.sa_flags = SA_RESETHAND | SA_NODEFER;
+  for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGABRT}) sigaction(sig, &crash, nullptr);
 }
 
 }  // namespace
@@ -153,6 +208,7 @@ int main(int argc, char** argv) {
   if (!dir.empty() && lower.find("source") == std::string::npos) QSetCurrentDirectory(dir.c_str());
 
   if (CountRunningCopies() < 2) {
+    InstallSignalHandlers();
     RaceManager* rm = new RaceManager();
     rm->Setup(arg);
     rm->Run();
@@ -162,10 +218,13 @@ int main(int argc, char** argv) {
   QIni* ini = new QIni("glimra.ini");
   qstring text("load ");
   if (arg) text += HandOffPath(arg, startDir).c_str();
-  // The running copy listens with the developer's port offset; so must the hand-off aim.
+  // The running copy may listen on one address only, and with the developer's port offset; it
+  // is reached there.
+  qstring listen;
+  const bool one = CommandListenAddress(ini, &listen);
   const int offset = ini->GetInt("dev.port_offset", 0);
-  const int port = ini->GetInt("network.port", 5000) + (offset >= 1 ? offset : 0);
-  QuickNetSend("127.0.0.1", port, text.cstr());
+  QuickNetSend(one ? listen.cstr() : "127.0.0.1", CommandPort(ini) + (offset >= 1 ? offset : 0),
+               text.cstr());
   delete ini;
   return 0;
 }

@@ -1,10 +1,12 @@
 // RaceManager: start-up, catalogue, keys and the main loop.
 #include "app/slideshow.h"
 
+#include <csignal>
+#include <cstring>
+#include <string>
+
 #include "app/command_channel.h"
 #include "app/prefetcher.h"
-
-#include <string>
 
 #include "d3/dmesh.h"
 #include "d3/dtexture.h"
@@ -24,6 +26,8 @@
 namespace {
 
 RaceManager* g_raceManager = nullptr;
+// The signal that asked the program to stop, 0 while none did; set from a signal handler.
+volatile sig_atomic_t g_stopSignal = 0;
 
 // Key numbers the controller answers (virtual-key codes).
 constexpr int kKeyB = 'B';
@@ -124,9 +128,11 @@ void RaceManager::Setup(const char* arg) {
 
   if (ini->GetBool("dev.terminal", false)) QOpenDeveloperConsole();
 
-  netPort = ini->GetInt("network.port", 5000);
+  netPort = CommandPort(ini);
+  qstring listen;
+  CommandListenAddress(ini, &listen);
   commands.reset(new CommandChannel());
-  commands->Open(netPort);
+  commands->Open(netPort, listen.cstr());
   // A developer's knob: how often the idle procedure runs at the least.
   idleSleepMs = ini->GetInt("dev.idle_sleep_ms", IDLE_SLEEP_MS);
   if (idleSleepMs < 0) idleSleepMs = 0;
@@ -352,8 +358,14 @@ void RaceManager::Run() {
     }
     if (commands) commands->Drain();
     IdleProc();
+    if (const int sig = g_stopSignal) {
+      QNOTE("RaceManager::Run", "Signal %d (%s): ending", sig, strsignal(sig));
+      app->Exit(0);
+    }
   }
 }
+
+void RaceManager::RequestStop(int signal) { g_stopSignal = signal; }
 
 void RaceManager::IdleProc() {
   RaceManager* rm = g_raceManager;

@@ -28,7 +28,7 @@ class Prefetcher;
 class DBitMapTexture;
 class DMesh;
 class QCanvas;
-class QEvent;
+struct QEvent;
 class QFont;
 class QIni;
 class QShell;
@@ -106,8 +106,12 @@ class RaceManager {
   // Key presses: Escape exits, Left/Right step, B/C switch black-and-white (written to the
   // configuration file), I toggles the overlay (likewise). Everything else is ignored.
   void HandleEvent(QEvent* e);
-  // The main loop; never returns (Escape ends the process through QApp::Exit).
+  // The main loop; never returns (Escape ends the process through QApp::Exit, and so does a
+  // stop request, with status 0, at the end of the cycle it arrives in).
   [[noreturn]] void Run();
+  // Asks the main loop to end the program; `signal` names the reason in the log. Only stores a
+  // number, so a signal handler may call it.
+  static void RequestStop(int signal);
   // The application's callbacks: one idle cycle (paint and present when something changed), and
   // the exit that destroys the controller.
   static void IdleProc();

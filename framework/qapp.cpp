@@ -164,6 +164,11 @@ bool QApp::CreateMainWindow() {
     mainWin_ = nullptr;
     return false;
   }
+  // In a switched mode the desktop is the mode: pictures are sized by its proportions.
+  if (mainWin_->IsModeSwitched()) {
+    display_->GetDesktopRect(&desktop_);
+    if (!display_->GetWorkArea(&workArea_)) workArea_ = desktop_;
+  }
   cursor_ = display_->CreateBlankCursor();
   if (cursor_) display_->SetCursor(cursor_);
   if (flags_ & RAISE_ON_CREATE) mainWin_->Raise();

@@ -164,6 +164,9 @@ class QApp : public QObject {
   // Writes the main window's pixels to "<base>NNNN.tga" (the first free number) and puts that
   // name into `name`. False with "> No UI present." when there is no main window.
   bool SaveScreenshot(const char* base, qstring* name);
+  // Gives a full-screen main window's monitor back its desktop mode and hides the window (before
+  // a message box, and on a crash); nothing otherwise.
+  static void PrepareForBox();
 
  private:
   void SetFlag(int bit, bool on) { flags_ = on ? (flags_ | bit) : (flags_ & ~bit); }
@@ -171,7 +174,6 @@ class QApp : public QObject {
   void HandleKeyPress();
   void Release();
   static const char* LogName();
-  static void PrepareForBox();
   static bool MakeContextCurrent();
 
   char* shortName_ = nullptr;  // qstrdup copy

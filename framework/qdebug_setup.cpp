@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "framework/qdebug.h"
+#include "framework/qerror.h"
 #include "framework/qini.h"
 
 namespace {
@@ -59,6 +60,7 @@ void qdbg_setup(QIni* ini) {
   }
 
   if (ini->GetInt("dev.log_last", 0)) qlogOpenSecondFile();
+  qSetFatalBoxSeconds(ini->GetInt("dev.fatal_box_seconds", 0));
   if (ini->GetInt("dev.strict", 0)) {
     qdbgSetStrict(true);
     qlogOpenSecondFile();

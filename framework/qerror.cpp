@@ -3,6 +3,11 @@
 
 #include <SDL.h>
 #include <execinfo.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +19,27 @@
 
 namespace {
 SDL_Window* g_owner = nullptr;
+int g_fatalBoxSeconds = 0;
+// While a box is up: the process that shows it, and how long an OK box may wait.
+volatile pid_t g_boxParent = 0;
+volatile int g_boxSeconds = 0;
+
+// SDL shows a box from a forked child (X11) or a dialog program it forks and runs (Wayland).
+// That child must not outlive the program, hold its command socket or its display connection,
+// or wait for a click for ever on a display nobody watches. Runs in the child right after fork:
+// only async-signal-safe calls.
+void BoxChildAtFork() {
+  if (!g_boxParent) return;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != g_boxParent) _exit(0);  // the parent died before the line above
+  // Sockets only: the child talks to its parent through a pipe.
+  for (int fd = 3; fd < 1024; ++fd) {
+    struct stat st;
+    if (fstat(fd, &st) == 0 && S_ISSOCK(st.st_mode)) close(fd);
+  }
+  // The box goes with its child; the parent then goes on as after a dismissed box.
+  if (g_boxSeconds > 0) alarm(unsigned(g_boxSeconds));
+}
 
 // Button words from the application's language table when one is loaded.
 const char* Word(const char* key, const char* def) {
@@ -33,6 +59,8 @@ bool NotShown(const char* caption, const char* text) {
 }  // namespace
 
 void qSetMessageBoxOwner(void* sdlWindow) { g_owner = static_cast<SDL_Window*>(sdlWindow); }
+
+void qSetFatalBoxSeconds(int seconds) { g_fatalBoxSeconds = seconds > 0 ? seconds : 0; }
 
 bool qShowMessageBox(const char* caption, const char* text, QMessageBoxKind kind) {
   const char* off = getenv("GLIMRA_NO_MESSAGEBOX");
@@ -57,8 +85,14 @@ bool qShowMessageBox(const char* caption, const char* text, QMessageBoxKind kind
   data.message = text ? text : "";
   data.numbuttons = nbuttons;
   data.buttons = buttons;
+  static const bool hooked = pthread_atfork(nullptr, nullptr, &BoxChildAtFork) == 0;
+  (void)hooked;
+  g_boxSeconds = kind == QMB_OK_EXCLAMATION ? g_fatalBoxSeconds : 0;
+  g_boxParent = getpid();
   int hit = -1;
-  if (SDL_ShowMessageBox(&data, &hit) != 0) return NotShown(caption, text);
+  const int rc = SDL_ShowMessageBox(&data, &hit);
+  g_boxParent = 0;
+  if (rc != 0) return NotShown(caption, text);
   return hit == 1;
 }
 

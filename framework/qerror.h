@@ -19,6 +19,10 @@ enum QMessageBoxKind {
 bool qShowMessageBox(const char* caption, const char* text, QMessageBoxKind kind);
 // The window that owns the boxes (an SDL_Window*), or null.
 void qSetMessageBoxOwner(void* sdlWindow);
+// An OK box (the fatal error's) closes itself after this many seconds, as if dismissed; 0, the
+// default, waits for the click. Whatever process shows a box dies with the program, holds none
+// of its sockets, and is never counted as a running copy.
+void qSetFatalBoxSeconds(int seconds);
 
 // Logs "Going to crash, reason: %s" and writes 12345 to address zero.
 void QCrash(const char* reason);

@@ -1,7 +1,11 @@
 // QFile: stream and memory files, the counted open/close wrappers and the file-exists check.
 #include "framework/qfile.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <filesystem>
@@ -57,6 +61,13 @@ void Scramble(uint8_t* p, int n, long position) {
 
 FILE* qfopen(const char* path, const char* mode) {
   if (!path || !mode) return nullptr;
+  // Reading a FIFO or a device would block for ever (or never end); a directory reads as junk.
+  // Only regular files are read, and looking costs no open.
+  struct stat st;
+  if (mode[0] == 'r' && stat(path, &st) == 0 && !S_ISREG(st.st_mode)) {
+    errno = EINVAL;
+    return nullptr;
+  }
   FILE* fp = fopen(path, mode);
   if (fp) ++g_openFiles;
   return fp;
@@ -75,13 +86,10 @@ int qfGetOpenCount() { return g_openFiles; }
 
 bool QFileExists(const char* path) {
   if (!path || !*path) return false;
-  FILE* fp = fopen(path, "rb");
-  if (fp) {
-    fclose(fp);
-    std::error_code ec;
-    // fopen accepts a directory here, where the framework's platform of origin does not.
-    if (!std::filesystem::is_directory(path, ec)) return true;
-  }
+  // A directory does not count (the framework's platform of origin does not open one), nor
+  // anything else that is not a regular file: opening a FIFO would block.
+  struct stat st;
+  if (stat(path, &st) == 0 && S_ISREG(st.st_mode) && access(path, R_OK) == 0) return true;
   QVirtualFileSystem* vfs = QGetVirtualFileSystem();
   return vfs && vfs->FileExists(path);
 }

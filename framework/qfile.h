@@ -153,7 +153,8 @@ class QFile : public QObject {
   int cursor_ = 0;  // offset into the block; may stand one step past its end
 };
 
-// Opens with a C mode and counts the open stream process-wide; null on failure.
+// Opens with a C mode and counts the open stream process-wide; null on failure. For reading,
+// only a regular file opens: a FIFO, a device or a directory answers null (errno EINVAL) at once.
 FILE* qfopen(const char* path, const char* mode);
 // Closes and uncounts; null logs the error "qfclose(0) called" and answers EOF.
 int qfclose(FILE* fp);

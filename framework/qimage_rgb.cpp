@@ -61,9 +61,16 @@ bool QImage::ReadRGB(const char* name) {
     QWARN("QImage::ReadRGB", "%s width %d out of bounds", name, s.width);
     return false;
   }
+  if (s.channels < 1 || s.width < 1 || s.height < 1) {
+    QWARN("QImage::ReadRGB", "Image '%s' is corrupt", name);
+    return false;
+  }
   const int64_t fileSize = file.Size();
   const int64_t rows = int64_t(s.height) * s.channels;  // rows of one channel each
-  if (s.rle ? kDataStart + rows * 8 > fileSize
+  // Run-length rows need their two table entries and at least one byte per run of at most 127
+  // pixels; rows sharing one chunk would otherwise let a few bytes stand for any size.
+  const int64_t runsPerRow = (int64_t(s.width) + 126) / 127;
+  if (s.rle ? kDataStart + rows * (8 + runsPerRow) > fileSize
             : !FitsFile(rows * s.width, fileSize - kDataStart)) {
     QWARN("QImage::ReadRGB", "QImage::Read: '%s' is %dx%dx%d, more than its %lld bytes can hold",
           name, s.width, s.height, s.channels, static_cast<long long>(fileSize));

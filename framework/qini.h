@@ -145,13 +145,16 @@ class QIni : public QObject {
   // ---- Writing ----
   // Writes the tree to `fileName`, or (null) to the own file when modified. With `check`, a
   // file changed on disk since it was read is overwritten only after the user says yes; "no"
-  // clears MODIFIED and answers false. A file that cannot be opened answers true silently; a
-  // failed write warns and answers false.
+  // clears MODIFIED and answers false. The text goes to a temporary file in the same folder,
+  // flushed to the disk and renamed over the old one (through a symbolic link: over its
+  // target), so the file on disk is always whole. A file that cannot be written (read-only,
+  // folder not writable, disk full) logs "Can't write %s (%s)", stays untouched and answers
+  // false; the tree keeps its change (MODIFIED stays set).
   bool Write(const char* fileName = nullptr, bool check = true);
   // Appends the text of the children of `group` at nesting `level` to `out`.
   void WriteNode(qstring* out, const QIniNode* group, int level) const;
-  // The whole tree as file text.
-  void WriteToString(qstring* out) const { WriteNode(out, root_, 0); }
+  // The whole tree as file text, led by the UTF-8 byte-order mark when the text read had one.
+  void WriteToString(qstring* out) const;
 
   // Logs the tree (debug level), or only the symbols never read (warning level).
   void DbgPrint(const char* title, bool unusedOnly = false) const;
@@ -180,6 +183,7 @@ class QIni : public QObject {
   std::filesystem::file_time_type fileTime_{};
   QIniNode** buckets_ = nullptr;  // HASH_SIZE heads, from qcalloc
   bool anyIndexed_ = false;       // spares clearing an untouched bucket table
+  bool bom_ = false;              // the text read began with a UTF-8 byte-order mark
 };
 
 // Walks the children of a group in file order, deleted nodes skipped. Holds pointers into the

@@ -96,6 +96,13 @@ void QIni::ReadFromMemory(const char* data, size_t size) {
 
 void QIni::Parse(const char* data, size_t size) {
   line_ = 1;
+  // Editors on some desktops lead a UTF-8 file with a byte-order mark; it is no part of the
+  // first key, and a write puts it back.
+  bom_ = size >= 3 && memcmp(data, "\xEF\xBB\xBF", 3) == 0;
+  if (bom_) {
+    data += 3;
+    size -= 3;
+  }
   Tokenizer tok(data, size, &line_);
   QIniNode* stack[MAX_LEVEL];
   int level = 0;

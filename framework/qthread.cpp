@@ -128,11 +128,15 @@ void* StartRoutine(void* param) {
   QThread::Shared* shared = ref->get();
   shared->threadRef = ref;
   t_shared = shared;
-  struct sigaction sa;
+  // Only over the default: a program that stops through its own exit procedure on SIGTERM
+  // installed its handler first, and a thread must not turn that into a bare end.
+  struct sigaction sa, current;
   memset(&sa, 0, sizeof(sa));
   sa.sa_handler = OnTerminate;
   sigemptyset(&sa.sa_mask);
-  sigaction(SIGTERM, &sa, nullptr);
+  if (sigaction(SIGTERM, nullptr, &current) == 0 && current.sa_handler == SIG_DFL &&
+      !(current.sa_flags & SA_SIGINFO))
+    sigaction(SIGTERM, &sa, nullptr);
 
   // A kill inside the condition wait could leave the gate's mutex held: hold it off until the
   // gate is open.

@@ -15,7 +15,8 @@
 // Kill is meant for a thread stuck in its own work.
 //
 // The first thread started installs a SIGTERM handler that ends the whole process with code 0,
-// and qthreadExit ends the whole process too: both are deliberate.
+// unless the program handles SIGTERM itself already (then its handler stays); qthreadExit ends
+// the whole process too: both are deliberate.
 //
 // The thread table and the creation guard are process-wide and not locked: create and destroy
 // QThreads from one thread. The call-stack text for error reports is qGetStackText (qerror.h).

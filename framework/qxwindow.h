@@ -6,7 +6,7 @@
 // comes from the first method (32 colour bits, 16 depth bits, double buffer, sRGB-capable); when
 // the platform refuses that window or context, the old method retries with the full-screen
 // settings' depth, alpha, stencil and stereo bits. Without any context the program cannot draw:
-// Create then answers false.
+// the window ends it with its own fatal error (the failed step of the old method).
 //
 // Full screen covers the whole screen without a border; leaving it (RestoreDesktopMode, the
 // destructor) gives the desktop its own mode back. The window owns its native window and its
@@ -36,17 +36,18 @@ class QXWindow : public QWindow {
   void SetFullScreenSettings(const QFullScreenSettings* s);
   const QFullScreenSettings& GetFullScreenSettings() const { return settings_; }
 
-  // Native window, context, full screen. False (with the reason logged) when the window or an
-  // OpenGL context cannot be had; the window is then not created.
+  // Native window, context, full screen. No OpenGL context by either method is fatal.
   bool Create() override;
   // Changes the display mode to the settings' size, depth and refresh rate, retrying without
-  // the rate when it is refused. False, staying in the desktop mode, when neither works.
+  // the rate when it is refused. False, staying in the desktop mode, when neither works; a size
+  // the display lacks is refused, never replaced by another.
   bool SwitchToFullScreen();
   // Back to the desktop's mode; nothing when not in full screen.
   void RestoreDesktopMode();
   bool IsModeSwitched() const { return modeSwitched_; }
 
-  // The two context methods; each logs its failures and answers false.
+  // The two context methods; each logs its failures and answers false (EnableOpenGL ends the
+  // program when the old method fails too).
   bool EnableOpenGL();
   bool EnableOpenGLOld();
 

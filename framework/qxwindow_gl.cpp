@@ -12,6 +12,9 @@
 
 namespace {
 
+// The fatal error of the step at which the old method last gave up.
+const char* g_oldMethodFailure = "Failed to choose pixel format.";
+
 void AskCompatibilityProfile() {
   SDL_GL_ResetAttributes();
   SDL_GL_SetAttribute(SDL_GL_CONTEXT_PROFILE_MASK, SDL_GL_CONTEXT_PROFILE_COMPATIBILITY);
@@ -100,7 +103,10 @@ bool QXWindow::EnableOpenGL() {
   // Drivers that refuse the first method still give a context the old way.
   QWARN("QXWindow::EnableOpenGL", "SetPixelFormat failed, are you using an Intel GPU?.");
   QWARN("QXWindow::EnableOpenGL", "Reverting to the old method of creating the OpenGL context.");
-  return EnableOpenGLOld();
+  if (EnableOpenGLOld()) return true;
+  // Nothing can be drawn without a context: the window says so, not the first user of OpenGL.
+  qfatal("%s", g_oldMethodFailure);
+  return false;
 }
 
 bool QXWindow::EnableOpenGLOld() {
@@ -124,9 +130,11 @@ bool QXWindow::EnableOpenGLOld() {
     QDBG("QXWindow::EnableOpenGLOld", "QXWindow(%s): window refused: %s\n", GetName(),
          SDL_GetError());
     QERR("QXWindow::EnableOpenGLOld", "(QXWindow) ChoosePixelFormat() failed");
+    g_oldMethodFailure = "Failed to choose pixel format.";
     return false;
   }
   context_ = SDL_GL_CreateContext(window_);
+  g_oldMethodFailure = context_ ? "wglMakeCurrent failed." : "wglCreateContextfailed.";
   if (!context_ || SDL_GL_MakeCurrent(window_, static_cast<SDL_GLContext>(context_)) != 0) {
     QDBG("QXWindow::EnableOpenGLOld", "QXWindow(%s): context refused: %s\n", GetName(),
          SDL_GetError());

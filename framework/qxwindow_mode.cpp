@@ -7,12 +7,14 @@
 namespace {
 
 // Applies `want` (refresh rate 0 = any) to the window in full screen. A mode is refused when the
-// display has nothing close to it, or when a rate was asked and the closest mode has another.
+// display lacks its exact size (the closest one would be larger and logged as the one asked
+// for), or when a rate was asked and the mode of that size has another.
 bool ApplyMode(SDL_Window* win, const SDL_DisplayMode& want) {
   int display = SDL_GetWindowDisplayIndex(win);
   if (display < 0) display = 0;
   SDL_DisplayMode got;
   if (!SDL_GetClosestDisplayMode(display, &want, &got)) return false;
+  if (got.w != want.w || got.h != want.h) return false;
   if (want.refresh_rate > 0 && got.refresh_rate != want.refresh_rate) return false;
   if (SDL_SetWindowDisplayMode(win, &got) != 0) return false;
   return SDL_SetWindowFullscreen(win, SDL_WINDOW_FULLSCREEN) == 0;

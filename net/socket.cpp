@@ -90,7 +90,7 @@ bool QNSocket::Open(int port, int extraFlags, const char* host) {
     return false;
   }
   handle_ = fd;
-  local_.Set(QNAddress::FAMILY_INET, INADDR_ANY, port_);
+  local_.Set(QNAddress::FAMILY_INET, bindAddress_, port_);
   remote_.Set(QNAddress::FAMILY_INET, INADDR_ANY, port_);
   return type_ == UDP ? OpenUdp(host) : OpenTcp(host);
 }

@@ -1,13 +1,16 @@
 // QNSocket: a UDP or TCP socket with a name that every message shows.
 //
 // A socket is created closed (handle 0) and opened by Open; destroying it closes the handle.
-// After Open the local address is (2, any, port) and the remote address is the same or the
-// host given to Open; `port` is the port asked for plus the process-wide port offset. Any
-// failed call sets the ERROR flag, which stays set. UDP reads go through an internal 4096-byte
-// buffer, so a datagram that does not fit the caller's buffer is refused whole rather than cut.
+// After Open the local address is (2, the bind address (any unless set), port) and the remote
+// address is the same or the host given to Open; `port` is the port asked for plus the
+// process-wide port offset. Any failed call sets the ERROR flag, which stays set. UDP reads go
+// through an internal 4096-byte buffer, so a datagram that does not fit the caller's buffer is
+// refused whole rather than cut.
 // A bound UDP socket hears about datagrams refused by their receiver (the next Read answers 0),
 // as the framework's original platform does. Not thread-safe: one thread per socket.
 #pragma once
+
+#include <cstdint>
 
 #include "framework/qobject.h"
 #include "net/addr.h"
@@ -37,6 +40,9 @@ class QNSocket : public QObject {
   // socket cannot be made, an option cannot be set, the host is unknown, or the bind or the
   // connection fails; the socket is then closed. An open socket is closed and opened again.
   bool Open(int port, int extraFlags = 0, const char* host = nullptr);
+  // The local address (host order) a later Open binds a receiving UDP socket to; 0, the
+  // default, is every address of the machine.
+  void SetBindAddress(uint32_t address) { bindAddress_ = address; }
   // Switches non-blocking mode (the low byte of `on`). -1 with a warning on a closed socket,
   // -1 reported through qnError when the system refuses; 0 otherwise.
   int SetNonBlocking(int on);
@@ -72,6 +78,7 @@ class QNSocket : public QObject {
 
   int handle_ = 0;
   int flags_ = 0;
+  uint32_t bindAddress_ = 0;
   int type_;
   QNAddress local_;
   QNAddress remote_;

@@ -1,5 +1,7 @@
 // glimra-ar: creates, lists, extracts and edits the slideshow's data archives from a shell.
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -24,7 +26,9 @@ const char kUsage[] =
     "  extract ARCHIVE MEMBER [OUTPUT]  unpack one member (exact name) to OUTPUT or its name\n"
     "  remove ARCHIVE MEMBER            mark a member removed (its bytes stay in the file)\n"
     "\n"
-    "Names are compared exactly. The exit status is 0 on success and 1 on any failure.\n";
+    "Names are compared exactly. add, add-all and remove edit a copy beside the archive and\n"
+    "rename it over the archive when done, so an interrupted edit leaves the old archive.\n"
+    "The exit status is 0 on success and 1 on any failure.\n";
 
 // Member names become paths on extraction; refuse any that would leave the current directory.
 bool SafeOutputName(const std::string& name) {
@@ -82,6 +86,64 @@ int List(QArchive* ar) {
   return 0;
 }
 
+// An edit made on a copy beside the archive that replaces it only once whole: an interruption
+// or a failure at any point leaves the old archive as it was (and at worst a stray copy).
+class EditCopy {
+ public:
+  // Copies `path` to a new file beside it; Path() is empty when that fails (reported).
+  explicit EditCopy(const char* path) : target_(path) {
+    struct stat st;
+    if (stat(path, &st) != 0 || !S_ISREG(st.st_mode)) {
+      fprintf(stderr, "glimra-ar: can't open '%s'\n", path);
+      return;
+    }
+    std::string temp = target_ + ".XXXXXX";
+    const int out = mkstemp(&temp[0]);
+    if (out < 0) {
+      fprintf(stderr, "glimra-ar: can't write beside '%s' (%s)\n", path, strerror(errno));
+      return;
+    }
+    temp_ = temp;
+    const int in = open(path, O_RDONLY);
+    bool ok = in >= 0 && fchmod(out, st.st_mode & 07777) == 0;
+    char buf[65536];
+    for (ssize_t n; ok && (n = read(in, buf, sizeof(buf))) != 0;) {
+      if (n < 0 && errno == EINTR) continue;
+      ok = n > 0 && write(out, buf, size_t(n)) == n;
+    }
+    if (in >= 0) close(in);
+    if (close(out) != 0) ok = false;
+    if (!ok) {
+      fprintf(stderr, "glimra-ar: can't copy '%s' (%s)\n", path, strerror(errno));
+      Discard();
+    }
+  }
+  ~EditCopy() { Discard(); }
+
+  const std::string& Path() const { return temp_; }
+  // Flushes the edited copy to the disk and renames it over the archive.
+  bool Commit() {
+    if (temp_.empty()) return false;
+    const int fd = open(temp_.c_str(), O_RDONLY);
+    const bool synced = fd >= 0 && fsync(fd) == 0;
+    if (fd >= 0) close(fd);
+    if (!synced || rename(temp_.c_str(), target_.c_str()) != 0) {
+      fprintf(stderr, "glimra-ar: can't replace '%s' (%s)\n", target_.c_str(), strerror(errno));
+      return false;
+    }
+    temp_.clear();
+    return true;
+  }
+
+ private:
+  void Discard() {
+    if (!temp_.empty()) unlink(temp_.c_str());
+    temp_.clear();
+  }
+  std::string target_;
+  std::string temp_;
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -103,13 +165,26 @@ int main(int argc, char** argv) {
     return ar.IsOpen() ? 0 : 1;
   }
   if ((cmd == "add" && (rest == 1 || rest == 2)) || (cmd == "add-all" && rest >= 1)) {
-    QArchive ar(path, QArchive::UPDATE);
-    if (!ar.IsOpen()) return 1;
-    ar.SetPrintProgress(true);
-    if (cmd == "add") return ar.AddFile(args[0], rest == 2 ? args[1] : nullptr) ? 0 : 1;
-    bool ok = true;
-    for (int i = 0; i < rest; ++i) ok = ar.AddFile(args[i], nullptr) && ok;
-    return ok ? 0 : 1;
+    EditCopy copy(path);
+    if (copy.Path().empty()) return 1;
+    bool ok;
+    {
+      QArchive ar(copy.Path().c_str(), QArchive::UPDATE);
+      if (!ar.IsOpen()) return 1;
+      ar.SetPrintProgress(true);
+      if (cmd == "add") {
+        ok = ar.AddFile(args[0], rest == 2 ? args[1] : nullptr);
+      } else {
+        ok = true;
+        for (int i = 0; i < rest; ++i) ok = ar.AddFile(args[i], nullptr) && ok;
+      }
+    }
+    // A failed add leaves the archive as it was. add-all keeps the members that went in, as it
+    // always has, as long as the copy still opens.
+    bool keep = ok;
+    if (!ok && cmd == "add-all") keep = QArchive(copy.Path().c_str(), QArchive::READ).IsOpen();
+    const bool committed = keep && copy.Commit();
+    return committed && ok ? 0 : 1;
   }
   if ((cmd == "list" && rest == 0) || (cmd == "extract" && rest <= 2)) {
     QArchive ar(path, QArchive::READ);
@@ -122,8 +197,14 @@ int main(int argc, char** argv) {
     return Extract(&ar, args[0], rest == 2 ? args[1] : nullptr) ? 0 : 1;
   }
   if (cmd == "remove" && rest == 1) {
-    QArchive ar(path, QArchive::UPDATE);
-    return ar.IsOpen() && ar.RemoveFile(args[0]) ? 0 : 1;
+    EditCopy copy(path);
+    if (copy.Path().empty()) return 1;
+    bool ok;
+    {
+      QArchive ar(copy.Path().c_str(), QArchive::UPDATE);
+      ok = ar.IsOpen() && ar.RemoveFile(args[0]);
+    }
+    return ok && copy.Commit() ? 0 : 1;
   }
   fprintf(stderr, "glimra-ar: bad command or arguments\n\n%s", kUsage);
   return 1;

@@ -1,10 +1,11 @@
 // glimra-wintest: opens the framework's main window at a given size, draws frames cleared to
 // 51, 102, 153 and reports on standard output what the GUI tests check: the window's size, the
 // first frame's centre pixel read back, and every key press as the application's current event
-// record holds it (V also resizes the window to 400 x 300 and reports the viewport). A close
-// request ends it through QApp::Exit; its exit and clean-up procedures log "wintest: exit proc"
-// and "wintest: cleanup A/B/C" into QLOG.txt of the given directory.
-//   glimra-wintest DIR WIDTH HEIGHT [fullscreen]
+// record holds it (V also resizes the window to 400 x 300 and reports the viewport), and the
+// application's desktop size. A close request ends it through QApp::Exit; its exit and clean-up
+// procedures log "wintest: exit proc" and "wintest: cleanup A/B/C" into QLOG.txt of the given
+// directory. RATE is the full-screen refresh rate asked for (default 0: any).
+//   glimra-wintest DIR WIDTH HEIGHT [fullscreen [RATE]]
 #include <unistd.h>
 
 #include <GL/gl.h>
@@ -36,6 +37,7 @@ void Frame() {
     printf("window %d %d fullscreen %d\n", win->GetWidth(), win->GetHeight(),
            win->IsModeSwitched() ? 1 : 0);
     printf("pixel %d %d %d\n", px[0], px[1], px[2]);
+    printf("desktop %d %d\n", app->GetDesktopRect().wid, app->GetDesktopRect().hgt);
     printf("ready\n");
     g_reported = true;
   }
@@ -64,7 +66,7 @@ void CleanupC() { QINFO("wintest", "wintest: cleanup C"); }
 
 int main(int argc, char** argv) {
   if (argc < 4) {
-    fprintf(stderr, "usage: glimra-wintest DIR WIDTH HEIGHT [fullscreen]\n");
+    fprintf(stderr, "usage: glimra-wintest DIR WIDTH HEIGHT [fullscreen [RATE]]\n");
     return 2;
   }
   if (chdir(argv[1]) != 0) return 2;
@@ -82,7 +84,7 @@ int main(int argc, char** argv) {
   QFullScreenSettings s;
   s.width = w;
   s.height = h;
-  s.refreshRate = 0;
+  s.refreshRate = argc > 5 ? atoi(argv[5]) : 0;
   app->SetFullScreenSettings(&s);
   app->SetWindowRect(-1, -1, w, h);
   if (!app->Create()) return 1;

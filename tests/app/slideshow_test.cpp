@@ -4,9 +4,12 @@
 #include "app/slideshow.h"
 
 #include <GL/gl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -15,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "app/command_channel.h"
 #include "d3/dtexture.h"
 #include "framework/qbitmap.h"
 #include "framework/qini.h"
@@ -64,7 +68,8 @@ TEST(ShippedIni, ReadsBackWithoutWarningsAndHoldsEveryKeyAtItsDefault) {
       {"dev.udp_out", ""},            {"dev.log_last", "0"},
       {"dev.strict", "0"},            {"dev.opengl_checks", "0"},
       {"dev.argument_tracing", "0"},  {"dev.qdbg_to_qlog", "0"},
-      {"dev.idle_sleep_ms", "100"},
+      {"dev.idle_sleep_ms", "100"},   {"network.listen", ""},
+      {"dev.fatal_box_seconds", "0"},
   };
   for (const auto& k : keys) {
     qstring v;
@@ -151,6 +156,55 @@ TEST_F(InTempDir, SteppingWrapsAndLeftFromNothingLandsOnTheSecondToLast) {
   EXPECT_EQ(rm_->GetCurImage(), -1);
   rm_->PrevImage();
   EXPECT_EQ(rm_->GetCurImage(), -1);
+}
+
+TEST_F(InTempDir, OnlyRegularFilesAreOpenedAsPicturesAndNothingBlocks) {
+  // Opening a FIFO for reading would wait for a writer for ever.
+  ASSERT_EQ(mkfifo("blocked.jpg", 0600), 0);
+  fs::create_directory("folder.tga");
+  ASSERT_EQ(symlink("/dev/zero", "device.jpg"), 0);
+  LogCapture log;
+  const auto start = std::chrono::steady_clock::now();
+  for (const char* n : {"blocked.jpg", "folder.tga", "device.jpg"}) {
+    rm_->LoadNewImage(n);
+    EXPECT_TRUE(log.Seen(std::string("Can't load image (") + n + ")")) << n;
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+  EXPECT_STREQ(rm_->GetCurFile(), "");
+}
+
+TEST(CommandChannelSettings, PortIsANumberFromOneTo65535AndListenAnAddress) {
+  const std::pair<const char*, int> ports[] = {
+      {"6000", 6000}, {"2*3000", 6000}, {"65535", 65535}, {"abc", 5000},
+      {"0", 5000},    {"65536", 5000},  {"-1", 5000},     {"", 5000},
+  };
+  for (const auto& p : ports) {
+    QIni ini("mem.ini", QIni::NO_READ);
+    ini.SetString("network.port", p.first);
+    LogCapture log;
+    EXPECT_EQ(CommandPort(&ini), p.second) << p.first;
+    EXPECT_EQ(log.Seen("network.port '" + std::string(p.first) +
+                       "' is not a port number from 1 to 65535; using 5000"),
+              p.second == 5000)
+        << p.first;
+  }
+  QIni none("mem.ini", QIni::NO_READ);
+  EXPECT_EQ(CommandPort(&none), 5000);
+
+  const std::pair<const char*, const char*> listens[] = {
+      {"", ""}, {"127.0.0.1", "127.0.0.1"}, {"1.2.3.4.5", "127.0.0.1"}, {"localhost", "127.0.0.1"},
+      {"256.0.0.1", "127.0.0.1"}};
+  for (const auto& l : listens) {
+    QIni ini("mem.ini", QIni::NO_READ);
+    ini.SetString("network.listen", l.first);
+    LogCapture log;
+    qstring address;
+    EXPECT_EQ(CommandListenAddress(&ini, &address), *l.second != 0) << l.first;
+    EXPECT_STREQ(address.cstr(), l.second);
+    EXPECT_EQ(log.Seen("is not an address; listening on 127.0.0.1"),
+              strcmp(l.first, l.second) != 0)
+        << l.first;
+  }
 }
 
 TEST_F(InTempDir, LoadsReplaceTextureAndMeshWithoutGrowing) {

@@ -172,4 +172,20 @@ TEST_F(WinTest, FullScreenCoversTheWholeScreen) {
   EXPECT_EQ(CloseAndWait(wid), 0);
 }
 
+TEST_F(WinTest, AModeTheScreenLacksKeepsTheDesktopModeWithAWarningAndAnError) {
+  // The screen has only 1280 x 1024; the closest larger mode must not stand in for 640 x 480.
+  EXPECT_TRUE(p_.Run(tool_, {p_.Dir(), "640", "480", "fullscreen", "75"}));
+  ASSERT_EQ(Wait(3), (Lines{"window 640 480 fullscreen 0", "pixel 51 102 153", "ready"}));
+  EXPECT_NE(p_.ReadFile("out.txt").find("desktop 1280 1024"), std::string::npos);
+  const std::string log = p_.Log();
+  const size_t warn = log.find("QXWindow: Can't set fullscreen mode 640x480x32@75");
+  EXPECT_NE(warn, std::string::npos) << log;
+  EXPECT_NE(log.find("QXWindow: Can't set fullscreen mode 640x480x32 even without setting the "
+                     "frequency", warn),
+            std::string::npos)
+      << log;
+  EXPECT_EQ(log.find("Set fullscreen mode"), std::string::npos) << log;
+  EXPECT_NE(e2e::Capture("xwininfo -root").find("Width: 1280"), std::string::npos);
+}
+
 }  // namespace

@@ -9,8 +9,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
@@ -611,5 +613,33 @@ TEST_F(QImageTest, EveryReaderSurvivesTruncationAndNoise) {
       }
     }
   }
+  log_.Clear();
+}
+
+// Size bombs: small files whose headers ask for hundreds of megabytes, kept in the fuzz corpora
+// ("bomb_*"). Each reader must refuse them from the header, before allocating, on both paths.
+TEST_F(QImageTest, SizeBombsInTheFuzzCorporaAreRefusedAtOnce) {
+  namespace fs = std::filesystem;
+  int bombs = 0;
+  for (const auto& dir : fs::directory_iterator(std::string(GLIMRA_SOURCE_DIR) + "/fuzz/corpus")) {
+    if (dir.path().filename().string().rfind("qimage_", 0) != 0) continue;
+    for (const auto& f : fs::directory_iterator(dir.path())) {
+      if (f.path().filename().string().rfind("bomb_", 0) != 0) continue;
+      const std::string path = Tmp("bomb" + f.path().extension().string());
+      fs::copy_file(f.path(), path, fs::copy_options::overwrite_existing);
+      for (bool inMemory : {false, true}) {
+        QSetVirtualFileSystem(inMemory ? &vfs_ : nullptr);
+        const auto start = std::chrono::steady_clock::now();
+        QImage img;
+        EXPECT_FALSE(img.Read(path.c_str())) << f.path();
+        const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::steady_clock::now() - start);
+        EXPECT_LT(ms.count(), 50) << f.path();
+        EXPECT_EQ(img.GetBuffer(), nullptr) << f.path();
+      }
+      ++bombs;
+    }
+  }
+  EXPECT_GE(bombs, 10);
   log_.Clear();
 }

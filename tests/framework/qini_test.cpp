@@ -288,3 +288,45 @@ TEST_F(QIniFile, ChangedFileIsOnlyOverwrittenWithoutTheQuestion) {
   EXPECT_FALSE(missing.IsFound());
   EXPECT_EQ(CountContaining(log, "can't open ini file '" + Tmp("none.ini") + "', current directory is '"), 1);
 }
+
+TEST_F(QIniFile, WriteReplacesTheTargetOfALinkAndLeavesAReadOnlyFileAlone) {
+  namespace fs = std::filesystem;
+  const std::string real = MakeFile("real.ini", "a=1\n");
+  const std::string link = Tmp("glimra.ini");
+  fs::create_symlink("real.ini", link);
+  {
+    QIni ini(link.c_str());
+    ini.SetInt("a", 2);
+    EXPECT_TRUE(ini.Write(nullptr, false));
+  }
+  EXPECT_TRUE(fs::is_symlink(link));
+  EXPECT_EQ(ReadFile(real), "a=2\n");
+  // Nothing but the two names is left in the folder (no temporary file).
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 2);
+
+  fs::permissions(real, fs::perms::owner_read | fs::perms::group_read);
+  LogCapture log;
+  QIni ini(link.c_str());
+  ini.SetInt("a", 3);
+  EXPECT_FALSE(ini.Write(nullptr, false));
+  EXPECT_TRUE(Has(log, "Can't write " + link + " (Permission denied)"));
+  EXPECT_TRUE(ini.IsModified());
+  EXPECT_EQ(ini.GetInt("a", 0), 3);  // the change holds for this run
+  EXPECT_EQ(ReadFile(real), "a=2\n");
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 2);
+}
+
+TEST_F(QIniFile, ByteOrderMarkIsSkippedOnReadAndKeptOnWrite) {
+  const std::string name = MakeFile("bom.ini", "\xEF\xBB\xBFgroup\n{\n  a=1\n}\n");
+  QIni ini(name.c_str());
+  EXPECT_EQ(ini.GetInt("group.a", 0), 1);
+  ini.SetInt("group.b", 2);
+  ASSERT_TRUE(ini.Write(nullptr, false));
+  EXPECT_EQ(ReadFile(name), "\xEF\xBB\xBFgroup\n{\n  a=1\n  b=2\n}\n");
+
+  // Not at the start, the same bytes are part of a name, which must survive a write and read.
+  MemIni named("=\n\xEF\xBB\xBFk=1\n");
+  EXPECT_EQ(named.Get("\xEF\xBB\xBFk"), "1");
+  MemIni back(named.Text());
+  EXPECT_EQ(back.Get("\xEF\xBB\xBFk"), "1");
+}

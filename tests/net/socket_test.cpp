@@ -78,6 +78,31 @@ TEST_F(QNSocketTest, ReadRefusesADatagramLargerThanTheBufferAndTakesOneThatFits)
   EXPECT_TRUE(log.Seen("size 5000 cannot be stored in buffer of 4096 bytes"));
 }
 
+TEST_F(QNSocketTest, BoundToOneAddressHearsOnlyDatagramsSentToIt) {
+  // 127.0.0.2 is another address of the loopback device: the one a bind to 127.0.0.1 refuses.
+  QNSocket one(QNSocket::UDP, "one");
+  one.SetBindAddress(0x7f000001);
+  const int port = OpenOnFreePort(one);
+  ASSERT_NE(port, 0);
+  ASSERT_EQ(one.SetNonBlocking(1), 0);
+  EXPECT_STREQ(one.GetLocalAddress().GetDotted(), "127.0.0.1");
+  QNAddress other;
+  other.Set(QNAddress::FAMILY_INET, 0x7f000002, port);
+  QNAddress own = Loopback(port);
+  ASSERT_EQ(tx_.Write("far", 3, &other), 3);
+  ASSERT_EQ(tx_.Write("near", 4, &own), 4);
+  char in[16] = {};
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  ASSERT_EQ(one.Read(in, sizeof(in)), 4);
+  EXPECT_STREQ(in, "near");
+  EXPECT_EQ(one.Read(in, sizeof(in)), 0);
+
+  // The default, every address, hears both.
+  other.SetPort(port_);
+  ASSERT_EQ(tx_.Write("far", 3, &other), 3);
+  ASSERT_EQ(rx_.Read(in, sizeof(in)), 3);
+}
+
 TEST_F(QNSocketTest, NonBlockingReadWithNothingWaitingIsZeroAndSilent) {
   LogCapture log;
   ASSERT_EQ(rx_.SetNonBlocking(1), 0);

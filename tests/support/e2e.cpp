@@ -408,11 +408,12 @@ std::string Program::WindowId(int ms) {
   }
 }
 
-bool Program::Keys(const std::string& keys) {
+bool Program::Keys(const std::string& keys, int delayMs) {
   const std::string id = WindowId(5000);
   if (id.empty()) return false;
   // --sync waits for the focus; the time-out keeps a lost window from hanging the test.
-  return system(("timeout 10 xdotool windowfocus --sync " + id + " key --delay 150 " + keys +
+  return system(("timeout 10 xdotool windowfocus --sync " + id + " key --delay " +
+                 std::to_string(delayMs) + " " + keys +
                  " >/dev/null 2>&1").c_str()) == 0;
 }
 

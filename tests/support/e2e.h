@@ -113,8 +113,8 @@ class Program {
   int WaitExit(int ms);
   // The program's window, once it exists (within `ms`); "" otherwise.
   std::string WindowId(int ms);
-  // Focuses the window and types `keys` (xdotool key names, blank-separated).
-  bool Keys(const std::string& keys);
+  // Focuses the window and types `keys` (xdotool key names, blank-separated), `delayMs` apart.
+  bool Keys(const std::string& keys, int delayMs = 150);
   // Sends one datagram of exactly these bytes to the command port.
   bool Send(const std::string& bytes) const;
 

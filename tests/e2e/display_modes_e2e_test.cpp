@@ -1,0 +1,139 @@
+// glimra in a full-screen mode of another shape than the monitor's: a 4:3 mode on a 16:9 screen.
+// Xvfb offers one mode only, so this runs on an X server with the dummy video driver and a
+// monitor of two modes, 1600x900 and 1200x900; skipped where that server cannot be started.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "support/e2e.h"
+#include "support/tempdir.h"
+
+namespace {
+
+using e2e::Program;
+using e2e::Screen;
+
+constexpr int kStartMs = 30000;
+
+const char kConfig[] = R"(Section "Device"
+  Identifier "card"
+  Driver "dummy"
+  VideoRam 64000
+EndSection
+Section "Monitor"
+  Identifier "monitor"
+  HorizSync 5.0-1000.0
+  VertRefresh 5.0-200.0
+  Modeline "1600x900" 118.25 1600 1696 1856 2112 900 903 908 934 -hsync +vsync
+  Modeline "1200x900" 89.00 1200 1272 1392 1584 900 903 907 937 -hsync +vsync
+EndSection
+Section "Screen"
+  Identifier "screen"
+  Device "card"
+  Monitor "monitor"
+  DefaultDepth 24
+  SubSection "Display"
+    Depth 24
+    Modes "1600x900" "1200x900"
+    Virtual 1600 900
+  EndSubSection
+EndSection
+Section "ServerFlags"
+  Option "AutoAddDevices" "false"
+  Option "DontVTSwitch" "true"
+EndSection
+)";
+
+class DisplayModesE2E : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    if (!e2e::HaveTools() || access("/usr/lib/xorg/modules/drivers/dummy_drv.so", R_OK) != 0)
+      return;
+    dir_ = new TempDir("glimra_modes");
+    const std::string conf = dir_->Write("dummy.conf", kConfig);
+    int fds[2];
+    if (pipe(fds) != 0) return;
+    server_ = fork();
+    if (server_ == 0) {
+      close(fds[0]);
+      const int null = open("/dev/null", O_RDWR);
+      dup2(null, 0), dup2(null, 1), dup2(null, 2);
+      const std::string fd = std::to_string(fds[1]);
+      const std::string log = dir_->File("x.log");
+      execlp("Xorg", "Xorg", "-displayfd", fd.c_str(), "-config", conf.c_str(), "-configdir",
+             dir_->Path().c_str(), "-noreset", "-nolisten", "tcp", "-novtswitch", "-logfile",
+             log.c_str(), static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    close(fds[1]);
+    pollfd p{fds[0], POLLIN, 0};
+    char number[16] = {};
+    if (server_ > 0 && poll(&p, 1, 15000) > 0 && read(fds[0], number, sizeof(number) - 1) > 0) {
+      setenv("DISPLAY", (std::string(":") + std::to_string(atoi(number))).c_str(), 1);
+      up_ = true;
+    }
+    close(fds[0]);
+  }
+  static void TearDownTestSuite() {
+    if (server_ > 0) {
+      kill(server_, SIGTERM);
+      waitpid(server_, nullptr, 0);
+    }
+    delete dir_;
+  }
+
+  void SetUp() override {
+    if (!up_) GTEST_SKIP() << "needs Xorg with the dummy video driver, xdotool and xwd";
+    if (access(GLIMRA_BUILD_DIR "/glimra", X_OK) != 0) GTEST_SKIP() << "glimra is not built";
+    if (e2e::RunningCopies() > 0) GTEST_SKIP() << "another glimra is running";
+  }
+
+  static TempDir* dir_;
+  static pid_t server_;
+  static bool up_;
+};
+TempDir* DisplayModesE2E::dir_ = nullptr;
+pid_t DisplayModesE2E::server_ = -1;
+bool DisplayModesE2E::up_ = false;
+
+TEST_F(DisplayModesE2E, AFourToThreeModeOnASixteenToNineScreenShowsThePictureUnsquashed) {
+  Program p;
+  ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
+  ASSERT_TRUE(p.SetKey("resolution.width", "1200") && p.SetKey("resolution.height", "900") &&
+              p.SetKey("resolution.fullscreen", "1"));
+  // 400 x 300, as shaped as the mode: blue over red, so upright shows too.
+  ASSERT_TRUE(e2e::WritePicture(p.Path("a.tga"), 400, 300, [](int, int y) {
+    return y < 150 ? 0x1414DCu : 0xDC1414u;
+  }));
+  Screen before;
+  ASSERT_TRUE(e2e::GrabScreen(&before));
+  ASSERT_EQ(before.width, 1600);
+  ASSERT_TRUE(p.Start());
+  // The mode's whole screen is the picture: the corners too, not only a 900-wide middle.
+  Screen s;
+  const auto filled = [](const Screen& g) {
+    const auto is = [&g](int x, int y, uint32_t c) {
+      return e2e::Near(g.At(x, y), e2e::R(c), e2e::G(c), e2e::B(c), 24);
+    };
+    return g.width == 1200 && g.height == 900 && is(5, 5, 0x1414DC) && is(1194, 5, 0x1414DC) &&
+           is(5, 894, 0xDC1414) && is(1194, 894, 0xDC1414);
+  };
+  EXPECT_TRUE(e2e::WaitForScreen(filled, kStartMs, &s))
+      << s.width << "x" << s.height << " " << std::hex << s.At(5, 5) << " " << s.At(1194, 450)
+      << "\n" << p.Log();
+  EXPECT_NE(p.Log().find("QXWindow: Set fullscreen mode to 1200x900x32@60"), std::string::npos);
+
+  // A stop gives the monitor its own mode back.
+  ASSERT_EQ(kill(p.Pid(), SIGTERM), 0);
+  EXPECT_EQ(p.WaitExit(10000), 0);
+  EXPECT_TRUE(e2e::WaitForScreen([](const Screen& g) { return g.width == 1600; }, 10000, &s));
+}
+
+}  // namespace

@@ -1,0 +1,216 @@
+// glimra left alone for months: settings that survive a kill in the middle of a write, a
+// read-only glimra.ini, stop signals and the over-long command leaving through the exit path.
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <thread>
+
+#include "framework/qini.h"
+#include "support/e2e.h"
+#include "support/tempdir.h"
+
+namespace {
+
+using e2e::Program;
+using e2e::Screen;
+
+constexpr int kStartMs = 30000;  // software GL under the sanitizers is slow to come up
+constexpr int kStepMs = 10000;
+
+// A picture the program can show, so that every start runs the whole show.
+bool AddPicture(const Program& p) {
+  return e2e::WritePicture(p.Path("a.tga"), 40, 30, [](int, int) { return 0xDC1414u; });
+}
+
+// "R", "S", "Z", ... of process `pid`; "" when it is gone. The parent's id into `ppid`.
+std::string State(pid_t pid, pid_t* ppid = nullptr) {
+  const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+  const size_t close = stat.rfind(')');
+  if (close == std::string::npos) return "";
+  char state = 0;
+  long parent = 0;
+  if (sscanf(stat.c_str() + close + 1, " %c %ld", &state, &parent) != 2) return "";
+  if (ppid) *ppid = pid_t(parent);
+  return std::string(1, state);
+}
+
+// A process whose parent is `pid`, within `ms`; 0 when none shows up.
+pid_t WaitForChild(pid_t pid, int ms) {
+  for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+       std::chrono::steady_clock::now() < end;
+       std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+    for (const auto& e : std::filesystem::directory_iterator("/proc")) {
+      const std::string name = e.path().filename().string();
+      if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+      pid_t parent = 0;
+      if (State(pid_t(std::stoi(name)), &parent) != "" && parent == pid) return std::stoi(name);
+    }
+  }
+  return 0;
+}
+
+class UnattendedE2E : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    if (e2e::HaveTools()) xvfb_ = e2e::StartXvfb(800, 600);
+  }
+  static void TearDownTestSuite() { e2e::StopXvfb(); }
+
+  void SetUp() override {
+    if (!xvfb_) GTEST_SKIP() << "needs Xvfb, xdotool and xwd";
+    if (access(GLIMRA_BUILD_DIR "/glimra", X_OK) != 0) GTEST_SKIP() << "glimra is not built";
+    if (e2e::RunningCopies() > 0) GTEST_SKIP() << "another glimra is running";
+  }
+
+  static bool xvfb_;
+};
+bool UnattendedE2E::xvfb_ = false;
+
+TEST_F(UnattendedE2E, KillDuringFastEffectKeysNeverLeavesACutSettingsFile) {
+  std::mt19937 random(12);
+  int written = 0;
+  for (int round = 0; round < 50; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    Program p;
+    ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
+    ASSERT_TRUE(p.SetKey("dev.idle_sleep_ms", "2"));
+    ASSERT_TRUE(AddPicture(p));
+    ASSERT_TRUE(p.Start());
+    ASSERT_FALSE(p.WindowId(kStartMs).empty()) << p.Log();
+    std::string keys;
+    for (int i = 0; i < 40; ++i) keys += i % 2 ? " c" : " b";
+    // Typing goes on while the program dies; xdotool then fails, which is expected.
+    std::thread typist([&p, keys] { p.Keys(keys, 4); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 400));
+    kill(p.Pid(), SIGKILL);
+    EXPECT_EQ(p.WaitExit(kStepMs), -2);
+    typist.join();
+
+    // Whole: both a key written by the program and one it never touched read back.
+    QIni ini(p.Path("glimra.ini").c_str());
+    ASSERT_TRUE(ini.IsFound());
+    EXPECT_EQ(ini.GetInt("network.port", 0), p.Port());
+    const std::string bw = p.Key("effects.black_and_white");
+    EXPECT_TRUE(bw == "0" || bw == "1") << "'" << bw << "'";
+    written += p.Log().find("Writing ini file") != std::string::npos;
+  }
+  // Otherwise the kills all came before the first key and proved nothing.
+  EXPECT_GE(written, 10);
+}
+
+TEST_F(UnattendedE2E, ReadOnlySettingsAreReportedAndTheShowGoesOn) {
+  Program p;
+  ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
+  ASSERT_TRUE(AddPicture(p));
+  const std::string before = p.ReadFile("glimra.ini");
+  ASSERT_EQ(chmod(p.Path("glimra.ini").c_str(), 0444), 0);
+  ASSERT_TRUE(p.Start());
+  Screen s;
+  ASSERT_TRUE(e2e::WaitForScreen([](const Screen& g) { return e2e::R(g.At(400, 300)) > 180; },
+                                 kStartMs, &s))
+      << p.Log();
+  ASSERT_TRUE(p.Keys("b"));
+  // The effect still shows: the red turns grey.
+  EXPECT_TRUE(e2e::WaitForScreen(
+      [](const Screen& g) {
+        const uint32_t c = g.At(400, 300);
+        return e2e::R(c) == e2e::G(c) && e2e::G(c) == e2e::B(c);
+      },
+      kStepMs, &s));
+  EXPECT_TRUE(p.WaitForLog("Can't write " + p.Path("glimra.ini") + " (Permission denied)", kStepMs))
+      << p.Log();
+  EXPECT_EQ(p.ReadFile("glimra.ini"), before);
+  ASSERT_TRUE(p.Keys("Escape"));
+  EXPECT_EQ(p.WaitExit(kStepMs), 0);
+}
+
+TEST_F(UnattendedE2E, StopSignalsAndTheOverLongCommandLeaveThroughTheExitPath) {
+  struct Case {
+    int sig;  // 0: the 1024-byte command
+    int status;
+  };
+  for (const Case c : {Case{SIGTERM, 0}, Case{SIGINT, 0}, Case{SIGHUP, 0}, Case{0, 1}}) {
+    SCOPED_TRACE(c.sig ? strsignal(c.sig) : "1024 bytes");
+    Program p;
+    ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
+    ASSERT_TRUE(AddPicture(p));
+    ASSERT_TRUE(p.Start());
+    ASSERT_FALSE(p.WindowId(kStartMs).empty()) << p.Log();
+    const auto sent = std::chrono::steady_clock::now();
+    if (c.sig)
+      ASSERT_EQ(kill(p.Pid(), c.sig), 0);
+    else
+      ASSERT_TRUE(p.Send(std::string(1024, 'x')));
+    EXPECT_EQ(p.WaitExit(kStepMs), c.status);
+    EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(1));
+    const std::string log = p.Log();
+    if (c.sig)
+      EXPECT_NE(log.find("Signal " + std::to_string(c.sig) + " ("), std::string::npos) << log;
+    else
+      EXPECT_NE(log.find("Command of 1024 bytes from 127.0.0.1:"), std::string::npos) << log;
+    const size_t exitAt = log.find("RaceManager: exit; releasing the slideshow");
+    ASSERT_NE(exitAt, std::string::npos) << log;
+    EXPECT_NE(log.find("RaceManager: released", exitAt), std::string::npos) << log;
+  }
+}
+
+}  // namespace
+
+namespace {
+
+// A fatal error with its message box up: the program without its font.
+TEST_F(UnattendedE2E, FatalBoxDiesWithItsProgramAndClosesItselfWhenAsked) {
+  const char* off = getenv("GLIMRA_NO_MESSAGEBOX");
+  const std::string saved = off ? off : "";
+  unsetenv("GLIMRA_NO_MESSAGEBOX");
+  struct Restore {
+    std::string value;
+    ~Restore() {
+      if (!value.empty()) setenv("GLIMRA_NO_MESSAGEBOX", value.c_str(), 1);
+    }
+  } restore{saved};
+
+  Program p;
+  ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
+  ASSERT_TRUE(AddPicture(p));
+  const std::string fonts = p.Path("fonts"), away = p.Path("fonts-away");
+  ASSERT_EQ(rename(fonts.c_str(), away.c_str()), 0);
+  ASSERT_TRUE(p.Start());
+  const pid_t box = WaitForChild(p.Pid(), kStartMs);
+  ASSERT_NE(box, 0) << p.Log();
+  kill(p.Pid(), SIGKILL);
+  p.WaitExit(kStepMs);
+  // Gone with its parent (at most an ended entry nobody has reaped yet).
+  for (int i = 0; i < 100 && State(box) != "" && State(box) != "Z"; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_TRUE(State(box) == "" || State(box) == "Z") << State(box);
+
+  // So a restart is a real start, not a hand-off to the box.
+  ASSERT_EQ(rename(away.c_str(), fonts.c_str()), 0);
+  ASSERT_TRUE(p.Start());
+  EXPECT_FALSE(p.WindowId(kStartMs).empty()) << p.Log();
+  EXPECT_EQ(p.WaitExit(200), -1) << "it handed off and ended";
+  kill(p.Pid(), SIGTERM);
+  EXPECT_EQ(p.WaitExit(kStepMs), 0);
+
+  // With dev.fatal_box_seconds the box closes itself and the program ends.
+  ASSERT_EQ(rename(fonts.c_str(), away.c_str()), 0);
+  ASSERT_TRUE(p.SetKey("dev.fatal_box_seconds", "1"));
+  ASSERT_TRUE(p.Start());
+  ASSERT_NE(WaitForChild(p.Pid(), kStartMs), 0) << p.Log();
+  const auto shown = std::chrono::steady_clock::now();
+  EXPECT_NE(p.WaitExit(kStepMs), -1) << "still waiting for a click";
+  EXPECT_GE(std::chrono::steady_clock::now() - shown, std::chrono::milliseconds(500));
+}
+
+}  // namespace
