@@ -143,6 +143,13 @@ void RaceManager::Setup(const char* arg) {
   rect.hgt = ini->GetInt("resolution.height", 480);
   if (ini->GetInt("resolution.fullscreen", 0)) rect.y = 0;
 
+  // The first picture is decoded while the display, the window and its context are made, which
+  // takes about as long. Its catalogue scan and load still come in their place below. Full
+  // screen, the desktop's proportions are the window's; a window has to wait for the display.
+  const bool fullScreen = ini->GetInt("resolution.fullscreen", 0) != 0;
+  prefetcher.reset(new Prefetcher());
+  if (fullScreen) StartFirstPicture(arg, nullptr, rect.wid, rect.hgt);
+
   QApp* app = new QApp("glimra", "Glimra");
   app->SetWindowRect(rect.x, rect.y, rect.wid, rect.hgt);
   app->SetNoStateManager();
@@ -155,10 +162,7 @@ void RaceManager::Setup(const char* arg) {
   settings.height = rect.hgt;
   app->SetFullScreenSettings(&settings);
 
-  // The first picture is decoded while the window and its context are made, which takes about
-  // as long. Its catalogue scan and load still come in their place below.
-  prefetcher.reset(new Prefetcher());
-  StartFirstPicture(arg, app, rect.wid, rect.hgt);
+  if (!fullScreen) StartFirstPicture(arg, app, rect.wid, rect.hgt);
 
   // Icon resource 101 is compiled into the program; the main window puts it up when it is made.
   // A window or context that cannot be made is reported by Create; the font below then fails
@@ -237,7 +241,7 @@ void RaceManager::StartFirstPicture(const char* arg, QApp* app, int width, int h
   ScreenFit fit;
   fit.windowWidth = width;
   fit.windowHeight = height;
-  const QRect& desk = app->GetDesktopRect();
+  const QRect desk = app ? app->GetDesktopRect() : QRect{0, 0, width, height};
   if (desk.wid > 0 && desk.hgt > 0) fit.desktopAspect = double(desk.wid) / desk.hgt;
   fit.maxTexture = QImage::MAX_SIZE;
   prefetcher->WantFile(path, file, fit, ini->GetBool("effects.black_and_white", false));

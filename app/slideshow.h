@@ -63,6 +63,7 @@ class RaceManager {
 
   // Has the prefetcher decode the picture Setup will show first (`arg`, else what the scan will
   // list first) for a `width` x `height` window, before the window exists.
+  // `app` may be null for a full-screen start, whose desktop has the window's proportions.
   void StartFirstPicture(const char* arg, QApp* app, int width, int height);
 
   // ---- Catalogue ----

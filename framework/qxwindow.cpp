@@ -36,6 +36,19 @@ bool QXWindow::CreateNative() {
     w = desk.w;
     h = desk.h;
   }
+  // A full-screen mode that is the desktop's own needs no mode switch: the window is made
+  // covering the desktop from the start, which saves a resize and the wait for it. A display
+  // that does not tell its rate (0) is taken at its size alone.
+  SDL_DisplayMode current;
+  desktopFullScreen_ = IsFullScreen() && SDL_GetDesktopDisplayMode(0, &current) == 0 &&
+                       current.w == settings_.width && current.h == settings_.height &&
+                       (settings_.refreshRate <= 0 || current.refresh_rate == settings_.refreshRate ||
+                        current.refresh_rate == 0);
+  if (desktopFullScreen_) {
+    flags |= SDL_WINDOW_FULLSCREEN_DESKTOP;
+    w = current.w;
+    h = current.h;
+  }
   window_ = SDL_CreateWindow(GetName()[0] ? GetName() : "glimra", x, y, w, h, flags);
   if (!window_) return false;
   nativeId_ = SDL_GetWindowID(window_);

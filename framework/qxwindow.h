@@ -95,4 +95,6 @@ class QXWindow : public QWindow {
   int pixfmt_ = 0;
   bool software_ = false;
   bool modeSwitched_ = false;
+  // Made full screen at the desktop's own mode from the start: nothing to switch.
+  bool desktopFullScreen_ = false;
 };

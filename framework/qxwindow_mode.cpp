@@ -32,6 +32,22 @@ Uint32 FormatForBits(int bits, Uint32 current) {
 }  // namespace
 
 bool QXWindow::SwitchToFullScreen() {
+  SDL_DisplayMode desk;
+  if (desktopFullScreen_ && window_ && SDL_GetDesktopDisplayMode(0, &desk) == 0) {
+    // Logged as the switch would be; a display that does not tell its rate (0) takes any, as
+    // SDL's mode search answers for it.
+    modeSwitched_ = true;
+    if (settings_.refreshRate > 0 &&
+        (desk.refresh_rate == settings_.refreshRate || desk.refresh_rate == 0)) {
+      QNOTE("QXWindow::SwitchToFullScreen", "QXWindow: Set fullscreen mode to %dx%dx%d@%d",
+            settings_.width, settings_.height, settings_.bits, settings_.refreshRate);
+    } else if (settings_.refreshRate > 0) {
+      QWARN("QXWindow::SwitchToFullScreen", "QXWindow: Can't set fullscreen mode %dx%dx%d@%d",
+            settings_.width, settings_.height, settings_.bits, settings_.refreshRate);
+      settings_.refreshRate = 0;
+    }
+    return true;
+  }
   SDL_DisplayMode mode;
   int display = window_ ? SDL_GetWindowDisplayIndex(window_) : 0;
   if (!window_ || SDL_GetCurrentDisplayMode(display < 0 ? 0 : display, &mode) != 0) {
