@@ -122,7 +122,8 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
   if (!bytes) return;
 
   phase = Clock::now();
-  const int limit = std::min(QImage::MAX_SIZE, fit.maxTexture > 0 ? fit.maxTexture : QImage::MAX_SIZE);
+  const int limit =
+      std::min(QImage::MAX_SIZE, fit.maxTexture > 0 ? fit.maxTexture : QImage::MAX_SIZE);
   std::unique_ptr<QImage> image(new QImage());
   image->SetName(path.c_str());
   bool read = false;

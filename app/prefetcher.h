@@ -60,7 +60,7 @@ class Prefetcher {
   std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<std::unique_ptr<Job>> jobs_;  // the wanted pictures, in order
-  Job* busy_ = nullptr;                     // the job being decoded (not in jobs_ any more if dropped)
+  Job* busy_ = nullptr;  // the job being decoded (not in jobs_ any more if dropped)
   ScreenFit fit_;
   bool grey_ = false;
   bool stop_ = false;

@@ -274,7 +274,8 @@ int RaceManager::CatalogueIndex(const char* path) const {
   SplitPath(path, &dir, &name);
   // A file of the scanned folder, however the path reaches it, is its listed entry: the exact
   // name first, since two names may differ only in case.
-  if (*name && !folder.IsEmpty() && QGetRealPath(dir.cstr(), &realDir) && realDir == folder.cstr()) {
+  if (*name && !folder.IsEmpty() && QGetRealPath(dir.cstr(), &realDir) &&
+      realDir == folder.cstr()) {
     for (int i = 0; i < imageCount; ++i)
       if (images[i] == name) return i;
     const int i = FindImage(name);

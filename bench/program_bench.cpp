@@ -15,14 +15,13 @@
 #include <X11/Xutil.h>
 #include <X11/extensions/XTest.h>
 #include <arpa/inet.h>
+#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <benchmark/benchmark.h>
 
 #include <chrono>
 #include <cstdio>
@@ -176,7 +175,8 @@ void BM_Program(benchmark::State& state) {
     const auto w0 = Clock::now();
     std::this_thread::sleep_for(std::chrono::seconds(5));
     const long c1 = CpuTicks(pid);
-    g_idlePercent = 100.0 * double(c1 - c0) / double(sysconf(_SC_CLK_TCK)) / Seconds(w0, Clock::now());
+    g_idlePercent =
+        100.0 * double(c1 - c0) / double(sysconf(_SC_CLK_TCK)) / Seconds(w0, Clock::now());
     g_peakMb = PeakMb(pid);
     StopProgram(pid);
   }
@@ -199,7 +199,8 @@ void BM_RawDecode(benchmark::State& state) {
     if (!bench::RawDecode(g_outside.c_str(), eighths)) state.SkipWithError("no photo");
     total += Seconds(t0, Clock::now());
   }
-  if (state.iterations() > 0) g_mean["raw" + std::to_string(eighths)] = total / double(state.iterations());
+  if (state.iterations() > 0)
+    g_mean["raw" + std::to_string(eighths)] = total / double(state.iterations());
 }
 
 bool Prepare() {
@@ -240,7 +241,9 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   g_display = XOpenDisplay(nullptr);
   if (!g_display || DisplayWidth(g_display, 0) != kW || DisplayHeight(g_display, 0) != kH) {
-    fprintf(stderr, "program_bench needs a 1920x1080 display: run it under xvfb-run -a -s \"-screen 0 1920x1080x24\"\n");
+    fprintf(stderr,
+            "program_bench needs a 1920x1080 display: run it under xvfb-run -a -s \"-screen 0 "
+            "1920x1080x24\"\n");
     return 1;
   }
   if (!Prepare()) {

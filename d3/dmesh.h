@@ -3,9 +3,10 @@
 //
 // DefineFlat2D makes the one flat quad the slideshow shows its picture on, centred at (0, 0) in
 // the plane z = 0: corners (-w/2, -h/2), (w/2, -h/2), (w/2, h/2), (-w/2, h/2) with texture
-// coordinates (0,0), (1,0), (1,1), (0,1) (taken round for a turned picture). A polygon's texture rectangle (texels, x and y from the
-// texture's origin) chooses the part of the texture those coordinates span; the whole texture
-// is the rectangle (0, 0, texture width, texture height).
+// coordinates (0,0), (1,0), (1,1), (0,1) (taken round for a turned picture). A polygon's
+// texture rectangle (texels, x and y from the texture's origin) chooses the part of the texture
+// those coordinates span; the whole texture is the rectangle (0, 0, texture width, texture
+// height).
 //
 // Textures are borrowed: the owner keeps them alive while the mesh can be painted. Paint draws
 // with texturing on, blending off and the texels unmodulated, in whatever projection is set

@@ -245,8 +245,10 @@ namespace {
 // The key's code from its place on the keyboard (its US-layout meaning): letters, digits and the
 // OEM punctuation keys, for layouts whose symbols have no key number of their own (ü, ö, é, +).
 int VirtualKeyOfPlace(int scancode) {
-  if (scancode >= SDL_SCANCODE_A && scancode <= SDL_SCANCODE_Z) return 'A' + (scancode - SDL_SCANCODE_A);
-  if (scancode >= SDL_SCANCODE_1 && scancode <= SDL_SCANCODE_9) return '1' + (scancode - SDL_SCANCODE_1);
+  if (scancode >= SDL_SCANCODE_A && scancode <= SDL_SCANCODE_Z)
+    return 'A' + (scancode - SDL_SCANCODE_A);
+  if (scancode >= SDL_SCANCODE_1 && scancode <= SDL_SCANCODE_9)
+    return '1' + (scancode - SDL_SCANCODE_1);
   switch (scancode) {
     case SDL_SCANCODE_0: return '0';
     case SDL_SCANCODE_SEMICOLON: return 0xBA;

@@ -87,7 +87,8 @@ bool Decode(JpegDecoder* dec, QImage* img, const uint8_t* data, size_t size, con
   // The limit is on what is decoded: a reduced decode of a larger picture is fine.
   const int width = int(cinfo->output_width);
   const int height = int(cinfo->output_height);
-  if (cinfo->output_width > unsigned(QImage::MAX_SIZE) || cinfo->output_height > unsigned(QImage::MAX_SIZE)) {
+  if (cinfo->output_width > unsigned(QImage::MAX_SIZE) ||
+      cinfo->output_height > unsigned(QImage::MAX_SIZE)) {
     QWARN("QImage::ReadJPG", "QImage:ReadJPG(); (%s) is %dx%d large; supported only upto %dx%d",
           name, width, height, QImage::MAX_SIZE, QImage::MAX_SIZE);
     return false;
@@ -111,8 +112,9 @@ bool Decode(JpegDecoder* dec, QImage* img, const uint8_t* data, size_t size, con
     jpeg_start_decompress(cinfo);
     JSAMPARRAY raw = nullptr;
     if (components != 3)
-      raw = (*cinfo->mem->alloc_sarray)(reinterpret_cast<j_common_ptr>(cinfo), JPOOL_IMAGE,
-                                        JDIMENSION(cinfo->output_width * JDIMENSION(cinfo->output_components)), 1);
+      raw = (*cinfo->mem->alloc_sarray)(
+          reinterpret_cast<j_common_ptr>(cinfo), JPOOL_IMAGE,
+          JDIMENSION(cinfo->output_width * JDIMENSION(cinfo->output_components)), 1);
     JSAMPROW row = dec->line->GetBuffer();
     while (cinfo->output_scanline < cinfo->output_height) {
       if (components == 3) {

@@ -3,9 +3,8 @@
 // Targa, a 30000-pixel panorama), a step to a prefetched picture reads no file and a picture
 // replaced after its prefetch shows its new content, and a flood of junk datagrams does not
 // hold up a real command.
-#include <unistd.h>
-
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cmath>
@@ -32,7 +31,9 @@ uint32_t Photo(int x, int y) {
   const double g = 120 + 60 * std::cos(x / 450.0 + y / 260.0) + 15 * std::cos(y / 5.0);
   const double b = 110 + 80 * std::sin((x + y) / 520.0);
   const uint32_t grain = (uint32_t(x) * 2654435761u ^ uint32_t(y) * 40503u) >> 28;  // 0..15
-  const auto c = [grain](double v) { return uint32_t(std::min(255.0, std::max(0.0, v + grain - 8))); };
+  const auto c = [grain](double v) {
+    return uint32_t(std::min(255.0, std::max(0.0, v + grain - 8)));
+  };
   return c(r) << 16 | c(g) << 8 | c(b);
 }
 
@@ -78,16 +79,11 @@ std::string Reference(const std::string& picture, int rotate, int w, int h) {
   return e2e::Capture(cmd).empty() ? out : "";
 }
 
-class PipelineE2E : public ::testing::Test {
+class PipelineE2E : public e2e::ScreenTest<kW, kH> {
  protected:
   static void SetUpTestSuite() {
-    if (e2e::HaveTools() && e2e::Have("convert")) xvfb_ = e2e::StartXvfb(kW, kH);
-  }
-  static void TearDownTestSuite() { e2e::StopXvfb(); }
-  void SetUp() override {
-    if (!xvfb_) GTEST_SKIP() << "needs Xvfb, xdotool, xwd and ImageMagick";
-    if (access(GLIMRA_BUILD_DIR "/glimra", X_OK) != 0) GTEST_SKIP() << "glimra is not built";
-    if (e2e::RunningCopies() > 0) GTEST_SKIP() << "another glimra is running";
+    also_ = "convert";
+    ScreenTest::SetUpTestSuite();
   }
   // A full-screen program on the whole server.
   void Prepare(Program* p) {
@@ -98,14 +94,13 @@ class PipelineE2E : public ::testing::Test {
   }
   // Waits until the log reports the load of `name` `count` times, then grabs the screen.
   bool Shown(Program* p, const std::string& name, int count = 1) {
-    return p->WaitForLog("Load times (" + name, kStepMs, count) && (Settle(), e2e::GrabScreen(&screen_));
+    return p->WaitForLog("Load times (" + name, kStepMs, count) &&
+           (Settle(), e2e::GrabScreen(&screen_));
   }
   static void Settle() { std::this_thread::sleep_for(std::chrono::milliseconds(300)); }
 
-  static bool xvfb_;
   Screen screen_;
 };
-bool PipelineE2E::xvfb_ = false;
 
 TEST_F(PipelineE2E, WhatIsShownLooksLikeAHighQualityResize) {
   Program p;
@@ -120,7 +115,10 @@ TEST_F(PipelineE2E, WhatIsShownLooksLikeAHighQualityResize) {
   ASSERT_TRUE(e2e::SetJpegOrientation(p.Path("turned.jpg"), 6));
 
   // 3:2 in 1920 x 1080: 1620 x 1080 from x = 150; turned, 720 x 1080 from x = 600.
-  struct Case { const char* name; int rotate, x, w; } cases[] = {
+  struct Case {
+    const char* name;
+    int rotate, x, w;
+  } cases[] = {
       {"photo.jpg", 0, 150, 1620}, {"turned.jpg", 90, 600, 720}, {"big.tga", 0, 150, 1620}};
   ASSERT_TRUE(p.Start("photo.jpg"));
   for (const Case& c : cases) {
@@ -210,8 +208,8 @@ TEST_F(PipelineE2E, AFloodOfJunkDatagramsDoesNotHoldUpARealCommand) {
   ASSERT_TRUE(p.Send("load x.tga"));
   const auto sent = std::chrono::steady_clock::now();
   ASSERT_TRUE(e2e::WaitForScreen(
-      [](const Screen& s) { return e2e::Near(s.At(kW / 2, kH / 2), 0x32, 0x32, 0xC8, 24); }, kStepMs,
-      &screen_));
+      [](const Screen& s) { return e2e::Near(s.At(kW / 2, kH / 2), 0x32, 0x32, 0xC8, 24); },
+      kStepMs, &screen_));
   // Generous for a loaded machine; the channel used to stay jammed for half a minute.
   EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(5));
 }

@@ -43,20 +43,8 @@ bool Uniform(const std::string& path, uint32_t c) {
   return e2e::WritePicture(path, 40, 30, [c](int, int) { return c; });
 }
 
-class SlideshowE2E : public ::testing::Test {
+class SlideshowE2E : public e2e::ScreenTest<800, 600> {
  protected:
-  static void SetUpTestSuite() {
-    if (e2e::HaveTools()) xvfb_ = e2e::StartXvfb(800, 600);
-  }
-  static void TearDownTestSuite() { e2e::StopXvfb(); }
-
-  void SetUp() override {
-    if (!xvfb_) GTEST_SKIP() << "needs Xvfb, xdotool and xwd";
-    if (access(GLIMRA_BUILD_DIR "/glimra", X_OK) != 0) GTEST_SKIP() << "glimra is not built";
-    // Another copy on the machine would turn every start here into a hand-off.
-    if (e2e::RunningCopies() > 0) GTEST_SKIP() << "another glimra is running";
-  }
-
   // Starts `p` and waits until the centre of the screen satisfies `ok`.
   void StartShowing(Program* p, const char* arg, const std::function<bool(const Screen&)>& ok) {
     ASSERT_TRUE(p->Start(arg));
@@ -67,10 +55,8 @@ class SlideshowE2E : public ::testing::Test {
                               &screen_);
   }
 
-  static bool xvfb_;
   Screen screen_;
 };
-bool SlideshowE2E::xvfb_ = false;
 
 TEST_F(SlideshowE2E, SecondStartHandsItsArgumentToTheRunningCopyAndEnds) {
   Program first;

@@ -59,22 +59,7 @@ pid_t WaitForChild(pid_t pid, int ms) {
   return 0;
 }
 
-class UnattendedE2E : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    if (e2e::HaveTools()) xvfb_ = e2e::StartXvfb(800, 600);
-  }
-  static void TearDownTestSuite() { e2e::StopXvfb(); }
-
-  void SetUp() override {
-    if (!xvfb_) GTEST_SKIP() << "needs Xvfb, xdotool and xwd";
-    if (access(GLIMRA_BUILD_DIR "/glimra", X_OK) != 0) GTEST_SKIP() << "glimra is not built";
-    if (e2e::RunningCopies() > 0) GTEST_SKIP() << "another glimra is running";
-  }
-
-  static bool xvfb_;
-};
-bool UnattendedE2E::xvfb_ = false;
+using UnattendedE2E = e2e::ScreenTest<800, 600>;
 
 TEST_F(UnattendedE2E, KillDuringFastEffectKeysNeverLeavesACutSettingsFile) {
   std::mt19937 random(12);

@@ -10,6 +10,9 @@
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <functional>
@@ -128,6 +131,28 @@ class Program {
   int port_ = 0;
   pid_t pid_ = -1;
   bool leakCheck_ = true;
+};
+
+// A test suite on its own W x H Xvfb: skipped when the tools (or `also`, a further program the
+// suite needs) are missing, glimra is not built, or another copy runs, which would turn every
+// start into a hand-off.
+template <int W, int H>
+class ScreenTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    if (HaveTools() && (!also_ || Have(also_))) xvfb_ = StartXvfb(W, H);
+  }
+  static void TearDownTestSuite() { StopXvfb(); }
+  void SetUp() override {
+    if (!xvfb_)
+      GTEST_SKIP() << "needs Xvfb, xdotool and xwd" << (also_ ? " and " : "") << (also_ ? also_ : "");
+#ifdef GLIMRA_BUILD_DIR
+    if (access(GLIMRA_BUILD_DIR "/glimra", X_OK) != 0) GTEST_SKIP() << "glimra is not built";
+#endif
+    if (RunningCopies() > 0) GTEST_SKIP() << "another glimra is running";
+  }
+  static inline bool xvfb_ = false;
+  static inline const char* also_ = nullptr;
 };
 
 }  // namespace e2e
