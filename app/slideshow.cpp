@@ -70,16 +70,13 @@ RaceManager* QGetRaceManager() { return g_raceManager; }
 RaceManager::RaceManager() { g_raceManager = this; }
 
 RaceManager::~RaceManager() {
-  delete ini;
-  ini = nullptr;
-  ReleaseTexture();
-  delete mesh;
-  mesh = nullptr;
+  ini.reset();
+  texture.reset();
+  mesh.reset();
   for (qstring& s : images) s.Clear();
   imageCount = 0;
   curFile.Clear();
-  delete canvas;
-  canvas = nullptr;
+  canvas.reset();
   font.reset();
   prefetcher.reset();
   commands.reset();
@@ -87,22 +84,21 @@ RaceManager::~RaceManager() {
 }
 
 void RaceManager::SetIni(QIni* newIni) {
-  if (newIni != ini) delete ini;
-  ini = newIni;
+  if (newIni != ini.get()) ini.reset(newIni);
 }
 
 void RaceManager::SetWindow(QShell* win) {
-  delete canvas;
-  canvas = nullptr;
+  canvas.reset();
   window = win;
-  if (window) canvas = new QCanvas(window, "glimra");
+  if (window) canvas.reset(new QCanvas(window, "glimra"));
 }
 
-void RaceManager::ReleaseTexture() {
+void RaceManager::TextureRelease::operator()(DBitMapTexture* t) const {
   // A texture made while OpenGL was unavailable was never counted; nobody else holds it.
-  if (texture && (texture->GetRefCount() <= 0 || texture->Detach())) delete texture;
-  texture = nullptr;
+  if (t->GetRefCount() <= 0 || t->Detach()) delete t;
 }
+
+void RaceManager::ReleaseTexture() { texture.reset(); }
 
 void RaceManager::SaveIni() {
   // No question about a changed file: the display runs unattended.
@@ -124,13 +120,13 @@ void RaceManager::Setup(const char* arg) {
   SetIni(new QIni(iniName.cstr()));
   // Networking first, so that a "dev.udp_out" log copy can be opened by qdbg_setup.
   qnInit();
-  qdbg_setup(ini);
+  qdbg_setup(ini.get());
 
   if (ini->GetBool("dev.terminal", false)) QOpenDeveloperConsole();
 
-  netPort = CommandPort(ini);
+  netPort = CommandPort(ini.get());
   qstring listen;
-  CommandListenAddress(ini, &listen);
+  CommandListenAddress(ini.get(), &listen);
   commands.reset(new CommandChannel());
   commands->Open(netPort, listen.cstr());
   // A developer's knob: how often the idle procedure runs at the least.
@@ -157,7 +153,7 @@ void RaceManager::Setup(const char* arg) {
   if (ini->GetInt("resolution.fullscreen", 0)) app->SetFullScreen(true);
 
   QFullScreenSettings settings;
-  settings.Load(ini, "resolution");
+  settings.Load(ini.get(), "resolution");
   settings.width = rect.wid;
   settings.height = rect.hgt;
   app->SetFullScreenSettings(&settings);

@@ -10,7 +10,8 @@
 // the load) gave it, since pictures are opened by that name; `curImage` is -1 or an index below
 // `imageCount`. The configuration is owned and stays open for the whole run, so the keys
 // B, C and I can write their choice back at once. The window and the application are borrowed
-// (the application owns them); the font and the command channel are owned.
+// (the application owns them); everything else is owned here (the texture through its
+// reference count).
 //
 // One controller per process, reachable through QGetRaceManager() by the application's
 // callbacks. Main thread only.
@@ -128,8 +129,8 @@ class RaceManager {
   const char* GetCurFile() const { return curFile.cstr(); }
   uint32_t GetFlags() const { return flags; }
   int GetNetPort() const { return netPort; }
-  const DBitMapTexture* GetTexture() const { return texture; }
-  const DMesh* GetMesh() const { return mesh; }
+  const DBitMapTexture* GetTexture() const { return texture.get(); }
+  const DMesh* GetMesh() const { return mesh.get(); }
   const LoadTimes& GetLoadTimes() const { return loadTimes; }
   int GetIdleSleepMs() const { return idleSleepMs; }
   // Attach a configuration (owned from then on) and the window to draw into (borrowed) without
@@ -143,22 +144,25 @@ class RaceManager {
   void SaveIni();
   // Lets go of the texture: deleted when this was its last holder (or it never got a GL name).
   void ReleaseTexture();
+  struct TextureRelease {
+    void operator()(DBitMapTexture* t) const;
+  };
 
   // Field order follows the controller's record layout; see the header text for ownership.
-  QIni* ini = nullptr;
+  std::unique_ptr<QIni> ini;
   uint32_t flags = 0;
   int32_t netPort = 0;
   QShell* window = nullptr;
   qstring curFile;
-  DBitMapTexture* texture = nullptr;
-  DMesh* mesh = nullptr;
+  std::unique_ptr<DBitMapTexture, TextureRelease> texture;  // shared by reference count
+  std::unique_ptr<DMesh> mesh;
   std::unique_ptr<QFont> font;
   qstring images[MAX_IMAGES];
   int32_t imageCount = 0;
   int32_t curImage = -1;
   qstring folder;  // the scanned folder's real path, empty before a scan
 
-  QCanvas* canvas = nullptr;  // the window canvas, made with the window
+  std::unique_ptr<QCanvas> canvas;  // the window canvas, made with the window
   LoadTimes loadTimes;
   int idleSleepMs = IDLE_SLEEP_MS;  // read once by Setup; never negative
   std::unique_ptr<CommandChannel> commands;

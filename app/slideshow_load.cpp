@@ -98,15 +98,14 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched) {
   }
   curFile = path;
   ReleaseTexture();
-  delete mesh;
-  mesh = nullptr;
+  mesh.reset();
   qdbg(kSource, "RaceManager::LoadNewImage", __LINE__, "Code %d, Orientation: %d\n",
        picture->exifCode, picture->orientation);
 
   const auto start = std::chrono::steady_clock::now();
   QBitMap* pixels = picture->pixels.get();
   // Uploaded as decoded: the quad turns it, and no mipmaps are needed at about 1:1.
-  texture = new DBitMapTexture();
+  texture.reset(new DBitMapTexture());
   texture->SetName(path);
   texture->UsePictureFiltering();
   texture->FromBitMap(pixels);
@@ -115,9 +114,10 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched) {
   int quadW = 0, quadH = 0;
   picture->QuadSize(&quadW, &quadH);
   if (window && quadH > 0) {
-    mesh = new DMesh(path);
+    mesh.reset(new DMesh(path));
     mesh->DefineFlat2D(float(quadW), float(quadH), TurnAngle(picture->orientation));
-    mesh->SetPolygonTexture(0, texture, QRect{0, 0, pixels->GetWidth(), pixels->GetHeight()});
+    mesh->SetPolygonTexture(0, texture.get(),
+                            QRect{0, 0, pixels->GetWidth(), pixels->GetHeight()});
   }
   picture->pixels.reset();
 
