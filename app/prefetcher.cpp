@@ -83,13 +83,6 @@ bool Prefetcher::Take(const std::string& path, const ScreenFit& fit, bool grey,
   return false;
 }
 
-int Prefetcher::ReadyCount() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  int n = 0;
-  for (const auto& j : jobs_) n += j->done ? 1 : 0;
-  return n;
-}
-
 void Prefetcher::Work(void* arg) {
   Prefetcher* self = static_cast<Prefetcher*>(arg);
   std::unique_lock<std::mutex> lock(self->mutex_);

@@ -40,8 +40,6 @@ class Prefetcher {
   // Hands over the prefetched `path` for `fit` and `grey` (waiting for it if it is being decoded
   // right now). False when it is not there, was made for something else, or the file changed.
   bool Take(const std::string& path, const ScreenFit& fit, bool grey, LoadedPicture* out);
-  // Pictures done and kept now (for tests and the memory bound).
-  int ReadyCount();
 
  private:
   struct Job {
