@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -75,11 +76,17 @@ class DisplayModesE2E : public ::testing::Test {
     close(fds[1]);
     pollfd p{fds[0], POLLIN, 0};
     char number[16] = {};
-    if (server_ > 0 && poll(&p, 1, 15000) > 0 && read(fds[0], number, sizeof(number) - 1) > 0) {
+    if (server_ > 0 && poll(&p, 1, 15000) > 0 && read(fds[0], number, sizeof(number) - 1) > 0)
       setenv("DISPLAY", (std::string(":") + std::to_string(atoi(number))).c_str(), 1);
-      up_ = true;
-    }
     close(fds[0]);
+    // A server that has announced itself may still not answer (seen under load, now and then
+    // for good): that is this machine's trouble, not glimra's, so the test is skipped then.
+    e2e::Screen s;
+    up_ = number[0] && e2e::WaitForScreen([](const Screen& g) { return g.width == 1600; },
+                                          kStartMs, &s);
+    if (!up_)
+      fprintf(stderr, "dummy X server on %s: no 1600-wide screen (%dx%d)\n%s\n", number,
+              s.width, s.height, ReadFile(dir_->File("x.log")).c_str());
   }
   static void TearDownTestSuite() {
     if (server_ > 0) {
@@ -90,7 +97,7 @@ class DisplayModesE2E : public ::testing::Test {
   }
 
   void SetUp() override {
-    if (!up_) GTEST_SKIP() << "needs Xorg with the dummy video driver, xdotool and xwd";
+    if (!up_) GTEST_SKIP() << "needs a working Xorg with the dummy video driver, xdotool and xwd";
     if (access(GLIMRA_BUILD_DIR "/glimra", X_OK) != 0) GTEST_SKIP() << "glimra is not built";
     if (e2e::RunningCopies() > 0) GTEST_SKIP() << "another glimra is running";
   }
@@ -112,10 +119,6 @@ TEST_F(DisplayModesE2E, AFourToThreeModeOnASixteenToNineScreenShowsThePictureUns
   ASSERT_TRUE(e2e::WritePicture(p.Path("a.tga"), 400, 300, [](int, int y) {
     return y < 150 ? 0x1414DCu : 0xDC1414u;
   }));
-  // A server that has just announced itself may not answer the first grab yet (seen under load).
-  Screen before;
-  ASSERT_TRUE(e2e::WaitForScreen([](const Screen& g) { return g.width == 1600; }, kStartMs,
-                                 &before));
   ASSERT_TRUE(p.Start());
   // The mode's whole screen is the picture: the corners too, not only a 900-wide middle.
   Screen s;
