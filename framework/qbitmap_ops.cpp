@@ -390,13 +390,22 @@ void QAreaReducer::PushRow(const uint8_t* row) {
   if (!ok_ || !row || srcRow_ >= srcH_) return;
   // Across: the old row into `dstW_` pixels.
   uint8_t* out = across_.data();
+  const int* first = tx_->first.data();
+  const int* count = tx_->count.data();
+  const size_t* start = tx_->start.data();
+  const uint32_t* weights = tx_->weights.data();
   for (int x = 0; x < dstW_; ++x, out += 4) {
-    uint32_t acc[4] = {32768, 32768, 32768, 32768};
-    const uint8_t* p = row + size_t(tx_->first[size_t(x)]) * 4;
-    const uint32_t* w = tx_->weights.data() + tx_->start[size_t(x)];
-    for (int k = tx_->count[size_t(x)]; k > 0; --k, p += 4, ++w)
-      for (int c = 0; c < 4; ++c) acc[c] += p[c] * *w;
-    for (int c = 0; c < 4; ++c) out[c] = uint8_t(std::min<uint32_t>(255, acc[c] >> 16));
+    uint32_t a0 = 32768, a1 = 32768, a2 = 32768, a3 = 32768;
+    const uint8_t* p = row + size_t(first[x]) * 4;
+    const uint32_t* w = weights + start[x];
+    for (int k = count[x]; k > 0; --k, p += 4, ++w) {
+      const uint32_t wk = *w;
+      a0 += p[0] * wk, a1 += p[1] * wk, a2 += p[2] * wk, a3 += p[3] * wk;
+    }
+    out[0] = uint8_t(std::min<uint32_t>(255, a0 >> 16));
+    out[1] = uint8_t(std::min<uint32_t>(255, a1 >> 16));
+    out[2] = uint8_t(std::min<uint32_t>(255, a2 >> 16));
+    out[3] = uint8_t(std::min<uint32_t>(255, a3 >> 16));
   }
   // Down: an old row falls into the current new row and, across a border, the next one too.
   const size_t n = across_.size();

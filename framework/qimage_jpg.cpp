@@ -126,7 +126,7 @@ bool Decode(JpegDecoder* dec, QImage* img, const uint8_t* data, size_t size, con
   }
   if (shrink) {
     // Row by row through a one-row bitmap into the reducer: the full decode is never held.
-    dec->line.reset(new QBitMap(32, width, 1));
+    dec->line.reset(new QBitMap(32, width, kLinesPerCall));
     dec->reducer.reset(new QAreaReducer(width, height, img));
     if (!dec->line->GetBuffer() || !dec->reducer->IsReady()) {
       QWARN("QImage::ReadJPG", "QImage:ReadJPG(); (%s) out of memory", name);
@@ -139,16 +139,16 @@ bool Decode(JpegDecoder* dec, QImage* img, const uint8_t* data, size_t size, con
     if (components != 3)
       raw = (*cinfo->mem->alloc_sarray)(
           reinterpret_cast<j_common_ptr>(cinfo), JPOOL_IMAGE,
-          JDIMENSION(cinfo->output_width * JDIMENSION(cinfo->output_components)), 1);
-    JSAMPROW row = dec->line->GetBuffer();
+          JDIMENSION(cinfo->output_width * JDIMENSION(cinfo->output_components)), kLinesPerCall);
+    JSAMPROW rows[kLinesPerCall];
+    for (int k = 0; k < kLinesPerCall; ++k) rows[k] = dec->line->GetAddress(0, k);
     while (cinfo->output_scanline < cinfo->output_height) {
-      if (components == 3) {
-        jpeg_read_scanlines(cinfo, &row, 1);
-      } else {
-        jpeg_read_scanlines(cinfo, raw, 1);
-        QImage::PutLine(raw[0], 0, dec->line.get(), components, name);
+      const int n = int(jpeg_read_scanlines(cinfo, components == 3 ? rows : raw, kLinesPerCall));
+      if (n <= 0) break;
+      for (int k = 0; k < n; ++k) {
+        if (components != 3) QImage::PutLine(raw[k], k, dec->line.get(), components, name);
+        dec->reducer->PushRow(rows[k]);
       }
-      dec->reducer->PushRow(row);
     }
     jpeg_finish_decompress(cinfo);
     if (dec->err.warning[0])
