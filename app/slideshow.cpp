@@ -1,6 +1,7 @@
 // RaceManager: start-up, catalogue, keys and the main loop.
 #include "app/slideshow.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <string>
@@ -16,6 +17,7 @@
 #include "framework/qdebug.h"
 #include "framework/qdir.h"
 #include "framework/qevent.h"
+#include "framework/qfile.h"
 #include "framework/qfont.h"
 #include "framework/qimage.h"
 #include "framework/qini.h"
@@ -198,12 +200,12 @@ void RaceManager::Setup(const char* arg) {
 // Catalogue
 // ---------------------------------------------------------------------------------------------
 
-void RaceManager::ScanDir() {
+void RaceManager::ScanDir(const std::vector<std::string>& skip) {
   imageCount = 0;
   QDirectory dir(".");
   char name[QDirectory::NAME_SIZE];
   while (dir.ReadNext(name)) {
-    if (!IsPictureName(name)) continue;
+    if (!IsPictureName(name) || std::find(skip.begin(), skip.end(), name) != skip.end()) continue;
     if (imageCount >= MAX_IMAGES) {
       QWARN("RaceManager::ScanDir", "No space for new image (%s) anymore - not registering", name);
       break;
@@ -215,6 +217,29 @@ void RaceManager::ScanDir() {
   dir.Close();
   QGetRealPath(".", &folder);
   curImage = -1;
+}
+
+void RaceManager::Rescan(const std::vector<std::string>& skip) {
+  // The pictures after the shown one, in order, for when it has gone.
+  std::vector<std::string> after;
+  for (int k = 1; curImage >= 0 && k < imageCount; ++k)
+    after.push_back(images[(curImage + k) % imageCount].cstr());
+  ScanDir(skip);
+  if (!curFile.IsEmpty()) {
+    curImage = CatalogueIndex(curFile.cstr());
+    // Not listed but still there: a picture loaded from elsewhere.
+    if (curImage < 0 && QFileExists(curFile.cstr()) &&
+        std::find(skip.begin(), skip.end(), curFile.cstr()) == skip.end() &&
+        AddToDir(curFile.cstr()))
+      curImage = imageCount - 1;
+    for (size_t k = 0; curImage < 0 && k < after.size(); ++k) {
+      const int i = CatalogueIndex(after[k].c_str());
+      if (i >= 0) curImage = i > 0 ? i - 1 : imageCount - 1;
+    }
+  }
+  // The counts in the overlay changed, and so may the neighbours.
+  dirty = true;
+  prefetchDue = true;
 }
 
 void RaceManager::StartFirstPicture(const char* arg, QApp* app, int width, int height) {

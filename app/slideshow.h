@@ -19,6 +19,8 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "app/picture_loader.h"
 #include "framework/qstring.h"
@@ -69,8 +71,14 @@ class RaceManager {
 
   // ---- Catalogue ----
   // Rebuilds the catalogue from the working directory; stops, with the AddToDir warning, at
-  // MAX_IMAGES. Leaves `curImage` -1.
-  void ScanDir();
+  // MAX_IMAGES. Leaves `curImage` -1. Names in `skip` are left out.
+  void ScanDir(const std::vector<std::string>& skip = {});
+  // Builds the catalogue again from the scanned folder (as ScanDir, leaving out `skip`: names
+  // still being written) while the picture stays on the screen: `curImage` follows the shown
+  // file to its new place; when that file has gone, it stands just before the first later
+  // picture that is still there, so that Right shows that one. A shown picture from outside the
+  // folder stays listed, at the end, while its file exists.
+  void Rescan(const std::vector<std::string>& skip = {});
   // Appends `name` as given; false when it is already listed (debug note) or the catalogue is
   // full (warning).
   bool AddToDir(const char* name);
