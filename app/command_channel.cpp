@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "app/slideshow.h"
 #include "framework/qapp.h"
@@ -142,7 +143,29 @@ int CommandChannel::Drain() {
 }
 
 void CommandChannel::HandleCommand(const char* text) {
-  if (!text || strncmp(text, "load ", 5) != 0) return;
   RaceManager* rm = QGetRaceManager();
-  if (rm) rm->LoadNewImage(text + 5);
+  if (!text || !rm) return;
+  if (strncmp(text, "load ", 5) == 0) {
+    rm->RestartAdvance();
+    rm->LoadNewImage(text + 5);
+    return;
+  }
+  // The other commands are whole words; one line end is allowed, since a shell's echo adds it.
+  std::string word(text);
+  if (!word.empty() && word.back() == '\n') word.pop_back();
+  if (!word.empty() && word.back() == '\r') word.pop_back();
+  if (word == "next") {
+    rm->NextImage();
+  } else if (word == "prev") {
+    rm->PrevImage();
+  } else if (word == "bw 1" || word == "bw 0") {
+    rm->SetBlackAndWhite(word == "bw 1");
+  } else if (word == "info 1" || word == "info 0") {
+    rm->SetShowInfo(word == "info 1");
+  } else if (word == "rescan") {
+    rm->Rescan();
+  } else {
+    return;
+  }
+  rm->RestartAdvance();
 }

@@ -1,6 +1,9 @@
 // CommandChannel: the slideshow's UDP command port. One plain-text command per datagram, no
-// reply: "load <path>" shows <path> (everything after the blank, as it stands); anything else is
-// logged on arrival and ignored. Commands must stay below 1024 bytes: a datagram of 1024 bytes
+// reply: "load <path>" shows <path> (everything after the blank, as it stands); "next" and
+// "prev" step like Right and Left; "bw 1" and "bw 0" do what B and C do, "info 1" and "info 0"
+// show or hide the information line (both written to glimra.ini, as the keys do); "rescan"
+// builds the catalogue again. These words may end in one line end. Anything else is logged on
+// arrival and ignored. Commands must stay below 1024 bytes: a datagram of 1024 bytes
 // ends the program at once.
 //
 // A watcher thread sleeps on the socket and wakes the main loop (QEventWake) when a datagram
@@ -46,7 +49,7 @@ class CommandChannel {
   // Handles every waiting datagram in arrival order, then lets the watcher look again. Answers
   // how many were taken.
   int Drain();
-  // "load <path>" loads <path> on the controller; anything else is ignored.
+  // Carries out one command on the controller (see above); anything else is ignored.
   static void HandleCommand(const char* text);
   bool IsOpen() const { return socket_ != nullptr; }
 

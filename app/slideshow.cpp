@@ -73,6 +73,7 @@ RaceManager::RaceManager() { g_raceManager = this; }
 
 RaceManager::~RaceManager() {
   ini.reset();
+  EndFade();
   texture.reset();
   mesh.reset();
   for (qstring& s : images) s.Clear();
@@ -136,6 +137,11 @@ void RaceManager::Setup(const char* arg) {
   if (idleSleepMs < 0) idleSleepMs = 0;
 
   if (ini->GetBool("effects.show_info", true)) flags |= SHOW_INFO;
+  // Signage additions, both off unless set: an advance of less than a frame would only spin.
+  const double advance = ini->GetFloat("effects.advance_seconds", 0.0);
+  advanceMs = advance >= 0.05 && advance <= 1e6 ? int(advance * 1000.0 + 0.5) : 0;
+  const int fade = ini->GetInt("effects.fade_ms", 0);
+  fadeMs = fade > 0 ? std::min(fade, 60000) : 0;
 
   rect.wid = ini->GetInt("resolution.width", 640);
   rect.hgt = ini->GetInt("resolution.height", 480);
@@ -332,6 +338,7 @@ void RaceManager::PrevImage() {
 
 void RaceManager::HandleEvent(QEvent* e) {
   if (!e || e->type != QEVENT_KEYPRESS) return;
+  RestartAdvance();
   switch (e->n) {
     case QK_ESCAPE:
       if (QGetApp()) QGetApp()->Exit(0);
@@ -343,24 +350,54 @@ void RaceManager::HandleEvent(QEvent* e) {
       NextImage();
       break;
     case kKeyB:
-      if (ini) ini->SetBool("effects.black_and_white", true);
-      SaveIni();
-      LoadCurImage();
+      SetBlackAndWhite(true);
       break;
     case kKeyC:
-      if (ini) ini->SetBool("effects.black_and_white", false);
-      SaveIni();
-      LoadCurImage();
+      SetBlackAndWhite(false);
       break;
     case kKeyI:
-      if (ini) ini->SetBool("effects.show_info", (flags & SHOW_INFO) == 0);
-      SaveIni();
-      flags ^= SHOW_INFO;
-      dirty = true;
+      SetShowInfo((flags & SHOW_INFO) == 0);
       break;
     default:
       break;
   }
+}
+
+void RaceManager::SetBlackAndWhite(bool on) {
+  if (ini) ini->SetBool("effects.black_and_white", on);
+  SaveIni();
+  LoadCurImage();
+}
+
+void RaceManager::SetShowInfo(bool on) {
+  if (ini) ini->SetBool("effects.show_info", on);
+  SaveIni();
+  flags = on ? flags | SHOW_INFO : flags & ~SHOW_INFO;
+  dirty = true;
+}
+
+void RaceManager::RestartAdvance() {
+  if (advanceMs > 0)
+    advanceAt = std::chrono::steady_clock::now() + std::chrono::milliseconds(advanceMs);
+}
+
+void RaceManager::AdvanceStep() {
+  const int before = shownCount;
+  for (int tries = 0; tries < imageCount && shownCount == before; ++tries) NextImage();
+  RestartAdvance();
+}
+
+int RaceManager::SleepMs() const {
+  using namespace std::chrono;
+  if (dirty && !fadeStarted) return 0;
+  int ms = idleSleepMs;
+  // A fade draws about 60 frames a second; a display with vertical sync paces it anyway.
+  if (fadeStarted) ms = std::min(ms, 15);
+  if (advanceMs > 0 && !newPicture) {
+    const auto left = duration_cast<milliseconds>(advanceAt - steady_clock::now()).count();
+    ms = std::min<long long>(ms, std::max<long long>(0, left + 1));
+  }
+  return ms;
 }
 
 void RaceManager::Run() {
@@ -372,7 +409,7 @@ void RaceManager::Run() {
   app->SetExitProc(&RaceManager::ExitProc);
   for (;;) {
     // Asleep until a key, a window event or a datagram comes; a frame still owed is drawn at once.
-    QEventWait(dirty ? 0 : idleSleepMs);
+    QEventWait(SleepMs());
     while (QEventPending()) {
       QEvent* e = app->GetCurrentEvent();
       QEventNext(e);
@@ -383,6 +420,8 @@ void RaceManager::Run() {
       HandleEvent(e);
     }
     if (commands) commands->Drain();
+    if (advanceMs > 0 && !newPicture && std::chrono::steady_clock::now() >= advanceAt)
+      AdvanceStep();
     IdleProc();
     if (const int sig = g_stopSignal) {
       QNOTE("RaceManager::Run", "Signal %d (%s): ending", sig, strsignal(sig));
@@ -403,6 +442,11 @@ void RaceManager::IdleProc() {
   rm->dirty = false;
   rm->Paint();
   if (rm->window) rm->window->Swap();
+  if (rm->newPicture) {
+    // On the screen now: the advance counts from here.
+    rm->newPicture = false;
+    rm->RestartAdvance();
+  }
   if (rm->prefetchDue) {
     rm->prefetchDue = false;
     rm->PrefetchNeighbours();

@@ -5,7 +5,7 @@
 // then runs the idle cycle, which paints and presents a frame only when something changed.
 //
 // What stays true: at most one texture and one mesh exist, both owned here and replaced together
-// by each successful load; a failed load leaves the picture, `curFile` and `curImage` as they
+// by each successful load (during a fade the previous pair is kept too, until the fade ends); a failed load leaves the picture, `curFile` and `curImage` as they
 // were. The catalogue holds at most MAX_IMAGES names, each exactly as the directory listing (or
 // the load) gave it, since pictures are opened by that name; `curImage` is -1 or an index below
 // `imageCount`. The configuration is owned and stays open for the whole run, so the keys
@@ -17,6 +17,7 @@
 // callbacks. Main thread only.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -109,8 +110,26 @@ class RaceManager {
   void LoadCurImage();
   // Draws one frame into the back buffer; the caller presents it. Nothing without a window.
   void Paint();
+  // Lets go of the picture a fade is leaving.
+  void EndFade();
   // Overlay text (UTF-8) with a drop shadow at window pixel (x, y), y downward.
   void DrawText(const char* text, int x, int y);
+
+  // ---- Effects and remote steps (keys B, C, I and the command channel) ----
+  // Black and white on or off: written to the configuration file at once, then the shown
+  // picture is loaded again.
+  void SetBlackAndWhite(bool on);
+  // The information line on or off, written to the configuration file at once.
+  void SetShowInfo(bool on);
+  // Starts the automatic advance's count again (a key or a command came).
+  void RestartAdvance();
+  // The automatic advance's step: the next catalogue picture that loads, trying each at most
+  // once; the count then starts again whatever happened, so a catalogue of bad files is tried
+  // no faster than the interval.
+  void AdvanceStep();
+  // How long the main loop may sleep before the next thing it has to do by itself (a frame
+  // owed, a fade's next frame, the advance); at most the idle pause.
+  int SleepMs() const;
 
   // ---- Main loop ----
   // Key presses: Escape exits, Left/Right step, B/C switch black-and-white (written to the
@@ -175,6 +194,19 @@ class RaceManager {
   int idleSleepMs = IDLE_SLEEP_MS;  // read once by Setup; never negative
   std::unique_ptr<CommandChannel> commands;
   std::unique_ptr<Prefetcher> prefetcher;  // made by Setup; tests and tools load directly
+  // Automatic advance ("effects.advance_seconds"; 0: off): the next step is due at
+  // `advanceAt`, counted from when the shown picture reached the screen.
+  int advanceMs = 0;
+  std::chrono::steady_clock::time_point advanceAt;
+  bool newPicture = false;  // a picture was shown whose first frame is not out yet
+  int shownCount = 0;       // pictures shown so far, to tell a step that failed
+  // Fade ("effects.fade_ms"; 0: a cut): while it runs, the previous picture's texture and quad
+  // are kept and drawn under the new one.
+  int fadeMs = 0;
+  std::unique_ptr<DBitMapTexture, TextureRelease> fadeTexture;
+  std::unique_ptr<DMesh> fadeMesh;
+  std::chrono::steady_clock::time_point fadeStart;
+  bool fadeStarted = false;  // its first frame is out: `fadeStart` holds
   bool dirty = true;  // the screen no longer shows the current state
   bool prefetchDue = false;  // the neighbours are to be prefetched once the frame is out
   int shownWidth = 0, shownHeight = 0;  // the shown picture's own size, turned upright

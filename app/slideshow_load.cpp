@@ -97,8 +97,16 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched) {
     return;
   }
   curFile = path;
-  ReleaseTexture();
-  mesh.reset();
+  if (fadeMs > 0 && window && texture && mesh) {
+    // The shown picture stays under the new one until the fade ends; a fade still running
+    // ends here.
+    fadeTexture = std::move(texture);
+    fadeMesh = std::move(mesh);
+    fadeStarted = false;
+  } else {
+    ReleaseTexture();
+    mesh.reset();
+  }
   qdbg(kSource, "RaceManager::LoadNewImage", __LINE__, "Code %d, Orientation: %d\n",
        picture->exifCode, picture->orientation);
 
@@ -134,6 +142,8 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched) {
        prefetched ? " (prefetched)" : "", DTexture::GetLiveCount());
 
   dirty = true;
+  newPicture = true;
+  ++shownCount;
   curImage = CatalogueIndex(path);
   if (curImage == -1 && AddToDir(path)) curImage = imageCount - 1;
 }
@@ -142,7 +152,21 @@ void RaceManager::Paint() {
   if (!canvas) return;
   canvas->SetClearColor(0, 0, 0, 0);
   canvas->Clear(QCanvas::CLEAR_COLOR | QCanvas::CLEAR_DEPTH);
-  if (mesh) {
+  if (fadeMesh && mesh) {
+    // A cross-fade over black: old * (1 - w) + new * w, wherever either quad lies.
+    const auto now = std::chrono::steady_clock::now();
+    if (!fadeStarted) fadeStart = now, fadeStarted = true;
+    const double w = std::chrono::duration<double, std::milli>(now - fadeStart).count() / fadeMs;
+    canvas->Set3D(QCanvas::DEFAULT_DISTANCE);
+    if (w < 1.0) {
+      fadeMesh->Paint(float(1.0 - w));
+      mesh->Paint(float(w), true);
+      dirty = true;  // the next frame of the fade
+    } else {
+      EndFade();
+      mesh->Paint();
+    }
+  } else if (mesh) {
     canvas->Set3D(QCanvas::DEFAULT_DISTANCE);
     mesh->Paint();
   }
@@ -158,6 +182,12 @@ void RaceManager::Paint() {
     line.Format("%s (%dx%d)", name.cstr(), shownWidth, shownHeight);
     DrawText(line.cstr(), 10, 30);
   }
+}
+
+void RaceManager::EndFade() {
+  fadeMesh.reset();
+  fadeTexture.reset();
+  fadeStarted = false;
 }
 
 void RaceManager::DrawText(const char* text, int x, int y) {

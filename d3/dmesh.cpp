@@ -49,7 +49,7 @@ DTexture* DMesh::GetPolygonTexture(int poly) const {
   return poly >= 0 && poly < polygons_ ? texture_ : nullptr;
 }
 
-void DMesh::Paint() const {
+void DMesh::Paint(float weight, bool add) const {
   if (polygons_ == 0 || !DGlobal::IsOpenGLAvailable()) return;
   // Texture coordinates span the texture rectangle, in texels of the texture's own size.
   float u0 = 0.0f, v0 = 0.0f, du = 1.0f, dv = 1.0f;
@@ -62,11 +62,21 @@ void DMesh::Paint() const {
     du = float(texRect_.wid) / tw;
     dv = float(texRect_.hgt) / th;
   }
-  glDisable(GL_BLEND);
+  const bool weighted = weight < 1.0f;
+  if (add) {
+    glEnable(GL_BLEND);
+    glBlendFunc(GL_ONE, GL_ONE);
+  } else {
+    glDisable(GL_BLEND);
+  }
   if (textured) {
     glEnable(GL_TEXTURE_2D);
     texture_->Select();
-    glTexEnvi(GL_TEXTURE_ENV, GL_TEXTURE_ENV_MODE, GL_REPLACE);
+    glTexEnvi(GL_TEXTURE_ENV, GL_TEXTURE_ENV_MODE, weighted ? GL_MODULATE : GL_REPLACE);
+    if (weighted) {
+      const float w = weight < 0.0f ? 0.0f : weight;
+      glColor4f(w, w, w, 1.0f);
+    }
   } else {
     glDisable(GL_TEXTURE_2D);
   }
@@ -77,4 +87,6 @@ void DMesh::Paint() const {
   }
   glEnd();
   if (textured) glDisable(GL_TEXTURE_2D);
+  if (weighted) glColor4f(1.0f, 1.0f, 1.0f, 1.0f);
+  if (add) glDisable(GL_BLEND);
 }

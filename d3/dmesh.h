@@ -46,7 +46,9 @@ class DMesh : public QObject {
   DTexture* GetPolygonTexture(int poly) const;
 
   // Draws the polygons; nothing while OpenGL is unavailable or the mesh is empty.
-  void Paint() const;
+  // With `weight` below 1 the texture's colours are scaled by it (a fade): drawn over what is
+  // there with `add`, else in its place.
+  void Paint(float weight = 1.0f, bool add = false) const;
 
  private:
   int polygons_ = 0;

@@ -69,7 +69,8 @@ TEST(ShippedIni, ReadsBackWithoutWarningsAndHoldsEveryKeyAtItsDefault) {
       {"dev.strict", "0"},            {"dev.opengl_checks", "0"},
       {"dev.argument_tracing", "0"},  {"dev.qdbg_to_qlog", "0"},
       {"dev.idle_sleep_ms", "100"},   {"network.listen", ""},
-      {"dev.fatal_box_seconds", "0"},
+      {"dev.fatal_box_seconds", "0"}, {"effects.advance_seconds", "0"},
+      {"effects.fade_ms", "0"},
   };
   for (const auto& k : keys) {
     qstring v;
