@@ -97,6 +97,22 @@ TEST_F(SignageE2E, AdvanceCyclesThePicturesSkipsABadOneAndAKeyRestartsTheCount) 
   EXPECT_EQ(p.WaitExit(kStepMs), 0);
 }
 
+TEST_F(SignageE2E, AFolderOfBadPicturesIsTriedNoFasterThanTheInterval) {
+  Program p;
+  ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
+  ASSERT_TRUE(p.SetKey("effects.advance_seconds", "0.5"));
+  ASSERT_TRUE(WriteFile(p.Path("a.jpg"), "not a picture") &&
+              WriteFile(p.Path("b.jpg"), "no picture either"));
+  ASSERT_TRUE(p.Start());
+  ASSERT_TRUE(p.WaitForLog("Can't load image (b.jpg)", kStartMs)) << p.Log();
+  const long before = CpuTicks(p.Pid());
+  std::this_thread::sleep_for(std::chrono::seconds(2));
+  EXPECT_LE((CpuTicks(p.Pid()) - before) * 1000 / sysconf(_SC_CLK_TCK), 100);
+  ASSERT_TRUE(p.Send("next"));  // still answering
+  ASSERT_TRUE(p.Keys("Escape"));
+  EXPECT_EQ(p.WaitExit(kStepMs), 0);
+}
+
 TEST_F(SignageE2E, FadeBlendsThePicturesThenTheProgramRests) {
   Program p;
   Prepare(&p, "effects.fade_ms", "300");
