@@ -391,8 +391,12 @@ int RaceManager::SleepMs() const {
   using namespace std::chrono;
   if (dirty && !fadeStarted) return 0;
   int ms = idleSleepMs;
-  // A fade draws about 60 frames a second; a display with vertical sync paces it anyway.
-  if (fadeStarted) ms = std::min(ms, 15);
+  // A fade draws a frame every 16 ms at the most; where the swap waits for the display's
+  // refresh, that wait counts towards it.
+  if (fadeStarted) {
+    const auto since = duration_cast<milliseconds>(steady_clock::now() - frameAt).count();
+    ms = std::min<long long>(ms, std::max<long long>(0, 16 - since));
+  }
   if (advanceMs > 0 && !newPicture) {
     const auto left = duration_cast<milliseconds>(advanceAt - steady_clock::now()).count();
     ms = std::min<long long>(ms, std::max<long long>(0, left + 1));
@@ -440,6 +444,7 @@ void RaceManager::IdleProc() {
   }
   if (!rm || !rm->dirty) return;
   rm->dirty = false;
+  rm->frameAt = std::chrono::steady_clock::now();
   rm->Paint();
   if (rm->window) rm->window->Swap();
   if (rm->newPicture) {

@@ -207,6 +207,7 @@ class RaceManager {
   std::unique_ptr<DMesh> fadeMesh;
   std::chrono::steady_clock::time_point fadeStart;
   bool fadeStarted = false;  // its first frame is out: `fadeStart` holds
+  std::chrono::steady_clock::time_point frameAt;  // when the last frame was begun
   bool dirty = true;  // the screen no longer shows the current state
   bool prefetchDue = false;  // the neighbours are to be prefetched once the frame is out
   int shownWidth = 0, shownHeight = 0;  // the shown picture's own size, turned upright
