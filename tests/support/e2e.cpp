@@ -273,6 +273,16 @@ int FreeUdpPort() {
   return port;
 }
 
+bool SendUdp(int port, const std::string& bytes) {
+  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  if (fd < 0) return false;
+  sockaddr_in a = Loopback(port);
+  const ssize_t n = sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&a),
+                           sizeof(a));
+  close(fd);
+  return n == ssize_t(bytes.size());
+}
+
 bool ReceiveUdp(int fd, int ms, std::string* out) {
   pollfd p{fd, POLLIN, 0};
   if (poll(&p, 1, ms) <= 0) return false;
@@ -417,15 +427,7 @@ bool Program::Keys(const std::string& keys, int delayMs) {
                  " >/dev/null 2>&1").c_str()) == 0;
 }
 
-bool Program::Send(const std::string& bytes) const {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  if (fd < 0) return false;
-  sockaddr_in a = Loopback(port_);
-  const ssize_t n = sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&a),
-                           sizeof(a));
-  close(fd);
-  return n == ssize_t(bytes.size());
-}
+bool Program::Send(const std::string& bytes) const { return SendUdp(port_, bytes); }
 
 std::string Program::ReadFile(const std::string& name) const { return ::ReadFile(Path(name)); }
 

@@ -73,6 +73,8 @@ int RunningCopies();
 int FreeUdpPort();
 // A UDP socket bound to 127.0.0.1:port, or -1.
 int ListenUdp(int port);
+// Sends one datagram of exactly these bytes to 127.0.0.1:port.
+bool SendUdp(int port, const std::string& bytes);
 // The next datagram on `fd` within `ms`; false on time-out.
 bool ReceiveUdp(int fd, int ms, std::string* out);
 
