@@ -220,6 +220,14 @@ bool SetJpegOrientation(const std::string& path, int orientation) {
   return WriteFile(path, data);
 }
 
+bool WriteQuadrants(const std::string& path, int orientation) {
+  return WritePicture(path, 400, 300,
+                      [](int x, int y) {
+                        return y < 150 ? (x < 200 ? kRed : kGreen) : (x < 200 ? kBlue : kWhite);
+                      }) &&
+         SetJpegOrientation(path, orientation);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Processes and ports
 // ---------------------------------------------------------------------------------------------
