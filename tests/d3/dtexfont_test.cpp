@@ -50,13 +50,9 @@ class DTexFontTest : public TempDirTest {
   DTexFont font_;
 };
 
-TEST_F(DTexFontTest, VersionDecidesAdvanceAndBearing) {
+TEST_F(DTexFontTest, AdvanceAndBearingAreReadWithWidthPlusOneAsTheDefault) {
   const char* keys = "    advance=9\n    bearingx=2\n";
   std::string chars = Entry("char65", 0, 0, 6, 12, keys) + Entry("char66", 8, 0, 5, 12);
-  ASSERT_TRUE(font_.Load(Write("  version=1\n", chars).c_str(), false));
-  EXPECT_FLOAT_EQ(font_.FindGlyph(65)->advance, 7.0f);  // width + 1, the keys ignored
-  EXPECT_FLOAT_EQ(font_.FindGlyph(65)->bearingX, 0.0f);
-
   ASSERT_TRUE(font_.Load(Write("", chars).c_str(), false));  // version 2 by default
   EXPECT_FLOAT_EQ(font_.FindGlyph(65)->advance, 9.0f);
   EXPECT_FLOAT_EQ(font_.FindGlyph(65)->bearingX, 2.0f);

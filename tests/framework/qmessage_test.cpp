@@ -1,5 +1,5 @@
-// The log writer: repeat folding, newline stripping, the mask, rotation, the second file, handlers,
-// concurrent writers, unshowable boxes and the fatal paths.
+// The log writer: repeat folding, newline stripping, rotation, the second file, concurrent
+// writers, unshowable boxes and the fatal paths.
 #include "framework/qmessage.h"
 
 #include <gtest/gtest.h>
@@ -82,18 +82,6 @@ TEST_F(LogTest, LineFormatAndOneTrailingNewlineStripped) {
             "warned\nwarned again\nsaid\nsaid again\nerred\n");
 }
 
-TEST_F(LogTest, MaskDecidesWhatReachesTheFile) {
-  qmessage("plain dropped");
-  QINFO("LogTest::Mask", "info kept");
-  qlogSetMask(QLOGMASK_MESSAGE);
-  qmessage("plain kept");
-  QWARN("LogTest::Mask", "warning dropped");
-  QINFO("LogTest::Mask", "info dropped");
-  const std::string text = ReadFile(log_);
-  EXPECT_EQ(CountContaining(Lines(log_), " kept"), 2) << text;
-  EXPECT_EQ(text.find("dropped"), std::string::npos) << text;
-}
-
 TEST_F(LogTest, RotatesPastTenMillionBytes) {
   {
     std::ofstream big(log_, std::ios::binary | std::ios::app);
@@ -133,29 +121,6 @@ TEST_F(LogTest, SecondFileTakesErrorsAndWarningsOnly) {
   EXPECT_NE(second.find(" (WARN): warned 1 [WARN,qmessage_test.cpp:"), std::string::npos) << second;
   EXPECT_EQ(second.find("informed"), std::string::npos);
   EXPECT_EQ(second.find("unlogged"), std::string::npos) << second;
-}
-
-std::vector<std::string>* g_captured = nullptr;
-void Capture(const char* header, const char* text) {
-  g_captured->push_back(std::string(header ? header : "") + "|" + text);
-}
-
-TEST_F(LogTest, HandlersReplaceTheDefaultAndReturnThePrevious) {
-  std::vector<std::string> captured;
-  g_captured = &captured;
-  EXPECT_EQ(qSetWarnHandler(Capture), nullptr);
-  QWARN("LogTest::Hook", "to the hook %d", 5);
-  EXPECT_EQ(qSetWarnHandler(nullptr), &Capture);
-  ASSERT_EQ(captured.size(), 1u);
-  EXPECT_NE(captured[0].find("WARN,qmessage_test.cpp:"), std::string::npos);
-  EXPECT_NE(captured[0].find(",LogTest::Hook|to the hook 5"), std::string::npos);
-  EXPECT_EQ(ReadFile(log_).find("to the hook"), std::string::npos);
-
-  // qerr gets a newline added before its handler sees the text.
-  qSetErrHandler(Capture);
-  QERR("LogTest::Hook", "no newline");
-  qSetErrHandler(nullptr);
-  EXPECT_EQ(captured.back().substr(captured.back().size() - 11), "no newline\n");
 }
 
 TEST_F(LogTest, ConcurrentWritersNeitherInterleaveNorLose) {
