@@ -44,6 +44,7 @@ class QNSocketTest : public ::testing::Test {
     tx_.SetNoBind();
     ASSERT_TRUE(tx_.Open(0));
   }
+  void TearDown() override { qnSetPacketLoss(0); }
   QNSocket rx_{QNSocket::UDP, "rx"};
   QNSocket tx_{QNSocket::UDP, "tx"};
   int port_ = 0;
@@ -139,6 +140,20 @@ TEST_F(QNSocketTest, RefusedDatagramMakesTheNextReadZeroAndLaterWritesGoThrough)
   ASSERT_EQ(rx_.Write("hello", 5, &to), 5);
   EXPECT_EQ(peer.Read(in, sizeof(in)), 5);
   EXPECT_FALSE(log.Seen("[QN]"));
+}
+
+// dev.fake_packet_drops sets the loss.
+TEST_F(QNSocketTest, SimulatedLossOfAHundredDropsEverything) {
+  QNAddress to = Loopback(port_);
+  char in[64];
+  qnSetPacketLoss(100);
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_EQ(tx_.Write("drop", 4, &to), 4);
+    EXPECT_EQ(rx_.Read(in, sizeof(in)), 0);
+  }
+  qnSetPacketLoss(0);
+  ASSERT_EQ(tx_.Write("keep", 4, &to), 4);
+  EXPECT_EQ(rx_.Read(in, sizeof(in)), 4);
 }
 
 TEST(QNSocketMisuse, EachIsReportedOnceAndRefused) {
