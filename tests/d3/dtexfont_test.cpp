@@ -1,5 +1,5 @@
-// Texture font descriptions read without OpenGL: key quirks, runs and their lookup, measuring,
-// and QFont's system-font path that needs no window.
+// Texture font descriptions read without OpenGL: key quirks, runs and their lookup, and
+// measuring.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -158,20 +158,6 @@ TEST_F(DTexFontTest, MeasuringByTheThreePaths) {
 
   QFont qf("unused");
   EXPECT_EQ(qf.GetWidth("AB"), 0.0f);  // nothing before Create
-}
-
-TEST(QFontSystem, HeadlessFacesMeasure) {
-  LogCapture log;
-  QFont tex("/nonexistent/font");
-  EXPECT_FALSE(tex.Create());
-  EXPECT_TRUE(log.Seen("Couldn't load texture of tex font '/nonexistent/font'"));
-
-  QFont courier("courier", 16, 1, 2);
-  EXPECT_TRUE(courier.Create());  // fontconfig substitutes whatever monospace face there is
-  EXPECT_GT(courier.GetHeight(), 12);
-  EXPECT_EQ(courier.GetHeight(), courier.GetAscent() + courier.GetDescent());
-  EXPECT_GT(courier.GetWidth("mm"), courier.GetWidth("m"));
-  EXPECT_EQ(courier.GetWidth("m", 0), 0.0f);
 }
 
 }  // namespace
