@@ -59,19 +59,6 @@ TEST_F(DTexFontTest, AdvanceAndBearingAreReadWithWidthPlusOneAsTheDefault) {
   EXPECT_FLOAT_EQ(font_.FindGlyph(66)->advance, 6.0f);  // missing key: width + 1
 }
 
-TEST_F(DTexFontTest, CodeStartsAtTheEleventhCharacterOfTheKey) {
-  // "chars." and four characters that are never looked at, then atoi.
-  std::string chars = Entry("char65", 0, 0, 1, 1) + Entry("zzzz66x", 0, 0, 1, 1) +
-                      Entry("glyph300", 0, 0, 1, 1) + Entry("ab", 0, 0, 1, 1);
-  ASSERT_TRUE(font_.Load(Write("", chars).c_str(), false));
-  ASSERT_EQ(font_.GetGlyphsRead(), 4);
-  EXPECT_EQ(font_.GetGlyph(0)->code, 65);
-  EXPECT_EQ(font_.GetGlyph(1)->code, 66);
-  EXPECT_EQ(font_.GetGlyph(2)->code, 0);  // "chars.glyp" then "h300": no number
-  EXPECT_EQ(font_.GetGlyph(3)->code, 0);  // key shorter than the prefix
-  EXPECT_EQ(font_.GetFlags() & DTexFont::HAS_UNICODE, 0u);
-}
-
 TEST_F(DTexFontTest, RectanglesBecomeTextureCoordinatesFromTheBottom) {
   ASSERT_TRUE(font_.Load(Write("", Entry("char65", 8, 4, 8, 16)).c_str(), false));
   const DTexFontGlyph* g = font_.FindGlyph(65);
