@@ -1,16 +1,14 @@
 // The slideshow controller in-process: the shipped glimra.ini, the catalogue (filter, order,
-// duplicates, the 2000 limit), stepping from "nothing shown", and loads that neither grow memory
-// nor keep old textures (on a real window, skipped without a display).
+// duplicates, the 2000 limit), stepping from "nothing shown", files that are no pictures, and
+// the command channel's settings. Loads on screen are the end-to-end tests' business.
 #include "app/slideshow.h"
 
-#include <GL/gl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -19,11 +17,7 @@
 #include <vector>
 
 #include "app/command_channel.h"
-#include "d3/dtexture.h"
-#include "framework/qbitmap.h"
 #include "framework/qini.h"
-#include "framework/qmem.h"
-#include "support/glwindow.h"
 #include "support/logcapture.h"
 #include "support/tempdir.h"
 
@@ -48,34 +42,25 @@ class InTempDir : public TempDirTest {
   std::unique_ptr<RaceManager> rm_;
 };
 
-TEST(ShippedIni, ReadsBackWithoutWarningsAndHoldsEveryKeyAtItsDefault) {
+TEST(ShippedIni, ReadsBackWithoutWarningsAndHoldsEveryKeyTheProgramReads) {
   LogCapture log;
   QIni ini(GLIMRA_SOURCE_DIR "/data/glimra.ini");
   ASSERT_TRUE(ini.IsFound());
-  const std::pair<const char*, const char*> keys[] = {
-      {"dev.terminal", "0"},          {"network.port", "5000"},
-      {"effects.show_info", "1"},     {"effects.black_and_white", "0"},
-      {"resolution.width", "640"},    {"resolution.height", "480"},
-      {"resolution.fullscreen", "0"}, {"window.manage", "0"},
-      {"app.startup_directory", ""},  {"resolution.x", "0"},
-      {"resolution.y", "0"},          {"resolution.bits", "32"},
-      {"resolution.frequency", "60"}, {"resolution.stencil_bits", "8"},
-      {"resolution.alpha_bits", "0"}, {"resolution.z_bits", "0"},
-      {"resolution.gamma", "1.0"},    {"resolution.near_fullscreen", "0"},
-      {"resolution.no_border", "0"},  {"resolution.stereo.quad_buffered", "0"},
-      {"dev.debug_level", "1"},       {"dev.run_first", ""},
-      {"dev.port_offset", "0"},       {"dev.fake_packet_drops", "0"},
-      {"dev.udp_out", ""},            {"dev.log_last", "0"},
-      {"dev.strict", "0"},            {"dev.opengl_checks", "0"},
-      {"dev.argument_tracing", "0"},  {"dev.qdbg_to_qlog", "0"},
-      {"dev.idle_sleep_ms", "100"},   {"network.listen", ""},
-      {"dev.fatal_box_seconds", "0"}, {"effects.advance_seconds", "0"},
-      {"effects.fade_ms", "0"},
-  };
-  for (const auto& k : keys) {
+  // Every key the program reads is listed (the values are the manual page's business).
+  for (const char* key :
+       {"dev.terminal", "network.port", "network.listen", "effects.show_info",
+        "effects.black_and_white", "app.startup_directory", "window.manage", "resolution.width",
+        "resolution.height", "resolution.fullscreen", "resolution.x", "resolution.y",
+        "resolution.bits", "resolution.frequency", "resolution.stencil_bits",
+        "resolution.alpha_bits", "resolution.z_bits", "resolution.gamma",
+        "resolution.near_fullscreen", "resolution.no_border", "resolution.stereo.quad_buffered",
+        "dev.debug_level", "dev.run_first", "dev.port_offset", "dev.fake_packet_drops",
+        "dev.udp_out", "dev.log_last", "dev.strict", "dev.opengl_checks", "dev.argument_tracing",
+        "dev.qdbg_to_qlog", "dev.idle_sleep_ms", "dev.fatal_box_seconds", "effects.advance_seconds",
+        "effects.fade_ms"})
+  {
     qstring v;
-    EXPECT_TRUE(ini.GetString(k.first, &v, "<missing>")) << k.first;
-    EXPECT_STREQ(v.cstr(), k.second) << k.first;
+    EXPECT_TRUE(ini.GetString(key, &v, "")) << key;
   }
   EXPECT_FALSE(log.Seen("QIni")) << "a syntax warning";
   EXPECT_FALSE(log.Seen("not a valid"));
@@ -206,43 +191,6 @@ TEST(CommandChannelSettings, PortIsANumberFromOneTo65535AndListenAnAddress) {
               strcmp(l.first, l.second) != 0)
         << l.first;
   }
-}
-
-TEST_F(InTempDir, LoadsReplaceTextureAndMeshWithoutGrowing) {
-  QShell* win = testgl::Window(800, 600);
-  if (!win) GTEST_SKIP() << "needs a display (run under Xvfb)";
-  rm_->SetIni(new QIni("none.ini", QIni::SILENT));
-  rm_->SetWindow(win);
-  QBitMap bm(32, 40, 30);
-  memset(bm.GetBuffer(), 200, size_t(bm.GetSize()));
-  ASSERT_TRUE(bm.Write("a.tga", 1));
-  ASSERT_TRUE(bm.Write("b.jpg", 3, 90));
-  WriteFile("bad.tga", "junk");
-
-  rm_->LoadNewImage("a.tga");
-  rm_->LoadNewImage("b.jpg");
-  ASSERT_NE(rm_->GetTexture(), nullptr);
-  ASSERT_NE(rm_->GetMesh(), nullptr);
-  const int blocks = qmemGetCount();
-  unsigned int lastId = rm_->GetTexture()->GetID();
-  for (int i = 0; i < 10; ++i) {
-    rm_->LoadNewImage(i % 2 ? "b.jpg" : "a.tga");
-    rm_->Paint();
-    EXPECT_FALSE(glIsTexture(lastId)) << "old texture kept, load " << i;
-    lastId = rm_->GetTexture()->GetID();
-  }
-  EXPECT_EQ(qmemGetCount(), blocks);
-
-  // A failed load keeps what is shown.
-  const DBitMapTexture* shown = rm_->GetTexture();
-  for (const char* bad : {"bad.tga", "gone.jpg"}) {
-    rm_->LoadNewImage(bad);
-    EXPECT_EQ(rm_->GetTexture(), shown) << bad;
-    EXPECT_STREQ(rm_->GetCurFile(), "b.jpg") << bad;
-    EXPECT_EQ(rm_->GetCurImage(), 1) << bad;
-  }
-  EXPECT_TRUE(glIsTexture(lastId));
-  EXPECT_EQ(qmemGetCount(), blocks);
 }
 
 }  // namespace

@@ -1,22 +1,13 @@
 // DDS files made byte by byte: header checks with their messages, hostile sizes refused before
-// allocation, level layout, row and block reordering, and (with a display) the upload.
+// allocation, and the level layout.
 #include "d3/dds.h"
 
-#include <GL/gl.h>
-#include <GL/glext.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
-#include <string>
 #include <vector>
 
-#include "d3/dglobal.h"
-#include "d3/dtexture.h"
-#include "support/glwindow.h"
 #include "support/logcapture.h"
-#include "support/tempdir.h"
 
 namespace {
 
@@ -104,72 +95,6 @@ TEST(DDSLevels, SizesHalveAndTheCountIsBounded) {
   EXPECT_NE(dds.GetLevel(2), nullptr);
   EXPECT_EQ(dds.GetLevel(3), nullptr);
   EXPECT_EQ(dds.GetLevel(16), nullptr);
-}
-
-TEST(DDSReorder, RowsAndBlocksComeOutBottomUp) {
-  LogCapture log;
-  DDDS dds;
-  // 2 x 3 pixels, 32-bit: rows in the file top first, in memory bottom first.
-  std::vector<uint8_t> v = WithPayload(Header(2, 3, 1, nullptr), 24);
-  ASSERT_TRUE(Parse(&dds, v));
-  EXPECT_TRUE(log.Seen("DDS format might be unreliable, pls use DXT5."));
-  EXPECT_EQ(dds.GetFormat(), unsigned(GL_BGRA));
-  EXPECT_EQ(memcmp(dds.GetLevel(0), &v[128 + 16], 8), 0);
-  EXPECT_EQ(memcmp(dds.GetLevel(0) + 16, &v[128], 8), 0);
-
-  // 4 x 8 DXT1: the two blocks trade places and each block's index rows reverse.
-  v = WithPayload(Header(4, 8, 1, "DXT1"), 16);
-  ASSERT_TRUE(Parse(&dds, v));
-  const uint8_t* p = dds.GetLevel(0);
-  EXPECT_EQ(memcmp(p, &v[128 + 8], 4), 0);  // colours of the file's second block
-  EXPECT_EQ(p[4], v[128 + 8 + 7]);
-  EXPECT_EQ(p[7], v[128 + 8 + 4]);
-
-  // DXT5 alpha indices: 12 bits a row, rows reversed; a 2-row level swaps only its two rows.
-  v = Header(4, 2, 1, "DXT5");
-  const uint8_t block[16] = {9, 8, 0x01, 0x20, 0x03, 0, 0, 0, 1, 2, 3, 4, 0xA0, 0xB0, 0, 0};
-  v.insert(v.end(), block, block + 16);
-  ASSERT_TRUE(Parse(&dds, v));
-  p = dds.GetLevel(0);
-  // Rows 0 and 1 were 0x001 and 0x032: now 0x032 and 0x001.
-  EXPECT_EQ(p[2], 0x32);
-  EXPECT_EQ(p[3], 0x10);
-  EXPECT_EQ(p[4], 0x00);
-  EXPECT_EQ(p[12], 0xB0);
-  EXPECT_EQ(p[13], 0xA0);
-}
-
-TEST(DDSFile, LoadReadsOnlyWhatTheHeaderClaims) {
-  TempDir tmp("dds_test");
-  const std::string dir = tmp.Path(), path = tmp.File("a.dds");
-  ASSERT_TRUE(WriteFile(path, WithPayload(Header(8, 8, 2, "DXT1"), 32 + 8 + 1000)));
-  LogCapture log;
-  DDDS dds;
-  EXPECT_TRUE(dds.Load(path.c_str()));
-  EXPECT_EQ(dds.GetWidth(), 8);
-  EXPECT_NE(dds.GetLevel(1), nullptr);
-  EXPECT_FALSE(dds.Load((dir + "/none.dds").c_str()));
-  EXPECT_TRUE(log.Seen("Can't open DDS '" + dir + "/none.dds'"));
-  EXPECT_EQ(dds.GetLevelCount(), 0);
-}
-
-TEST(DDSUpload, CompressedLevelsBecomeTheTexture) {
-  if (!testgl::Window()) GTEST_SKIP() << "needs a display (run under Xvfb)";
-  if (!DGlobal::SupportsS3TC()) GTEST_SKIP() << "driver without S3TC";
-  LogCapture log;
-  DDDS dds;
-  ASSERT_TRUE(Parse(&dds, WithPayload(Header(8, 4, 4, "DXT1"), 16 + 8 + 8 - 2)));
-  DTexture tex("dds");
-  EXPECT_TRUE(dds.CreateTexture(&tex));
-  EXPECT_TRUE(log.Seen("DDDS:CreateTexture(); missing pixels for mipmap level 2"));
-  tex.Select();
-  GLint w = 0, compressed = 0, maxLevel = 0;
-  glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, &w);
-  glGetTexLevelParameteriv(GL_TEXTURE_2D, 1, GL_TEXTURE_COMPRESSED, &compressed);
-  glGetTexParameteriv(GL_TEXTURE_2D, GL_TEXTURE_MAX_LEVEL, &maxLevel);
-  EXPECT_EQ(w, 8);
-  EXPECT_EQ(compressed, GL_TRUE);
-  EXPECT_EQ(maxLevel, 1);
 }
 
 }  // namespace

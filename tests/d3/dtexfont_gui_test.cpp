@@ -1,5 +1,5 @@
-// The overlay font drawn on a real window: ink where the measured width says, text upright in
-// the canvas's 2D mode, and the system fonts the application makes at start.
+// The overlay font drawn on a real window: ink where the measured width says, and text upright
+// in the canvas's 2D mode.
 #include <gtest/gtest.h>
 
 #include <GL/gl.h>
@@ -108,24 +108,6 @@ TEST_F(DTexFontGui, TextIsUprightInTheDownwardMode) {
   int x = 0;
   while (!red.Ink(x, top)) ++x;
   EXPECT_LT(testgl::G(testgl::Pixel(x, top)), 40);
-}
-
-TEST_F(DTexFontGui, ApplicationMadeItsSystemFonts) {
-  for (int which : {QFONT_COURIER, QFONT_MS_SANS_SERIF}) {
-    QFont* f = QGetSystemFont(which);
-    ASSERT_NE(f, nullptr);
-    EXPECT_NE(f->GetListBase(), 0u);
-    EXPECT_GT(f->GetHeight(), 8);
-    // Code 'W' drawn through its list moves the raster position by its advance.
-    glMatrixMode(GL_PROJECTION);
-    glLoadIdentity();
-    glOrtho(0, win_->GetWidth(), 0, win_->GetHeight(), -1, 1);
-    glRasterPos2i(10, 100);
-    glCallList(f->GetListBase() + 'W');
-    GLint pos[4] = {};
-    glGetIntegerv(GL_CURRENT_RASTER_POSITION, pos);
-    EXPECT_GT(pos[0], 10 + 4);
-  }
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Texture font descriptions read without OpenGL: key quirks, runs and their lookup, measuring,
-// and QFont's hex conversions and system-font paths that need no window.
+// Texture font descriptions read without OpenGL: key quirks, runs and their lookup, and
+// measuring.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -50,30 +50,13 @@ class DTexFontTest : public TempDirTest {
   DTexFont font_;
 };
 
-TEST_F(DTexFontTest, VersionDecidesAdvanceAndBearing) {
+TEST_F(DTexFontTest, AdvanceAndBearingAreReadWithWidthPlusOneAsTheDefault) {
   const char* keys = "    advance=9\n    bearingx=2\n";
   std::string chars = Entry("char65", 0, 0, 6, 12, keys) + Entry("char66", 8, 0, 5, 12);
-  ASSERT_TRUE(font_.Load(Write("  version=1\n", chars).c_str(), false));
-  EXPECT_FLOAT_EQ(font_.FindGlyph(65)->advance, 7.0f);  // width + 1, the keys ignored
-  EXPECT_FLOAT_EQ(font_.FindGlyph(65)->bearingX, 0.0f);
-
   ASSERT_TRUE(font_.Load(Write("", chars).c_str(), false));  // version 2 by default
   EXPECT_FLOAT_EQ(font_.FindGlyph(65)->advance, 9.0f);
   EXPECT_FLOAT_EQ(font_.FindGlyph(65)->bearingX, 2.0f);
   EXPECT_FLOAT_EQ(font_.FindGlyph(66)->advance, 6.0f);  // missing key: width + 1
-}
-
-TEST_F(DTexFontTest, CodeStartsAtTheEleventhCharacterOfTheKey) {
-  // "chars." and four characters that are never looked at, then atoi.
-  std::string chars = Entry("char65", 0, 0, 1, 1) + Entry("zzzz66x", 0, 0, 1, 1) +
-                      Entry("glyph300", 0, 0, 1, 1) + Entry("ab", 0, 0, 1, 1);
-  ASSERT_TRUE(font_.Load(Write("", chars).c_str(), false));
-  ASSERT_EQ(font_.GetGlyphsRead(), 4);
-  EXPECT_EQ(font_.GetGlyph(0)->code, 65);
-  EXPECT_EQ(font_.GetGlyph(1)->code, 66);
-  EXPECT_EQ(font_.GetGlyph(2)->code, 0);  // "chars.glyp" then "h300": no number
-  EXPECT_EQ(font_.GetGlyph(3)->code, 0);  // key shorter than the prefix
-  EXPECT_EQ(font_.GetFlags() & DTexFont::HAS_UNICODE, 0u);
 }
 
 TEST_F(DTexFontTest, RectanglesBecomeTextureCoordinatesFromTheBottom) {
@@ -105,7 +88,6 @@ TEST_F(DTexFontTest, RepeatedOrFallingCodesOpenRunsAndTheSixthIsFatal) {
   EXPECT_EQ(font_.GetRangeCount(), 5);
   EXPECT_EQ(font_.GetRangeBase(4), 6);
   EXPECT_NE(font_.GetFlags() & DTexFont::HAS_UNICODE, 0u);
-  EXPECT_TRUE(font_.HasArabicChars());
 
   const std::string six = Write("", five + Run(5, 5));
   EXPECT_DEATH(DTexFont().Load(six.c_str(), false), "DTexFont \\(.*/f\\) has too many ranges");
@@ -163,58 +145,6 @@ TEST_F(DTexFontTest, MeasuringByTheThreePaths) {
 
   QFont qf("unused");
   EXPECT_EQ(qf.GetWidth("AB"), 0.0f);  // nothing before Create
-}
-
-TEST(QFontHex, ConversionsStayInsideTheDestination) {
-  LogCapture log;
-  char dst[16];
-  memset(dst, '#', sizeof(dst));
-  EXPECT_EQ(QFontASCII2QC("Az", dst, 16), 2);
-  EXPECT_STREQ(dst, "0041007a");
-  memset(dst, '#', sizeof(dst));
-  EXPECT_EQ(QFontASCII2QC("ABCD", dst, 13), 2);  // 4 >= 13 / 4: 13 / 4 - 1 characters
-  EXPECT_STREQ(dst, "00410042");
-  EXPECT_EQ(dst[9], '#');
-  EXPECT_TRUE(log.Seen("QFontASCII2QC(ABCD); destination (d) isn't big enough"));
-  EXPECT_EQ(QFontASCII2QC("\xe9", dst, 16), 1);
-  EXPECT_STREQ(dst, "00e9");
-
-  uint16_t w[4] = {9, 9, 9, 9};
-  EXPECT_EQ(QFontQC2Unicode("0041007a", w, 8), 2);  // 2 < 8 / 2
-  EXPECT_EQ(w[0], 0x41);
-  EXPECT_EQ(w[1], 0x7a);
-  EXPECT_EQ(w[2], 0);
-  w[3] = 9;
-  EXPECT_EQ(QFontQC2Unicode("00410042004300440045", w, 6), 2);  // 5 >= 3: 6 / 2 - 1 codes
-  EXPECT_EQ(w[2], 0);
-  EXPECT_EQ(w[3], 9);
-  EXPECT_EQ(QFontQC2Unicode("00410", w, 8), 1);  // a partial group is not read
-  EXPECT_EQ(QFontQC2Unicode("12zz", w, 1), 0);   // no room even for the zero
-}
-
-TEST(QFontSystem, HeadlessFacesMeasureAndRefuseLateChanges) {
-  LogCapture log;
-  QFont tex("/nonexistent/font");
-  EXPECT_FALSE(tex.Create());
-  EXPECT_TRUE(log.Seen("Couldn't load texture of tex font '/nonexistent/font'"));
-
-  QFont courier("courier", 16, 1, 2);
-  EXPECT_TRUE(courier.Create());  // fontconfig substitutes whatever monospace face there is
-  EXPECT_GT(courier.GetHeight(), 12);
-  EXPECT_EQ(courier.GetHeight(), courier.GetAscent() + courier.GetDescent());
-  EXPECT_GT(courier.GetWidth("mm"), courier.GetWidth("m"));
-  EXPECT_EQ(courier.GetWidth("m", 0), 0.0f);
-  courier.SetResX(50);
-  EXPECT_TRUE(log.Seen("QFont::SetResX(); can't modify after Create()"));
-  EXPECT_EQ(courier.GetResX(), 100);
-  EXPECT_EQ(courier.GetScaleY(), 1.0f);
-  EXPECT_TRUE(log.Seen("QFont:GetScaleY(); only useful for texture fonts"));
-  EXPECT_EQ(QFont::WeightFromIndex(3), QFont::WeightFromIndex(4));
-
-  QFont odd("ms sans serif", 13);
-  odd.SetFontType(7);
-  EXPECT_TRUE(odd.Create());
-  EXPECT_TRUE(log.Seen("QFont:Create(): unknown fontType (7)"));
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // Textures on the framework's window (skipped without a display): exact sizes, pixel values
 // unchanged on screen in both colour paths, reference counts, mipmap refusal after creation;
-// and without OpenGL: the name table and the internal-format rule.
+// and without OpenGL: the internal-format rule.
 #define GL_GLEXT_PROTOTYPES
 #include "d3/dtexture.h"
 
@@ -159,7 +159,6 @@ TEST(DTextureLifecycle, DetachCountsDownOnceAndDestructionDeletesTheName) {
     DBitMapTexture tex(&bm, "gone");
     id = tex.GetID();
     ASSERT_TRUE(glIsTexture(id));
-    EXPECT_STREQ(DTextureGetLastKnownTextureName(int(id)), "gone");
     LogCapture log;
     EXPECT_TRUE(tex.Detach());
     EXPECT_FALSE(log.Seen("refCount<0"));
@@ -172,58 +171,6 @@ TEST(DTextureLifecycle, DetachCountsDownOnceAndDestructionDeletesTheName) {
   EXPECT_EQ(bound, 0);
 }
 
-TEST(DTextureKinds, DrawableCopiesWhatWasDrawnAndVolumeStacksItsSlices) {
-  NEED_WINDOW();
-  DGlobal::SetLinearColour(true);  // plain byte values both ways
-  QCanvas canvas(win);
-  canvas.SetClearColor(10, 200, 30, 255);
-  ASSERT_TRUE(canvas.Clear());
-  DDrawableTexture drawn(4, 2, "drawn");
-  EXPECT_STREQ(drawn.ClassName(), "DDrawableTexture");
-  ASSERT_TRUE(drawn.CopyFromScreen(5, 5));
-  uint8_t px[4 * 2 * 4] = {};
-  drawn.Select();
-  glGetTexImage(GL_TEXTURE_2D, 0, GL_RGBA, GL_UNSIGNED_BYTE, px);
-  for (int i = 0; i < 8; ++i)
-    EXPECT_TRUE(px[i * 4] == 10 && px[i * 4 + 1] == 200 && px[i * 4 + 2] == 30) << "pixel " << i;
-
-  // Two 2 x 1 slices come back in depth order, pixel for pixel.
-  QBitMap a(32, 2, 1), b(32, 2, 1), odd(32, 1, 2);
-  for (int i = 0; i < 8; ++i) {
-    a.GetBuffer()[i] = uint8_t(i + 1);
-    b.GetBuffer()[i] = uint8_t(100 + i);
-  }
-  DTexture3D volume("volume");
-  EXPECT_STREQ(volume.ClassName(), "DTexture3D");
-  LogCapture log;
-  QBitMap* mixed[] = {&a, &odd};
-  EXPECT_FALSE(volume.FromBitMaps(mixed, 2));
-  EXPECT_TRUE(log.Seen("DTexture3D:FromBitMaps(); slice 1 is not 2x1 (volume)"));
-  QBitMap* slices[] = {&a, &b};
-  ASSERT_TRUE(volume.FromBitMaps(slices, 2));
-  EXPECT_EQ(volume.GetDepth(), 2);
-  uint8_t got[16] = {};
-  volume.Select();
-  glGetTexImage(GL_TEXTURE_3D, 0, GL_RGBA, GL_UNSIGNED_BYTE, got);
-  EXPECT_EQ(std::string(got, got + 8), std::string(a.GetBuffer(), a.GetBuffer() + 8));
-  EXPECT_EQ(std::string(got + 8, got + 16), std::string(b.GetBuffer(), b.GetBuffer() + 8));
-  DGlobal::FollowFramebuffer();
-}
-
-TEST(DTextureNameTable, BoundsDifferBetweenSetAndGet) {
-  LogCapture log;
-  DTextureSetLastKnownTextureName(199, std::string(300, 'x').c_str());
-  EXPECT_EQ(std::string(DTextureGetLastKnownTextureName(199)), std::string(200, 'x'));
-  DTextureSetLastKnownTextureName(200, "ignored");
-  EXPECT_STREQ(DTextureGetLastKnownTextureName(200), "");
-  EXPECT_STREQ(DTextureGetLastKnownTextureName(201), "<texture_id_201_too_high>");
-  EXPECT_FALSE(log.Seen("Bad id"));
-  EXPECT_STREQ(DTextureGetLastKnownTextureName(-3), "<bad_texture_id>");
-  DTextureSetLastKnownTextureName(-4, "x");
-  EXPECT_TRUE(log.Seen("Bad id '-3' passed"));
-  EXPECT_TRUE(log.Seen("Bad id '-4' passed"));
-}
-
 TEST(DTextureFormat, InternalFormatRule) {
   // format, compressed, linear colour -> internal format
   const unsigned rule[][4] = {
@@ -233,16 +180,6 @@ TEST(DTextureFormat, InternalFormatRule) {
       {GL_RGBA, 1, 0, GL_COMPRESSED_SRGB_ALPHA}, {GL_ALPHA, 1, 0, GL_ALPHA}};
   for (const auto& r : rule)
     EXPECT_EQ(DTexture::ChooseInternalFormat(r[0], r[1], r[2]), r[3]) << r[0] << r[1] << r[2];
-}
-
-TEST(DGlobalFilters, NamesBothWaysAndUnknowns) {
-  for (int v = 9984; v <= 9987; ++v) EXPECT_EQ(DGlobal::FilterS2N(DGlobal::FilterN2S(v)), v);
-  EXPECT_EQ(DGlobal::FilterS2N("GL_LINEAR"), 9729);
-  LogCapture log;
-  EXPECT_STREQ(DGlobal::FilterN2S(1234), "???");
-  EXPECT_EQ(DGlobal::FilterS2N("GL_CUBIC"), 0);
-  EXPECT_TRUE(log.Seen("DGlobal::FilterN2S(1234) unknown"));
-  EXPECT_TRUE(log.Seen("DGlobal::FilterS2N(GL_CUBIC) unknown"));
 }
 
 }  // namespace

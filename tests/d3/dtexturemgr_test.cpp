@@ -1,5 +1,5 @@
-// The texture cache: one texture per picture name shared by reference, stubs where a picture
-// cannot be had, and the listing of what is not released. Textures are real on a display.
+// The texture cache: one texture per picture name shared by reference, and the listing of what
+// is not released. Textures are real on a display.
 #include "d3/dtexturemgr.h"
 
 #include <GL/gl.h>
@@ -59,32 +59,6 @@ TEST_F(DTextureManagerTest, OnePictureOneSharedTexture) {
   mgr.DbgPrint();
   EXPECT_TRUE(log.Seen("DTextureManager:DbgPrint(); all textures released"));
   EXPECT_FALSE(log.Seen("refCount<0"));
-}
-
-TEST_F(DTextureManagerTest, StubsWhenNoPictureCanBeHad) {
-  DTextureManager mgr;
-  LogCapture log;
-  const std::string missing = Tmp("none.jpg");
-  int a = mgr.FindOrMakeReference(missing.c_str());
-  EXPECT_TRUE(log.Seen("DTextureManager:MakeObject(" + missing + ") couldn't find image"));
-  EXPECT_EQ(gl_ ? mgr.GetTexture(a)->GetWidth() : 8, 8);
-
-  const std::string dds = Tmp("none.dds");
-  int b = mgr.FindOrMakeReference(dds.c_str());
-  EXPECT_TRUE(log.Seen("Image '" + dds + "' loading failed (not found?)"));
-  EXPECT_STREQ(mgr.GetTexture(b)->GetName(), "");
-
-  DGlobal::Settings().ddsAllowed = false;
-  int c = mgr.FindOrMakeReference("other.DDS");
-  EXPECT_STREQ(mgr.GetTexture(c)->GetName(), "subimg1b");
-  DGlobal::Settings().texturesEnabled = false;
-  int d = mgr.FindOrMakeReference("pic.tga");
-  EXPECT_STREQ(mgr.GetTexture(d)->GetName(), "stubimg1");
-
-  EXPECT_EQ(mgr.GetTexture(0), nullptr);
-  EXPECT_TRUE(log.Seen("DTextureManager:GetTexture(ref 0) out of range"));
-  for (int* ref : {&a, &b, &c, &d}) mgr.Release(ref);
-  EXPECT_FALSE(log.Seen("still around"));
 }
 
 }  // namespace

@@ -15,18 +15,17 @@
 
 namespace {
 
+using e2e::Is;
+using e2e::kBlue;
+using e2e::kGreen;
+using e2e::kRed;
+using e2e::kWhite;
 using e2e::Near;
 using e2e::Program;
 using e2e::Screen;
 
 constexpr int kStartMs = 30000;  // software GL under the sanitizers is slow to come up
 constexpr int kStepMs = 10000;
-
-const uint32_t kRed = 0xDC1414, kGreen = 0x14DC14, kBlue = 0x1414DC, kWhite = 0xE6E6E6;
-
-bool Is(uint32_t c, uint32_t want, int tol = 24) {
-  return Near(c, e2e::R(want), e2e::G(want), e2e::B(want), tol);
-}
 
 // Something near white in the rectangle: overlay text (white over a black shadow).
 bool Ink(const Screen& s, int x0, int y0, int x1, int y1) {
@@ -134,22 +133,11 @@ TEST_F(SlideshowE2E, StepsWrapAndCommandsLoadIgnoreOrFailWithoutLosingThePicture
   EXPECT_EQ(p.Log().find("Adding 'c.tga'"), std::string::npos);
 }
 
-// 400 x 300, stored quadrants: red top-left, green top-right, blue bottom-left, white
-// bottom-right.
-bool Quadrants(const std::string& path, int orientation) {
-  return e2e::WritePicture(path, 400, 300,
-                           [](int x, int y) {
-                             if (y < 150) return x < 200 ? kRed : kGreen;
-                             return x < 200 ? kBlue : kWhite;
-                           }) &&
-         e2e::SetJpegOrientation(path, orientation);
-}
-
 TEST_F(SlideshowE2E, PicturesAreTurnedUprightAndFillTheWindowHeight) {
   Program p;
   ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
-  ASSERT_TRUE(Quadrants(p.Path("o3.jpg"), 3));
-  ASSERT_TRUE(Quadrants(p.Path("o6.jpg"), 6));
+  ASSERT_TRUE(e2e::WriteQuadrants(p.Path("o3.jpg"), 3));
+  ASSERT_TRUE(e2e::WriteQuadrants(p.Path("o6.jpg"), 6));
 
   // Orientation 6: a quarter turn clockwise gives a 300 x 400 picture, drawn 450 x 600 in the
   // middle of the window.

@@ -25,6 +25,11 @@
 
 namespace {
 
+using e2e::Is;
+using e2e::kBlue;
+using e2e::kGreen;
+using e2e::kRed;
+using e2e::kWhite;
 using e2e::Program;
 using e2e::Screen;
 
@@ -34,12 +39,6 @@ constexpr int kCommands = 2000;
 constexpr int kBurst = 20;        // far below what the socket queue holds
 constexpr int kKeyEvery = 100;    // commands between two key presses
 constexpr int kBaseline = 100;    // memory and textures are compared with this point
-
-const uint32_t kRed = 0xDC1414, kGreen = 0x14DC14, kBlue = 0x1414DC, kWhite = 0xE6E6E6;
-
-bool Is(uint32_t c, uint32_t want) {
-  return e2e::Near(c, e2e::R(want), e2e::G(want), e2e::B(want), 24);
-}
 
 // Follows QLOG.txt as it grows: handled commands, good loads with the texture count each one
 // reports (the highest since the last reset), and every error or warning line.
@@ -81,7 +80,7 @@ struct LogFollower {
   }
 };
 
-// The blocks of LeakSanitizer's report whose allocation passed through the main loop's work.
+// The resident memory of `pid` in kB; -1 when unknown.
 long ResidentKb(pid_t pid) {
   std::ifstream f("/proc/" + std::to_string(pid) + "/status");
   std::string word;
@@ -98,17 +97,7 @@ uint32_t Photo(int x, int y) {
          uint32_t((x + y) & 255);
 }
 
-class SlideshowSoak : public ::testing::Test {
- protected:
-  static void TearDownTestSuite() { e2e::StopXvfb(); }
-  void SetUp() override {
-    if (!e2e::HaveTools()) GTEST_SKIP() << "needs Xvfb, xdotool and xwd";
-    if (access(GLIMRA_BUILD_DIR "/glimra", X_OK) != 0) GTEST_SKIP() << "glimra is not built";
-    // Another copy on the machine would turn the start into a hand-off.
-    if (e2e::RunningCopies() > 0) GTEST_SKIP() << "another glimra is running";
-    ASSERT_TRUE(e2e::StartXvfb(800, 600));
-  }
-};
+using SlideshowSoak = e2e::ScreenTest<800, 600>;
 
 TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   Program p;
@@ -132,11 +121,7 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   ASSERT_TRUE(e2e::WritePicture(p.Path("g.tga"), 200, 150, Photo));
   ASSERT_TRUE(e2e::WritePicture(p.Path("more/m.jpg"), 64, 300, Photo));
   ASSERT_TRUE(e2e::WritePicture(p.Path("more/m.tga"), 300, 64, Photo));
-  // Stored quadrants: red top-left, green top-right, blue bottom-left, white bottom-right.
-  ASSERT_TRUE(e2e::WritePicture(p.Path("more/final.jpg"), 400, 300, [](int x, int y) {
-    return y < 150 ? (x < 200 ? kRed : kGreen) : (x < 200 ? kBlue : kWhite);
-  }));
-  ASSERT_TRUE(e2e::SetJpegOrientation(p.Path("more/final.jpg"), 8));
+  ASSERT_TRUE(e2e::WriteQuadrants(p.Path("more/final.jpg"), 8));
 
   // Broken ones: cut inside its header (a JPEG cut in its pixel data shows what decoded), empty,
   // noise with a picture's name, never there, deleted after the scan (so also reached with the

@@ -1,5 +1,4 @@
-// QApp without a display: tables, centring, the dispatch of one loop step, the exit code, and
-// the window preferences refused after creation.
+// QApp without a display: tables, centring, the dispatch of one loop step and the exit code.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -41,7 +40,6 @@ using QAppExitDeathTest = App;
 
 template <int N>
 bool H(QEvent*) { return false; }
-void Nop() {}
 
 TEST_F(QAppTables, SixthKeyboardHandlerIsRefusedAndAFreedSlotIsReused) {
   EXPECT_EQ(QGetApp(), app);
@@ -53,17 +51,6 @@ TEST_F(QAppTables, SixthKeyboardHandlerIsRefusedAndAFreedSlotIsReused) {
   EXPECT_TRUE(app->AddKeyboardHandler(H<6>));
   EXPECT_FALSE(app->RemoveKeyboardHandler(H<3>));
   EXPECT_EQ(Seen("QApp::RemoveKeyboardHandler(); can't find handler (0x"), 1);
-}
-
-TEST_F(QAppTables, ProcedureTablesStopAtTheirCapacity) {
-  for (int i = 0; i < QApp::MAX_CLEANUP_PROCS; ++i) ASSERT_TRUE(app->AddCleanupProc(Nop));
-  EXPECT_FALSE(app->AddCleanupProc(Nop));
-  EXPECT_EQ(Seen("QApp::AddCleanupProc(); out of space - memory leaks WILL occur!"), 1);
-  EXPECT_FALSE(app->AddCrashProc(nullptr));
-  EXPECT_EQ(Seen("QApp:AddCrashProc(); func=0"), 1);
-  for (int i = 0; i < QApp::MAX_CRASH_PROCS; ++i) ASSERT_TRUE(app->AddCrashProc(Nop));
-  EXPECT_FALSE(app->AddCrashProc(Nop));
-  EXPECT_EQ(Seen("QApp::AddCrashProc(); out of space"), 1);
 }
 
 TEST_F(QAppTables, ASecondConfigurationNeedsTheFirstClosed) {
@@ -163,38 +150,6 @@ TEST_F(QAppStep, ConsumersInOrderAndPointerState) {
 // The close request's exit and clean-up order is checked on a real window (qapp_gui_test).
 TEST_F(QAppExitDeathTest, ExitCodeIsPassedOn) {
   EXPECT_EXIT(app->Exit(7), ::testing::ExitedWithCode(7), "");
-}
-
-// A real window stand-in: created without a native window.
-struct FakeReal : QWindow {
-  FakeReal() : QWindow(nullptr, "real") {}
-  bool Create() override { return created_ = true; }
-};
-
-TEST(QWindowPrefs, RefusedAfterCreationAndSoftWindowsNeedARealParent) {
-  LogCapture log;
-  FakeReal real;
-  QWindow orphan(nullptr, "orphan");
-  orphan.MakeSoftWindow();
-  EXPECT_FALSE(orphan.Create());
-  QWindow child(&real, "child");
-  child.MakeSoftWindow();
-  EXPECT_FALSE(child.Create());  // the parent is not created yet
-  real.Create();
-  child.PrefNoResize();
-  EXPECT_TRUE(child.Create());
-  EXPECT_EQ(child.GetRealWindow(), &real);
-  child.PrefFullScreen();
-  child.PrefWM();
-  child.MakeRealX();
-  EXPECT_EQ(child.GetPrefs(), QWindow::PREF_SOFT | QWindow::PREF_NORESIZE);
-  EXPECT_FALSE(child.PaintTexture(0, QRect{0, 0, 4, 4}, 0, 0));
-  EXPECT_FALSE(child.PaintTexture(5, QRect{0, 0, 0, 4}, 0, 0));
-  EXPECT_EQ(log.Count("QWindow::Create() without a parent real X window"), 2);
-  for (const char* t : {"PrefFullScreen() called after", "PrefWM() called after",
-                        "MakeRealX() called after", "PaintTexture(); no texture",
-                        "PaintTexture(); texGrid.wid=0"})
-    EXPECT_EQ(log.Count(std::string("QWindow:") + t), 1) << t;
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Event ring, motion compression, cancelled events, dead keys and the key-code translation.
+// Event ring, cancelled events, dead keys and the key-code translation.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -63,26 +63,6 @@ TEST_F(QEventRing, ExposeIsNeverQueuedAndPeekLeavesTheHead) {
   QEventPeek(&e);
   EXPECT_EQ(e.type, QEVENT_BUTTONPRESS);
   EXPECT_EQ(QEventCount(), 1);
-}
-
-TEST_F(QEventRing, MotionOfACompressingWindowKeepsOneEventWithTheLatestPosition) {
-  QWindow fast(nullptr, "fast"), plain(nullptr, "plain");
-  fast.SetCompressMotion(true);
-  Push(QEVENT_MOTION, &fast, 0, 1, 1);
-  Push(QEVENT_KEYPRESS, &fast, 65);
-  Push(QEVENT_MOTION, &plain, 0, 7, 7);
-  for (int i = 2; i <= 50; ++i) Push(QEVENT_MOTION, &fast, 0, i * 10, i * 20);
-  Push(QEVENT_MOTION, &plain, 0, 8, 8);
-  EXPECT_EQ(QEventCount(), 4);  // fast motion, key, two plain motions
-  QEvent e;
-  QEventNext(&e);
-  EXPECT_EQ(e.type, QEVENT_MOTION);
-  EXPECT_EQ(e.win, &fast);
-  EXPECT_EQ(e.x, 500);
-  EXPECT_EQ(e.y, 1000);
-  // Once taken off the ring, the next motion queues anew.
-  Push(QEVENT_MOTION, &fast, 0, 3, 3);
-  EXPECT_EQ(QEventCount(), 4);
 }
 
 TEST_F(QEventRing, RemovedWindowLeavesCancelledEventsInPlace) {

@@ -1,4 +1,4 @@
-// QFile: memory end-of-data rule, seeking, line and word readers, writers and scrambling.
+// QFile: memory end-of-data rule, seeking, preloading, the line readers and existence.
 #include "framework/qfile.h"
 
 #include <gtest/gtest.h>
@@ -107,41 +107,23 @@ TEST_F(QFileTest, SeekFromEndDiffersBetweenStreamAndMemory) {
 
 // ---- Preloading and opening ----
 
-TEST_F(QFileTest, MemoryFlagPreloadsAndClosesTheStream) {
-  std::string path = MakeFile("pre", "hello");
-  int open = qfGetOpenCount();
+TEST_F(QFileTest, MemoryFlagPreloadsOrKeepsAStream) {
+  std::string path = MakeFile("text", "a\r\nb");
+  const int before = qfGetOpenCount();
   {
     QFile f(path.c_str(), QFile::READ | QFile::MEMORY);
     EXPECT_TRUE(f.IsMemoryFile());
-    EXPECT_EQ(f.Size(), 5);
-    EXPECT_EQ(qfGetOpenCount(), open);
+    EXPECT_EQ(f.Size(), 4);
+    EXPECT_EQ(qfGetOpenCount(), before);  // the stream is closed once read
   }
-  EXPECT_EQ(qfGetOpenCount(), open);
   EXPECT_TRUE(log_.Lines().empty());
-}
-
-TEST_F(QFileTest, MemoryFlagRefusalsKeepAStream) {
-  std::string path = MakeFile("text", "a\r\nb");
-  {
-    QFile f(path.c_str(), QFile::READ_TEXT | QFile::MEMORY);
-    EXPECT_TRUE(f.IsOpen());
-    EXPECT_FALSE(f.IsMemoryFile());
-    EXPECT_TRUE(Logged("QFile ctor: READ_TEXT and MEMORY flags are incompatible (buggy); "
-                       "turning off MEMORY"));
-  }
-  {
-    QFile f(path.c_str(), QFile::APPEND | QFile::MEMORY);
-    EXPECT_FALSE(f.IsMemoryFile());
-    EXPECT_TRUE(Logged("MEMORY requested for '" + path + "' but incompatible mode (8) given"));
-  }
+  // An empty file, and a taken-over stream, stay streams.
   std::string empty = MakeFile("empty", "");
   {
     QFile f(empty.c_str(), QFile::READ | QFile::MEMORY);
     EXPECT_TRUE(f.IsOpen());
     EXPECT_FALSE(f.IsMemoryFile());
   }
-  log_.Clear();
-  const int before = qfGetOpenCount();
   {
     FILE* fp = qfopen(path.c_str(), "rb");
     int open = qfGetOpenCount();
@@ -172,7 +154,7 @@ TEST_F(QFileTest, UnopenedFilesReadNothingAndCloseCountsStay) {
   EXPECT_TRUE(Logged("qfclose(0) called"));
 }
 
-// ---- Lines and words ----
+// ---- Lines ----
 
 TEST_F(QFileTest, LinesDropCarriageReturnsAndKeepAnUnterminatedLastLine) {
   std::string text = "abc\r\n\nde\nlast";
@@ -204,124 +186,6 @@ TEST_F(QFileTest, SixteenBitLinesAreLittleEndian) {
   qstring rest;
   f.ReadLine(&rest);
   EXPECT_STREQ(rest.cstr(), "z");
-}
-
-TEST_F(QFileTest, WordsQuotedOrPlainWithTheDelimiterPushedBack) {
-  const std::string text = "  \"two words\" next";
-  QFile f(Block(text), int(text.size()), QFile::READ, true);
-  qstring word;
-  f.ReadWord(&word);
-  EXPECT_STREQ(word.cstr(), "two words");
-  f.ReadWord(&word);
-  EXPECT_STREQ(word.cstr(), "next");
-  EXPECT_EQ(f.ReadWord(&word), 0);
-
-  QFile g(Block("one two"), 7, QFile::READ, true);
-  char buf[16];
-  EXPECT_EQ(g.ReadWord(buf, -1), 3);
-  EXPECT_STREQ(buf, "one");
-  EXPECT_EQ(g.GetChar(), ' ');
-  EXPECT_EQ(g.ReadWord(buf, 3), 2);  // n - 1 bytes at most
-  EXPECT_STREQ(buf, "tw");
-}
-
-TEST_F(QFileTest, ScanToLineFindsAWholeLineOnly) {
-  QFile f(Block("[a]x\n[a]\nafter\n"), 15, QFile::READ, true);
-  EXPECT_TRUE(f.ScanToLine("[a]"));
-  qstring line;
-  f.ReadLine(&line);
-  EXPECT_STREQ(line.cstr(), "after");
-  EXPECT_FALSE(f.ScanToLine("[a]"));
-}
-
-// ---- Writing ----
-
-TEST_F(QFileTest, StreamWritersRoundTrip) {
-  std::string path = dir_ + "/out";
-  {
-    QFile f(path.c_str(), QFile::WRITE);
-    ASSERT_TRUE(f.IsOpen());
-    int reserved = f.ReserveLength();
-    EXPECT_EQ(reserved, 0);
-    EXPECT_TRUE(f.WriteShort(-2));
-    EXPECT_TRUE(f.WriteInt(0x01020304));
-    EXPECT_TRUE(f.WriteString("hi", true));
-    EXPECT_TRUE(f.WriteString("", true));
-    EXPECT_TRUE(f.WriteText("end"));
-    EXPECT_TRUE(f.PutChar('!'));
-    EXPECT_TRUE(f.FillLength(reserved));
-    EXPECT_TRUE(f.WriteAt("Z", 1, 12));
-    EXPECT_EQ(f.Tell(), 20);
-  }
-  const std::string back = ReadFile(path);
-  ASSERT_EQ(back.size(), 20u);
-  EXPECT_EQ(back.substr(0, 10), std::string("\x14\0\0\0\xfe\xff\x04\x03\x02\x01", 10));
-
-  QFile f(path.c_str(), QFile::READ);
-  int32_t length = 0, i = 0;
-  int16_t s = 0;
-  ASSERT_TRUE(f.ReadInt(&length) && f.ReadShort(&s) && f.ReadInt(&i));
-  EXPECT_TRUE(length == 20 && s == -2 && i == 0x01020304) << length << " " << s << " " << i;
-  qstring str;
-  EXPECT_EQ(f.ReadString(&str), 2);
-  EXPECT_STREQ(str.cstr(), "Zi");  // WriteAt replaced the 'h'
-  EXPECT_EQ(f.ReadString(&str), 0);
-  EXPECT_STREQ(str.cstr(), "");
-
-  // A negative length is refused and empties the string.
-  QFile neg(Block(std::string("\xff\xff" "abc", 5)), 5, QFile::READ, true);
-  str = "old";
-  EXPECT_EQ(neg.ReadString(&str), 0);
-  EXPECT_STREQ(str.cstr(), "");
-}
-
-TEST_F(QFileTest, MemoryFileFullMessagesAndRefusals) {
-  std::vector<char> block(8, 0);
-  QFile f(block.data(), 8, QFile::WRITE);
-  EXPECT_FALSE(f.Write("12345678", 8));
-  EXPECT_TRUE(Logged("Memory file full, cannot write 8 bytes. There are 8 bytes available."));
-  EXPECT_TRUE(f.Write("1234567", 7));
-  EXPECT_EQ(f.Tell(), 7);
-  EXPECT_FALSE(f.WriteAt("abcd", 4, 5));
-  EXPECT_TRUE(Logged("Memory file full, cannot write 4 bytes starting at position 5, size=8"));
-  EXPECT_TRUE(f.WriteAt("ab", 2, 5));
-  EXPECT_EQ(std::string(block.data(), 8), std::string("12345ab\0", 8));
-  EXPECT_FALSE(f.PutChar('x'));
-  EXPECT_TRUE(Logged("QFile:PutChar() not supported for memory files"));
-  f.Flush();
-
-  std::vector<char> lengthBlock(16, 0);
-  QFile g(lengthBlock.data(), 16, QFile::WRITE);
-  int reserved = g.ReserveLength();
-  EXPECT_TRUE(g.Write("abcdef", 6));
-  EXPECT_TRUE(g.FillLength(reserved));
-  EXPECT_EQ(lengthBlock[0], 10);
-}
-
-// ---- Scrambling ----
-
-TEST_F(QFileTest, ScrambledWriteReadsBackAndLeavesTheCallerBufferAlone) {
-  std::string path = dir_ + "/scr";
-  const char plain[] = "The quick brown fox";
-  char buf[sizeof(plain)];
-  memcpy(buf, plain, sizeof(plain));
-  {
-    QFile f(path.c_str(), QFile::WRITE);
-    EXPECT_TRUE(f.Write("abc", 3));  // an odd start position exercises the key index
-    EXPECT_TRUE(f.WriteScrambled(buf, sizeof(buf)));
-  }
-  EXPECT_EQ(memcmp(buf, plain, sizeof(plain)), 0);
-  std::string raw = ReadFile(path);
-  ASSERT_EQ(raw.size(), 3 + sizeof(plain));
-  EXPECT_NE(raw.substr(3), std::string(plain, sizeof(plain)));
-
-  for (int mode : {int(QFile::READ), QFile::READ | QFile::MEMORY}) {
-    QFile f(path.c_str(), mode);
-    ASSERT_TRUE(f.Seek(3, QFile::FROM_START));
-    char back[sizeof(plain)];
-    EXPECT_EQ(f.ReadScrambled(back, sizeof(back)), static_cast<int>(sizeof(back)));
-    EXPECT_EQ(memcmp(back, plain, sizeof(plain)), 0) << mode;
-  }
 }
 
 // ---- Existence ----

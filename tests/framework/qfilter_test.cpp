@@ -1,5 +1,5 @@
-// Pixel filters: the amounts' clamping and edge values, the control read on every Do, and the
-// abstract base.
+// Pixel filters: the amounts' clamping and edge values, the control read on every Do, and short
+// blocks.
 #include "framework/qfilter.h"
 
 #include <gtest/gtest.h>
@@ -27,15 +27,6 @@ struct Picture {
 };
 
 }  // namespace
-
-TEST(QFilter, AbstractDoReportsAndChangesNothing) {
-  LogCapture log;
-  Picture pic;
-  QFilter().Do(&pic.bm);
-  ASSERT_EQ(log.Lines().size(), 1u);
-  EXPECT_NE(log.Lines()[0].find("QFilter::Do abstract call"), std::string::npos);
-  EXPECT_EQ(pic.Get(0), 0x204060C0u);
-}
 
 TEST(QFilter, AmountsAreClampedAndReadOnEveryDo) {
   QControl amount;  // one control for all: each Do must read its current value

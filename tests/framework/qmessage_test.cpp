@@ -1,5 +1,5 @@
-// The log writer: repeat folding, newline stripping, the mask, rotation, the second file, handlers,
-// concurrent writers and the fatal paths.
+// The log writer: repeat folding, newline stripping, rotation, the second file, concurrent
+// writers, unshowable boxes and the fatal paths.
 #include "framework/qmessage.h"
 
 #include <gtest/gtest.h>
@@ -82,18 +82,6 @@ TEST_F(LogTest, LineFormatAndOneTrailingNewlineStripped) {
             "warned\nwarned again\nsaid\nsaid again\nerred\n");
 }
 
-TEST_F(LogTest, MaskDecidesWhatReachesTheFile) {
-  qmessage("plain dropped");
-  QINFO("LogTest::Mask", "info kept");
-  qlogSetMask(QLOGMASK_MESSAGE);
-  qmessage("plain kept");
-  QWARN("LogTest::Mask", "warning dropped");
-  QINFO("LogTest::Mask", "info dropped");
-  const std::string text = ReadFile(log_);
-  EXPECT_EQ(CountContaining(Lines(log_), " kept"), 2) << text;
-  EXPECT_EQ(text.find("dropped"), std::string::npos) << text;
-}
-
 TEST_F(LogTest, RotatesPastTenMillionBytes) {
   {
     std::ofstream big(log_, std::ios::binary | std::ios::app);
@@ -135,29 +123,6 @@ TEST_F(LogTest, SecondFileTakesErrorsAndWarningsOnly) {
   EXPECT_EQ(second.find("unlogged"), std::string::npos) << second;
 }
 
-std::vector<std::string>* g_captured = nullptr;
-void Capture(const char* header, const char* text) {
-  g_captured->push_back(std::string(header ? header : "") + "|" + text);
-}
-
-TEST_F(LogTest, HandlersReplaceTheDefaultAndReturnThePrevious) {
-  std::vector<std::string> captured;
-  g_captured = &captured;
-  EXPECT_EQ(qSetWarnHandler(Capture), nullptr);
-  QWARN("LogTest::Hook", "to the hook %d", 5);
-  EXPECT_EQ(qSetWarnHandler(nullptr), &Capture);
-  ASSERT_EQ(captured.size(), 1u);
-  EXPECT_NE(captured[0].find("WARN,qmessage_test.cpp:"), std::string::npos);
-  EXPECT_NE(captured[0].find(",LogTest::Hook|to the hook 5"), std::string::npos);
-  EXPECT_EQ(ReadFile(log_).find("to the hook"), std::string::npos);
-
-  // qerr gets a newline added before its handler sees the text.
-  qSetErrHandler(Capture);
-  QERR("LogTest::Hook", "no newline");
-  qSetErrHandler(nullptr);
-  EXPECT_EQ(captured.back().substr(captured.back().size() - 11), "no newline\n");
-}
-
 TEST_F(LogTest, ConcurrentWritersNeitherInterleaveNorLose) {
   constexpr int kThreads = 4, kEach = 300;
   std::vector<std::thread> threads;
@@ -178,56 +143,15 @@ TEST_F(LogTest, ConcurrentWritersNeitherInterleaveNorLose) {
   EXPECT_EQ(seen, kThreads * kEach);
 }
 
-TEST_F(LogTest, ArgumentStackReportsOverflowAndUnderflowOnce) {
-  qargReset();
-  std::vector<std::string> captured;
-  g_captured = &captured;
-  qSetErrHandler(Capture);
-  for (int i = 0; i < 105; ++i) QARGPUSH("level %d", i);
-  for (int i = 0; i < 110; ++i) qargPop();
-  qSetErrHandler(nullptr);
-  EXPECT_EQ(CountContaining(captured, "qargPush overflow; verify your qargPush/qargPop calls"), 1);
-  EXPECT_EQ(CountContaining(captured, "qargPop underflow; verify your qargPush/qargPop calls"), 1);
-  qargReset();
-}
-
-TEST_F(LogTest, TraceFileIndentsByDepth) {
-  std::string trace = dir_ + "/trace.txt";
-  ASSERT_TRUE(qtraceOpen(trace.c_str()));
-  qtraceEnter("QIni", "Read", nullptr);
-  qtraceEnter("QFile", "Open", reinterpret_cast<void*>(0x10));
-  qtraceLeave("QFile", "Open", reinterpret_cast<void*>(0x10));
-  qtraceLeave("QIni", "Read", nullptr);
-  qtraceClose();
-  auto lines = Lines(trace);
-  ASSERT_EQ(lines.size(), 4u);
-  EXPECT_EQ(lines[0] + lines[3], ">QIni::Read<QIni::Read");
-  EXPECT_EQ(lines[1].substr(0, 23), "  >QFile::Open (this=0x");
-  EXPECT_EQ(lines[2].substr(0, 13), "  <QFile::Ope");
-}
-
 // Sets (or with null unsets) an environment variable for one scope.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const char* value) : name_(name) {
-    const char* old = getenv(name);
-    had_ = old != nullptr;
-    if (had_) old_ = old;
-    if (value)
-      setenv(name, value, 1);
-    else
-      unsetenv(name);
+struct ScopedEnv {
+  ScopedEnv(const char* name, const char* value) : name_(name), had_(getenv(name) != nullptr) {
+    if (had_) old_ = getenv(name);
+    value ? setenv(name, value, 1) : unsetenv(name);
   }
-  ~ScopedEnv() {
-    if (had_)
-      setenv(name_.c_str(), old_.c_str(), 1);
-    else
-      unsetenv(name_.c_str());
-  }
-
- private:
+  ~ScopedEnv() { had_ ? setenv(name_.c_str(), old_.c_str(), 1) : unsetenv(name_.c_str()); }
   std::string name_, old_;
-  bool had_ = false;
+  bool had_;
 };
 
 TEST_F(LogTest, ABoxThatCannotBeShownLeavesItsTitleAndTextOnStandardErrorAndInTheLog) {

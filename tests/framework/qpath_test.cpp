@@ -1,4 +1,4 @@
-// QPath: capacity, range checks and the search order.
+// QPath: the search order.
 #include "framework/qpath.h"
 
 #include <gtest/gtest.h>
@@ -16,22 +16,6 @@ class QPathTest : public TempDirTest {
   QPathTest() : TempDirTest("qpath_test") {}
   LogCapture log_;
 };
-
-TEST_F(QPathTest, TwentyFirstDirectoryIsRefused) {
-  QPath p;
-  for (int i = 0; i < QPath::MAX_PATHS; ++i) EXPECT_TRUE(p.Add(("d" + std::to_string(i)).c_str()));
-  EXPECT_TRUE(log_.Lines().empty());
-  EXPECT_FALSE(p.Add("one-too-many"));
-  ASSERT_EQ(log_.Lines().size(), 1u);
-  EXPECT_EQ(log_.Lines()[0], "QPath:Add(); maximum (20) reached");
-  EXPECT_EQ(p.GetCount(), 20);
-  EXPECT_STREQ(p.GetPath(19), "d19");
-  EXPECT_EQ(p.GetPath(20), nullptr);
-  EXPECT_EQ(log_.Lines().back(), "QPath:GetPath(20) out of range");
-  EXPECT_EQ(p.GetPath(-1), nullptr);
-  p.Clear();
-  EXPECT_TRUE(p.Add("again"));
-}
 
 TEST_F(QPathTest, FindsInTheOrderAdded) {
   const std::string first = Tmp("v1.2"), second = Tmp("second");

@@ -1,9 +1,6 @@
 // The Debian package, built by CPack from this build folder once for all cases and unpacked with
 // dpkg-deb: its file list, conffile and control fields, what lintian says of it, the systemd
 // units and the manual page it carries, and the unpacked program showing a picture under Xvfb.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,44 +35,6 @@ int Shell(const std::string& cmd, std::string* out) {
 }
 
 std::string Quote(const std::string& s) { return "'" + s + "'"; }
-
-// One datagram to 127.0.0.1:port.
-bool SendUdp(int port, const std::string& bytes) {
-  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  if (fd < 0) return false;
-  sockaddr_in to{};
-  to.sin_family = AF_INET;
-  to.sin_port = htons(uint16_t(port));
-  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const ssize_t n =
-      sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
-  close(fd);
-  return n == ssize_t(bytes.size());
-}
-
-// The dotted keys of an INI file in the program's syntax ("name" then "{" opens a group, "}"
-// closes it, ";" starts a comment) with the values as written.
-std::vector<std::pair<std::string, std::string>> IniKeys(const std::string& text) {
-  std::vector<std::pair<std::string, std::string>> keys;
-  std::vector<std::string> groups;
-  std::string line, last;
-  std::istringstream in(text);
-  while (std::getline(in, line)) {
-    line.erase(0, line.find_first_not_of(" \t"));
-    if (line.empty() || line[0] == ';') continue;
-    if (line == "{") {
-      groups.push_back(last);
-    } else if (line == "}") {
-      if (!groups.empty()) groups.pop_back();
-    } else if (size_t eq = line.find('='); eq != std::string::npos) {
-      std::string key;
-      for (const std::string& g : groups) key += g + ".";
-      keys.emplace_back(key + line.substr(0, eq), line.substr(eq + 1));
-    }
-    last = line;
-  }
-  return keys;
-}
 
 class Package : public ::testing::Test {
  protected:
@@ -236,10 +195,19 @@ TEST_F(Package, ManualPageRendersWithoutWarningsAndNamesEveryIniKeyWithItsDefaul
   for (const char* section : {"SYNOPSIS", "KEYS", "COMMAND CHANNEL", "CONFIGURATION", "FILES",
                               "SIGNALS", "EXIT STATUS", "EXAMPLES"})
     EXPECT_NE(text.find("\n" + std::string(section) + "\n"), std::string::npos) << section;
-  const auto keys = IniKeys(ReadFile(GLIMRA_SOURCE_DIR "/data/glimra.ini"));
-  EXPECT_GT(keys.size(), 20u);
-  for (const auto& [key, value] : keys)
-    EXPECT_NE(text.find(key + "=" + value), std::string::npos) << key << "=" << value;
+  // Every key of the shipped settings, with its value, as "group.key=value".
+  QIni shipped(GLIMRA_SOURCE_DIR "/data/glimra.ini");
+  QIniIterator it(&shipped);
+  int keys = 0;
+  while (const QIniNode* n = it.GetNextAny()) {
+    if (n->GetType() != QIniNode::SYMBOL || !n->GetValue()) continue;
+    qstring key;
+    n->GetFullPath(&key);
+    ++keys;
+    EXPECT_NE(text.find(std::string(key.cstr()) + "=" + n->GetValue()), std::string::npos)
+        << key.cstr() << "=" << n->GetValue();
+  }
+  EXPECT_GT(keys, 20);
 }
 
 TEST_F(Package, UnpackedProgramShowsAPictureAnswersVersionAndHelpBesideItAndEndsWithEscape) {
@@ -289,7 +257,7 @@ TEST_F(Package, UnpackedProgramShowsAPictureAnswersVersionAndHelpBesideItAndEnds
       EXPECT_EQ(said.compare(0, 23, "Usage: glimra [PICTURE]"), 0) << said;
   }
   // A command sent after them is logged; nothing of theirs came before it.
-  ASSERT_TRUE(SendUdp(port, "load " + p.Path("pictures/a.tga")));
+  ASSERT_TRUE(e2e::SendUdp(port, "load " + p.Path("pictures/a.tga")));
   const std::string qlog = p.Path("opt/glimra/QLOG.txt");
   EXPECT_TRUE(e2e::WaitForScreen(
       [](const e2e::Screen& s) { return e2e::Near(s.At(400, 300), 0x14, 0x14, 0xDC, 24); },

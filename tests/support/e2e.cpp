@@ -220,6 +220,14 @@ bool SetJpegOrientation(const std::string& path, int orientation) {
   return WriteFile(path, data);
 }
 
+bool WriteQuadrants(const std::string& path, int orientation) {
+  return WritePicture(path, 400, 300,
+                      [](int x, int y) {
+                        return y < 150 ? (x < 200 ? kRed : kGreen) : (x < 200 ? kBlue : kWhite);
+                      }) &&
+         SetJpegOrientation(path, orientation);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Processes and ports
 // ---------------------------------------------------------------------------------------------
@@ -271,6 +279,16 @@ int FreeUdpPort() {
   int port = getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0 ? ntohs(a.sin_port) : -1;
   close(fd);
   return port;
+}
+
+bool SendUdp(int port, const std::string& bytes) {
+  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  if (fd < 0) return false;
+  sockaddr_in a = Loopback(port);
+  const ssize_t n = sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&a),
+                           sizeof(a));
+  close(fd);
+  return n == ssize_t(bytes.size());
 }
 
 bool ReceiveUdp(int fd, int ms, std::string* out) {
@@ -417,15 +435,7 @@ bool Program::Keys(const std::string& keys, int delayMs) {
                  " >/dev/null 2>&1").c_str()) == 0;
 }
 
-bool Program::Send(const std::string& bytes) const {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  if (fd < 0) return false;
-  sockaddr_in a = Loopback(port_);
-  const ssize_t n = sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&a),
-                           sizeof(a));
-  close(fd);
-  return n == ssize_t(bytes.size());
-}
+bool Program::Send(const std::string& bytes) const { return SendUdp(port_, bytes); }
 
 std::string Program::ReadFile(const std::string& name) const { return ::ReadFile(Path(name)); }
 

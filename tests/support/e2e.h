@@ -48,6 +48,12 @@ inline int G(uint32_t c) { return int(c >> 8) & 255; }
 inline int B(uint32_t c) { return int(c) & 255; }
 // True when every channel of `c` is within `tol` of (r, g, b).
 bool Near(uint32_t c, int r, int g, int b, int tol);
+// True when every channel of `c` is within `tol` of those of `want` (0xRRGGBB).
+inline bool Is(uint32_t c, uint32_t want, int tol = 24) {
+  return Near(c, R(want), G(want), B(want), tol);
+}
+// Colours the end-to-end pictures use; far apart, so a tolerance of 24 tells them apart.
+constexpr uint32_t kRed = 0xDC1414, kGreen = 0x14DC14, kBlue = 0x1414DC, kWhite = 0xE6E6E6;
 // Parses an X window dump of a true-colour visual (24 or 32 bits per pixel). False for anything
 // else or a dump shorter than its header says.
 bool ParseXwd(const std::string& data, Screen* out);
@@ -63,6 +69,9 @@ bool WritePicture(const std::string& path, int w, int h,
                   const std::function<uint32_t(int x, int y)>& color);
 // Puts a minimal EXIF segment carrying only `orientation` right after a JPEG's start marker.
 bool SetJpegOrientation(const std::string& path, int orientation);
+// A 400 x 300 JPEG of stored quadrants (red top-left, green top-right, blue bottom-left, white
+// bottom-right) that asks for `orientation`.
+bool WriteQuadrants(const std::string& path, int orientation);
 
 // ---- Processes and ports ----
 // The leak reports in a sanitizer's output whose stack passes through the program's own code.
@@ -73,6 +82,8 @@ int RunningCopies();
 int FreeUdpPort();
 // A UDP socket bound to 127.0.0.1:port, or -1.
 int ListenUdp(int port);
+// Sends one datagram of exactly these bytes to 127.0.0.1:port.
+bool SendUdp(int port, const std::string& bytes);
 // The next datagram on `fd` within `ms`; false on time-out.
 bool ReceiveUdp(int fd, int ms, std::string* out);
 
