@@ -21,11 +21,10 @@ using e2e::Screen;
 
 constexpr int kStartMs = 30000;  // software GL under the sanitizers is slow to come up
 constexpr int kStepMs = 10000;
-const uint32_t kRed = 0xDC1414, kGreen = 0x14DC14, kBlue = 0x1414DC;
-
-bool Is(uint32_t c, uint32_t want) {
-  return e2e::Near(c, e2e::R(want), e2e::G(want), e2e::B(want), 24);
-}
+using e2e::Is;
+using e2e::kBlue;
+using e2e::kGreen;
+using e2e::kRed;
 
 bool Uniform(const std::string& path, uint32_t c) {
   return e2e::WritePicture(path, 40, 30, [c](int, int) { return c; });
