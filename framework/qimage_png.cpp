@@ -85,17 +85,23 @@ void ComposeOverBlack(QImage* img) {
   }
 }
 
+// Makes `pixels` pixels from `p` opaque black, which needs no laying over black afterwards.
+void FillBlack(uint8_t* p, size_t pixels) {
+  static const uint8_t kBlack[4] = {0, 0, 0, 255};
+  for (size_t i = 0; i < pixels; ++i) memcpy(p + 4 * i, kBlack, 4);
+}
+
 // After the library jumped out: a file cut short keeps what decoded, anything else fails.
 bool Salvage(PngDecoder* dec, QImage* img, const char* name) {
   if (!dec->cutShort || dec->rowsDone == 0) {
     QWARN("QImage::ReadPNG", "QImage:ReadPNG(%s); %s", name, dec->text);
     return false;
   }
-  // Rows are stored whole or not at all; the ones never reached are cleared, and clear pixels
-  // become black. The bottom rows come first in memory.
+  // Rows are stored whole or not at all; the ones never reached turn black. The bottom rows
+  // come first in memory.
   const int height = img->GetHeight();
-  memset(img->GetBuffer(), 0, size_t(height - dec->rowsReady) * size_t(img->GetWidth()) * 4);
-  ComposeOverBlack(img);
+  FillBlack(img->GetBuffer(), size_t(height - dec->rowsReady) * size_t(img->GetWidth()));
+  if (dec->alpha) ComposeOverBlack(img);
   QDBG("QImage::ReadPNG", "QImage:ReadPNG(%s); %s after %d of %d rows (of every pass)", name,
        dec->text, dec->rowsDone, height * (dec->interlaced ? 7 : 1));
   return true;
@@ -154,9 +160,9 @@ bool Decode(PngDecoder* dec, QImage* img, const char* name) {
   for (int pass = 0; pass < passes; ++pass)
     for (int y = 0; y < height; ++y) {
       uint8_t* row = img->GetAddress(0, height - 1 - y);
-      // A pass stores only its own pixels, so an interlaced file's rows start clear; each is
-      // cleared as the first pass reaches it, which a file cut short never does for most.
-      if (pass == 0 && dec->interlaced) memset(row, 0, size_t(width) * 4);
+      // A pass stores only its own pixels, so an interlaced file's rows start black; each is
+      // filled as the first pass reaches it, which a file cut short never does for most.
+      if (pass == 0 && dec->interlaced) FillBlack(row, size_t(width));
       png_read_row(png, row, nullptr);
       ++dec->rowsDone;
       if (pass == 0) dec->rowsReady = y + 1;
