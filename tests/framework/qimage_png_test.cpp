@@ -28,18 +28,21 @@ Bytes Fixture(const std::string& name) {
   return b;
 }
 
-// Samples of a binary PGM (maxval 255), top row first.
-Bytes PgmSamples(const std::string& name) {
-  const Bytes b = Fixture(name);
-  int w = 0, h = 0, max = 0, used = 0;
-  if (sscanf(reinterpret_cast<const char*>(b.data()), "P5 %d %d %d%n", &w, &h, &max, &used) != 3)
-    return {};
-  return Bytes(b.begin() + used + 1, b.end());
-}
-
 struct Rgb {
   int r, g, b;
 };
+using Picture = std::function<Rgb(int x, int y)>;
+
+// The samples of a binary PGM (maxval 255) as a grey picture, x and y from the top.
+Picture Pgm(const std::string& name) {
+  const Bytes b = Fixture(name);
+  int w = 0, h = 0, max = 0, used = 0;
+  sscanf(reinterpret_cast<const char*>(b.data()), "P5 %d %d %d%n", &w, &h, &max, &used);
+  return [b, w, at = size_t(used + 1)](int x, int y) {
+    const int g = b.at(at + size_t(y * w + x));
+    return Rgb{g, g, g};
+  };
+}
 // What a pixel of colour `c` and opacity `a` shows over black.
 Rgb Over(Rgb c, int a) { return {c.r * a / 255, c.g * a / 255, c.b * a / 255}; }
 
@@ -48,8 +51,7 @@ Rgb Src(int x, int y) { return {40 * x + 10, 80 * y + 20, (30 * x * y + 5) % 256
 int SrcAlpha(int x, int y) { return 255 - 20 * (x + y); }
 
 // Every pixel within 1 of `want` per colour (rounding), alpha 255.
-void ExpectPicture(const QImage& img, int w, int h, const std::function<Rgb(int, int)>& want,
-                   const std::string& what) {
+void ExpectPicture(const QImage& img, int w, int h, const Picture& want, const std::string& what) {
   ASSERT_EQ(img.GetWidth(), w) << what;
   ASSERT_EQ(img.GetHeight(), h) << what;
   for (int y = 0; y < h; ++y)
@@ -75,8 +77,8 @@ Bytes MakePng(int w, int h, bool interlaced = false) {
   png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
   png_infop info = png_create_info_struct(png);
   png_set_write_fn(png, &out, [](png_structp p, png_bytep data, size_t n) {
-    static_cast<Bytes*>(png_get_io_ptr(p))->insert(static_cast<Bytes*>(png_get_io_ptr(p))->end(),
-                                                   data, data + n);
+    Bytes* to = static_cast<Bytes*>(png_get_io_ptr(p));
+    to->insert(to->end(), data, data + n);
   }, nullptr);
   png_set_IHDR(png, info, png_uint_32(w), png_uint_32(h), 8, PNG_COLOR_TYPE_RGB,
                interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
@@ -96,31 +98,23 @@ class QImagePngTest : public TempDirTest {
 }  // namespace
 
 TEST_F(QImagePngTest, EveryKindReadsFromFileAndMemoryWithAlphaOverBlack) {
-  const Bytes grey8 = PgmSamples("grey8_ref.pgm"), grey16 = PgmSamples("grey16_ref.pgm");
-  ASSERT_EQ(grey8.size(), 15u);
-  ASSERT_EQ(grey16.size(), 15u);
-  const auto grey = [&grey8](int x, int y) {
-    const int g = grey8[size_t(y * 5 + x)];
-    return Rgb{g, g, g};
-  };
+  const Picture grey = Pgm("grey8_ref.pgm");
+  const Picture srcOverBlack = [](int x, int y) { return Over(Src(x, y), SrcAlpha(x, y)); };
   struct Case {
     const char* file;
     int w, h;
-    std::function<Rgb(int, int)> want;
+    Picture want;
   };
   const Case cases[] = {
       // (4, 2), alpha 135, shows (90, 95, 130): about half of (170, 180, 245).
-      {"rgba.png", 5, 3, [](int x, int y) { return Over(Src(x, y), SrcAlpha(x, y)); }},
-      {"rgba_adam7.png", 5, 3, [](int x, int y) { return Over(Src(x, y), SrcAlpha(x, y)); }},
+      {"rgba.png", 5, 3, srcOverBlack},
+      {"rgba_adam7.png", 5, 3, srcOverBlack},
       {"grey8.png", 5, 3, grey},
       {"grey_alpha.png", 5, 3, [&grey](int x, int y) { return Over(grey(x, y), SrcAlpha(x, y)); }},
       // Palette index of (0, 0)'s colour is transparent: black; the rest opaque.
       {"palette_trns.png", 5, 3, [](int x, int y) { return x + y ? Src(x, y) : Rgb{0, 0, 0}; }},
       // The high byte counts: the low bytes of these samples differ from the high ones.
-      {"grey16.png", 3, 5, [&grey16](int x, int y) {
-         const int g = grey16[size_t(y * 3 + x)];
-         return Rgb{g, g, g};
-       }},
+      {"grey16.png", 3, 5, Pgm("grey16_ref.pgm")},
   };
   for (const Case& c : cases) {
     QImage fromFile, fromMemory;
