@@ -216,7 +216,8 @@ TEST_F(PipelineE2E, AFloodOfJunkDatagramsDoesNotHoldUpARealCommand) {
 }
 
 // PNG takes the same way as any other picture: a half-transparent one shows over black, a grey
-// and an interlaced one (left red, right blue) as they are, each 40 x 30 filling the height.
+// and an interlaced one (left red, right blue) as they are, each 40 x 30 filling the height; a
+// damaged one is refused.
 TEST_F(PipelineE2E, PngWithAlphaGreyAndInterlacedShow) {
   Program p;
   Prepare(&p);
@@ -238,6 +239,13 @@ TEST_F(PipelineE2E, PngWithAlphaGreyAndInterlacedShow) {
   EXPECT_TRUE(e2e::Near(screen_.At(600, kH / 2), 220, 20, 20, 8));
   EXPECT_TRUE(e2e::Near(screen_.At(1320, kH / 2), 20, 20, 220, 8));
   EXPECT_EQ(screen_.At(200, kH / 2), 0u) << "40 x 30 at the full height is 1440 wide";
+  // A PNG cut before its pixels fails like any other picture and leaves the shown one.
+  ASSERT_TRUE(WriteFile(p.Path("cut.png"), p.ReadFile("c.png").substr(0, 60)));
+  ASSERT_TRUE(p.Send("load cut.png"));
+  EXPECT_TRUE(p.WaitForLog("Can't load image (cut.png)", kStepMs)) << p.Log();
+  Settle();
+  ASSERT_TRUE(e2e::GrabScreen(&screen_));
+  EXPECT_TRUE(e2e::Near(screen_.At(600, kH / 2), 220, 20, 20, 8));
 }
 
 }  // namespace
