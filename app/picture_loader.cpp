@@ -141,10 +141,12 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
     read = image->ReadJPG(bytes.get(), size, path.c_str(), eighths, tw, th);
   } else if (QImage::IsTargaName(path.c_str())) {
     read = image->ReadTGA(bytes.get(), size, path.c_str());
+  } else if (QImage::IsPngName(path.c_str())) {
+    read = image->ReadPNG(bytes.get(), size, path.c_str());
   } else {
     read = image->Read(source);
   }
-  // A picture without pixels (a PNG name, which the reader accepts unread) cannot be shown.
+  // A reader may answer true without pixels (a kind it accepts unread): nothing to show.
   if (!read || image->GetWidth() <= 0 || image->GetHeight() <= 0 || !image->GetBuffer() ||
       int64_t(image->GetSize()) < int64_t(image->GetWidth()) * image->GetHeight() * 4)
     return;

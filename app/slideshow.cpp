@@ -44,7 +44,7 @@ bool IsPictureName(const char* name) {
     if (c >= 'A' && c <= 'Z') c = char(c + 32);
   return !lower.empty() && lower[0] != '.' &&
          (lower.find(".jpg") != std::string::npos || lower.find(".jpeg") != std::string::npos ||
-          lower.find(".tga") != std::string::npos);
+          lower.find(".tga") != std::string::npos || lower.find(".png") != std::string::npos);
 }
 
 // `path` split at its last separator: the directory ("." when there is none) and the name.

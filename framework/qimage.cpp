@@ -43,6 +43,7 @@ QImage::QImage(const char* name, int depth, int width, int height, int flags)
 
 bool QImage::IsJpegName(const char* name) { return KindOf(name ? name : "") == KIND_JPG; }
 bool QImage::IsTargaName(const char* name) { return KindOf(name ? name : "") == KIND_TGA; }
+bool QImage::IsPngName(const char* name) { return KindOf(name ? name : "") == KIND_PNG; }
 
 bool QImage::Read(const char* name) {
   if (!name) name = "";
@@ -53,7 +54,7 @@ bool QImage::Read(const char* name) {
     case KIND_BMP: return ReadBMP(name);
     case KIND_PSD: return ReadPSD(name);
     case KIND_MIP: return ReadMIP(name);
-    case KIND_PNG: return true;  // accepted as is; nothing reads it
+    case KIND_PNG: return ReadPNG(name);
     case KIND_UNKNOWN: break;
   }
   QWARN("QImage::Read", "QImage:Read(): image '%s' has unknown file format", name);

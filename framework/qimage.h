@@ -3,9 +3,10 @@
 // The reader is chosen by the file name alone, never by the contents: the upper-cased name is
 // searched for ".RGB", ".TGA", ".JPG"/".JPE", ".PSD", ".MIP", ".PNG", ".BMP" in that order and the
 // first hit anywhere in the path wins (a directory "x.tga.d" makes every file below it a Targa
-// file). PNG names are accepted without touching the file or the pixels.
+// file).
 //
 // Every reader leaves the bitmap at 32 bits per pixel, RGBA, rows bottom-up (see qbitmap.h).
+// PNG alpha is laid over black, so a PNG always reads as opaque.
 // A reader that fails after allocating leaves an allocated, partly filled bitmap behind: callers
 // test the answer (or IsRead after the loading constructor), never the pixels. Each failure is
 // logged once by the reader that finds it. Files are distrusted: sizes are checked against the
@@ -14,9 +15,9 @@
 //
 // Targa files are read whole through the virtual file system when one exists (ReadTGA), else
 // line by line from a stdio stream (ReadTGASlow); the two paths differ on purpose in messages,
-// checks and run-length handling. JPEG goes through libjpeg; a library error ends the read with
-// a warning naming the file and the library's text.
-// Not thread-safe (the log and libjpeg's state are per call, but the bitmap is not guarded).
+// checks and run-length handling. JPEG goes through libjpeg and PNG through libpng; a library
+// error ends the read with a warning naming the file and the library's text.
+// Not thread-safe (the log and the libraries' state are per call, but the bitmap is not guarded).
 #pragma once
 
 #include <cstddef>
@@ -40,7 +41,7 @@ class QImage : public QBitMap {
   bool IsRead() const { return loadFailed_ == 0; }
 
   // Reads with the reader the name asks for. False for an unknown name (logged) or when the
-  // reader fails; true at once, pixels untouched, for a PNG name.
+  // reader fails.
   bool Read(const char* name);
 
   // Targa through the virtual file system (ReadTGASlow when there is none). False for a file
@@ -69,9 +70,19 @@ class QImage : public QBitMap {
   // The full width and height a JPEG stream declares; false, silently, when its header can't
   // be read.
   static bool ReadJPGSize(const uint8_t* data, size_t size, int* width, int* height);
+  // PNG through libpng, the file read whole into memory first: every colour type and depth,
+  // palettes with transparency, interlaced files; alpha is laid over black (colour * alpha /
+  // 255, alpha 255). False when the file can't be opened, lacks the signature and header, is
+  // larger than 16384 in either direction (refused before anything is allocated), or the
+  // library reports an error. A file cut short after some rows decoded is not an error: those
+  // rows are kept, the rest is black, and a debug line says where it ended.
+  bool ReadPNG(const char* name);
+  // The same from `size` bytes at `data` (`name` names them in messages).
+  bool ReadPNG(const uint8_t* data, size_t size, const char* name);
   // Which reader Read would choose for `name`.
   static bool IsJpegName(const char* name);
   static bool IsTargaName(const char* name);
+  static bool IsPngName(const char* name);
   // Uncompressed 24-bit and 8-bit (as grey) Windows bitmaps; rows are taken unpadded. False for
   // a short header or memory; other kinds answer true with the pixels unset.
   bool ReadBMP(const char* name);

@@ -52,6 +52,17 @@ inline int64_t StreamLength(FILE* fp) {
   return size < 0 ? 0 : size;
 }
 
+// The rest of an open stream in one block; null (with `*size` 0) when it is empty, 2 GB or more,
+// or memory runs out. `*size` is what was read.
+inline QBlock ReadWholeStream(FILE* fp, size_t* size) {
+  *size = 0;
+  const int64_t length = StreamLength(fp);
+  QBlock data(length > 0 && length < INT32_MAX ? static_cast<uint8_t*>(qmalloc(size_t(length)))
+                                               : nullptr);
+  if (data) *size = fread(data.get(), 1, size_t(length), fp);
+  return data;
+}
+
 inline uint16_t Le16(const uint8_t* p) { return uint16_t(p[0] | (p[1] << 8)); }
 inline uint32_t Le32(const uint8_t* p) {
   return uint32_t(p[0]) | (uint32_t(p[1]) << 8) | (uint32_t(p[2]) << 16) | (uint32_t(p[3]) << 24);

@@ -217,10 +217,8 @@ bool QImage::ReadJPG(const char* name) {
     printf("Can't open %s\n", name);
     return false;
   }
-  const int64_t length = StreamLength(fp.get());
-  QBlock data(length > 0 && length < INT32_MAX ? static_cast<uint8_t*>(qmalloc(size_t(length)))
-                                               : nullptr);
-  const size_t size = data ? fread(data.get(), 1, size_t(length), fp.get()) : 0;
+  size_t size = 0;
+  const QBlock data = ReadWholeStream(fp.get(), &size);
   return ReadJPG(data.get(), size, name);
 }
 

@@ -95,7 +95,7 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT "glimra maintainers <maintainers@users.noreply.c-seed-49190f8f.example>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "full-screen picture slideshow for unattended displays")
 set(CPACK_PACKAGE_DESCRIPTION
-  "glimra shows the JPEG and Targa pictures of a folder one at a time, full\n\
+  "glimra shows the JPEG, PNG and Targa pictures of a folder one at a time, full\n\
 screen, fitted to the screen's height and turned upright by their EXIF\n\
 orientation, optionally in black and white and with an information line. It\n\
 is made for display PCs that run unattended: a kiosk without a desktop\n\

@@ -3,7 +3,7 @@
 # Sourced by the other scripts; uses apt-get (through sudo when not root).
 glimra_install_deps() {
   local pkgs=(cmake g++ pkg-config make
-    libjpeg62-turbo-dev libenet-dev libsdl2-dev libgl-dev libglu1-mesa-dev
+    libjpeg62-turbo-dev libpng-dev libenet-dev libsdl2-dev libgl-dev libglu1-mesa-dev
     libfreetype-dev libfontconfig-dev fonts-dejavu-core zlib1g-dev
     libgtest-dev libgmock-dev libbenchmark-dev hyperfine libx11-dev libxtst-dev
     xvfb xauth xdotool x11-utils x11-apps xfonts-base xserver-xorg-core xserver-xorg-video-dummy

@@ -1,8 +1,8 @@
 // The picture pipeline from outside, on a 1920 x 1080 X server: what reaches the screen looks
 // like a high-quality resize of the picture (a 24-megapixel photo upright and turned, a large
 // Targa, a 30000-pixel panorama), a step to a prefetched picture reads no file and a picture
-// replaced after its prefetch shows its new content, and a flood of junk datagrams does not
-// hold up a real command.
+// replaced after its prefetch shows its new content, a flood of junk datagrams does not hold up
+// a real command, and PNG pictures (alpha, grey, interlaced) show.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -12,6 +12,7 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "support/e2e.h"
 #include "support/tempdir.h"
@@ -212,6 +213,39 @@ TEST_F(PipelineE2E, AFloodOfJunkDatagramsDoesNotHoldUpARealCommand) {
       kStepMs, &screen_));
   // Generous for a loaded machine; the channel used to stay jammed for half a minute.
   EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(5));
+}
+
+// PNG takes the same way as any other picture: a half-transparent one shows over black, a grey
+// and an interlaced one (left red, right blue) as they are, each 40 x 30 filling the height; a
+// damaged one is refused.
+TEST_F(PipelineE2E, PngWithAlphaGreyAndInterlacedShow) {
+  Program p;
+  Prepare(&p);
+  const std::pair<const char*, const char*> made[] = {
+      {"a.png", "-size 40x30 xc:'rgba(200,100,40,0.5)' PNG32:"},
+      {"b.png", "-size 40x30 xc:'gray(60%)' -define png:color-type=0 -define png:bit-depth=8 "},
+      {"c.png", "-size 20x30 xc:'rgb(220,20,20)' -size 20x30 xc:'rgb(20,20,220)' +append "
+                "-interlace PNG PNG24:"}};
+  for (const auto& [name, args] : made)
+    ASSERT_EQ(e2e::Capture("convert " + std::string(args) + "'" + p.Path(name) + "' 2>&1"), "");
+  ASSERT_TRUE(p.Start("a.png"));
+  ASSERT_TRUE(Shown(&p, "a.png")) << p.Log();
+  EXPECT_TRUE(e2e::Near(screen_.At(kW / 2, kH / 2), 100, 50, 20, 8));
+  ASSERT_TRUE(p.Keys("Right"));
+  ASSERT_TRUE(Shown(&p, "b.png")) << p.Log();
+  EXPECT_TRUE(e2e::Near(screen_.At(kW / 2, kH / 2), 153, 153, 153, 8));
+  ASSERT_TRUE(p.Keys("Right"));
+  ASSERT_TRUE(Shown(&p, "c.png")) << p.Log();
+  EXPECT_TRUE(e2e::Near(screen_.At(600, kH / 2), 220, 20, 20, 8));
+  EXPECT_TRUE(e2e::Near(screen_.At(1320, kH / 2), 20, 20, 220, 8));
+  EXPECT_EQ(screen_.At(200, kH / 2), 0u) << "40 x 30 at the full height is 1440 wide";
+  // A PNG cut before its pixels fails like any other picture and leaves the shown one.
+  ASSERT_TRUE(WriteFile(p.Path("cut.png"), p.ReadFile("c.png").substr(0, 60)));
+  ASSERT_TRUE(p.Send("load cut.png"));
+  EXPECT_TRUE(p.WaitForLog("Can't load image (cut.png)", kStepMs)) << p.Log();
+  Settle();
+  ASSERT_TRUE(e2e::GrabScreen(&screen_));
+  EXPECT_TRUE(e2e::Near(screen_.At(600, kH / 2), 220, 20, 20, 8));
 }
 
 }  // namespace

@@ -71,3 +71,19 @@ convert -size 6x4 xc:"rgb(255,255,254)" \
   \( -size 3x2 xc:"rgb(200,100,50)" -repage +1+1 \) \
   \( -size 2x2 xc:"rgba(10,20,30,0.5)" -repage +3+2 \) \
   -depth 8 -type TrueColorAlpha -compress none layers.psd
+
+# PNG (netpbm, and ImageMagick for 16 bits): RGBA with alpha, straight and Adam7-interlaced;
+# 8-bit grey (the same samples as grey8_ref.pgm); grey with src.pam's alpha; a 4-bit palette
+# whose first colour, pixel (0, 0)'s, is transparent through tRNS; and a 16-bit grey ramp whose
+# samples differ in their two bytes, with ImageMagick's 8-bit decode as reference.
+pamtopng src.pam > rgba.png
+pamtopng -interlace src.pam > rgba_adam7.png
+pamtopnm src.pam | ppmtopgm | pamtopng > grey8.png
+pamtopnm src.pam | ppmtopgm > grey.tmp.pgm
+pamchannel -infile src.pam -tupletype=GRAYSCALE 3 > alpha.tmp.pam
+pamstack -tupletype=GRAYSCALE_ALPHA grey.tmp.pgm alpha.tmp.pam | pamtopng > grey_alpha.png
+rm grey.tmp.pgm alpha.tmp.pam
+pamtopnm src.pam | pnmtopng -transparent rgb:0a/14/05 > palette_trns.png
+convert -size 3x5 gradient:"gray(10%)-gray(73%)" -strip -define png:bit-depth=16 \
+  -define png:color-type=0 grey16.png
+convert grey16.png -depth 8 grey16_ref.pgm
