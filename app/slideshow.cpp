@@ -72,6 +72,7 @@ RaceManager* QGetRaceManager() { return g_raceManager; }
 RaceManager::RaceManager() { g_raceManager = this; }
 
 RaceManager::~RaceManager() {
+  watch.reset();
   ini.reset();
   texture.reset();
   mesh.reset();
@@ -185,6 +186,11 @@ void RaceManager::Setup(const char* arg) {
     QSetCurrentDirectory(startDir.cstr());
   }
 
+  // Followed from before the scan, so that no change after it goes unseen.
+  if (ini->GetBool("app.watch_directory", false)) {
+    watch.reset(new QDirWatch());
+    if (!watch->Open(".", IsPictureName)) watch.reset();
+  }
   ScanDir();
 
   if (!arg) {
@@ -373,6 +379,8 @@ void RaceManager::Run() {
   for (;;) {
     // Asleep until a key, a window event or a datagram comes; a frame still owed is drawn at once.
     QEventWait(dirty ? 0 : idleSleepMs);
+    // Before the keys, so that a step goes to the folder as it now is.
+    FollowFolder();
     while (QEventPending()) {
       QEvent* e = app->GetCurrentEvent();
       QEventNext(e);

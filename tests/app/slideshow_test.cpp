@@ -70,6 +70,7 @@ TEST(ShippedIni, ReadsBackWithoutWarningsAndHoldsEveryKeyAtItsDefault) {
       {"dev.argument_tracing", "0"},  {"dev.qdbg_to_qlog", "0"},
       {"dev.idle_sleep_ms", "100"},   {"network.listen", ""},
       {"dev.fatal_box_seconds", "0"},
+      {"app.watch_directory", "0"},
   };
   for (const auto& k : keys) {
     qstring v;
