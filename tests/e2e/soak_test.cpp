@@ -1,9 +1,10 @@
 // glimra over a long unattended stretch, compressed into about a minute: 2,000 "load" commands
 // alternating between good pictures (JPEG and Targa, some stored turned) and broken ones (cut
 // in the header, empty, noise, missing, deleted after the scan), with Left, Right, B, C and I
-// pressed in between. Afterwards the program must still answer, its resident memory and its texture count
-// must not have grown since the first hundred commands, and its log may hold only the expected
-// complaints about the broken files. Under the sanitizer build LeakSanitizer also looks at exit.
+// pressed in between, while a picture comes into the watched folder and goes again. Afterwards
+// the program must still answer, its resident memory and its texture count must not have grown
+// since the first hundred commands, and its log may hold only the expected complaints about the
+// broken files. Under the sanitizer build LeakSanitizer also looks at exit.
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -42,13 +43,14 @@ bool Is(uint32_t c, uint32_t want) {
 }
 
 // Follows QLOG.txt as it grows: handled commands, good loads with the texture count each one
-// reports (the highest since the last reset), and every error or warning line.
+// reports (the highest since the last reset), followed folder changes, and every error or
+// warning line.
 struct LogFollower {
   explicit LogFollower(std::string file) : path(std::move(file)) {}
   std::string path;
   size_t offset = 0;
   std::string partial;
-  int commands = 0, loads = 0, textures = -1, maxTextures = -1;
+  int commands = 0, loads = 0, textures = -1, maxTextures = -1, folderChanges = 0;
   std::vector<std::string> complaints;
 
   void Poll() {
@@ -60,6 +62,7 @@ struct LogFollower {
     for (size_t nl = partial.find('\n'); nl != std::string::npos; nl = partial.find('\n')) {
       const std::string line = partial.substr(0, nl);
       partial.erase(0, nl + 1);
+      folderChanges += line.find("Folder changed (") != std::string::npos;
       commands += line.find("] in ") != std::string::npos &&
                   line.find(" bytes (load ") != std::string::npos;
       const size_t semi = line.rfind("; ");
@@ -114,6 +117,7 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   Program p;
   ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
   ASSERT_TRUE(p.SetKey("dev.idle_sleep_ms", "2"));
+  ASSERT_TRUE(p.SetKey("app.watch_directory", "1"));
   // The sanitizer build holds freed blocks back (256 MB by default) before it reuses them, which
   // would read as growth; a small hold fills within the first hundred commands. Other builds
   // ignore the variable.
@@ -171,6 +175,10 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
     }
     // The program takes one command per cycle; let the queue drain before the next burst.
     ASSERT_TRUE(log.WaitForCommands(sent, kStepMs)) << log.commands << " of " << sent;
+    if ((sent / kBurst) % 2)
+      ASSERT_TRUE(e2e::WritePicture(p.Path("churn.jpg"), 160, 120, Photo));
+    else
+      std::filesystem::remove(p.Path("churn.jpg"));
     if (sent == kBaseline) {
       baselineKb = ResidentKb(p.Pid());
       baselineTextures = log.maxTextures = log.textures;
@@ -183,11 +191,12 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   printf("soak: %d commands, %d good loads in %.1f s; VmRSS %ld kB after %d, %ld kB at the end; "
-         "textures %d after %d, at most %d later\n",
+         "textures %d after %d, at most %d later; %d folder changes followed\n",
          log.commands, log.loads, seconds, baselineKb, kBaseline, endKb, baselineTextures,
-         kBaseline, log.maxTextures);
+         kBaseline, log.maxTextures, log.folderChanges);
 
   EXPECT_EQ(log.commands, kCommands);
+  EXPECT_GE(log.folderChanges, kCommands / kBurst / 2);
   // Half the commands were good; the key presses add loads of their own.
   EXPECT_GE(log.loads, kCommands / 2);
   ASSERT_GT(baselineKb, 0);
