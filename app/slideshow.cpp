@@ -188,8 +188,10 @@ void RaceManager::Setup(const char* arg) {
 
   // Followed from before the scan, so that no change after it goes unseen.
   if (ini->GetBool("app.watch_directory", false)) {
+    qstring here(".");
+    QGetCurrentDirectory(&here);
     watch.reset(new QDirWatch());
-    if (!watch->Open(".", IsPictureName)) watch.reset();
+    if (!watch->Open(here.IsEmpty() ? "." : here.cstr(), IsPictureName)) watch.reset();
   }
   ScanDir();
 

@@ -189,6 +189,7 @@ bool QDirWatch::Open(const char* directory, NameFilter filter) {
     std::lock_guard<std::mutex> lock(mutex_);
     running_ = false;
   }
+  QNOTE("QDirWatch::Open", "Watching '%s' for changes", directory);
   return true;
 }
 
@@ -200,11 +201,14 @@ void QDirWatch::Watch(void* arg) {
     lock.unlock();
     // No time-out: the stop counter ends the sleep.
     const int ready = poll(fds, 2, -1);
+    const int error = errno;
     lock.lock();
     if (self->stop_) break;
-    if (ready < 0 && errno != EINTR) {
+    // A broken descriptor would wake poll at once for ever.
+    const bool broken = ready > 0 && (fds[0].revents & (POLLERR | POLLNVAL));
+    if ((ready < 0 && error != EINTR) || broken) {
       QWARN("QDirWatch::Watch", "QDirWatch(%s): watching ends: %s", self->name_.c_str(),
-            strerror(errno));
+            ready < 0 ? strerror(error) : "the notification failed");
       break;
     }
     if (ready <= 0) continue;

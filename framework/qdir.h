@@ -90,8 +90,9 @@ class QDirWatch {
   QDirWatch(const QDirWatch&) = delete;
   QDirWatch& operator=(const QDirWatch&) = delete;
 
-  // Starts following `directory` (once per object). False, with a warning naming the directory
-  // and the system's reason, when it cannot be followed; the object then stays closed.
+  // Starts following `directory` (once per object) and notes it in the log. False, with a
+  // warning naming the directory and the system's reason, when it cannot be followed; the
+  // object then stays closed. A file whose writing began before is not known to be written.
   bool Open(const char* directory, NameFilter filter = nullptr);
   bool IsOpen() const { return fd_ >= 0; }
   // Takes the changes since the last take: the names that changed into `changed` (sorted, may be
