@@ -35,6 +35,8 @@ volatile sig_atomic_t g_stopSignal = 0;
 constexpr int kKeyB = 'B';
 constexpr int kKeyC = 'C';
 constexpr int kKeyI = 'I';
+// Shortest time between two catalogue rebuilds for a watched folder's changes.
+constexpr int kFollowGapMs = 250;
 
 // Catalogue entries: visible names holding ".jpg", ".jpeg" or ".tga" anywhere, in any case of
 // the ASCII letters (a camera writes IMG_0001.JPG).
@@ -191,7 +193,9 @@ void RaceManager::Setup(const char* arg) {
     qstring here(".");
     QGetCurrentDirectory(&here);
     watch.reset(new QDirWatch());
-    if (!watch->Open(here.IsEmpty() ? "." : here.cstr(), IsPictureName)) watch.reset();
+    // A flood of new files is followed in batches, each costing one listing.
+    if (!watch->Open(here.IsEmpty() ? "." : here.cstr(), IsPictureName, kFollowGapMs))
+      watch.reset();
   }
   ScanDir();
 

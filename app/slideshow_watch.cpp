@@ -11,7 +11,7 @@ namespace {
 
 // The controller's log lines carry its main source name wherever its code lives.
 constexpr const char* kSource = "slideshow.cpp";
-// Listings in one go while names keep arriving during them; the rest waits for the next cycle.
+// Listings in a row while files keep starting to be written during them.
 constexpr int kMaxRounds = 4;
 
 }  // namespace
@@ -19,22 +19,23 @@ constexpr int kMaxRounds = 4;
 void RaceManager::FollowFolder() {
   if (!watch) return;
   std::vector<std::string> changed, writing;
-  int changes = watch->TakeChanges(&changed, &writing);
-  if (changes == 0) return;
-  const int namesChanged = int(changed.size());
+  if (watch->TakeChanges(&changed, &writing) == 0) return;
   const bool nothingShown = !texture;
   std::vector<std::string> before;
   for (int i = 0; nothingShown && i < imageCount; ++i) before.push_back(images[i].cstr());
-  // A file created while the folder was being listed may have been listed half-written: the
-  // take after the listing shows it, and the folder is listed again without it.
-  for (int round = 0; changes > 0 && round < kMaxRounds; ++round) {
+  // A file whose writing began while the folder was being listed may be listed half-written;
+  // the folder is then listed again without it.
+  Rescan(writing);
+  for (int round = 1; round < kMaxRounds; ++round) {
+    watch->Writing(&writing);
+    bool listed = false;
+    for (const std::string& name : writing) listed = listed || FindImage(name.c_str()) >= 0;
+    if (!listed) break;
     Rescan(writing);
-    changes = watch->TakeChanges(nullptr, &writing);
   }
-  if (changes > 0) Rescan(writing);
   qnote(kSource, "RaceManager::FollowFolder", __LINE__,
-        "Folder changed (%d names): %d pictures, %d being written", namesChanged, imageCount,
-        int(writing.size()));
+        "Folder changed (%d names): %d pictures, %d being written", int(changed.size()),
+        imageCount, int(writing.size()));
   if (!nothingShown) return;
   // An empty (or unreadable) start: the first picture that came is shown.
   for (int i = 0; i < imageCount; ++i) {

@@ -142,25 +142,31 @@ bool QGetRealPath(const char* path, qstring* out) {
 
 QDirWatch::QDirWatch() = default;
 
+namespace {
+
+// Ends the watcher's sleep; `fd` is its event counter.
+void Kick(int fd, const std::string& name) {
+  const uint64_t one = 1;
+  if (fd >= 0 && write(fd, &one, sizeof(one)) != ssize_t(sizeof(one)))
+    QWARN("QDirWatch", "QDirWatch(%s): can't wake the watcher: %s", name.c_str(), strerror(errno));
+}
+
+}  // namespace
+
 QDirWatch::~QDirWatch() {
   {
     std::unique_lock<std::mutex> lock(mutex_);
     stop_ = true;
-    if (stopFd_ >= 0) {
-      const uint64_t one = 1;
-      if (write(stopFd_, &one, sizeof(one)) != ssize_t(sizeof(one)))
-        QWARN("QDirWatch", "QDirWatch(%s): can't stop the watcher: %s", name_.c_str(),
-              strerror(errno));
-    }
+    Kick(kickFd_, name_);
     // The watcher may be inside poll on the descriptors closed below.
     ended_.wait(lock, [this] { return !running_; });
   }
   watcher_.reset();
   if (fd_ >= 0) close(fd_);
-  if (stopFd_ >= 0) close(stopFd_);
+  if (kickFd_ >= 0) close(kickFd_);
 }
 
-bool QDirWatch::Open(const char* directory, NameFilter filter) {
+bool QDirWatch::Open(const char* directory, NameFilter filter, int gapMs) {
   if (fd_ >= 0 || !directory) return false;
   name_ = directory;
   const int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
@@ -172,16 +178,17 @@ bool QDirWatch::Open(const char* directory, NameFilter filter) {
   const uint32_t mask = IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM |
                         IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
   const int wd = inotify_add_watch(fd, directory, mask);
-  const int stopFd = wd < 0 ? -1 : eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (wd < 0 || stopFd < 0) {
+  const int kickFd = wd < 0 ? -1 : eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (wd < 0 || kickFd < 0) {
     QWARN("QDirWatch::Open", "QDirWatch(%s): can't watch the directory: %s", directory,
           strerror(errno));
     close(fd);
     return false;
   }
   fd_ = fd;
-  stopFd_ = stopFd;
+  kickFd_ = kickFd;
   filter_ = filter;
+  gapMs_ = gapMs > 0 ? gapMs : 0;
   running_ = true;
   watcher_.reset(new QThread(&QDirWatch::Watch, this, "glimra_dirwatch"));
   if (!watcher_->Create()) {
@@ -193,14 +200,23 @@ bool QDirWatch::Open(const char* directory, NameFilter filter) {
   return true;
 }
 
+int QDirWatch::GapLeftLocked() const {
+  const auto left =
+      lastTake_ + std::chrono::milliseconds(gapMs_) - std::chrono::steady_clock::now();
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(left).count();
+  // Rounded up, so that a wait of that long always ends past the gap.
+  return left.count() > 0 ? int(ms) + 1 : 0;
+}
+
 void QDirWatch::Watch(void* arg) {
   QDirWatch* self = static_cast<QDirWatch*>(arg);
-  pollfd fds[2] = {{self->fd_, POLLIN, 0}, {self->stopFd_, POLLIN, 0}};
+  pollfd fds[2] = {{self->fd_, POLLIN, 0}, {self->kickFd_, POLLIN, 0}};
   std::unique_lock<std::mutex> lock(self->mutex_);
   while (!self->stop_) {
+    // Changes waiting out the gap: sleep until it has passed, else until something happens.
+    const int timeout = self->PendingLocked() && !self->woken_ ? self->GapLeftLocked() : -1;
     lock.unlock();
-    // No time-out: the stop counter ends the sleep.
-    const int ready = poll(fds, 2, -1);
+    const int ready = poll(fds, 2, timeout);
     const int error = errno;
     lock.lock();
     if (self->stop_) break;
@@ -211,9 +227,13 @@ void QDirWatch::Watch(void* arg) {
             ready < 0 ? strerror(error) : "the notification failed");
       break;
     }
-    if (ready <= 0) continue;
-    self->ReadEventsLocked();
-    if ((!self->changed_.empty() || self->lost_) && !self->woken_) {
+    if (ready > 0 && (fds[1].revents & POLLIN)) {
+      uint64_t kicks;
+      const ssize_t got = read(self->kickFd_, &kicks, sizeof(kicks));
+      (void)got;  // a counter emptied already is just as good
+    }
+    if (ready > 0 && (fds[0].revents & POLLIN)) self->ReadEventsLocked();
+    if (self->PendingLocked() && !self->woken_ && self->GapLeftLocked() == 0) {
       self->woken_ = true;
       QEventWake();
     }
@@ -260,11 +280,27 @@ void QDirWatch::ReadEventsLocked() {
 int QDirWatch::TakeChanges(std::vector<std::string>* changed, std::vector<std::string>* writing) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (fd_ >= 0) ReadEventsLocked();
+  if (writing) writing->assign(writing_.begin(), writing_.end());
+  if (changed) changed->clear();
+  if (!PendingLocked()) return 0;
+  if (GapLeftLocked() > 0) {
+    // The watcher may not know of changes read here; it wakes the owner when the gap is over.
+    if (!woken_) Kick(kickFd_, name_);
+    return 0;
+  }
   const int count = int(changed_.size()) + lost_;
   if (changed) changed->assign(changed_.begin(), changed_.end());
-  if (writing) writing->assign(writing_.begin(), writing_.end());
   changed_.clear();
   lost_ = 0;
   woken_ = false;
+  lastTake_ = std::chrono::steady_clock::now();
   return count;
+}
+
+void QDirWatch::Writing(std::vector<std::string>* writing) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (fd_ >= 0) ReadEventsLocked();
+  // Changes read here would otherwise wait for the owner's next occasion.
+  if (PendingLocked() && !woken_) Kick(kickFd_, name_);
+  if (writing) writing->assign(writing_.begin(), writing_.end());
 }

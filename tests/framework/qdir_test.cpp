@@ -157,6 +157,24 @@ TEST_F(QDirTest, WatchSeesFilesJoinWhenClosedAndLeaveAndWakesTheLoop) {
   EXPECT_GE(std::chrono::steady_clock::now() - idle, std::chrono::milliseconds(250));
 }
 
+TEST_F(QDirTest, WatchHandsChangesOutAtMostOncePerGapAndWakesWhenItIsOver) {
+  QDirWatch w;
+  ASSERT_TRUE(w.Open(dir_.c_str(), nullptr, 400));
+  const auto start = std::chrono::steady_clock::now();
+  MakeFile("a", "x");
+  EXPECT_EQ(w.TakeChanges(nullptr, nullptr), 1) << "the first change comes at once";
+  QEventWait(0);
+  MakeFile("b", "x");
+  Names changed;
+  EXPECT_EQ(w.TakeChanges(&changed, nullptr), 0);
+  QEventWait(5000);
+  const auto woke = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(woke, std::chrono::milliseconds(400));
+  EXPECT_LT(woke, std::chrono::seconds(4));
+  EXPECT_EQ(w.TakeChanges(&changed, nullptr), 1);
+  EXPECT_EQ(changed, Names{"b"});
+}
+
 TEST_F(QDirTest, WatchOfAMissingDirectoryFailsNamingIt) {
   QDirWatch w;
   EXPECT_FALSE(w.Open((dir_ + "/absent").c_str()));
