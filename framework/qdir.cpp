@@ -148,7 +148,8 @@ namespace {
 void Kick(int fd, const std::string& name) {
   const uint64_t one = 1;
   if (fd >= 0 && write(fd, &one, sizeof(one)) != ssize_t(sizeof(one)))
-    QWARN("QDirWatch", "QDirWatch(%s): can't wake the watcher: %s", name.c_str(), strerror(errno));
+    QWARN("QDirWatch::Kick", "QDirWatch(%s): can't wake the watcher: %s", name.c_str(),
+          strerror(errno));
 }
 
 }  // namespace
@@ -167,7 +168,11 @@ QDirWatch::~QDirWatch() {
 }
 
 bool QDirWatch::Open(const char* directory, NameFilter filter, int gapMs) {
-  if (fd_ >= 0 || !directory) return false;
+  if (!directory || fd_ >= 0) {
+    QWARN("QDirWatch::Open", "QDirWatch(%s): already watching or no directory; '%s' refused",
+          name_.c_str(), directory ? directory : "");
+    return false;
+  }
   name_ = directory;
   const int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (fd < 0) {
