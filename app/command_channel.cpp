@@ -163,7 +163,7 @@ void CommandChannel::HandleCommand(const char* text) {
   } else if (word == "info 1" || word == "info 0") {
     rm->SetShowInfo(word == "info 1");
   } else if (word == "rescan") {
-    rm->Rescan();
+    rm->RescanFolder();
   } else {
     return;
   }

@@ -35,6 +35,8 @@ volatile sig_atomic_t g_stopSignal = 0;
 constexpr int kKeyB = 'B';
 constexpr int kKeyC = 'C';
 constexpr int kKeyI = 'I';
+// Shortest time between two catalogue rebuilds for a watched folder's changes.
+constexpr int kFollowGapMs = 250;
 
 // Catalogue entries: visible names holding ".jpg", ".jpeg" or ".tga" anywhere, in any case of
 // the ASCII letters (a camera writes IMG_0001.JPG).
@@ -72,6 +74,7 @@ RaceManager* QGetRaceManager() { return g_raceManager; }
 RaceManager::RaceManager() { g_raceManager = this; }
 
 RaceManager::~RaceManager() {
+  watch.reset();
   ini.reset();
   EndFade();
   texture.reset();
@@ -191,6 +194,15 @@ void RaceManager::Setup(const char* arg) {
     QSetCurrentDirectory(startDir.cstr());
   }
 
+  // Followed from before the scan, so that no change after it goes unseen.
+  if (ini->GetBool("app.watch_directory", false)) {
+    qstring here(".");
+    QGetCurrentDirectory(&here);
+    watch.reset(new QDirWatch());
+    // A flood of new files is followed in batches, each costing one listing.
+    if (!watch->Open(here.IsEmpty() ? "." : here.cstr(), IsPictureName, kFollowGapMs))
+      watch.reset();
+  }
   ScanDir();
 
   if (!arg) {
@@ -414,6 +426,8 @@ void RaceManager::Run() {
   for (;;) {
     // Asleep until a key, a window event or a datagram comes; a frame still owed is drawn at once.
     QEventWait(SleepMs());
+    // Before the keys, so that a step goes to the folder as it now is.
+    FollowFolder();
     while (QEventPending()) {
       QEvent* e = app->GetCurrentEvent();
       QEventNext(e);

@@ -1,8 +1,9 @@
 // RaceManager: the slideshow's one controller. It reads "glimra.ini", makes the application and
 // its window, opens the command channel, keeps the catalogue of pictures of the working
-// directory and runs the main loop: it sleeps until a key, a window event or a datagram comes
-// (or "dev.idle_sleep_ms" pass, 100 ms unless set), handles every key and every waiting command,
-// then runs the idle cycle, which paints and presents a frame only when something changed.
+// directory and runs the main loop: it sleeps until a key, a window event, a datagram or a
+// change of the watched folder comes (or "dev.idle_sleep_ms" pass, 100 ms unless set), follows
+// the folder, handles every key and every waiting command, then runs the idle cycle, which
+// paints and presents a frame only when something changed.
 //
 // What stays true: at most one texture and one mesh exist, both owned here and replaced together
 // by each successful load (during a fade the previous pair is kept too, until the fade ends); a failed load leaves the picture, `curFile` and `curImage` as they
@@ -32,6 +33,7 @@ class Prefetcher;
 class DBitMapTexture;
 class DMesh;
 class QCanvas;
+class QDirWatch;
 struct QEvent;
 class QFont;
 class QIni;
@@ -89,6 +91,13 @@ class RaceManager {
   // "./x", through a linked folder) is its listed entry; any other path is looked up as a
   // whole with FindImage. -1 when it is not listed.
   int CatalogueIndex(const char* path) const;
+  // With "app.watch_directory": takes the scanned folder's changes and builds the catalogue
+  // again without the pictures still being written (Rescan); when nothing is shown yet, the
+  // first picture that joined is. Nothing while the folder is not watched or did not change.
+  void FollowFolder();
+  // The rescan command: the folder listed again, leaving out what is still being written
+  // while it is watched.
+  void RescanFolder();
   // Step through the catalogue with wrap-around and load the new current picture; an empty
   // catalogue only sets `curImage` to -1. From -1, PrevImage lands on imageCount - 2.
   void NextImage();
@@ -208,6 +217,7 @@ class RaceManager {
   std::chrono::steady_clock::time_point fadeStart;
   bool fadeStarted = false;  // its first frame is out: `fadeStart` holds
   std::chrono::steady_clock::time_point frameAt;  // when the last frame was begun
+  std::unique_ptr<QDirWatch> watch;  // the scanned folder's changes; null unless watched
   bool dirty = true;  // the screen no longer shows the current state
   bool prefetchDue = false;  // the neighbours are to be prefetched once the frame is out
   int shownWidth = 0, shownHeight = 0;  // the shown picture's own size, turned upright

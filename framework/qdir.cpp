@@ -1,7 +1,11 @@
-// QDirectory over opendir/readdir and stat, plus the working-directory helpers.
+// QDirectory over opendir/readdir and stat, the working-directory helpers, and QDirWatch over
+// inotify.
 #include "framework/qdir.h"
 
 #include <dirent.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,8 +15,10 @@
 #include <cstring>
 #include <vector>
 
+#include "framework/qevent.h"
 #include "framework/qmessage.h"
 #include "framework/qstring.h"
+#include "framework/qthread.h"
 
 namespace {
 
@@ -128,4 +134,178 @@ bool QGetRealPath(const char* path, qstring* out) {
   *out = real;
   free(real);
   return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// QDirWatch
+// ---------------------------------------------------------------------------------------------
+
+QDirWatch::QDirWatch() = default;
+
+namespace {
+
+// Ends the watcher's sleep; `fd` is its event counter.
+void Kick(int fd, const std::string& name) {
+  const uint64_t one = 1;
+  if (fd >= 0 && write(fd, &one, sizeof(one)) != ssize_t(sizeof(one)))
+    QWARN("QDirWatch::Kick", "QDirWatch(%s): can't wake the watcher: %s", name.c_str(),
+          strerror(errno));
+}
+
+}  // namespace
+
+QDirWatch::~QDirWatch() {
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    stop_ = true;
+    Kick(kickFd_, name_);
+    // The watcher may be inside poll on the descriptors closed below.
+    ended_.wait(lock, [this] { return !running_; });
+  }
+  watcher_.reset();
+  if (fd_ >= 0) close(fd_);
+  if (kickFd_ >= 0) close(kickFd_);
+}
+
+bool QDirWatch::Open(const char* directory, NameFilter filter, int gapMs) {
+  if (!directory || fd_ >= 0) {
+    QWARN("QDirWatch::Open", "QDirWatch(%s): already watching or no directory; '%s' refused",
+          name_.c_str(), directory ? directory : "");
+    return false;
+  }
+  name_ = directory;
+  const int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  if (fd < 0) {
+    QWARN("QDirWatch::Open", "QDirWatch(%s): can't start watching: %s", directory,
+          strerror(errno));
+    return false;
+  }
+  const uint32_t mask = IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM |
+                        IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+  const int wd = inotify_add_watch(fd, directory, mask);
+  const int kickFd = wd < 0 ? -1 : eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (wd < 0 || kickFd < 0) {
+    QWARN("QDirWatch::Open", "QDirWatch(%s): can't watch the directory: %s", directory,
+          strerror(errno));
+    close(fd);
+    return false;
+  }
+  fd_ = fd;
+  kickFd_ = kickFd;
+  filter_ = filter;
+  gapMs_ = gapMs > 0 ? gapMs : 0;
+  running_ = true;
+  watcher_.reset(new QThread(&QDirWatch::Watch, this, "glimra_dirwatch"));
+  if (!watcher_->Create()) {
+    // Changes are then seen only when the owner takes them on its own occasions.
+    std::lock_guard<std::mutex> lock(mutex_);
+    running_ = false;
+  }
+  QNOTE("QDirWatch::Open", "Watching '%s' for changes", directory);
+  return true;
+}
+
+int QDirWatch::GapLeftLocked() const {
+  const auto left =
+      lastTake_ + std::chrono::milliseconds(gapMs_) - std::chrono::steady_clock::now();
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(left).count();
+  // Rounded up, so that a wait of that long always ends past the gap.
+  return left.count() > 0 ? int(ms) + 1 : 0;
+}
+
+void QDirWatch::Watch(void* arg) {
+  QDirWatch* self = static_cast<QDirWatch*>(arg);
+  pollfd fds[2] = {{self->fd_, POLLIN, 0}, {self->kickFd_, POLLIN, 0}};
+  std::unique_lock<std::mutex> lock(self->mutex_);
+  while (!self->stop_) {
+    // Changes waiting out the gap: sleep until it has passed, else until something happens.
+    const int timeout = self->PendingLocked() && !self->woken_ ? self->GapLeftLocked() : -1;
+    lock.unlock();
+    const int ready = poll(fds, 2, timeout);
+    const int error = errno;
+    lock.lock();
+    if (self->stop_) break;
+    // A broken descriptor would wake poll at once for ever.
+    const bool broken = ready > 0 && (fds[0].revents & (POLLERR | POLLNVAL));
+    if ((ready < 0 && error != EINTR) || broken) {
+      QWARN("QDirWatch::Watch", "QDirWatch(%s): watching ends: %s", self->name_.c_str(),
+            ready < 0 ? strerror(error) : "the notification failed");
+      break;
+    }
+    if (ready > 0 && (fds[1].revents & POLLIN)) {
+      uint64_t kicks;
+      const ssize_t got = read(self->kickFd_, &kicks, sizeof(kicks));
+      (void)got;  // a counter emptied already is just as good
+    }
+    if (ready > 0 && (fds[0].revents & POLLIN)) self->ReadEventsLocked();
+    if (self->PendingLocked() && !self->woken_ && self->GapLeftLocked() == 0) {
+      self->woken_ = true;
+      QEventWake();
+    }
+  }
+  self->running_ = false;
+  self->ended_.notify_all();
+}
+
+void QDirWatch::ReadEventsLocked() {
+  // Aligned for the event records; a name may be up to NAME_MAX + 1 bytes.
+  alignas(inotify_event) char buf[16 * (sizeof(inotify_event) + NAME_MAX + 1)];
+  for (;;) {
+    const ssize_t n = read(fd_, buf, sizeof(buf));
+    if (n <= 0) return;  // EAGAIN: nothing queued (any other failure ends in poll too)
+    for (ssize_t at = 0; at + ssize_t(sizeof(inotify_event)) <= n;) {
+      const auto* e = reinterpret_cast<const inotify_event*>(buf + at);
+      at += ssize_t(sizeof(inotify_event) + e->len);
+      if (e->mask & IN_Q_OVERFLOW) {
+        QWARN("QDirWatch::ReadEvents", "QDirWatch(%s): changes were lost; listing again",
+              name_.c_str());
+        writing_.clear();
+        ++lost_;
+        continue;
+      }
+      if (e->mask & (IN_DELETE_SELF | IN_MOVE_SELF)) {
+        QWARN("QDirWatch::ReadEvents", "QDirWatch(%s): the directory went; no longer watching",
+              name_.c_str());
+        ++lost_;
+        continue;
+      }
+      if (!e->len || (e->mask & IN_ISDIR) || (filter_ && !filter_(e->name))) continue;
+      const std::string name(e->name);
+      if (e->mask & (IN_CREATE | IN_MODIFY)) {
+        // Only the first write of a file changes anything: it leaves the listing.
+        if (writing_.insert(name).second) changed_.insert(name);
+      } else {
+        writing_.erase(name);
+        changed_.insert(name);
+      }
+    }
+  }
+}
+
+int QDirWatch::TakeChanges(std::vector<std::string>* changed, std::vector<std::string>* writing) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (fd_ >= 0) ReadEventsLocked();
+  if (writing) writing->assign(writing_.begin(), writing_.end());
+  if (changed) changed->clear();
+  if (!PendingLocked()) return 0;
+  if (GapLeftLocked() > 0) {
+    // The watcher may not know of changes read here; it wakes the owner when the gap is over.
+    if (!woken_) Kick(kickFd_, name_);
+    return 0;
+  }
+  const int count = int(changed_.size()) + lost_;
+  if (changed) changed->assign(changed_.begin(), changed_.end());
+  changed_.clear();
+  lost_ = 0;
+  woken_ = false;
+  lastTake_ = std::chrono::steady_clock::now();
+  return count;
+}
+
+void QDirWatch::Writing(std::vector<std::string>* writing) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (fd_ >= 0) ReadEventsLocked();
+  // Changes read here would otherwise wait for the owner's next occasion.
+  if (PendingLocked() && !woken_) Kick(kickFd_, name_);
+  if (writing) writing->assign(writing_.begin(), writing_.end());
 }

@@ -1,9 +1,10 @@
 // glimra over a long unattended stretch, compressed into about a minute: 2,000 "load" commands
 // alternating between good pictures (JPEG and Targa, some stored turned) and broken ones (cut
 // in the header, empty, noise, missing, deleted after the scan), with Left, Right, B, C and I
-// pressed in between. Afterwards the program must still answer, its resident memory and its texture count
-// must not have grown since the first hundred commands, and its log may hold only the expected
-// complaints about the broken files. Under the sanitizer build LeakSanitizer also looks at exit.
+// pressed in between, while a picture comes into the watched folder and goes again. Afterwards
+// the program must still answer, its resident memory and its texture count must not have grown
+// since the first hundred commands, and its log may hold only the expected complaints about the
+// broken files. Under the sanitizer build LeakSanitizer also looks at exit.
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -41,13 +42,14 @@ constexpr int kKeyEvery = 100;    // commands between two key presses
 constexpr int kBaseline = 100;    // memory and textures are compared with this point
 
 // Follows QLOG.txt as it grows: handled commands, good loads with the texture count each one
-// reports (the highest since the last reset), and every error or warning line.
+// reports (the highest since the last reset), followed folder changes, and every error or
+// warning line.
 struct LogFollower {
   explicit LogFollower(std::string file) : path(std::move(file)) {}
   std::string path;
   size_t offset = 0;
   std::string partial;
-  int commands = 0, loads = 0, textures = -1, maxTextures = -1;
+  int commands = 0, loads = 0, textures = -1, maxTextures = -1, folderChanges = 0;
   std::vector<std::string> complaints;
 
   void Poll() {
@@ -59,6 +61,7 @@ struct LogFollower {
     for (size_t nl = partial.find('\n'); nl != std::string::npos; nl = partial.find('\n')) {
       const std::string line = partial.substr(0, nl);
       partial.erase(0, nl + 1);
+      folderChanges += line.find("Folder changed (") != std::string::npos;
       commands += line.find("] in ") != std::string::npos &&
                   line.find(" bytes (load ") != std::string::npos;
       const size_t semi = line.rfind("; ");
@@ -71,8 +74,9 @@ struct LogFollower {
         if (line.find(level) != std::string::npos) complaints.push_back(line);
     }
   }
-  bool WaitForCommands(int n, int ms) {
-    for (int waited = 0; Poll(), commands < n; waited += 5) {
+  // Waits until `count` (one of the counts above) reaches `n`.
+  bool WaitFor(const int& count, int n, int ms) {
+    for (int waited = 0; Poll(), count < n; waited += 5) {
       if (waited > ms) return false;
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
@@ -103,6 +107,7 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   Program p;
   ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
   ASSERT_TRUE(p.SetKey("dev.idle_sleep_ms", "2"));
+  ASSERT_TRUE(p.SetKey("app.watch_directory", "1"));
   // The sanitizer build holds freed blocks back (256 MB by default) before it reuses them, which
   // would read as growth; a small hold fills within the first hundred commands. Other builds
   // ignore the variable.
@@ -155,7 +160,16 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
       ASSERT_TRUE(p.Send("load " + path));
     }
     // The program takes one command per cycle; let the queue drain before the next burst.
-    ASSERT_TRUE(log.WaitForCommands(sent, kStepMs)) << log.commands << " of " << sent;
+    ASSERT_TRUE(log.WaitFor(log.commands, sent, kStepMs)) << log.commands << " of " << sent;
+    // Every fourth burst a picture comes into the folder or goes, and the program follows.
+    if ((sent / kBurst) % 4 == 0) {
+      const int followed = log.folderChanges;
+      if ((sent / kBurst) % 8)
+        ASSERT_TRUE(e2e::WritePicture(p.Path("churn.jpg"), 160, 120, Photo));
+      else
+        ASSERT_TRUE(std::filesystem::remove(p.Path("churn.jpg")));
+      ASSERT_TRUE(log.WaitFor(log.folderChanges, followed + 1, kStepMs)) << "after " << sent;
+    }
     if (sent == kBaseline) {
       baselineKb = ResidentKb(p.Pid());
       baselineTextures = log.maxTextures = log.textures;
@@ -168,9 +182,9 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   printf("soak: %d commands, %d good loads in %.1f s; VmRSS %ld kB after %d, %ld kB at the end; "
-         "textures %d after %d, at most %d later\n",
+         "textures %d after %d, at most %d later; %d folder changes followed\n",
          log.commands, log.loads, seconds, baselineKb, kBaseline, endKb, baselineTextures,
-         kBaseline, log.maxTextures);
+         kBaseline, log.maxTextures, log.folderChanges);
 
   EXPECT_EQ(log.commands, kCommands);
   // Half the commands were good; the key presses add loads of their own.

@@ -1,14 +1,18 @@
 // QDirectory: listing order, entry information, the path-length check; working directory.
+// QDirWatch: what counts as a change, files being written, the wake of a sleeping loop.
 #include "framework/qdir.h"
 
 #include <gtest/gtest.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
+#include "framework/qevent.h"
 #include "framework/qstring.h"
 #include "support/logcapture.h"
 #include "support/tempdir.h"
@@ -98,6 +102,86 @@ TEST_F(QDirTest, CurrentDirectoryChangesAndFailsWithAWarning) {
   ASSERT_EQ(log_.Lines().size(), 1u);
   EXPECT_NE(log_.Lines()[0].find("'absent-directory'"), std::string::npos);
   ASSERT_TRUE(QSetCurrentDirectory(before.cstr()));
+}
+
+using Names = std::vector<std::string>;
+
+bool EndsWithJpg(const char* name) {
+  const std::string n = name;
+  return n.size() > 4 && n.compare(n.size() - 4, 4, ".jpg") == 0;
+}
+
+TEST_F(QDirTest, WatchSeesFilesJoinWhenClosedAndLeaveAndWakesTheLoop) {
+  MakeFile("old.jpg", "x");
+  QDirWatch w;
+  ASSERT_TRUE(w.Open(dir_.c_str(), EndsWithJpg));
+  Names changed, writing;
+  EXPECT_EQ(w.TakeChanges(&changed, &writing), 0);
+  QEventWait(0);  // forget an earlier wake
+
+  // Written in two pieces: being written from the first byte until the close.
+  FILE* f = fopen(Tmp("slow.jpg").c_str(), "wb");
+  ASSERT_NE(f, nullptr);
+  ASSERT_EQ(fwrite("half", 1, 4, f), 4u);
+  fflush(f);
+  const auto start = std::chrono::steady_clock::now();
+  QEventWait(10000);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << "no wake";
+  EXPECT_EQ(w.TakeChanges(&changed, &writing), 1);
+  EXPECT_EQ(changed, Names{"slow.jpg"});
+  EXPECT_EQ(writing, Names{"slow.jpg"});
+  ASSERT_EQ(fwrite("rest", 1, 4, f), 4u);
+  fflush(f);
+  EXPECT_EQ(w.TakeChanges(&changed, &writing), 0) << "a further write changes nothing";
+  EXPECT_EQ(writing, Names{"slow.jpg"});
+  fclose(f);
+  EXPECT_EQ(w.TakeChanges(&changed, &writing), 1);
+  EXPECT_EQ(changed, Names{"slow.jpg"});
+  EXPECT_TRUE(writing.empty());
+
+  // Renamed in whole, removed, renamed away; filtered names and directories do not count.
+  MakeFile("new.part", "x");
+  ASSERT_EQ(rename(Tmp("new.part").c_str(), Tmp("new.jpg").c_str()), 0);
+  ASSERT_EQ(unlink(Tmp("old.jpg").c_str()), 0);
+  MakeFile("notes.txt", "x");
+  ASSERT_EQ(mkdir(Tmp("dir.jpg").c_str(), 0755), 0);
+  ASSERT_EQ(rename(Tmp("slow.jpg").c_str(), Tmp("slow.bak").c_str()), 0);
+  EXPECT_EQ(w.TakeChanges(&changed, &writing), 3);
+  EXPECT_EQ(changed, (Names{"new.jpg", "old.jpg", "slow.jpg"}));
+  EXPECT_TRUE(writing.empty());
+
+  // Nothing happening: the loop sleeps its full time.
+  QEventWait(0);
+  const auto idle = std::chrono::steady_clock::now();
+  QEventWait(300);
+  EXPECT_GE(std::chrono::steady_clock::now() - idle, std::chrono::milliseconds(250));
+}
+
+TEST_F(QDirTest, WatchHandsChangesOutAtMostOncePerGapAndWakesWhenItIsOver) {
+  QDirWatch w;
+  ASSERT_TRUE(w.Open(dir_.c_str(), nullptr, 400));
+  const auto start = std::chrono::steady_clock::now();
+  MakeFile("a", "x");
+  EXPECT_EQ(w.TakeChanges(nullptr, nullptr), 1) << "the first change comes at once";
+  QEventWait(0);
+  MakeFile("b", "x");
+  Names changed;
+  EXPECT_EQ(w.TakeChanges(&changed, nullptr), 0);
+  QEventWait(5000);
+  const auto woke = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(woke, std::chrono::milliseconds(400));
+  EXPECT_LT(woke, std::chrono::seconds(4));
+  EXPECT_EQ(w.TakeChanges(&changed, nullptr), 1);
+  EXPECT_EQ(changed, Names{"b"});
+}
+
+TEST_F(QDirTest, WatchOfAMissingDirectoryFailsNamingIt) {
+  QDirWatch w;
+  EXPECT_FALSE(w.Open((dir_ + "/absent").c_str()));
+  EXPECT_FALSE(w.IsOpen());
+  ASSERT_EQ(log_.Lines().size(), 1u);
+  EXPECT_NE(log_.Lines()[0].find("absent"), std::string::npos) << log_.Lines()[0];
+  EXPECT_EQ(w.TakeChanges(nullptr, nullptr), 0);
 }
 
 }  // namespace

@@ -1,0 +1,54 @@
+// RaceManager: following the scanned folder while it changes ("app.watch_directory").
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "app/slideshow.h"
+#include "framework/qdir.h"
+#include "framework/qmessage.h"
+
+namespace {
+
+// The controller's log lines carry its main source name wherever its code lives.
+constexpr const char* kSource = "slideshow.cpp";
+// Listings in a row while files keep starting to be written during them.
+constexpr int kMaxRounds = 4;
+
+}  // namespace
+
+void RaceManager::FollowFolder() {
+  if (!watch) return;
+  std::vector<std::string> changed, writing;
+  if (watch->TakeChanges(&changed, &writing) == 0) return;
+  const bool nothingShown = !texture;
+  std::vector<std::string> before;
+  for (int i = 0; nothingShown && i < imageCount; ++i) before.push_back(images[i].cstr());
+  // A file whose writing began while the folder was being listed may be listed half-written;
+  // the folder is then listed again without it.
+  Rescan(writing);
+  for (int round = 1; round < kMaxRounds; ++round) {
+    watch->Writing(&writing);
+    bool listed = false;
+    for (const std::string& name : writing) listed = listed || FindImage(name.c_str()) >= 0;
+    if (!listed) break;
+    Rescan(writing);
+  }
+  qnote(kSource, "RaceManager::FollowFolder", __LINE__,
+        "Folder changed (%d names): %d pictures, %d being written", int(changed.size()),
+        imageCount, int(writing.size()));
+  if (!nothingShown) return;
+  // An empty (or unreadable) start: the first picture that came is shown.
+  for (int i = 0; i < imageCount; ++i) {
+    if (std::find(before.begin(), before.end(), images[i].cstr()) == before.end()) {
+      const std::string first = images[i].cstr();
+      LoadNewImage(first.c_str());
+      return;
+    }
+  }
+}
+
+void RaceManager::RescanFolder() {
+  std::vector<std::string> writing;
+  if (watch) watch->Writing(&writing);
+  Rescan(writing);
+}

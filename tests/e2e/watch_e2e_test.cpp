@@ -1,0 +1,124 @@
+// glimra with app.watch_directory=1, on its own 800 x 600 X server, from an empty folder: the
+// first picture to arrive shows by itself, one being written slowly is neither listed nor loaded
+// before its writer closes it, copied ones join at their listing place with the information
+// line's count following, a rewritten neighbour shows its new content, and removed ones (the
+// shown one too) are stepped over without an error.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/e2e.h"
+#include "support/tempdir.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using e2e::Program;
+using e2e::Screen;
+
+constexpr int kStartMs = 30000;  // software GL under the sanitizers is slow to come up
+constexpr int kStepMs = 10000;
+
+const uint32_t kRed = 0xDC1414, kGreen = 0x14DC14, kBlue = 0x1414DC, kWhite = 0xE6E6E6;
+
+bool Uniform(const std::string& path, uint32_t c) {
+  return e2e::WritePicture(path, 40, 30, [c](int, int) { return c; });
+}
+
+// The information line's first row ("File n of m").
+std::vector<uint32_t> InfoLine(const Screen& s) {
+  std::vector<uint32_t> px;
+  for (int y = 8; y < 30; ++y)
+    for (int x = 8; x < 160; ++x) px.push_back(s.At(x, y));
+  return px;
+}
+
+class WatchE2E : public e2e::ScreenTest<800, 600> {
+ protected:
+  bool Centre(uint32_t want, const std::vector<uint32_t>* infoNot = nullptr) {
+    return e2e::WaitForScreen(
+        [&](const Screen& s) {
+          return e2e::Near(s.At(400, 300), e2e::R(want), e2e::G(want), e2e::B(want), 24) &&
+                 (!infoNot || InfoLine(s) != *infoNot);
+        },
+        kStepMs, &screen_);
+  }
+  // Waits until the program has followed the folder to `pictures` listed, none being written.
+  bool Listed(const Program& p, int pictures, int times = 1) {
+    return p.WaitForLog(": " + std::to_string(pictures) + " pictures, 0 being written", kStepMs,
+                        times);
+  }
+
+  Screen screen_;
+};
+
+TEST_F(WatchE2E, PicturesJoinWhenCompleteAndLeaveWithoutAnError) {
+  Program p;
+  ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
+  ASSERT_TRUE(p.SetKey("app.watch_directory", "1"));
+  // The pictures to copy in wait outside the folder.
+  TempDir spare("watch_e2e");
+  ASSERT_TRUE(Uniform(spare.File("a.tga"), kRed) && Uniform(spare.File("b.tga"), kGreen) &&
+              Uniform(spare.File("z.tga"), kBlue));
+  const std::string b = ReadFile(spare.File("b.tga"));
+  const size_t half = b.size() / 2;
+  ASSERT_TRUE(p.Start());
+  // A file whose writing began before the watch is not known to be unfinished.
+  ASSERT_TRUE(p.WaitForLog("for changes", kStartMs)) << p.Log();
+
+  // Half of b, a pause and a Right on the empty list: nothing shown, nothing loaded.
+  FILE* f = fopen(p.Path("b.tga").c_str(), "wb");
+  ASSERT_NE(f, nullptr);
+  ASSERT_EQ(fwrite(b.data(), 1, half, f), half);
+  fflush(f);
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  ASSERT_TRUE(p.Keys("Right"));
+  // z arrives complete: the folder's first picture shows by itself, and its listing leaves b out.
+  fs::copy_file(spare.File("z.tga"), p.Path("z.tga"));
+  EXPECT_TRUE(Centre(kBlue)) << p.Log();
+  ASSERT_TRUE(p.WaitForLog(": 1 pictures, 1 being written", kStepMs)) << p.Log();
+  const std::vector<uint32_t> oneListed = InfoLine(screen_);
+
+  // a copied in: the count changes under z, and Right goes to a (listed before z, wrapping).
+  fs::copy_file(spare.File("a.tga"), p.Path("a.tga"));
+  EXPECT_TRUE(Centre(kBlue, &oneListed)) << "the information line's count";
+  ASSERT_TRUE(p.Keys("Right"));
+  EXPECT_TRUE(Centre(kRed));
+  EXPECT_EQ(p.Log().find("(b.tga"), std::string::npos) << p.Log();
+
+  // b complete: the next Right shows it.
+  ASSERT_EQ(fwrite(b.data() + half, 1, b.size() - half, f), b.size() - half);
+  ASSERT_EQ(fclose(f), 0);
+  ASSERT_TRUE(Listed(p, 3)) << p.Log();
+  ASSERT_TRUE(p.Keys("Right"));
+  EXPECT_TRUE(Centre(kGreen));
+
+  // z, b's neighbour, was prefetched blue; rewritten white in place, the step shows white.
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  ASSERT_TRUE(Uniform(p.Path("z.tga"), kWhite));
+  ASSERT_TRUE(Listed(p, 3, 2)) << p.Log();
+  ASSERT_TRUE(p.Keys("Right"));
+  EXPECT_TRUE(Centre(kWhite));
+
+  // The shown z and the next one, a, go: z stays on the screen, and Right goes on to b.
+  ASSERT_EQ(unlink(p.Path("z.tga").c_str()), 0);
+  ASSERT_EQ(unlink(p.Path("a.tga").c_str()), 0);
+  ASSERT_TRUE(Listed(p, 1)) << p.Log();
+  EXPECT_TRUE(Centre(kWhite));
+  ASSERT_TRUE(p.Keys("Right"));
+  EXPECT_TRUE(Centre(kGreen));
+
+  const std::string log = p.Log();
+  EXPECT_EQ(log.find("Can't load image"), std::string::npos) << log;
+  // The watcher ends with the program (and under the sanitizers leaves nothing behind).
+  ASSERT_TRUE(p.Keys("Escape"));
+  EXPECT_EQ(p.WaitExit(kStartMs), 0);
+}
+
+}  // namespace
