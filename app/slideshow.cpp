@@ -38,8 +38,8 @@ constexpr int kKeyI = 'I';
 // Shortest time between two catalogue rebuilds for a watched folder's changes.
 constexpr int kFollowGapMs = 250;
 
-// Catalogue entries: visible names holding ".jpg", ".jpeg" or ".tga" anywhere, in any case of
-// the ASCII letters (a camera writes IMG_0001.JPG).
+// Catalogue entries: visible names holding ".jpg", ".jpeg", ".tga" or ".png" anywhere, in any
+// case of the ASCII letters (a camera writes IMG_0001.JPG).
 bool IsPictureName(const char* name) {
   std::string lower(name);
   for (char& c : lower)
