@@ -29,6 +29,8 @@ constexpr png_uint_32 kMaxCachedChunks = 128;
 // Compressed bytes handed to the library per read: small, so that a file cut short loses few
 // rows at the cut.
 constexpr size_t kReadBytes = 1024;
+// The most deflate can shrink anything by.
+constexpr int64_t kMaxDeflateRatio = 1032;
 // Signature, chunk length and type, and the header's 13 bytes.
 constexpr size_t kHeaderBytes = 8 + 8 + 13;
 
@@ -137,6 +139,16 @@ bool Decode(PngDecoder* dec, QImage* img, const char* name) {
   png_set_read_fn(png, dec, ReadFromMemory);
   png_read_info(png, info);
 
+  // Deflate packs at most 1032 bytes into one: a file too short to hold the rows it claims is
+  // refused before its pixels are allocated.
+  const int64_t rowBits = int64_t(fileWidth) * png_get_channels(png, info) *
+                          png_get_bit_depth(png, info);
+  const int64_t rawBytes = int64_t(fileHeight) * (1 + (rowBits + 7) / 8);
+  if (rawBytes > int64_t(dec->size) * kMaxDeflateRatio) {
+    QWARN("QImage::ReadPNG", "QImage:ReadPNG(); (%s) is %ux%u, more than its %zu bytes can hold",
+          name, fileWidth, fileHeight, dec->size);
+    return false;
+  }
   const int colorType = png_get_color_type(png, info);
   dec->alpha = (colorType & PNG_COLOR_MASK_ALPHA) || png_get_valid(png, info, PNG_INFO_tRNS);
   png_set_expand(png);  // palettes to RGB, tRNS to alpha, 1..4-bit grey to 8

@@ -117,7 +117,7 @@ Bytes Tga(int type, int depth, int w, int h, int descriptor, const Bytes& data, 
 
 // A JPEG of the given size written by libjpeg: flat grey, or with `busy` a pattern that changes
 // from pixel to pixel.
-Bytes MakeJpeg(int w, int h, bool busy = false, bool progressive = false) {
+Bytes MakeJpeg(int w, int h, bool busy = false) {
   jpeg_compress_struct c;
   jpeg_error_mgr err;
   c.err = jpeg_std_error(&err);
@@ -128,7 +128,6 @@ Bytes MakeJpeg(int w, int h, bool busy = false, bool progressive = false) {
   c.image_width = JDIMENSION(w), c.image_height = JDIMENSION(h);
   c.input_components = 3, c.in_color_space = JCS_RGB;
   jpeg_set_defaults(&c);
-  if (progressive) jpeg_simple_progression(&c);
   jpeg_start_compress(&c, TRUE);
   std::vector<uint8_t> row(size_t(w) * 3, 128);
   JSAMPROW r = row.data();
@@ -284,28 +283,6 @@ TEST_F(QImageTest, JpegSizeLimitIs16384EachWay) {
     EXPECT_TRUE(img.ReadJPG(jpeg.data(), jpeg.size(), "over.jpg", 4));
     EXPECT_EQ(img.GetWidth() * img.GetHeight(), 8193 * 4);
   }
-}
-
-// A progressive file keeps every DCT block of the whole picture while it decodes, at any scale:
-// a small file that claims 16000x12000 (576 MB of blocks) is refused before anything is
-// allocated, while a real progressive picture still decodes.
-TEST_F(QImageTest, ProgressiveJpegWhoseBlocksWouldNotFitIsRefused) {
-  Bytes jpeg = MakeJpeg(64, 48, true, true);
-  QImage img;
-  ASSERT_TRUE(img.ReadJPG(jpeg.data(), jpeg.size(), "small.jpg", 8));
-  EXPECT_EQ(img.GetWidth(), 64);
-  size_t sof = 2;
-  while (sof + 9 < jpeg.size() && !(jpeg[sof] == 0xFF && jpeg[sof + 1] == 0xC2)) ++sof;
-  ASSERT_LT(sof + 9, jpeg.size());
-  const uint8_t dims[4] = {12000 >> 8, 12000 & 0xFF, 16000 >> 8, 16000 & 0xFF};
-  std::copy(dims, dims + 4, jpeg.begin() + long(sof) + 5);
-  // Enough bytes that the size is not refused as more than the file can hold.
-  Bytes comment = {0xFF, 0xFE, 0xFF, 0xFF};
-  comment.resize(65537, ' ');
-  jpeg.insert(jpeg.begin() + 2, comment.begin(), comment.end());
-  EXPECT_FALSE(img.ReadJPG(jpeg.data(), jpeg.size(), "claims.jpg", 1));
-  EXPECT_TRUE(Logged("QImage:ReadJPG(); (claims.jpg) is a progressive 16000x12000: decoding it "
-                     "needs 549 MB, more than 192"));
 }
 
 TEST_F(QImageTest, JpegDecodesScaledAndShrinksWhileDecoding) {
