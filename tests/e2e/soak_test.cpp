@@ -108,6 +108,8 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
   ASSERT_TRUE(p.SetKey("dev.idle_sleep_ms", "2"));
   ASSERT_TRUE(p.SetKey("app.watch_directory", "1"));
+  // Commands keep restarting the count; the show steps by itself in the pauses and at the end.
+  ASSERT_TRUE(p.SetKey("effects.advance_seconds", "1"));
   // The sanitizer build holds freed blocks back (256 MB by default) before it reuses them, which
   // would read as growth; a small hold fills within the first hundred commands. Other builds
   // ignore the variable.
@@ -178,6 +180,18 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
       ASSERT_TRUE(p.Keys(keys[(sent / kKeyEvery) % 8]));
     }
   }
+  // Left alone, it steps through the folder by itself while pictures come and go.
+  const int loadsBefore = log.loads;
+  for (int i = 0; i < 4; ++i) {
+    std::error_code absent;  // the loop above may have left it either way
+    if (i % 2)
+      std::filesystem::remove(p.Path("churn.jpg"), absent);
+    else
+      ASSERT_TRUE(e2e::WritePicture(p.Path("churn.jpg"), 160, 120, Photo));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  }
+  log.Poll();
+  EXPECT_GE(log.loads, loadsBefore + 2) << "no automatic steps";
   const long endKb = ResidentKb(p.Pid());
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
