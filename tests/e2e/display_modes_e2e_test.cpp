@@ -18,10 +18,9 @@
 
 namespace {
 
+using e2e::kStartMs;
 using e2e::Program;
 using e2e::Screen;
-
-constexpr int kStartMs = 30000;
 
 const char kConfig[] = R"(Section "Device"
   Identifier "card"
@@ -116,18 +115,15 @@ TEST_F(DisplayModesE2E, AFourToThreeModeOnASixteenToNineScreenShowsThePictureUns
   ASSERT_TRUE(p.SetKey("resolution.width", "1200") && p.SetKey("resolution.height", "900") &&
               p.SetKey("resolution.fullscreen", "1"));
   // 400 x 300, as shaped as the mode: blue over red, so upright shows too.
-  ASSERT_TRUE(e2e::WritePicture(p.Path("a.tga"), 400, 300, [](int, int y) {
-    return y < 150 ? 0x1414DCu : 0xDC1414u;
-  }));
+  ASSERT_TRUE(e2e::WritePicture(p.Path("a.tga"), 400, 300,
+                                [](int, int y) { return y < 150 ? e2e::kBlue : e2e::kRed; }));
   ASSERT_TRUE(p.Start());
   // The mode's whole screen is the picture: the corners too, not only a 900-wide middle.
   Screen s;
   const auto filled = [](const Screen& g) {
-    const auto is = [&g](int x, int y, uint32_t c) {
-      return e2e::Near(g.At(x, y), e2e::R(c), e2e::G(c), e2e::B(c), 24);
-    };
-    return g.width == 1200 && g.height == 900 && is(5, 5, 0x1414DC) && is(1194, 5, 0x1414DC) &&
-           is(5, 894, 0xDC1414) && is(1194, 894, 0xDC1414);
+    return g.width == 1200 && g.height == 900 && e2e::Is(g.At(5, 5), e2e::kBlue) &&
+           e2e::Is(g.At(1194, 5), e2e::kBlue) && e2e::Is(g.At(5, 894), e2e::kRed) &&
+           e2e::Is(g.At(1194, 894), e2e::kRed);
   };
   EXPECT_TRUE(e2e::WaitForScreen(filled, kStartMs, &s))
       << s.width << "x" << s.height << " " << std::hex << s.At(5, 5) << " " << s.At(1194, 450)

@@ -30,11 +30,11 @@ using e2e::Is;
 using e2e::kBlue;
 using e2e::kGreen;
 using e2e::kRed;
+using e2e::kStartMs;
 using e2e::kWhite;
 using e2e::Program;
 using e2e::Screen;
 
-constexpr int kStartMs = 30000;  // software GL under the sanitizers is slow to come up
 constexpr int kStepMs = 20000;
 constexpr int kCommands = 2000;
 constexpr int kBurst = 20;        // far below what the socket queue holds
