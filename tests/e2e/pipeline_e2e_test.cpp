@@ -26,17 +26,7 @@ constexpr int kW = 1920, kH = 1080;
 constexpr int kStartMs = 60000;  // a 24-megapixel decode under the sanitizers is slow
 constexpr int kStepMs = 20000;
 
-// Photo-like: smooth colour fields with fine detail and some grain.
-uint32_t Photo(int x, int y) {
-  const double r = 128 + 70 * std::sin(x / 310.0) * std::cos(y / 190.0) + 20 * std::sin(x / 7.0);
-  const double g = 120 + 60 * std::cos(x / 450.0 + y / 260.0) + 15 * std::cos(y / 5.0);
-  const double b = 110 + 80 * std::sin((x + y) / 520.0);
-  const uint32_t grain = (uint32_t(x) * 2654435761u ^ uint32_t(y) * 40503u) >> 28;  // 0..15
-  const auto c = [grain](double v) {
-    return uint32_t(std::min(255.0, std::max(0.0, v + grain - 8)));
-  };
-  return c(r) << 16 | c(g) << 8 | c(b);
-}
+using e2e::Photo;
 
 // Mean absolute difference per channel between the screen's rectangle at (x0, y0) and a binary
 // PPM of the same size; a large number when the PPM cannot be read.
@@ -150,14 +140,7 @@ TEST_F(PipelineE2E, WhatIsShownLooksLikeAHighQualityResize) {
 }
 
 // Bytes the program has read through read() so far; -1 when unknown.
-long long ReadBytes(pid_t pid) {
-  std::ifstream f("/proc/" + std::to_string(pid) + "/io");
-  std::string key;
-  long long value = -1;
-  while (f >> key >> value)
-    if (key == "rchar:") return value;
-  return -1;
-}
+long long ReadBytes(pid_t pid) { return e2e::ProcValue(pid, "io", "rchar:"); }
 
 TEST_F(PipelineE2E, StepsUsePrefetchedPicturesUnlessTheFileChanged) {
   Program p;

@@ -85,21 +85,9 @@ struct LogFollower {
 };
 
 // The resident memory of `pid` in kB; -1 when unknown.
-long ResidentKb(pid_t pid) {
-  std::ifstream f("/proc/" + std::to_string(pid) + "/status");
-  std::string word;
-  long kb = -1;
-  while (f >> word)
-    if (word == "VmRSS:" && f >> kb) break;
-  return kb;
-}
+long ResidentKb(pid_t pid) { return long(e2e::ProcValue(pid, "status", "VmRSS:")); }
 
-// Photo-like: gradients with noise, so that the JPEG coder has real work.
-uint32_t Photo(int x, int y) {
-  const uint32_t n = uint32_t(x * 7919 + y * 104729) % 23;
-  return uint32_t((x * 2 + n) & 255) << 16 | uint32_t((y * 3 + n) & 255) << 8 |
-         uint32_t((x + y) & 255);
-}
+using e2e::Photo;
 
 using SlideshowSoak = e2e::ScreenTest<800, 600>;
 

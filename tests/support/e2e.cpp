@@ -14,11 +14,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <thread>
 
@@ -211,6 +214,17 @@ bool WritePicture(const std::string& path, int w, int h,
   return bm.Write(path.c_str(), jpeg ? 3 : 1, 95);
 }
 
+uint32_t Photo(int x, int y) {
+  const double r = 128 + 70 * std::sin(x / 310.0) * std::cos(y / 190.0) + 20 * std::sin(x / 7.0);
+  const double g = 120 + 60 * std::cos(x / 450.0 + y / 260.0) + 15 * std::cos(y / 5.0);
+  const double b = 110 + 80 * std::sin((x + y) / 520.0);
+  const uint32_t grain = (uint32_t(x) * 2654435761u ^ uint32_t(y) * 40503u) >> 28;  // 0..15
+  const auto c = [grain](double v) {
+    return uint32_t(std::min(255.0, std::max(0.0, v + grain - 8)));
+  };
+  return c(r) << 16 | c(g) << 8 | c(b);
+}
+
 bool Uniform(const std::string& path, uint32_t c) {
   return WritePicture(path, 40, 30, [c](int, int) { return c; });
 }
@@ -254,6 +268,15 @@ long CpuMs(pid_t pid) {
              &system) != 2)
     return -1;
   return (user + system) * 1000 / sysconf(_SC_CLK_TCK);
+}
+
+long long ProcValue(pid_t pid, const char* file, const char* key) {
+  std::ifstream f("/proc/" + std::to_string(pid) + "/" + file);
+  std::string word;
+  long long value = -1;
+  while (f >> word)
+    if (word == key && f >> value) return value;
+  return -1;
 }
 
 int RunningCopies() {

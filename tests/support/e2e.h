@@ -59,6 +59,8 @@ bool WaitForScreen(const std::function<bool(const Screen&)>& ok, int ms, Screen*
 // (quality 95; ".jpg" or ".jpeg" in any case) or a 32-bit Targa, chosen by the name's extension.
 bool WritePicture(const std::string& path, int w, int h,
                   const std::function<uint32_t(int x, int y)>& color);
+// Photo-like: smooth colour fields with fine detail and some grain.
+uint32_t Photo(int x, int y);
 // A 40 x 30 picture of one colour.
 bool Uniform(const std::string& path, uint32_t c);
 // Puts a minimal EXIF segment carrying only `orientation` right after a JPEG's start marker.
@@ -71,6 +73,8 @@ bool WriteQuadrants(const std::string& path, int orientation);
 int Count(const std::string& in, const std::string& text);
 // Processor time process `pid` has used (user and system) in ms; -1 when unknown.
 long CpuMs(pid_t pid);
+// The number after `key` ("VmRSS:", "rchar:") in /proc/<pid>/<file>; -1 when unknown.
+long long ProcValue(pid_t pid, const char* file, const char* key);
 // Processes on the machine whose executable is named glimra.
 int RunningCopies();
 // A UDP port of 127.0.0.1 that was free a moment ago.
