@@ -1,16 +1,12 @@
 // glimra in a full-screen mode of another shape than the monitor's: a 4:3 mode on a 16:9 screen.
 // Xvfb offers one mode only, so this runs on an X server with the dummy video driver and a
 // monitor of two modes, 1600x900 and 1200x900; skipped where that server cannot be started.
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "support/e2e.h"
@@ -58,40 +54,20 @@ class DisplayModesE2E : public ::testing::Test {
       return;
     dir_ = new TempDir("glimra_modes");
     const std::string conf = dir_->Write("dummy.conf", kConfig);
-    int fds[2];
-    if (pipe(fds) != 0) return;
-    server_ = fork();
-    if (server_ == 0) {
-      close(fds[0]);
-      const int null = open("/dev/null", O_RDWR);
-      dup2(null, 0), dup2(null, 1), dup2(null, 2);
-      const std::string fd = std::to_string(fds[1]);
-      const std::string log = dir_->File("x.log");
-      execlp("Xorg", "Xorg", "-displayfd", fd.c_str(), "-config", conf.c_str(), "-configdir",
-             dir_->Path().c_str(), "-noreset", "-nolisten", "tcp", "-novtswitch", "-logfile",
-             log.c_str(), static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    close(fds[1]);
-    pollfd p{fds[0], POLLIN, 0};
-    char number[16] = {};
-    if (server_ > 0 && poll(&p, 1, 15000) > 0 && read(fds[0], number, sizeof(number) - 1) > 0)
-      setenv("DISPLAY", (std::string(":") + std::to_string(atoi(number))).c_str(), 1);
-    close(fds[0]);
+    const bool started =
+        e2e::StartX("Xorg", {"-config", conf, "-configdir", dir_->Path(), "-noreset", "-nolisten",
+                             "tcp", "-novtswitch", "-logfile", dir_->File("x.log")});
     // A server that has announced itself may still not answer (seen under load, now and then
     // for good): that is this machine's trouble, not glimra's, so the test is skipped then.
     e2e::Screen s;
-    up_ = number[0] && e2e::WaitForScreen([](const Screen& g) { return g.width == 1600; },
-                                          kStartMs, &s);
+    up_ = started && e2e::WaitForScreen([](const Screen& g) { return g.width == 1600; },
+                                        kStartMs, &s);
     if (!up_)
-      fprintf(stderr, "dummy X server on %s: no 1600-wide screen (%dx%d)\n%s\n", number,
-              s.width, s.height, ReadFile(dir_->File("x.log")).c_str());
+      fprintf(stderr, "dummy X server: no 1600-wide screen (%dx%d)\n%s\n", s.width, s.height,
+              ReadFile(dir_->File("x.log")).c_str());
   }
   static void TearDownTestSuite() {
-    if (server_ > 0) {
-      kill(server_, SIGTERM);
-      waitpid(server_, nullptr, 0);
-    }
+    e2e::StopX();
     delete dir_;
   }
 
@@ -101,13 +77,9 @@ class DisplayModesE2E : public ::testing::Test {
     if (e2e::RunningCopies() > 0) GTEST_SKIP() << "another glimra is running";
   }
 
-  static TempDir* dir_;
-  static pid_t server_;
-  static bool up_;
+  static inline TempDir* dir_ = nullptr;
+  static inline bool up_ = false;
 };
-TempDir* DisplayModesE2E::dir_ = nullptr;
-pid_t DisplayModesE2E::server_ = -1;
-bool DisplayModesE2E::up_ = false;
 
 TEST_F(DisplayModesE2E, AFourToThreeModeOnASixteenToNineScreenShowsThePictureUnsquashed) {
   Program p;

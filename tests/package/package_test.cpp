@@ -63,7 +63,7 @@ class Package : public ::testing::Test {
     if (e2e::HaveTools()) xvfb_ = e2e::StartXvfb(800, 600);
   }
   static void TearDownTestSuite() {
-    e2e::StopXvfb();
+    e2e::StopX();
     delete tmp_;
     tmp_ = nullptr;
     debs_.clear();

@@ -95,21 +95,21 @@ std::string Capture(const std::string& cmd) {
 
 bool HaveTools() { return Have("Xvfb") && Have("xdotool") && Have("xwd"); }
 
-bool StartXvfb(int w, int h) {
+bool StartX(const char* exe, const std::vector<std::string>& args) {
   if (g_xvfb > 0) return true;
-  if (!Have("Xvfb")) return false;
+  if (!Have(exe)) return false;
   int fds[2];
   if (pipe(fds) != 0) return false;
+  const std::string fd = std::to_string(fds[1]);
+  std::vector<const char*> argv{exe, "-displayfd", fd.c_str()};
+  for (const std::string& a : args) argv.push_back(a.c_str());
+  argv.push_back(nullptr);
   g_xvfb = fork();
   if (g_xvfb == 0) {
     close(fds[0]);
-    int null = open("/dev/null", O_WRONLY);
-    dup2(null, 1);
-    dup2(null, 2);
-    const std::string fd = std::to_string(fds[1]);
-    const std::string screen = std::to_string(w) + "x" + std::to_string(h) + "x24";
-    execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-screen", "0", screen.c_str(), "-nolisten",
-           "tcp", "-noreset", static_cast<char*>(nullptr));
+    int null = open("/dev/null", O_RDWR);
+    dup2(null, 0), dup2(null, 1), dup2(null, 2);
+    execvp(exe, const_cast<char* const*>(argv.data()));
     _exit(127);
   }
   close(fds[1]);
@@ -118,20 +118,25 @@ bool StartXvfb(int w, int h) {
   char buf[32] = {};
   size_t n = 0;
   pollfd p{fds[0], POLLIN, 0};
-  while (n < sizeof(buf) - 1 && !memchr(buf, '\n', n) && poll(&p, 1, 10000) > 0) {
+  while (n < sizeof(buf) - 1 && !memchr(buf, '\n', n) && poll(&p, 1, 15000) > 0) {
     ssize_t got = read(fds[0], buf + n, sizeof(buf) - 1 - n);
     if (got <= 0) break;
     n += size_t(got);
   }
-  if (!memchr(buf, '\n', n)) {
-    StopXvfb();
+  if (g_xvfb < 0 || !memchr(buf, '\n', n)) {
+    StopX();
     return false;
   }
   setenv("DISPLAY", (":" + std::to_string(atoi(buf))).c_str(), 1);
   return true;
 }
 
-void StopXvfb() {
+bool StartXvfb(int w, int h) {
+  return StartX("Xvfb", {"-screen", "0", std::to_string(w) + "x" + std::to_string(h) + "x24",
+                         "-nolisten", "tcp", "-noreset"});
+}
+
+void StopX() {
   if (g_displayFd >= 0) close(g_displayFd);
   g_displayFd = -1;
   if (g_xvfb > 0) {

@@ -21,9 +21,11 @@ namespace e2e {
 // Time-outs: software GL under the sanitizers is slow to come up.
 constexpr int kStartMs = 30000, kStepMs = 10000;
 
-// Starts Xvfb at w x h x 24 on a free display and points DISPLAY at it.
+// Starts the X server `exe` with `args` on a free display and points DISPLAY at it.
+bool StartX(const char* exe, const std::vector<std::string>& args);
+// Xvfb at w x h x 24.
 bool StartXvfb(int w, int h);
-void StopXvfb();
+void StopX();
 // True when Xvfb, xdotool and xwd are installed.
 bool HaveTools();
 bool Have(const char* tool);  // on PATH
@@ -152,7 +154,7 @@ class ScreenTest : public ::testing::Test {
   static void SetUpTestSuite() {
     if (HaveTools() && (!also_ || Have(also_))) xvfb_ = StartXvfb(W, H);
   }
-  static void TearDownTestSuite() { StopXvfb(); }
+  static void TearDownTestSuite() { StopX(); }
   void SetUp() override {
     if (!xvfb_)
       GTEST_SKIP() << "needs Xvfb, xdotool and xwd" << (also_ ? " and " : "") << (also_ ? also_ : "");
