@@ -138,35 +138,19 @@ TEST_F(SlideshowE2E, StepsWrapAndCommandsLoadIgnoreOrFailWithoutLosingThePicture
   EXPECT_EQ(p.Log().find("Adding 'c.tga'"), std::string::npos);
 }
 
+// A half turn (orientation 3) fills the window; a quarter turn and its black bars are checked
+// against a reference resize in the pipeline test.
 TEST_F(SlideshowE2E, PicturesAreTurnedUprightAndFillTheWindowHeight) {
   Program p;
   ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
   ASSERT_TRUE(e2e::WriteQuadrants(p.Path("o3.jpg"), 3));
-  ASSERT_TRUE(e2e::WriteQuadrants(p.Path("o6.jpg"), 6));
-
-  // Orientation 6: a quarter turn clockwise gives a 300 x 400 picture, drawn 450 x 600 in the
-  // middle of the window.
-  StartShowing(&p, "o6.jpg", [](const Screen& s) { return Is(s.At(287, 150), kBlue); });
-  EXPECT_TRUE(p.WaitForLog("Code 0, Orientation: 6", kStepMs));
-  EXPECT_TRUE(Is(screen_.At(512, 150), kRed));
-  EXPECT_TRUE(Is(screen_.At(287, 450), kWhite));
-  EXPECT_TRUE(Is(screen_.At(512, 450), kGreen));
-  for (int y : {5, 150, 450, 594}) {
-    EXPECT_EQ(screen_.At(174, y), 0u) << y;
-    EXPECT_NE(screen_.At(175, y), 0u) << y;
-    EXPECT_NE(screen_.At(624, y), 0u) << y;
-    EXPECT_EQ(screen_.At(625, y), 0u) << y;
-  }
-
-  // Orientation 3: a half turn, the full 800 x 600.
-  ASSERT_TRUE(p.Keys("Right"));
-  ASSERT_TRUE(e2e::WaitForScreen([](const Screen& s) { return Is(s.At(200, 150), kWhite); },
-                                 kStepMs, &screen_));
+  StartShowing(&p, "o3.jpg", [](const Screen& s) { return Is(s.At(200, 150), kWhite); });
   EXPECT_TRUE(Is(screen_.At(600, 150), kBlue));
   EXPECT_TRUE(Is(screen_.At(200, 450), kGreen));
   EXPECT_TRUE(Is(screen_.At(600, 450), kRed));
   EXPECT_NE(screen_.At(2, 300), 0u);
   EXPECT_NE(screen_.At(797, 300), 0u);
+  EXPECT_TRUE(p.WaitForLog("Code 0, Orientation: 3", kStepMs));
 }
 
 TEST_F(SlideshowE2E, EffectKeysShowAtOnceAndAreWrittenBackAndEscapeEndsCleanly) {
