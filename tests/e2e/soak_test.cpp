@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "support/e2e.h"
+#include "support/tempdir.h"
 
 namespace {
 
@@ -100,7 +101,7 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   // would read as growth; a small hold fills within the first hundred commands. Other builds
   // ignore the variable.
   const char* asan = getenv("ASAN_OPTIONS");
-  setenv("ASAN_OPTIONS", (std::string(asan ? asan : "") + ":quarantine_size_mb=16").c_str(), 1);
+  ScopedEnv hold("ASAN_OPTIONS", (std::string(asan ? asan : "") + ":quarantine_size_mb=16").c_str());
 
   // Good pictures: in the folder (catalogued) and beside it (appended by the first load).
   std::vector<std::string> good = {"g1.jpg", "g3.jpg", "g6.jpg", "g8.jpg", "g.tga",

@@ -144,15 +144,7 @@ TEST_F(UnattendedE2E, StopSignalsAndTheOverLongCommandLeaveThroughTheExitPath) {
 
 // A fatal error with its message box up: the program without its font.
 TEST_F(UnattendedE2E, FatalBoxDiesWithItsProgramAndClosesItselfWhenAsked) {
-  const char* off = getenv("GLIMRA_NO_MESSAGEBOX");
-  const std::string saved = off ? off : "";
-  unsetenv("GLIMRA_NO_MESSAGEBOX");
-  struct Restore {
-    std::string value;
-    ~Restore() {
-      if (!value.empty()) setenv("GLIMRA_NO_MESSAGEBOX", value.c_str(), 1);
-    }
-  } restore{saved};
+  ScopedEnv boxes("GLIMRA_NO_MESSAGEBOX", nullptr);
 
   Program p;
   ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
