@@ -1,16 +1,12 @@
 // glimra in a full-screen mode of another shape than the monitor's: a 4:3 mode on a 16:9 screen.
 // Xvfb offers one mode only, so this runs on an X server with the dummy video driver and a
 // monitor of two modes, 1600x900 and 1200x900; skipped where that server cannot be started.
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "support/e2e.h"
@@ -18,10 +14,9 @@
 
 namespace {
 
+using e2e::kStartMs;
 using e2e::Program;
 using e2e::Screen;
-
-constexpr int kStartMs = 30000;
 
 const char kConfig[] = R"(Section "Device"
   Identifier "card"
@@ -59,40 +54,20 @@ class DisplayModesE2E : public ::testing::Test {
       return;
     dir_ = new TempDir("glimra_modes");
     const std::string conf = dir_->Write("dummy.conf", kConfig);
-    int fds[2];
-    if (pipe(fds) != 0) return;
-    server_ = fork();
-    if (server_ == 0) {
-      close(fds[0]);
-      const int null = open("/dev/null", O_RDWR);
-      dup2(null, 0), dup2(null, 1), dup2(null, 2);
-      const std::string fd = std::to_string(fds[1]);
-      const std::string log = dir_->File("x.log");
-      execlp("Xorg", "Xorg", "-displayfd", fd.c_str(), "-config", conf.c_str(), "-configdir",
-             dir_->Path().c_str(), "-noreset", "-nolisten", "tcp", "-novtswitch", "-logfile",
-             log.c_str(), static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    close(fds[1]);
-    pollfd p{fds[0], POLLIN, 0};
-    char number[16] = {};
-    if (server_ > 0 && poll(&p, 1, 15000) > 0 && read(fds[0], number, sizeof(number) - 1) > 0)
-      setenv("DISPLAY", (std::string(":") + std::to_string(atoi(number))).c_str(), 1);
-    close(fds[0]);
+    const bool started =
+        e2e::StartX("Xorg", {"-config", conf, "-configdir", dir_->Path(), "-noreset", "-nolisten",
+                             "tcp", "-novtswitch", "-logfile", dir_->File("x.log")});
     // A server that has announced itself may still not answer (seen under load, now and then
     // for good): that is this machine's trouble, not glimra's, so the test is skipped then.
     e2e::Screen s;
-    up_ = number[0] && e2e::WaitForScreen([](const Screen& g) { return g.width == 1600; },
-                                          kStartMs, &s);
+    up_ = started && e2e::WaitForScreen([](const Screen& g) { return g.width == 1600; },
+                                        kStartMs, &s);
     if (!up_)
-      fprintf(stderr, "dummy X server on %s: no 1600-wide screen (%dx%d)\n%s\n", number,
-              s.width, s.height, ReadFile(dir_->File("x.log")).c_str());
+      fprintf(stderr, "dummy X server: no 1600-wide screen (%dx%d)\n%s\n", s.width, s.height,
+              ReadFile(dir_->File("x.log")).c_str());
   }
   static void TearDownTestSuite() {
-    if (server_ > 0) {
-      kill(server_, SIGTERM);
-      waitpid(server_, nullptr, 0);
-    }
+    e2e::StopX();
     delete dir_;
   }
 
@@ -102,13 +77,9 @@ class DisplayModesE2E : public ::testing::Test {
     if (e2e::RunningCopies() > 0) GTEST_SKIP() << "another glimra is running";
   }
 
-  static TempDir* dir_;
-  static pid_t server_;
-  static bool up_;
+  static inline TempDir* dir_ = nullptr;
+  static inline bool up_ = false;
 };
-TempDir* DisplayModesE2E::dir_ = nullptr;
-pid_t DisplayModesE2E::server_ = -1;
-bool DisplayModesE2E::up_ = false;
 
 TEST_F(DisplayModesE2E, AFourToThreeModeOnASixteenToNineScreenShowsThePictureUnsquashed) {
   Program p;
@@ -116,18 +87,15 @@ TEST_F(DisplayModesE2E, AFourToThreeModeOnASixteenToNineScreenShowsThePictureUns
   ASSERT_TRUE(p.SetKey("resolution.width", "1200") && p.SetKey("resolution.height", "900") &&
               p.SetKey("resolution.fullscreen", "1"));
   // 400 x 300, as shaped as the mode: blue over red, so upright shows too.
-  ASSERT_TRUE(e2e::WritePicture(p.Path("a.tga"), 400, 300, [](int, int y) {
-    return y < 150 ? 0x1414DCu : 0xDC1414u;
-  }));
+  ASSERT_TRUE(e2e::WritePicture(p.Path("a.tga"), 400, 300,
+                                [](int, int y) { return y < 150 ? e2e::kBlue : e2e::kRed; }));
   ASSERT_TRUE(p.Start());
   // The mode's whole screen is the picture: the corners too, not only a 900-wide middle.
   Screen s;
   const auto filled = [](const Screen& g) {
-    const auto is = [&g](int x, int y, uint32_t c) {
-      return e2e::Near(g.At(x, y), e2e::R(c), e2e::G(c), e2e::B(c), 24);
-    };
-    return g.width == 1200 && g.height == 900 && is(5, 5, 0x1414DC) && is(1194, 5, 0x1414DC) &&
-           is(5, 894, 0xDC1414) && is(1194, 894, 0xDC1414);
+    return g.width == 1200 && g.height == 900 && e2e::Is(g.At(5, 5), e2e::kBlue) &&
+           e2e::Is(g.At(1194, 5), e2e::kBlue) && e2e::Is(g.At(5, 894), e2e::kRed) &&
+           e2e::Is(g.At(1194, 894), e2e::kRed);
   };
   EXPECT_TRUE(e2e::WaitForScreen(filled, kStartMs, &s))
       << s.width << "x" << s.height << " " << std::hex << s.At(5, 5) << " " << s.At(1194, 450)

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "support/e2e.h"
+#include "support/tempdir.h"
 
 namespace {
 
@@ -30,11 +31,11 @@ using e2e::Is;
 using e2e::kBlue;
 using e2e::kGreen;
 using e2e::kRed;
+using e2e::kStartMs;
 using e2e::kWhite;
 using e2e::Program;
 using e2e::Screen;
 
-constexpr int kStartMs = 30000;  // software GL under the sanitizers is slow to come up
 constexpr int kStepMs = 20000;
 constexpr int kCommands = 2000;
 constexpr int kBurst = 20;        // far below what the socket queue holds
@@ -85,21 +86,9 @@ struct LogFollower {
 };
 
 // The resident memory of `pid` in kB; -1 when unknown.
-long ResidentKb(pid_t pid) {
-  std::ifstream f("/proc/" + std::to_string(pid) + "/status");
-  std::string word;
-  long kb = -1;
-  while (f >> word)
-    if (word == "VmRSS:" && f >> kb) break;
-  return kb;
-}
+long ResidentKb(pid_t pid) { return long(e2e::ProcValue(pid, "status", "VmRSS:")); }
 
-// Photo-like: gradients with noise, so that the JPEG coder has real work.
-uint32_t Photo(int x, int y) {
-  const uint32_t n = uint32_t(x * 7919 + y * 104729) % 23;
-  return uint32_t((x * 2 + n) & 255) << 16 | uint32_t((y * 3 + n) & 255) << 8 |
-         uint32_t((x + y) & 255);
-}
+using e2e::Photo;
 
 using SlideshowSoak = e2e::ScreenTest<800, 600>;
 
@@ -114,7 +103,7 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   // would read as growth; a small hold fills within the first hundred commands. Other builds
   // ignore the variable.
   const char* asan = getenv("ASAN_OPTIONS");
-  setenv("ASAN_OPTIONS", (std::string(asan ? asan : "") + ":quarantine_size_mb=16").c_str(), 1);
+  ScopedEnv hold("ASAN_OPTIONS", (std::string(asan ? asan : "") + ":quarantine_size_mb=16").c_str());
 
   // Good pictures: in the folder (catalogued) and beside it (appended by the first load).
   std::vector<std::string> good = {"g1.jpg", "g3.jpg", "g6.jpg", "g8.jpg", "g.tga",

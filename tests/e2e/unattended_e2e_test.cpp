@@ -21,16 +21,13 @@
 
 namespace {
 
+using e2e::kStartMs;
+using e2e::kStepMs;
 using e2e::Program;
 using e2e::Screen;
 
-constexpr int kStartMs = 30000;  // software GL under the sanitizers is slow to come up
-constexpr int kStepMs = 10000;
-
 // A picture the program can show, so that every start runs the whole show.
-bool AddPicture(const Program& p) {
-  return e2e::WritePicture(p.Path("a.tga"), 40, 30, [](int, int) { return 0xDC1414u; });
-}
+bool AddPicture(const Program& p) { return e2e::Uniform(p.Path("a.tga"), e2e::kRed); }
 
 // "R", "S", "Z", ... of process `pid`; "" when it is gone. The parent's id into `ppid`.
 std::string State(pid_t pid, pid_t* ppid = nullptr) {
@@ -136,34 +133,18 @@ TEST_F(UnattendedE2E, StopSignalsAndTheOverLongCommandLeaveThroughTheExitPath) {
       ASSERT_EQ(kill(p.Pid(), c.sig), 0);
     else
       ASSERT_TRUE(p.Send(std::string(1024, 'x')));
-    EXPECT_EQ(p.WaitExit(kStepMs), c.status);
+    p.ExpectOrderlyExit(c.status);
     EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(1));
-    const std::string log = p.Log();
-    if (c.sig)
-      EXPECT_NE(log.find("Signal " + std::to_string(c.sig) + " ("), std::string::npos) << log;
-    else
-      EXPECT_NE(log.find("Command of 1024 bytes from 127.0.0.1:"), std::string::npos) << log;
-    const size_t exitAt = log.find("RaceManager: exit; releasing the slideshow");
-    ASSERT_NE(exitAt, std::string::npos) << log;
-    EXPECT_NE(log.find("RaceManager: released", exitAt), std::string::npos) << log;
+    EXPECT_NE(p.Log().find(c.sig ? "Signal " + std::to_string(c.sig) + " ("
+                                 : "Command of 1024 bytes from 127.0.0.1:"),
+              std::string::npos)
+        << p.Log();
   }
 }
 
-}  // namespace
-
-namespace {
-
 // A fatal error with its message box up: the program without its font.
 TEST_F(UnattendedE2E, FatalBoxDiesWithItsProgramAndClosesItselfWhenAsked) {
-  const char* off = getenv("GLIMRA_NO_MESSAGEBOX");
-  const std::string saved = off ? off : "";
-  unsetenv("GLIMRA_NO_MESSAGEBOX");
-  struct Restore {
-    std::string value;
-    ~Restore() {
-      if (!value.empty()) setenv("GLIMRA_NO_MESSAGEBOX", value.c_str(), 1);
-    }
-  } restore{saved};
+  ScopedEnv boxes("GLIMRA_NO_MESSAGEBOX", nullptr);
 
   Program p;
   ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));

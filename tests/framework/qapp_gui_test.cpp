@@ -47,7 +47,7 @@ class WinTest : public ::testing::Test {
     // Xvfb takes control+alt+F1..F12 as console switches; the framework needs the keys.
     (void)system("setxkbmap -option srvrkeys:none >/dev/null 2>&1");
   }
-  static void TearDownTestSuite() { e2e::StopXvfb(); }
+  static void TearDownTestSuite() { e2e::StopX(); }
 
   void SetUp() override {
     if (!xvfb_) GTEST_SKIP() << "needs Xvfb, xdotool, xwd and xwininfo";

@@ -85,10 +85,7 @@ Bytes MemberBytes(QArchive* ar, const char* name) {
   return b;
 }
 
-// ---------------------------------------------------------------------------------------------
 // The chunk codec
-// ---------------------------------------------------------------------------------------------
-
 TEST(QArchiveCodec, RoundTripsEveryKindAndBoundarySize) {
   for (size_t n : {0, 1, 2, 3, 15, 16, 17, 18, 19, 4095, 4096, 4097, 16383, 16384}) {
     for (const Bytes& in : {Bytes(n, 0), RandomBytes(n, static_cast<unsigned>(n)), TextLike(n)}) {
@@ -140,10 +137,7 @@ TEST(QArchiveCodec, OutputPastCapacityIsCountedNotWritten) {
   EXPECT_EQ(Unpack(chunk, nullptr, 0), 1 + 18 + 4111);
 }
 
-// ---------------------------------------------------------------------------------------------
 // Archive files
-// ---------------------------------------------------------------------------------------------
-
 class QArchiveFileTest : public TempDirTest {
  protected:
   QArchiveFileTest() : TempDirTest("qarchive_test") {}
@@ -230,10 +224,7 @@ TEST_F(QArchiveFileTest, NewArchiveIsMagicAndDirectoryOffsetAndRefusalsLeaveItWh
   EXPECT_EQ(fs::file_size(path), 8u);
 }
 
-// ---------------------------------------------------------------------------------------------
 // Hostile archives
-// ---------------------------------------------------------------------------------------------
-
 TEST_F(QArchiveFileTest, DamagedDirectoriesLeaveTheArchiveClosed) {
   const Bytes good = OneMemberArchive(Block({QArchive::CHUNK_STORED, 'x'}), 1);
   Bytes lying = good, low = good;
@@ -311,10 +302,7 @@ TEST_F(QArchiveFileTest, TruncatedAndScrambledArchivesNeverCrash) {
   }
 }
 
-// ---------------------------------------------------------------------------------------------
 // Real data: the repository's files and a few hundred documentation files
-// ---------------------------------------------------------------------------------------------
-
 TEST_F(QArchiveFileTest, RealFilesRoundTrip) {
   // The repository's files and a few hundred documentation files, each read once into memory
   // and packed from a private copy, so an edit in the work tree meanwhile does no harm.

@@ -47,8 +47,6 @@ struct SegmentBuilder {
 
 constexpr uint16_t kShort = 3, kLong = 4, kAscii = 2;
 
-// ---------------------------------------------------------------------------------------------
-
 TEST(QExifJpeg, FixturesGiveTheirOrientationOrTheirFault) {
   // Each read starts from the previous one's record: stale values must not survive.
   const struct {
@@ -93,8 +91,6 @@ TEST(QExifJpeg, SegmentLengthRunningPastTheEndMarker) {
   b[22] = 0x7F;
   EXPECT_EQ(x.ReadFromJpeg(b.data(), b.size()), QExif::CORRUPT);
 }
-
-// ---------------------------------------------------------------------------------------------
 
 TEST(QExifSegment, HeaderChecks) {
   QExif x;

@@ -28,8 +28,6 @@ class QFileTest : public TempDirTest {
   LogCapture log_;
 };
 
-// ---- Memory end-of-data rule ----
-
 TEST_F(QFileTest, MemoryFileYieldsBytesThenEndValueTwice) {
   QFile f(Block("xyz"), 3, QFile::READ, true);
   std::vector<int> got;
@@ -78,8 +76,6 @@ TEST_F(QFileTest, OwnedBlockIsReleasedAndBorrowedIsNot) {
   qfree(mine);
 }
 
-// ---- Seeking ----
-
 TEST_F(QFileTest, SeekFromEndDiffersBetweenStreamAndMemory) {
   std::string path = MakeFile("ten", "0123456789");
   QFile stream(path.c_str(), QFile::READ);
@@ -104,8 +100,6 @@ TEST_F(QFileTest, SeekFromEndDiffersBetweenStreamAndMemory) {
   EXPECT_FALSE(mem.Seek(0, 3));
   EXPECT_FALSE(stream.Seek(0, -1));
 }
-
-// ---- Preloading and opening ----
 
 TEST_F(QFileTest, MemoryFlagPreloadsOrKeepsAStream) {
   std::string path = MakeFile("text", "a\r\nb");
@@ -154,8 +148,6 @@ TEST_F(QFileTest, UnopenedFilesReadNothingAndCloseCountsStay) {
   EXPECT_TRUE(Logged("qfclose(0) called"));
 }
 
-// ---- Lines ----
-
 TEST_F(QFileTest, LinesDropCarriageReturnsAndKeepAnUnterminatedLastLine) {
   std::string text = "abc\r\n\nde\nlast";
   std::string path = MakeFile("lines", text);
@@ -187,8 +179,6 @@ TEST_F(QFileTest, SixteenBitLinesAreLittleEndian) {
   f.ReadLine(&rest);
   EXPECT_STREQ(rest.cstr(), "z");
 }
-
-// ---- Existence ----
 
 TEST_F(QFileTest, ExistsForFilesNotDirectories) {
   EXPECT_TRUE(QFileExists(MakeFile("here", "x").c_str()));

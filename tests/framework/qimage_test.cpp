@@ -144,10 +144,7 @@ Bytes MakeJpeg(int w, int h, bool busy = false) {
 
 }  // namespace
 
-// ---------------------------------------------------------------------------------------------
 // Choosing the reader, construction
-// ---------------------------------------------------------------------------------------------
-
 TEST_F(QImageTest, ReaderIsChosenByTheFirstSubstringAnywhereInThePath) {
   QImage img;
   EXPECT_TRUE(img.Read(Put("photo.JPEG", Fixture("photo.jpg")).c_str()));
@@ -165,10 +162,7 @@ TEST_F(QImageTest, ReaderIsChosenByTheFirstSubstringAnywhereInThePath) {
   EXPECT_TRUE(Logged("QImage ctor: can't load '" + Tmp("missing.jpg") + "'"));
 }
 
-// ---------------------------------------------------------------------------------------------
 // Targa, both paths
-// ---------------------------------------------------------------------------------------------
-
 TEST_F(QImageTest, TargaFixturesDecodeOnBothPaths) {
   for (bool inMemory : {false, true}) {
     QSetVirtualFileSystem(inMemory ? &vfs_ : nullptr);
@@ -245,10 +239,7 @@ TEST_F(QImageTest, TargaRefusalsAndLyingSizes) {
   EXPECT_EQ(At(img, 0, 0), Rgba(3, 2, 1, 255));
 }
 
-// ---------------------------------------------------------------------------------------------
 // JPEG
-// ---------------------------------------------------------------------------------------------
-
 TEST_F(QImageTest, JpegMatchesTheReferenceDecode) {
   QImage img;
   for (auto [name, ref] : {std::pair{"photo.jpg", "photo_ref.ppm"},
@@ -331,10 +322,7 @@ TEST_F(QImageTest, JpegWarningsKeepWhatDecodedAndErrorsEndTheRead) {
   EXPECT_FALSE(img.Read(Tmp("absent.jpg").c_str()));
 }
 
-// ---------------------------------------------------------------------------------------------
 // Windows bitmap
-// ---------------------------------------------------------------------------------------------
-
 TEST_F(QImageTest, BitmapRowsAreReadUnpadded) {
   QImage img;
   ASSERT_TRUE(ReadFixture(&img, "rgb24_w4.bmp"));
@@ -380,10 +368,7 @@ TEST_F(QImageTest, BitmapShortOrLyingFiles) {
     for (int x = 0; x < 4; ++x) EXPECT_EQ(At(img, x, y), 0u) << x << "," << y;
 }
 
-// ---------------------------------------------------------------------------------------------
 // SGI RGB
-// ---------------------------------------------------------------------------------------------
-
 TEST_F(QImageTest, SgiInBothByteOrdersAndRunLength) {
   QImage img;
   for (const char* name : {"rgba_be.rgb", "rgba_le.rgb", "rgba_be_rle.rgb"}) {
@@ -425,10 +410,7 @@ TEST_F(QImageTest, SgiLyingTablesAndOverlongRows) {
   EXPECT_TRUE(Logged(Tmp("wide.rgb") + " width 16385 out of bounds"));
 }
 
-// ---------------------------------------------------------------------------------------------
 // Photoshop
-// ---------------------------------------------------------------------------------------------
-
 namespace {
 
 struct PsdBuilder {
@@ -499,10 +481,7 @@ TEST_F(QImageTest, PsdMaskOf36BytesFailsAndEdgesStayInside) {
   EXPECT_EQ(At(img, 1, 0), Rgba(255, 255, 255, 255));
 }
 
-// ---------------------------------------------------------------------------------------------
 // MIP
-// ---------------------------------------------------------------------------------------------
-
 namespace {
 
 Bytes Mip(int w, int h, int bytesPerRow, int pixelType, int cmapSize, const Bytes& pixels) {
@@ -552,10 +531,7 @@ TEST_F(QImageTest, MipNibblesThroughThePalette) {
   EXPECT_FALSE(img.Read(Put("e.mip", Mip(100000, 100000, 50000, 2, 64, {1})).c_str()));
 }
 
-// ---------------------------------------------------------------------------------------------
 // Hostile input: every reader, every cut, random bytes
-// ---------------------------------------------------------------------------------------------
-
 TEST_F(QImageTest, EveryReaderSurvivesTruncationAndNoise) {
   const char* fixtures[] = {"rgba32_bl.tga", "rle32.tga",     "rle24.tga",       "grey8.tga",
                             "photo.jpg",     "progressive.jpg", "cmyk.jpg",      "rgb24_w5.bmp",

@@ -143,17 +143,6 @@ TEST_F(LogTest, ConcurrentWritersNeitherInterleaveNorLose) {
   EXPECT_EQ(seen, kThreads * kEach);
 }
 
-// Sets (or with null unsets) an environment variable for one scope.
-struct ScopedEnv {
-  ScopedEnv(const char* name, const char* value) : name_(name), had_(getenv(name) != nullptr) {
-    if (had_) old_ = getenv(name);
-    value ? setenv(name, value, 1) : unsetenv(name);
-  }
-  ~ScopedEnv() { had_ ? setenv(name_.c_str(), old_.c_str(), 1) : unsetenv(name_.c_str()); }
-  std::string name_, old_;
-  bool had_;
-};
-
 TEST_F(LogTest, ABoxThatCannotBeShownLeavesItsTitleAndTextOnStandardErrorAndInTheLog) {
   ScopedEnv display("DISPLAY", nullptr), wayland("WAYLAND_DISPLAY", nullptr);
   const std::string note = "Message box 'Fatal error - the program will exit' could not be "

@@ -21,8 +21,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int kStartMs = 30000;
-constexpr int kStepMs = 10000;
+using e2e::kStartMs;
+using e2e::kStepMs;
 
 // Runs a shell command; its exit status, with standard output and error in `out`.
 int Shell(const std::string& cmd, std::string* out) {
@@ -63,7 +63,7 @@ class Package : public ::testing::Test {
     if (e2e::HaveTools()) xvfb_ = e2e::StartXvfb(800, 600);
   }
   static void TearDownTestSuite() {
-    e2e::StopXvfb();
+    e2e::StopX();
     delete tmp_;
     tmp_ = nullptr;
     debs_.clear();
@@ -233,14 +233,13 @@ TEST_F(Package, UnpackedProgramShowsAPictureAnswersVersionAndHelpBesideItAndEnds
                 config.SetString("dev.qdbg_to_qlog", "1") && config.Write(nullptr, false));
   }
   ASSERT_TRUE(fs::create_directory(p.Path("pictures")));
-  const auto uniform = [](uint32_t c) { return [c](int, int) { return c; }; };
-  ASSERT_TRUE(e2e::WritePicture(p.Path("pictures/a.tga"), 40, 30, uniform(0x1414DC)));
-  ASSERT_TRUE(e2e::WritePicture(p.Path("pictures/b.jpg"), 40, 30, uniform(0xDC1414)));
+  ASSERT_TRUE(e2e::Uniform(p.Path("pictures/a.tga"), e2e::kBlue));
+  ASSERT_TRUE(e2e::Uniform(p.Path("pictures/b.jpg"), e2e::kRed));
 
   ASSERT_TRUE(p.Run(exe, {p.Path("pictures/b.jpg")}, "/"));
   e2e::Screen screen;
   EXPECT_TRUE(e2e::WaitForScreen(
-      [](const e2e::Screen& s) { return e2e::Near(s.At(400, 300), 0xDC, 0x14, 0x14, 24); },
+      [](const e2e::Screen& s) { return e2e::Is(s.At(400, 300), e2e::kRed); },
       kStartMs, &screen))
       << ReadFile(p.Path("opt/glimra/QLOG.txt"));
 
@@ -260,7 +259,7 @@ TEST_F(Package, UnpackedProgramShowsAPictureAnswersVersionAndHelpBesideItAndEnds
   ASSERT_TRUE(e2e::SendUdp(port, "load " + p.Path("pictures/a.tga")));
   const std::string qlog = p.Path("opt/glimra/QLOG.txt");
   EXPECT_TRUE(e2e::WaitForScreen(
-      [](const e2e::Screen& s) { return e2e::Near(s.At(400, 300), 0x14, 0x14, 0xDC, 24); },
+      [](const e2e::Screen& s) { return e2e::Is(s.At(400, 300), e2e::kBlue); },
       kStepMs, &screen));
   const std::string log = ReadFile(qlog);
   EXPECT_NE(log.find("bytes (load "), std::string::npos) << log;

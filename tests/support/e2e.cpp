@@ -14,11 +14,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <thread>
 
@@ -57,11 +60,23 @@ int Channel(uint32_t pixel, uint32_t mask) {
   return int(((pixel & mask) >> shift) * 255 / max);
 }
 
-}  // namespace
+// The leak reports in a sanitizer's output whose stack passes through the program's own code.
+std::vector<std::string> OwnLeaks(const std::string& out) {
+  std::vector<std::string> found;
+  for (size_t at = out.find(" leak of "), next; at != std::string::npos; at = next) {
+    next = out.find(" leak of ", at + 1);
+    const std::string block = out.substr(at, next == std::string::npos ? next : next - at);
+    for (const char* folder : {"app/", "framework/", "d3/", "net/"})
+      if (block.find(std::string("../") + folder) != std::string::npos ||
+          block.find(std::string(GLIMRA_SOURCE_DIR "/") + folder) != std::string::npos) {
+        found.push_back(block);
+        break;
+      }
+  }
+  return found;
+}
 
-// ---------------------------------------------------------------------------------------------
-// X server
-// ---------------------------------------------------------------------------------------------
+}  // namespace
 
 bool Have(const char* tool) {
   return system((std::string("command -v ") + tool + " >/dev/null 2>&1").c_str()) == 0;
@@ -80,21 +95,21 @@ std::string Capture(const std::string& cmd) {
 
 bool HaveTools() { return Have("Xvfb") && Have("xdotool") && Have("xwd"); }
 
-bool StartXvfb(int w, int h) {
+bool StartX(const char* exe, const std::vector<std::string>& args) {
   if (g_xvfb > 0) return true;
-  if (!Have("Xvfb")) return false;
+  if (!Have(exe)) return false;
   int fds[2];
   if (pipe(fds) != 0) return false;
+  const std::string fd = std::to_string(fds[1]);
+  std::vector<const char*> argv{exe, "-displayfd", fd.c_str()};
+  for (const std::string& a : args) argv.push_back(a.c_str());
+  argv.push_back(nullptr);
   g_xvfb = fork();
   if (g_xvfb == 0) {
     close(fds[0]);
-    int null = open("/dev/null", O_WRONLY);
-    dup2(null, 1);
-    dup2(null, 2);
-    const std::string fd = std::to_string(fds[1]);
-    const std::string screen = std::to_string(w) + "x" + std::to_string(h) + "x24";
-    execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-screen", "0", screen.c_str(), "-nolisten",
-           "tcp", "-noreset", static_cast<char*>(nullptr));
+    int null = open("/dev/null", O_RDWR);
+    dup2(null, 0), dup2(null, 1), dup2(null, 2);
+    execvp(exe, const_cast<char* const*>(argv.data()));
     _exit(127);
   }
   close(fds[1]);
@@ -103,20 +118,25 @@ bool StartXvfb(int w, int h) {
   char buf[32] = {};
   size_t n = 0;
   pollfd p{fds[0], POLLIN, 0};
-  while (n < sizeof(buf) - 1 && !memchr(buf, '\n', n) && poll(&p, 1, 10000) > 0) {
+  while (n < sizeof(buf) - 1 && !memchr(buf, '\n', n) && poll(&p, 1, 15000) > 0) {
     ssize_t got = read(fds[0], buf + n, sizeof(buf) - 1 - n);
     if (got <= 0) break;
     n += size_t(got);
   }
-  if (!memchr(buf, '\n', n)) {
-    StopXvfb();
+  if (g_xvfb < 0 || !memchr(buf, '\n', n)) {
+    StopX();
     return false;
   }
   setenv("DISPLAY", (":" + std::to_string(atoi(buf))).c_str(), 1);
   return true;
 }
 
-void StopXvfb() {
+bool StartXvfb(int w, int h) {
+  return StartX("Xvfb", {"-screen", "0", std::to_string(w) + "x" + std::to_string(h) + "x24",
+                         "-nolisten", "tcp", "-noreset"});
+}
+
+void StopX() {
   if (g_displayFd >= 0) close(g_displayFd);
   g_displayFd = -1;
   if (g_xvfb > 0) {
@@ -126,14 +146,12 @@ void StopXvfb() {
   g_xvfb = -1;
 }
 
-// ---------------------------------------------------------------------------------------------
-// Screen
-// ---------------------------------------------------------------------------------------------
-
 bool Near(uint32_t c, int r, int g, int b, int tol) {
   return abs(R(c) - r) <= tol && abs(G(c) - g) <= tol && abs(B(c) - b) <= tol;
 }
 
+namespace {
+// An X window dump of a true-colour visual (24 or 32 bits per pixel).
 bool ParseXwd(const std::string& d, Screen* out) {
   if (d.size() < 100) return false;
   const uint32_t headerSize = Be32(d, 0), version = Be32(d, 4);
@@ -165,6 +183,7 @@ bool ParseXwd(const std::string& d, Screen* out) {
   }
   return true;
 }
+}  // namespace
 
 bool GrabScreen(Screen* out) { return ParseXwd(Capture("xwd -root -silent 2>/dev/null"), out); }
 
@@ -177,10 +196,6 @@ bool WaitForScreen(const std::function<bool(const Screen&)>& ok, int ms, Screen*
     Pause();
   }
 }
-
-// ---------------------------------------------------------------------------------------------
-// Pictures
-// ---------------------------------------------------------------------------------------------
 
 bool WritePicture(const std::string& path, int w, int h,
                   const std::function<uint32_t(int x, int y)>& color) {
@@ -202,6 +217,21 @@ bool WritePicture(const std::string& path, int w, int h,
   };
   const bool jpeg = endsWith(".jpg") || endsWith(".jpeg");
   return bm.Write(path.c_str(), jpeg ? 3 : 1, 95);
+}
+
+uint32_t Photo(int x, int y) {
+  const double r = 128 + 70 * std::sin(x / 310.0) * std::cos(y / 190.0) + 20 * std::sin(x / 7.0);
+  const double g = 120 + 60 * std::cos(x / 450.0 + y / 260.0) + 15 * std::cos(y / 5.0);
+  const double b = 110 + 80 * std::sin((x + y) / 520.0);
+  const uint32_t grain = (uint32_t(x) * 2654435761u ^ uint32_t(y) * 40503u) >> 28;  // 0..15
+  const auto c = [grain](double v) {
+    return uint32_t(std::min(255.0, std::max(0.0, v + grain - 8)));
+  };
+  return c(r) << 16 | c(g) << 8 | c(b);
+}
+
+bool Uniform(const std::string& path, uint32_t c) {
+  return WritePicture(path, 40, 30, [c](int, int) { return c; });
 }
 
 bool SetJpegOrientation(const std::string& path, int orientation) {
@@ -228,9 +258,31 @@ bool WriteQuadrants(const std::string& path, int orientation) {
          SetJpegOrientation(path, orientation);
 }
 
-// ---------------------------------------------------------------------------------------------
-// Processes and ports
-// ---------------------------------------------------------------------------------------------
+int Count(const std::string& in, const std::string& text) {
+  int n = 0;
+  for (size_t at = in.find(text); at != std::string::npos; at = in.find(text, at + 1)) ++n;
+  return n;
+}
+
+long CpuMs(pid_t pid) {
+  const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+  const size_t close = stat.rfind(')');
+  long user = 0, system = 0;
+  if (close == std::string::npos ||
+      sscanf(stat.c_str() + close + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &user,
+             &system) != 2)
+    return -1;
+  return (user + system) * 1000 / sysconf(_SC_CLK_TCK);
+}
+
+long long ProcValue(pid_t pid, const char* file, const char* key) {
+  std::ifstream f("/proc/" + std::to_string(pid) + "/" + file);
+  std::string word;
+  long long value = -1;
+  while (f >> word)
+    if (word == key && f >> value) return value;
+  return -1;
+}
 
 int RunningCopies() {
   int count = 0;
@@ -301,10 +353,6 @@ bool ReceiveUdp(int fd, int ms, std::string* out) {
   return true;
 }
 
-// ---------------------------------------------------------------------------------------------
-// Program
-// ---------------------------------------------------------------------------------------------
-
 Program::~Program() {
   if (pid_ > 0) {
     kill(pid_, SIGKILL);
@@ -346,6 +394,23 @@ bool Program::SetKey(const char* key, const char* value) {
   return ini.SetString(key, value) && ini.Write(nullptr, false);
 }
 
+bool Program::WaitForKey(const char* key, const std::string& value, int ms) const {
+  for (const auto end = Clock::now() + std::chrono::milliseconds(ms);; Pause()) {
+    if (Key(key) == value) return true;
+    if (MsLeft(end) <= 0) return false;
+  }
+}
+
+void Program::ExpectOrderlyExit(int status) {
+  EXPECT_EQ(WaitExit(kStartMs), status);
+  const std::string log = Log();
+  const size_t exitAt = log.find("RaceManager: exit; releasing the slideshow");
+  EXPECT_NE(exitAt, std::string::npos) << log;
+  EXPECT_NE(log.find("RaceManager: released", exitAt == std::string::npos ? 0 : exitAt),
+            std::string::npos)
+      << log;
+}
+
 std::string Program::Key(const char* key) const {
   QIni ini(Path("glimra.ini").c_str(), QIni::SILENT);
   qstring v;
@@ -373,8 +438,7 @@ bool Program::Run(const std::string& exe, const std::vector<std::string>& args,
     if (fd >= 0) dup2(fd, 1), dup2(fd, 2);
     const char* asan = getenv("ASAN_OPTIONS");
     setenv("ASAN_OPTIONS",
-           (std::string(asan ? asan : "") + ":detect_leaks=" + (leakCheck_ ? "1" : "0")).c_str(),
-           1);
+           (std::string(asan ? asan : "") + ":detect_leaks=1").c_str(), 1);
     // The report decides, not the exit status: the driver's own blocks are not leaks of ours.
     const char* lsan = getenv("LSAN_OPTIONS");
     setenv("LSAN_OPTIONS", (std::string(lsan ? lsan : "") + ":exitcode=0").c_str(), 1);
@@ -384,21 +448,6 @@ bool Program::Run(const std::string& exe, const std::vector<std::string>& args,
   return true;
 }
 
-std::vector<std::string> OwnLeaks(const std::string& out) {
-  std::vector<std::string> found;
-  for (size_t at = out.find(" leak of "), next; at != std::string::npos; at = next) {
-    next = out.find(" leak of ", at + 1);
-    const std::string block = out.substr(at, next == std::string::npos ? next : next - at);
-    for (const char* folder : {"app/", "framework/", "d3/", "net/"})
-      if (block.find(std::string("../") + folder) != std::string::npos ||
-          block.find(std::string(GLIMRA_SOURCE_DIR "/") + folder) != std::string::npos) {
-        found.push_back(block);
-        break;
-      }
-  }
-  return found;
-}
-
 int Program::WaitExit(int ms) {
   if (pid_ <= 0) return -1;
   const auto end = Clock::now() + std::chrono::milliseconds(ms);
@@ -406,8 +455,7 @@ int Program::WaitExit(int ms) {
     int status = 0;
     if (waitpid(pid_, &status, WNOHANG) == pid_) {
       pid_ = -1;
-      if (leakCheck_)
-        for (const std::string& leak : OwnLeaks(ReadFile("out.txt"))) ADD_FAILURE() << leak;
+      for (const std::string& leak : OwnLeaks(ReadFile("out.txt"))) ADD_FAILURE() << leak;
       return WIFEXITED(status) ? WEXITSTATUS(status) : -2;
     }
     if (MsLeft(end) <= 0) return -1;
@@ -442,11 +490,7 @@ std::string Program::ReadFile(const std::string& name) const { return ::ReadFile
 bool Program::WaitForLog(const std::string& text, int ms, int count) const {
   const auto end = Clock::now() + std::chrono::milliseconds(ms);
   for (;;) {
-    const std::string log = Log();
-    int seen = 0;
-    for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
-      ++seen;
-    if (seen >= count) return true;
+    if (Count(Log(), text) >= count) return true;
     if (MsLeft(end) <= 0) return false;
     Pause();
   }

@@ -2,11 +2,8 @@
 // outside, the way a person or another program would: UDP datagrams to its command port, keys
 // through xdotool, the screen read back with xwd, its log and configuration files.
 //
-// Each Program gets its own temporary folder (the program makes its own folder the working
-// directory) with a copy of the runnable folder of the build
-// (GLIMRA_BUILD_DIR: glimra, glimra.ini, fonts/), its own command port and an 800 x 600 window
-// that writes debug lines into QLOG.txt. The folder and the process go when the Program does.
-// Waits poll with time-outs; nothing here sleeps a fixed time longer than a poll step.
+// Each Program gets its own temporary folder with a copy of the build's runnable folder, its own
+// command port and an 800 x 600 window that logs into QLOG.txt; both go with the Program.
 #pragma once
 
 #include <sys/types.h>
@@ -21,19 +18,20 @@
 
 namespace e2e {
 
-// ---- The private X server ----
-// Starts Xvfb at w x h x 24 on a free display (-displayfd) and points DISPLAY at it. False when
-// Xvfb is missing or does not come up.
+// Time-outs: software GL under the sanitizers is slow to come up.
+constexpr int kStartMs = 30000, kStepMs = 10000;
+
+// Starts the X server `exe` with `args` on a free display and points DISPLAY at it.
+bool StartX(const char* exe, const std::vector<std::string>& args);
+// Xvfb at w x h x 24.
 bool StartXvfb(int w, int h);
-void StopXvfb();
+void StopX();
 // True when Xvfb, xdotool and xwd are installed.
 bool HaveTools();
-// True when `tool` is on PATH.
-bool Have(const char* tool);
+bool Have(const char* tool);  // on PATH
 // What the shell command writes to its standard output ("" when it cannot run).
 std::string Capture(const std::string& cmd);
 
-// ---- The screen ----
 struct Screen {
   int width = 0;
   int height = 0;
@@ -54,28 +52,31 @@ inline bool Is(uint32_t c, uint32_t want, int tol = 24) {
 }
 // Colours the end-to-end pictures use; far apart, so a tolerance of 24 tells them apart.
 constexpr uint32_t kRed = 0xDC1414, kGreen = 0x14DC14, kBlue = 0x1414DC, kWhite = 0xE6E6E6;
-// Parses an X window dump of a true-colour visual (24 or 32 bits per pixel). False for anything
-// else or a dump shorter than its header says.
-bool ParseXwd(const std::string& data, Screen* out);
 // The whole root window of DISPLAY.
 bool GrabScreen(Screen* out);
 // Grabs until `ok` holds or `ms` pass; answers the last grab's verdict (the grab stays in `out`).
 bool WaitForScreen(const std::function<bool(const Screen&)>& ok, int ms, Screen* out);
 
-// ---- Pictures ----
 // Writes a w x h picture whose pixel (x, y from the top) is `color(x, y)` (0xRRGGBB) as a JPEG
 // (quality 95; ".jpg" or ".jpeg" in any case) or a 32-bit Targa, chosen by the name's extension.
 bool WritePicture(const std::string& path, int w, int h,
                   const std::function<uint32_t(int x, int y)>& color);
+// Photo-like: smooth colour fields with fine detail and some grain.
+uint32_t Photo(int x, int y);
+// A 40 x 30 picture of one colour.
+bool Uniform(const std::string& path, uint32_t c);
 // Puts a minimal EXIF segment carrying only `orientation` right after a JPEG's start marker.
 bool SetJpegOrientation(const std::string& path, int orientation);
 // A 400 x 300 JPEG of stored quadrants (red top-left, green top-right, blue bottom-left, white
 // bottom-right) that asks for `orientation`.
 bool WriteQuadrants(const std::string& path, int orientation);
 
-// ---- Processes and ports ----
-// The leak reports in a sanitizer's output whose stack passes through the program's own code.
-std::vector<std::string> OwnLeaks(const std::string& out);
+// Times `text` occurs in `in`.
+int Count(const std::string& in, const std::string& text);
+// Processor time process `pid` has used (user and system) in ms; -1 when unknown.
+long CpuMs(pid_t pid);
+// The number after `key` ("VmRSS:", "rchar:") in /proc/<pid>/<file>; -1 when unknown.
+long long ProcValue(pid_t pid, const char* file, const char* key);
 // Processes on the machine whose executable is named glimra.
 int RunningCopies();
 // A UDP port of 127.0.0.1 that was free a moment ago.
@@ -109,13 +110,9 @@ class Program {
   bool SetKey(const char* key, const char* value);
   // The value of a key as the file now holds it ("" when missing).
   std::string Key(const char* key) const;
+  // Waits until glimra.ini holds key=value.
+  bool WaitForKey(const char* key, const std::string& value, int ms = kStepMs) const;
 
-  // Under AddressSanitizer, LeakSanitizer reports at the program's exit (on by default; off for a
-  // test that kills the program, which then has no orderly exit), and WaitExit fails the test
-  // for every reported leak whose allocation passed through the program's own code (the GL
-  // driver and the system libraries keep blocks to the end, which is theirs to do). Takes
-  // effect at Start.
-  void CheckLeaksAtExit(bool on) { leakCheck_ = on; }
   // Runs the folder's glimra, started from "/", with the optional argument; output goes to
   // "out.txt" in the folder.
   bool Start(const char* arg = nullptr);
@@ -123,8 +120,13 @@ class Program {
   bool Run(const std::string& exe, const std::vector<std::string>& args,
            const std::string& cwd = "");
   pid_t Pid() const { return pid_; }
-  // The exit status once it ended within `ms`; -1 on time-out, -2 when a signal ended it.
+  // The exit status once it ended within `ms`; -1 on time-out, -2 when a signal ended it. Under
+  // AddressSanitizer every leak reported at exit whose allocation passed through our own code
+  // fails the test (the GL driver's and the system's blocks are theirs).
   int WaitExit(int ms);
+  // Expects the program to end with `status` through the orderly exit path, which releases the
+  // slideshow.
+  void ExpectOrderlyExit(int status = 0);
   // The program's window, once it exists (within `ms`); "" otherwise.
   std::string WindowId(int ms);
   // Focuses the window and types `keys` (xdotool key names, blank-separated), `delayMs` apart.
@@ -141,7 +143,6 @@ class Program {
   std::string dir_;
   int port_ = 0;
   pid_t pid_ = -1;
-  bool leakCheck_ = true;
 };
 
 // A test suite on its own W x H Xvfb: skipped when the tools (or `also`, a further program the
@@ -153,7 +154,7 @@ class ScreenTest : public ::testing::Test {
   static void SetUpTestSuite() {
     if (HaveTools() && (!also_ || Have(also_))) xvfb_ = StartXvfb(W, H);
   }
-  static void TearDownTestSuite() { StopXvfb(); }
+  static void TearDownTestSuite() { StopX(); }
   void SetUp() override {
     if (!xvfb_)
       GTEST_SKIP() << "needs Xvfb, xdotool and xwd" << (also_ ? " and " : "") << (also_ ? also_ : "");
@@ -162,8 +163,14 @@ class ScreenTest : public ::testing::Test {
 #endif
     if (RunningCopies() > 0) GTEST_SKIP() << "another glimra is running";
   }
+  // Waits until the centre of the screen shows `want`.
+  bool Shows(uint32_t want, int ms = kStepMs) {
+    return WaitForScreen([&](const Screen& s) { return Is(s.At(W / 2, H / 2), want); }, ms,
+                         &screen_);
+  }
   static inline bool xvfb_ = false;
   static inline const char* also_ = nullptr;
+  Screen screen_;
 };
 
 }  // namespace e2e

@@ -2,7 +2,6 @@
 // one leaves the old archive readable.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -13,34 +12,17 @@
 #include <vector>
 
 #include "framework/qarchive.h"
+#include "support/e2e.h"
 #include "support/tempdir.h"
 
 namespace {
 
 const std::string kTool = std::string(GLIMRA_BUILD_DIR) + "/tools/glimra-ar";
 
-// Starts the tool with `args` in `dir`, output discarded; the child's pid.
-pid_t Start(const std::string& dir, std::vector<std::string> args) {
-  const pid_t pid = fork();
-  if (pid != 0) return pid;
-  if (chdir(dir.c_str()) != 0) _exit(126);
-  if (!freopen("/dev/null", "w", stdout) || !freopen("/dev/null", "w", stderr)) _exit(125);
-  std::vector<char*> argv{const_cast<char*>(kTool.c_str())};
-  for (std::string& a : args) argv.push_back(&a[0]);
-  argv.push_back(nullptr);
-  execv(kTool.c_str(), argv.data());
-  _exit(127);
-}
-
-// Exit status, or -signal when a signal ended it.
-int Wait(pid_t pid) {
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
-
-int RunTool(const std::string& dir, std::vector<std::string> args) {
-  return Wait(Start(dir, args));
+// Runs the tool with `args` in `dir`; its exit status (-2 when a signal ended it).
+int RunTool(const std::string& dir, const std::vector<std::string>& args) {
+  e2e::Program p;
+  return p.MakeDir() && p.Run(kTool, args, dir) ? p.WaitExit(60000) : -1;
 }
 
 // The member's bytes as the archive gives them back ("" when it cannot).
@@ -73,10 +55,12 @@ TEST_F(GlimraAr, KilledAddLeavesTheOldArchiveReadable) {
   int interrupted = 0;
   for (int round = 0; round < 8; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
-    const pid_t pid = Start(dir_, {"add", "data.ar", "big.bin", "big" + std::to_string(round)});
+    e2e::Program p;
+    ASSERT_TRUE(p.MakeDir());
+    ASSERT_TRUE(p.Run(kTool, {"add", "data.ar", "big.bin", "big" + std::to_string(round)}, dir_));
     std::this_thread::sleep_for(std::chrono::milliseconds(random() % 150));
-    kill(pid, SIGKILL);
-    interrupted += Wait(pid) == -SIGKILL;
+    kill(p.Pid(), SIGKILL);
+    interrupted += p.WaitExit(60000) == -2;
     EXPECT_TRUE(Survives());
   }
   EXPECT_GE(interrupted, 4);
