@@ -16,11 +16,6 @@
 
 namespace {
 
-struct QFreeDeleter {
-  void operator()(uint8_t* p) const { qfree(p); }
-};
-using QBlock = std::unique_ptr<uint8_t, QFreeDeleter>;
-
 using Clock = std::chrono::steady_clock;
 double MsSince(Clock::time_point t) {
   return std::chrono::duration<double, std::milli>(Clock::now() - t).count();
@@ -29,11 +24,11 @@ double MsSince(Clock::time_point t) {
 // The whole file in one block: a real file, or a member of an archive attached to the virtual
 // file system. Null for anything else (a FIFO, a device or a directory is never opened: it could
 // block for ever or has no picture in it).
-QBlock ReadWhole(const char* path, size_t* size) {
+// `st` is the path's stat, null when there is none.
+QBlock ReadWhole(const char* path, const struct stat* st, size_t* size) {
   *size = 0;
-  struct stat st;
-  const bool real = stat(path, &st) == 0;
-  if (real && !S_ISREG(st.st_mode)) return nullptr;
+  const bool real = st != nullptr;
+  if (real && !S_ISREG(st->st_mode)) return nullptr;
   std::unique_ptr<QFile> file;
   if (QVirtualFileSystem* vfs = QGetVirtualFileSystem()) {
     file.reset(vfs->OpenFile(path, QFile::READ));
@@ -91,13 +86,20 @@ void LoadedPicture::QuadSize(int* w, int* h) const {
   *h = fit.windowHeight;
 }
 
-FileStamp StampOf(const char* path) {
+namespace {
+
+FileStamp StampOf(const struct stat& st) {
   FileStamp s;
-  struct stat st;
-  if (!path || stat(path, &st) != 0) return s;
   s.size = int64_t(st.st_size);
   s.modified = int64_t(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
   return s;
+}
+
+}  // namespace
+
+FileStamp StampOf(const char* path) {
+  struct stat st;
+  return path && stat(path, &st) == 0 ? StampOf(st) : FileStamp();
 }
 
 void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, LoadedPicture* out,
@@ -107,11 +109,14 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
   out->fit = fit;
   out->grey = grey;
   const char* source = file ? file->c_str() : path.c_str();
-  out->stamp = StampOf(source);
+  // One look at the file serves the change check and the refusal of what is not a file.
+  struct stat st;
+  const bool exists = stat(source, &st) == 0;
+  if (exists) out->stamp = StampOf(st);
 
   auto phase = Clock::now();
   size_t size = 0;
-  const QBlock bytes = ReadWhole(source, &size);
+  const QBlock bytes = ReadWhole(source, exists ? &st : nullptr, &size);
   out->readMs = MsSince(phase);
 
   phase = Clock::now();

@@ -424,7 +424,8 @@ void RaceManager::Run() {
   app->SetIdleProc(&RaceManager::IdleProc);
   app->SetExitProc(&RaceManager::ExitProc);
   for (;;) {
-    // Asleep until a key, a window event or a datagram comes; a frame still owed is drawn at once.
+    // Asleep until a key, a window event, a datagram or a folder change comes, or until what the
+    // loop does by itself (a frame owed, a fade's next frame, the advance) is due.
     QEventWait(SleepMs());
     // Before the keys, so that a step goes to the folder as it now is.
     FollowFolder();

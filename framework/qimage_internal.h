@@ -19,12 +19,6 @@
 
 namespace qimage_detail {
 
-// Owner of a block from the counted allocator.
-struct QFreeDeleter {
-  void operator()(void* p) const { qfree(p); }
-};
-using QBlock = std::unique_ptr<uint8_t, QFreeDeleter>;
-
 // Owner of a stream opened with qfopen.
 struct QFcloseDeleter {
   void operator()(FILE* fp) const {

@@ -8,12 +8,20 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <memory>
 
 // Plain entry points; qfree(nullptr) does nothing. A size that cannot be represented answers
 // null (and still counts).
 void* qmalloc(size_t size);
 void* qcalloc(size_t size);
 void qfree(void* p);
+
+// Owner of a block from qmalloc.
+struct QFreeDeleter {
+  void operator()(void* p) const { qfree(p); }
+};
+using QBlock = std::unique_ptr<uint8_t, QFreeDeleter>;
 // Zero-filled copy of length + 1 bytes; null in, null out.
 char* qstrdup(const char* s);
 
