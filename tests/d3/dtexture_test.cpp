@@ -183,3 +183,41 @@ TEST(DTextureFormat, InternalFormatRule) {
 }
 
 }  // namespace
+
+// The drawable kind copies what was drawn; the volume kind stacks equal slices in depth order and
+// refuses a slice of another size by its index.
+TEST(DTextureKinds, DrawableCopiesWhatWasDrawnAndVolumeStacksItsSlices) {
+  NEED_WINDOW();
+  DGlobal::SetLinearColour(true);  // plain byte values both ways
+  QCanvas canvas(win);
+  canvas.SetClearColor(10, 200, 30, 255);
+  ASSERT_TRUE(canvas.Clear());
+  DDrawableTexture drawn(4, 2, "drawn");
+  ASSERT_TRUE(drawn.CopyFromScreen(5, 5));
+  uint8_t px[4 * 2 * 4] = {};
+  drawn.Select();
+  glGetTexImage(GL_TEXTURE_2D, 0, GL_RGBA, GL_UNSIGNED_BYTE, px);
+  for (int i = 0; i < 8; ++i)
+    EXPECT_TRUE(px[i * 4] == 10 && px[i * 4 + 1] == 200 && px[i * 4 + 2] == 30) << "pixel " << i;
+
+  QBitMap a(32, 2, 1), b(32, 2, 1), odd(32, 1, 2);
+  for (int i = 0; i < 8; ++i) a.GetBuffer()[i] = uint8_t(i + 1), b.GetBuffer()[i] = uint8_t(100 + i);
+  DTexture3D volume("volume");
+  LogCapture log;
+  QBitMap* mixed[] = {&a, &odd};
+  EXPECT_FALSE(volume.FromBitMaps(mixed, 2));
+  EXPECT_TRUE(log.Seen("DTexture3D:FromBitMaps(); slice 1 is not 2x1 (volume)"));
+  QBitMap* slices[] = {&a, &b};
+  ASSERT_TRUE(volume.FromBitMaps(slices, 2));
+  EXPECT_EQ(volume.GetDepth(), 2);
+  uint8_t got[16] = {};
+  volume.Select();
+  glGetTexImage(GL_TEXTURE_3D, 0, GL_RGBA, GL_UNSIGNED_BYTE, got);
+  EXPECT_EQ(std::string(got, got + 8), std::string(a.GetBuffer(), a.GetBuffer() + 8));
+  EXPECT_EQ(std::string(got + 8, got + 16), std::string(b.GetBuffer(), b.GetBuffer() + 8));
+  DGlobal::FollowFramebuffer();
+
+  // The name table keeps 200 characters of a name.
+  DTextureSetLastKnownTextureName(199, std::string(300, 'x').c_str());
+  EXPECT_EQ(std::string(DTextureGetLastKnownTextureName(199)), std::string(200, 'x'));
+}

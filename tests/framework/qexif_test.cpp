@@ -157,15 +157,23 @@ TEST(QExifSegment, SubDirectoryPointersBackToTheFirstDirectoryEnd) {
   // Tag 37385 is the flash of the EXIF directory; a value there shows it was read that way.
   QExif x;
   SegmentBuilder s;
-  s.U16(4);
+  s.U16(6);
   s.Entry(274, kShort, 1, 3);
   s.Entry(37385, kShort, 1, 1);
   s.Entry(34665, kLong, 1, 8);  // both pointers lead back to IFD0
   s.Entry(34853, kLong, 1, 8);
+  // The same 1/4 as a rational and as a signed one, which is taken but carries no decoded value.
+  constexpr uint16_t kRational = 5, kSignedRational = 10;
+  const uint32_t quarter = 8 + 2 + 6 * 12 + 4;
+  s.Entry(33434, kRational, 1, quarter);
+  s.Entry(37380, kSignedRational, 1, quarter);
   s.U32(0);
+  s.U32(1), s.U32(4);
   ASSERT_EQ(s.Parse(&x), 0);
   EXPECT_EQ(x.orientation, 3);
   EXPECT_EQ(x.flash, 1);
+  EXPECT_DOUBLE_EQ(x.exposureTime, 0.25);
+  EXPECT_DOUBLE_EQ(x.exposureBias, 0);
 }
 
 TEST(QExifSegment, FailureKeepsFieldsReadSoFar) {

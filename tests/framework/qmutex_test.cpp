@@ -1,4 +1,4 @@
-// QMutex: time-outs, recursion and mutual exclusion.
+// QMutex: time-outs, recursion, mutual exclusion and the lock count.
 #include "framework/qmutex.h"
 
 #include <gtest/gtest.h>
@@ -93,4 +93,26 @@ TEST(QMutexLocking, RecursiveFromOneThreadExclusiveForOthers) {
     EXPECT_EQ(counter, 8000) << "type " << type;
     EXPECT_EQ(m.GetLockCount(), 0);
   }
+}
+
+// Ownership taken at construction holds the mutex but is not a counted lock, so the first Unlock
+// is reported as one too many; the count errors of the other kinds read the same way.
+TEST(QMutexLocking, OwnershipFromConstructionIsNotCountedAndSurplusUnlocksAreReported) {
+  LogCapture log;
+  QMutex owned("owned", QMutex::MUTEX, true);
+  EXPECT_FALSE(owned.IsLocked());
+  EXPECT_FALSE(LockElsewhere(owned, 0));
+  EXPECT_TRUE(owned.Unlock());
+  EXPECT_TRUE(log.Seen("QMutex is released more often than locked -1"));
+  EXPECT_TRUE(LockElsewhere(owned, 0));
+
+  // A real mutex refuses an unlock by a thread that does not hold it; the count stays.
+  QMutex m("held", QMutex::MUTEX);
+  ASSERT_TRUE(m.Lock());
+  bool result = true;
+  std::thread([&] { result = m.Unlock(); }).join();
+  EXPECT_FALSE(result);
+  EXPECT_TRUE(log.Seen("QMutex:Unlock(); failed"));
+  EXPECT_EQ(m.GetLockCount(), 1);
+  EXPECT_TRUE(m.Unlock());
 }

@@ -1,4 +1,4 @@
-// QThread: the thread table and start; sleep and the timer.
+// QThread: the thread table, start and kill; sleep and the timer.
 #include "framework/qthread.h"
 
 #include <gtest/gtest.h>
@@ -43,6 +43,15 @@ struct Worker {
   }
 };
 
+// Spins without any cancellation point until it is killed.
+struct Spinner {
+  std::atomic<long> turns{0};
+  static void Run(void* arg) noexcept {
+    auto* s = static_cast<Spinner*>(arg);
+    for (;;) s->turns.fetch_add(1, std::memory_order_relaxed);
+  }
+};
+
 }  // namespace
 
 TEST(QThreadRun, RunsEntryWithArgumentAndRecordsItsId) {
@@ -80,6 +89,22 @@ TEST(QThreadRun, FiftyFirstThreadRunsButIsNotListed) {
   EXPECT_TRUE(log.Seen("RemoveThread(); can't find thread"));
   threads.clear();
   EXPECT_EQ(QThread::ListedCount(), QTHREAD_MAX - free);
+}
+
+// Kill ends a thread at once, even one that never reaches a cancellation point inside a noexcept
+// frame (unwinding through it would abort), and the process goes on.
+TEST(QThreadRun, KillEndsASpinningThreadAndTheProcessGoesOn) {
+  static Spinner spinner;
+  QThread spin(Spinner::Run, &spinner, "spin");
+  ASSERT_TRUE(spin.Create());
+  ASSERT_TRUE(WaitFor([] { return spinner.turns > 0; }));
+  const std::string task = "/proc/self/task/" + std::to_string(spin.GetThreadID());
+  EXPECT_EQ(access(task.c_str(), F_OK), 0);
+  EXPECT_TRUE(spin.Kill());
+  EXPECT_TRUE(WaitFor([&] { return access(task.c_str(), F_OK) != 0; }));
+  const long turns = spinner.turns;
+  qSleep(20);
+  EXPECT_EQ(spinner.turns.load(), turns);
 }
 
 TEST(QThreadServices, TheTimerFreezesWhenStopped) {
