@@ -1,11 +1,14 @@
 // glimra: the program's entry. Picks the working directory, and either starts the slideshow or,
 // when a copy already runs, hands the argument to it over UDP and ends.
 #include <dirent.h>
+#include <fcntl.h>
 #include <malloc.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -14,6 +17,7 @@
 #include "app/slideshow.h"
 #include "framework/qapp.h"
 #include "framework/qdir.h"
+#include "framework/qevent.h"
 #include "framework/qini.h"
 #include "framework/qmessage.h"
 #include "framework/qstring.h"
@@ -119,9 +123,47 @@ std::string HandOffPath(const char* arg, const qstring& startDir) {
   return stat(joined.c_str(), &st) == 0 ? joined : std::string(arg);
 }
 
+// The main loop sleeps until something happens, and a handler may not post the event that wakes
+// it: the handler writes a byte here instead, and a thread that waits for that byte wakes the loop.
+int g_stopPipe[2] = {-1, -1};
+
 // A stop from outside (systemd, Ctrl+C, a closed terminal): the main loop ends the program
 // through its exit procedure at the end of its cycle.
-void OnStopSignal(int sig) { RaceManager::RequestStop(sig); }
+void OnStopSignal(int sig) {
+  const int saved = errno;
+  RaceManager::RequestStop(sig);
+  const char byte = 0;
+  // Never blocks: a full pipe already holds a wake.
+  if (g_stopPipe[1] >= 0 && write(g_stopPipe[1], &byte, 1) < 0) {
+  }
+  errno = saved;
+}
+
+void* WakeOnStopSignal(void*) {
+  char byte;
+  for (;;) {
+    const ssize_t n = read(g_stopPipe[0], &byte, 1);
+    if (n > 0)
+      QEventWake();
+    else if (n == 0 || errno != EINTR)
+      return nullptr;
+  }
+}
+
+// False when the waker could not be made; a stop is then seen at the loop's next wake.
+bool StartStopWaker() {
+  pthread_t waker;
+  if (pipe2(g_stopPipe, O_CLOEXEC) != 0) return false;
+  fcntl(g_stopPipe[1], F_SETFL, O_NONBLOCK);
+  if (pthread_create(&waker, nullptr, &WakeOnStopSignal, nullptr) != 0) {
+    close(g_stopPipe[0]);
+    close(g_stopPipe[1]);
+    g_stopPipe[0] = g_stopPipe[1] = -1;
+    return false;
+  }
+  pthread_detach(waker);
+  return true;
+}
 
 // A crash: give the monitor its desktop mode back, then die of the same signal. Leaving full
 // screen is not async-signal-safe; the handler runs once (SA_RESETHAND), and the alarm ends a
@@ -133,6 +175,9 @@ void OnCrashSignal(int sig) {
 }
 
 void InstallSignalHandlers() {
+  if (!StartStopWaker())
+    QWARN("main", "Can't start the stop-signal waker (%s); a stop waits for the next wake",
+          strerror(errno));
   struct sigaction stop {};
   stop.sa_handler = &OnStopSignal;
   sigemptyset(&stop.sa_mask);
@@ -177,7 +222,7 @@ int main(int argc, char** argv) {
         "Usage: glimra [PICTURE]\n"
         "       glimra --help | --version\n"
         "\n"
-        "Shows the JPEG and Targa pictures of its folder, or of app.startup_directory in\n"
+        "Shows the JPEG, PNG and Targa pictures of its folder, or of app.startup_directory in\n"
         "glimra.ini, one at a time and fitted to the screen's height; starts with PICTURE when\n"
         "one is given. When a copy already runs, hands PICTURE to it (the UDP datagram\n"
         "\"load PICTURE\" to 127.0.0.1, port network.port) and ends.\n"

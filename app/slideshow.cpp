@@ -135,7 +135,7 @@ void RaceManager::Setup(const char* arg) {
   CommandListenAddress(ini.get(), &listen);
   commands.reset(new CommandChannel());
   commands->Open(netPort, listen.cstr());
-  // A developer's knob: how often the idle procedure runs at the least.
+  // A developer's knob: the longest the loop sleeps (0, the default: until something happens).
   idleSleepMs = ini->GetInt("dev.idle_sleep_ms", IDLE_SLEEP_MS);
   if (idleSleepMs < 0) idleSleepMs = 0;
 
@@ -402,18 +402,17 @@ void RaceManager::AdvanceStep() {
 int RaceManager::SleepMs() const {
   using namespace std::chrono;
   if (dirty && !fadeStarted) return 0;
-  int ms = idleSleepMs;
+  // Without a limit (-1) the loop sleeps until something wakes it.
+  long long ms = idleSleepMs > 0 ? idleSleepMs : -1;
+  const auto atMost = [&ms](long long due) { ms = ms < 0 ? due : std::min(ms, due); };
   // A fade draws a frame every 16 ms at the most; where the swap waits for the display's
   // refresh, that wait counts towards it.
-  if (fadeStarted) {
-    const auto since = duration_cast<milliseconds>(steady_clock::now() - frameAt).count();
-    ms = std::min<long long>(ms, std::max<long long>(0, 16 - since));
-  }
-  if (advanceMs > 0 && !newPicture) {
-    const auto left = duration_cast<milliseconds>(advanceAt - steady_clock::now()).count();
-    ms = std::min<long long>(ms, std::max<long long>(0, left + 1));
-  }
-  return ms;
+  const auto now = steady_clock::now();
+  if (fadeStarted)
+    atMost(std::max<long long>(0, 16 - duration_cast<milliseconds>(now - frameAt).count()));
+  if (advanceMs > 0 && !newPicture)
+    atMost(std::max<long long>(0, duration_cast<milliseconds>(advanceAt - now).count() + 1));
+  return int(ms);
 }
 
 void RaceManager::Run() {

@@ -46,9 +46,10 @@ class RaceManager {
   static constexpr int MAX_IMAGES = 2000;
   // `flags` bit: the information overlay is shown.
   static constexpr uint32_t SHOW_INFO = 2;
-  // Default of "dev.idle_sleep_ms": the longest the main loop sleeps when nothing happens, and
-  // so the longest gap between two runs of the idle procedure.
-  static constexpr int IDLE_SLEEP_MS = 100;
+  // Default of "dev.idle_sleep_ms", the longest the main loop sleeps when nothing happens: 0
+  // sleeps until something does (a key, a window event, a datagram, a folder change, a signal,
+  // or what the loop itself has due), so an idle display costs no processor time.
+  static constexpr int IDLE_SLEEP_MS = 0;
 
   // Milliseconds spent in each phase of the last successful load: reading the file, decoding,
   // reducing to the quad's size, the grey conversion (0 when black-and-white is off), the EXIF
@@ -138,7 +139,8 @@ class RaceManager {
   // no faster than the interval.
   void AdvanceStep();
   // How long the main loop may sleep before the next thing it has to do by itself (a frame
-  // owed, a fade's next frame, the advance); at most the idle pause.
+  // owed, a fade's next frame, the advance); at most the idle pause when one is set; -1 when
+  // nothing is due.
   int SleepMs() const;
 
   // ---- Main loop ----
@@ -169,7 +171,6 @@ class RaceManager {
   const DBitMapTexture* GetTexture() const { return texture.get(); }
   const DMesh* GetMesh() const { return mesh.get(); }
   const LoadTimes& GetLoadTimes() const { return loadTimes; }
-  int GetIdleSleepMs() const { return idleSleepMs; }
   // Attach a configuration (owned from then on) and the window to draw into (borrowed) without
   // the rest of the start-up; Setup uses them, and so can tests and tools that drive the
   // catalogue and the loader. Without a window nothing is painted and no quad is made.
@@ -201,7 +202,7 @@ class RaceManager {
 
   std::unique_ptr<QCanvas> canvas;  // the window canvas, made with the window
   LoadTimes loadTimes;
-  int idleSleepMs = IDLE_SLEEP_MS;  // read once by Setup; never negative
+  int idleSleepMs = IDLE_SLEEP_MS;  // read once by Setup; never negative, 0 for no limit
   std::unique_ptr<CommandChannel> commands;
   std::unique_ptr<Prefetcher> prefetcher;  // made by Setup; tests and tools load directly
   // Automatic advance ("effects.advance_seconds"; 0: off): the next step is due at
