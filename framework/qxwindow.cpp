@@ -2,8 +2,12 @@
 #include "framework/qxwindow.h"
 
 #include <SDL.h>
+#include <SDL_syswm.h>
+#include <X11/Xatom.h>
+#include <X11/Xlib.h>
 
 #include <GL/gl.h>
+#include <cstring>
 
 #include "framework/qapp_display.h"
 #include "framework/qbitmap.h"
@@ -21,6 +25,28 @@ QXWindow::~QXWindow() { DestroyNative(); }
 void QXWindow::SetFullScreenSettings(const QFullScreenSettings* s) {
   settings_ = s ? *s : QFullScreenSettings();
 }
+
+namespace {
+
+// Under X11, a window whose full-screen state is set before it is mapped is put up full screen by
+// the window manager at once. SDL's own switch, made after mapping, waits up to 100 ms for the
+// window to change, and one that already covers the desktop never does. False when the window is
+// not an X11 one.
+bool AskFullScreenBeforeMap(SDL_Window* window) {
+  if (strcmp(SDL_GetCurrentVideoDriver() ? SDL_GetCurrentVideoDriver() : "", "x11") != 0)
+    return false;
+  SDL_SysWMinfo info;
+  SDL_VERSION(&info.version);
+  if (!SDL_GetWindowWMInfo(window, &info) || info.subsystem != SDL_SYSWM_X11) return false;
+  Display* display = info.info.x11.display;
+  Atom state = XInternAtom(display, "_NET_WM_STATE", False);
+  Atom fullScreen = XInternAtom(display, "_NET_WM_STATE_FULLSCREEN", False);
+  XChangeProperty(display, info.info.x11.window, state, XA_ATOM, 32, PropModeReplace,
+                  reinterpret_cast<unsigned char*>(&fullScreen), 1);
+  return true;
+}
+
+}  // namespace
 
 bool QXWindow::CreateNative() {
   Uint32 flags = SDL_WINDOW_OPENGL;
@@ -45,12 +71,19 @@ bool QXWindow::CreateNative() {
                        (settings_.refreshRate <= 0 || current.refresh_rate == settings_.refreshRate ||
                         current.refresh_rate == 0);
   if (desktopFullScreen_) {
-    flags |= SDL_WINDOW_FULLSCREEN_DESKTOP;
+    // Made hidden, covering the desktop, and shown once it is marked full screen.
+    flags |= SDL_WINDOW_HIDDEN;
+    if (SDL_GetDisplayBounds(0, &desk) == 0) x = desk.x, y = desk.y;
     w = current.w;
     h = current.h;
   }
   window_ = SDL_CreateWindow(GetName()[0] ? GetName() : "glimra", x, y, w, h, flags);
   if (!window_) return false;
+  if (desktopFullScreen_) {
+    if (!AskFullScreenBeforeMap(window_))
+      SDL_SetWindowFullscreen(window_, SDL_WINDOW_FULLSCREEN_DESKTOP);
+    SDL_ShowWindow(window_);
+  }
   nativeId_ = SDL_GetWindowID(window_);
   x_ = x;
   y_ = y;
