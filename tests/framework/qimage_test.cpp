@@ -1,25 +1,19 @@
 // QImage readers: fixtures written by ImageMagick and netpbm (tests/data/images, see
 // make_fixtures.sh) compared pixel for pixel with what those programs encoded; hand-made files
-// for the quirks and the faults; every fixture cut at every length and random bytes, which must
-// never crash (run under AddressSanitizer too).
+// for the quirks and the faults; every fixture cut at every length, which must never crash (run
+// under AddressSanitizer too; random bytes are the fuzz targets').
 #include "framework/qimage.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <random>
 #include <string>
 #include <vector>
 
-#include <jpeglib.h>
-
-#include "framework/qmessage.h"
 #include "framework/virtualfilesystem.h"
 #include "support/logcapture.h"
 #include "support/tempdir.h"
@@ -28,8 +22,9 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
+const std::string kImages = std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/";
 Bytes Fixture(const char* name) {
-  Bytes b = ReadBytes(std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/" + name);
+  Bytes b = ReadBytes(kImages + name);
   EXPECT_FALSE(b.empty()) << name;
   return b;
 }
@@ -48,11 +43,11 @@ uint32_t Rgba(int r, int g, int b, int a) {
 uint32_t Src(int x, int y, bool alpha = true) {
   return Rgba(40 * x + 10, 80 * y + 20, (30 * x * y + 5) % 256, alpha ? 255 - 20 * (x + y) : 255);
 }
-void ExpectSource(const QBitMap& bm, bool alpha, const char* what) {
-  ASSERT_EQ(bm.GetWidth(), 5) << what;
+void ExpectSource(const QBitMap& bm, bool alpha, const char* what, int w = 5) {
+  ASSERT_EQ(bm.GetWidth(), w) << what;
   ASSERT_EQ(bm.GetHeight(), 3) << what;
   for (int y = 0; y < 3; ++y)
-    for (int x = 0; x < 5; ++x) EXPECT_EQ(At(bm, x, y), Src(x, y, alpha)) << what << " " << x << "," << y;
+    for (int x = 0; x < w; ++x) EXPECT_EQ(At(bm, x, y), Src(x, y, alpha)) << what << " " << x << "," << y;
 }
 
 // Binary PGM/PPM written by ImageMagick (maxval 255): samples top row first.
@@ -71,7 +66,7 @@ Pnm ReadPnm(const char* name) {
   }
   return p;
 }
-// Largest difference of R, G, B from the reference; alpha must be 255.
+// Largest difference of R, G, B from the reference (grey: each the level); alpha must be 255.
 int MaxDiff(const QBitMap& bm, const Pnm& ref) {
   int worst = 0;
   for (int y = 0; y < ref.h; ++y)
@@ -97,9 +92,14 @@ class QImageTest : public TempDirTest {
     EXPECT_TRUE(WriteFile(Tmp(name), b)) << name;
     return Tmp(name);
   }
-  // Reads a fixture through the given reader; vfs chooses the Targa path.
-  static bool ReadFixture(QImage* img, const char* name) {
-    return img->Read((std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/" + name).c_str());
+  static bool ReadFixture(QImage* img, const char* name) { return img->Read((kImages + name).c_str()); }
+  // A JPEG from our writer under `name`: flat grey, or with `busy` a pattern that changes from
+  // pixel to pixel.
+  Bytes Jpeg(const std::string& name, int w, int h, bool busy = false) const {
+    QBitMap bm(32, w, h);
+    for (int i = 0; i < bm.GetSize(); ++i) bm.GetBuffer()[i] = busy ? uint8_t(i * 7 + i / w * 3) : 128;
+    EXPECT_TRUE(bm.Write(Tmp(name).c_str(), 3, 95)) << name;
+    return ReadBytes(Tmp(name));
   }
 
   QVirtualFileSystem vfs_;
@@ -115,36 +115,6 @@ Bytes Tga(int type, int depth, int w, int h, int descriptor, const Bytes& data, 
   return b;
 }
 
-// A JPEG of the given size written by libjpeg: flat grey, or with `busy` a pattern that changes
-// from pixel to pixel.
-Bytes MakeJpeg(int w, int h, bool busy = false) {
-  jpeg_compress_struct c;
-  jpeg_error_mgr err;
-  c.err = jpeg_std_error(&err);
-  jpeg_create_compress(&c);
-  unsigned char* out = nullptr;
-  unsigned long size = 0;
-  jpeg_mem_dest(&c, &out, &size);
-  c.image_width = JDIMENSION(w), c.image_height = JDIMENSION(h);
-  c.input_components = 3, c.in_color_space = JCS_RGB;
-  jpeg_set_defaults(&c);
-  jpeg_start_compress(&c, TRUE);
-  std::vector<uint8_t> row(size_t(w) * 3, 128);
-  JSAMPROW r = row.data();
-  while (c.next_scanline < c.image_height) {
-    for (size_t i = 0; busy && i < row.size(); ++i) row[i] = uint8_t(i * 7 + c.next_scanline * 13);
-    jpeg_write_scanlines(&c, &r, 1);
-  }
-  jpeg_finish_compress(&c);
-  Bytes b(out, out + size);
-  jpeg_destroy_compress(&c);
-  free(out);
-  return b;
-}
-
-}  // namespace
-
-// Choosing the reader, construction
 TEST_F(QImageTest, ReaderIsChosenByTheFirstSubstringAnywhereInThePath) {
   QImage img;
   EXPECT_TRUE(img.Read(Put("photo.JPEG", Fixture("photo.jpg")).c_str()));
@@ -162,7 +132,6 @@ TEST_F(QImageTest, ReaderIsChosenByTheFirstSubstringAnywhereInThePath) {
   EXPECT_TRUE(Logged("QImage ctor: can't load '" + Tmp("missing.jpg") + "'"));
 }
 
-// Targa, both paths
 TEST_F(QImageTest, TargaFixturesDecodeOnBothPaths) {
   for (bool inMemory : {false, true}) {
     QSetVirtualFileSystem(inMemory ? &vfs_ : nullptr);
@@ -196,38 +165,29 @@ TEST_F(QImageTest, TargaPacketAcrossALineFailsInMemoryAndIsCutOnTheStream) {
   QImage slow;
   ASSERT_TRUE(slow.Read(file.c_str()));
   // Bottom-left origin: the first line is the bottom one.
-  EXPECT_EQ(At(slow, 0, 1), Rgba(3, 2, 1, 4));
-  EXPECT_EQ(At(slow, 1, 1), Rgba(3, 2, 1, 4));
-  EXPECT_EQ(At(slow, 0, 0), Rgba(30, 20, 10, 40));
-  EXPECT_EQ(At(slow, 1, 0), Rgba(70, 60, 50, 80));
+  EXPECT_EQ((std::vector<uint32_t>{At(slow, 0, 1), At(slow, 1, 1), At(slow, 0, 0), At(slow, 1, 0)}),
+            (std::vector<uint32_t>{Rgba(3, 2, 1, 4), Rgba(3, 2, 1, 4), Rgba(30, 20, 10, 40), Rgba(70, 60, 50, 80)}));
 }
 
 TEST_F(QImageTest, TargaRefusalsAndLyingSizes) {
   const std::string pal = Put("pal.tga", Tga(1, 8, 2, 2, 0, Bytes(4 + 768, 0), 1));
   const std::string grey16 = Put("g16.tga", Tga(3, 16, 2, 2, 0, Bytes(8, 7)));
   const std::string wide = Put("wide.tga", Tga(2, 24, 16385, 1, 0, Bytes(16385 * 3, 1)));
-  for (bool inMemory : {false, true}) {
-    QSetVirtualFileSystem(inMemory ? &vfs_ : nullptr);
-    QImage img;
-    EXPECT_FALSE(img.Read(pal.c_str()));
-    EXPECT_FALSE(img.Read(wide.c_str()));
-    // Only the stream path takes 16-bit grey, deliberately with its pixels unset.
-    EXPECT_EQ(img.Read(grey16.c_str()), !inMemory);
-  }
-  EXPECT_TRUE(Logged("colormap is not supported"));
-  EXPECT_TRUE(Logged("QImage:ReadTGA(" + wide + "); too wide (max width=16384)"));
-  EXPECT_TRUE(Logged("QImage:ReadTGA(); no image loader for type 3, pixDepth 16"));
-
   // 100 bytes claiming 16384 x 16384 at 32 bits (a gigabyte of pixels).
   const std::string big = Put("big.tga", Tga(2, 32, 16384, 16384, 0, Bytes(82, 0)));
   const std::string bigRle = Put("bigrle.tga", Tga(10, 32, 16384, 16384, 0, Bytes(82, 0xFF)));
   for (bool inMemory : {false, true}) {
     QSetVirtualFileSystem(inMemory ? &vfs_ : nullptr);
     QImage img;
-    EXPECT_FALSE(img.Read(big.c_str()));
-    EXPECT_FALSE(img.Read(bigRle.c_str()));
+    for (const std::string& f : {big, bigRle}) EXPECT_FALSE(img.Read(f.c_str())) << f;
     EXPECT_EQ(img.GetBuffer(), nullptr);
+    for (const std::string& f : {pal, wide}) EXPECT_FALSE(img.Read(f.c_str())) << f;
+    // Only the stream path takes 16-bit grey, deliberately with its pixels unset.
+    EXPECT_EQ(img.Read(grey16.c_str()), !inMemory);
   }
+  EXPECT_TRUE(Logged("colormap is not supported"));
+  EXPECT_TRUE(Logged("QImage:ReadTGA(" + wide + "); too wide (max width=16384)"));
+  EXPECT_TRUE(Logged("QImage:ReadTGA(); no image loader for type 3, pixDepth 16"));
   // An identifier length of 128 or more moves the start back before the file.
   Bytes back = Tga(2, 24, 1, 1, 0, {1, 2, 3});
   back[0] = 0x90;
@@ -239,7 +199,6 @@ TEST_F(QImageTest, TargaRefusalsAndLyingSizes) {
   EXPECT_EQ(At(img, 0, 0), Rgba(3, 2, 1, 255));
 }
 
-// JPEG
 TEST_F(QImageTest, JpegMatchesTheReferenceDecode) {
   QImage img;
   for (auto [name, ref] : {std::pair{"photo.jpg", "photo_ref.ppm"},
@@ -261,12 +220,13 @@ TEST_F(QImageTest, JpegMatchesTheReferenceDecode) {
 
 TEST_F(QImageTest, JpegSizeLimitIs16384EachWay) {
   QImage img;
-  EXPECT_TRUE(img.Read(Put("edge.jpg", MakeJpeg(16384, 8)).c_str()));
+  Jpeg("edge.jpg", 16384, 8);
+  EXPECT_TRUE(img.Read(Tmp("edge.jpg").c_str()));
   EXPECT_EQ(img.GetWidth(), 16384);
   EXPECT_EQ(At(img, 16383, 7), Rgba(128, 128, 128, 255));
   for (auto [w, h] : {std::pair{16385, 8}, std::pair{8, 16385}}) {
-    const Bytes jpeg = MakeJpeg(w, h);
-    const std::string f = Put("over.jpg", jpeg);
+    const Bytes jpeg = Jpeg("over.jpg", w, h);
+    const std::string f = Tmp("over.jpg");
     EXPECT_FALSE(img.Read(f.c_str()));
     EXPECT_TRUE(Logged("QImage:ReadJPG(); (" + f + ") is " + std::to_string(w) + "x" +
                        std::to_string(h) + " large; supported only upto 16384x16384"));
@@ -277,7 +237,7 @@ TEST_F(QImageTest, JpegSizeLimitIs16384EachWay) {
 }
 
 TEST_F(QImageTest, JpegDecodesScaledAndShrinksWhileDecoding) {
-  const Bytes jpeg = MakeJpeg(203, 101, true);
+  const Bytes jpeg = Jpeg("s.jpg", 203, 101, true);
   int w = 0, h = 0;
   ASSERT_TRUE(QImage::ReadJPGSize(jpeg.data(), jpeg.size(), &w, &h));
   EXPECT_EQ(w * 1000 + h, 203101);
@@ -298,8 +258,8 @@ TEST_F(QImageTest, JpegDecodesScaledAndShrinksWhileDecoding) {
 
 TEST_F(QImageTest, JpegWarningsKeepWhatDecodedAndErrorsEndTheRead) {
   QImage img, whole;
-  const Bytes photo = MakeJpeg(64, 64, true);
-  ASSERT_TRUE(whole.Read(Put("whole.jpg", photo).c_str()));
+  const Bytes photo = Jpeg("whole.jpg", 64, 64, true);
+  ASSERT_TRUE(whole.Read(Tmp("whole.jpg").c_str()));
   const size_t rowBytes = size_t(whole.GetWidth()) * 4;
   // Only the end marker missing: the same picture.
   ASSERT_TRUE(img.Read(Put("noend.jpg", Bytes(photo.begin(), photo.end() - 2)).c_str()));
@@ -322,13 +282,10 @@ TEST_F(QImageTest, JpegWarningsKeepWhatDecodedAndErrorsEndTheRead) {
   EXPECT_FALSE(img.Read(Tmp("absent.jpg").c_str()));
 }
 
-// Windows bitmap
 TEST_F(QImageTest, BitmapRowsAreReadUnpadded) {
   QImage img;
   ASSERT_TRUE(ReadFixture(&img, "rgb24_w4.bmp"));
-  ASSERT_EQ(img.GetWidth(), 4);
-  for (int y = 0; y < 3; ++y)
-    for (int x = 0; x < 4; ++x) EXPECT_EQ(At(img, x, y), Src(x, y, false));
+  ExpectSource(img, false, "w4", 4);
 
   // 15-byte rows are padded to 16 in the file: the first row read is right, the next starts
   // one byte early (the padding) and is sheared.
@@ -368,7 +325,6 @@ TEST_F(QImageTest, BitmapShortOrLyingFiles) {
     for (int x = 0; x < 4; ++x) EXPECT_EQ(At(img, x, y), 0u) << x << "," << y;
 }
 
-// SGI RGB
 TEST_F(QImageTest, SgiInBothByteOrdersAndRunLength) {
   QImage img;
   for (const char* name : {"rgba_be.rgb", "rgba_le.rgb", "rgba_be_rle.rgb"}) {
@@ -377,11 +333,7 @@ TEST_F(QImageTest, SgiInBothByteOrdersAndRunLength) {
   }
   // One channel: green and blue copy red, alpha is opaque.
   ASSERT_TRUE(ReadFixture(&img, "grey_be_rle.rgb"));
-  Pnm ref = ReadPnm("grey_be_rle_ref.pgm");
-  for (int i = 0; i < 15; ++i) {
-    const int g = ref.px[size_t(i)];
-    EXPECT_EQ(At(img, i % 5, i / 5), Rgba(g, g, g, 255));
-  }
+  EXPECT_EQ(MaxDiff(img, ReadPnm("grey_be_rle_ref.pgm")), 0);
 }
 
 TEST_F(QImageTest, SgiLyingTablesAndOverlongRows) {
@@ -411,8 +363,6 @@ TEST_F(QImageTest, SgiLyingTablesAndOverlongRows) {
 }
 
 // Photoshop
-namespace {
-
 struct PsdBuilder {
   Bytes b;
   void U8(int v) { b.push_back(uint8_t(v)); }
@@ -435,8 +385,6 @@ struct PsdBuilder {
     U32(0), U8(1), U8('L');
   }
 };
-
-}  // namespace
 
 TEST_F(QImageTest, PsdLayersAreCompositedOverWhite) {
   QImage img;
@@ -482,8 +430,6 @@ TEST_F(QImageTest, PsdMaskOf36BytesFailsAndEdgesStayInside) {
 }
 
 // MIP
-namespace {
-
 Bytes Mip(int w, int h, int bytesPerRow, int pixelType, int cmapSize, const Bytes& pixels) {
   Bytes b = {'P', 'I', 'M', ' '};
   b.resize(12, 0);
@@ -508,8 +454,6 @@ Bytes Mip(int w, int h, int bytesPerRow, int pixelType, int cmapSize, const Byte
 }
 uint32_t Entry(int i) { return Rgba(255 - i, 16 * i, i, 200); }
 
-}  // namespace
-
 TEST_F(QImageTest, MipNibblesThroughThePalette) {
   QImage img;
   // 3 x 2, two bytes per row: the odd width skips each row's last low nibble.
@@ -519,25 +463,24 @@ TEST_F(QImageTest, MipNibblesThroughThePalette) {
   for (int y = 0; y < 2; ++y)
     for (int x = 0; x < 3; ++x) EXPECT_EQ(At(img, x, y), Entry(want[y][x]));
 
-  EXPECT_FALSE(img.Read(Put("b.mip", Mip(3, 2, 2, 2, 32, {1, 2, 3, 4})).c_str()));
-  EXPECT_TRUE(Logged("MIP with CMAP size!=64; unexpected"));
-  EXPECT_TRUE(Logged("Failed to read CMAP in " + Tmp("b.mip")));
-  EXPECT_FALSE(img.Read(Put("c.mip", Mip(3, 2, 2, 3, 64, {1, 2, 3, 4})).c_str()));
-  EXPECT_TRUE(Logged("MIP type 3 not yet supported"));
   Bytes wrong = Mip(3, 2, 2, 2, 64, {1, 2, 3, 4});
   wrong[3] = 'X';
-  EXPECT_FALSE(img.Read(Put("d.mip", wrong).c_str()));
-  EXPECT_TRUE(Logged("MIP image doesn't have correct header"));
-  EXPECT_FALSE(img.Read(Put("e.mip", Mip(100000, 100000, 50000, 2, 64, {1})).c_str()));
+  for (const auto& [file, message] : std::vector<std::pair<Bytes, std::string>>{
+           {Mip(3, 2, 2, 2, 32, {1, 2, 3, 4}), "MIP with CMAP size!=64; unexpected"},
+           {Mip(3, 2, 2, 2, 32, {1, 2, 3, 4}), "Failed to read CMAP in " + Tmp("x.mip")},
+           {Mip(3, 2, 2, 3, 64, {1, 2, 3, 4}), "MIP type 3 not yet supported"},
+           {wrong, "MIP image doesn't have correct header"},
+           {Mip(100000, 100000, 50000, 2, 64, {1}), ""}}) {
+    EXPECT_FALSE(img.Read(Put("x.mip", file).c_str())) << message;
+    EXPECT_TRUE(Logged(message)) << message;
+  }
 }
 
-// Hostile input: every reader, every cut, random bytes
-TEST_F(QImageTest, EveryReaderSurvivesTruncationAndNoise) {
+TEST_F(QImageTest, EveryReaderSurvivesEveryCut) {
   const char* fixtures[] = {"rgba32_bl.tga", "rle32.tga",     "rle24.tga",       "grey8.tga",
                             "photo.jpg",     "progressive.jpg", "cmyk.jpg",      "rgb24_w5.bmp",
                             "index8.bmp",    "rgba_be.rgb",   "rgba_be_rle.rgb", "grey_be_rle.rgb",
                             "layers.psd"};
-  std::mt19937 rng(1234);
   for (bool inMemory : {false, true}) {
     QSetVirtualFileSystem(inMemory ? &vfs_ : nullptr);
     for (const char* name : fixtures) {
@@ -552,13 +495,6 @@ TEST_F(QImageTest, EveryReaderSurvivesTruncationAndNoise) {
         if (inMemory && ext == ".tga") {
           EXPECT_FALSE(ok) << name << " cut at " << n;
         }
-      }
-      for (int round = 0; round < 20; ++round) {
-        Bytes noisy = whole;
-        for (int k = 0; k < 4; ++k) noisy[rng() % noisy.size()] = uint8_t(rng());
-        WriteFile(path, noisy);
-        QImage img;
-        img.Read(path.c_str());
       }
     }
   }
@@ -592,3 +528,5 @@ TEST_F(QImageTest, SizeBombsInTheFuzzCorporaAreRefusedAtOnce) {
   EXPECT_GE(bombs, 10);
   log_.Clear();
 }
+
+}  // namespace
