@@ -1,4 +1,5 @@
 // QArchive: the chunk codec, the file format, editing, hostile archives and real-data round trips.
+// Scrambled and cut archives are the fuzz targets'.
 #include "framework/qarchive.h"
 
 #include <gtest/gtest.h>
@@ -141,17 +142,15 @@ TEST(QArchiveCodec, OutputPastCapacityIsCountedNotWritten) {
 class QArchiveFileTest : public TempDirTest {
  protected:
   QArchiveFileTest() : TempDirTest("qarchive_test") {}
-  std::string Path(const std::string& name) const { return Tmp(name); }
   std::string Source(const std::string& name, const Bytes& data) const {
-    WriteFile(Tmp(name), data);
-    return Tmp(name);
+    return WriteFile(Tmp(name), data) ? Tmp(name) : "";
   }
   LogCapture log_;
 };
 
 TEST_F(QArchiveFileTest, MembersRoundTripAndList) {
   const Bytes text = TextLike(100000), noise = RandomBytes(3 * 16384 + 10, 3);
-  const std::string path = Path("a.ar");
+  const std::string path = Tmp("a.ar");
   {
     QArchive ar(path.c_str(), QArchive::CREATE);
     ASSERT_TRUE(ar.AddFile(Source("text", text).c_str(), "docs/text"));
@@ -169,14 +168,14 @@ TEST_F(QArchiveFileTest, MembersRoundTripAndList) {
 
   EXPECT_EQ(MemberBytes(&ar, "docs/text"), text);
   EXPECT_EQ(ar.OpenFile("empty"), nullptr);
-  ASSERT_TRUE(ar.DecompressFile("empty", Path("out").c_str()));
-  EXPECT_TRUE(ReadBytes(Path("out")).empty());
-  ASSERT_TRUE(ar.DecompressFile("noise", Path("out").c_str()));
-  EXPECT_EQ(ReadBytes(Path("out")), noise);
+  ASSERT_TRUE(ar.DecompressFile("empty", Tmp("out").c_str()));
+  EXPECT_TRUE(ReadBytes(Tmp("out")).empty());
+  ASSERT_TRUE(ar.DecompressFile("noise", Tmp("out").c_str()));
+  EXPECT_EQ(ReadBytes(Tmp("out")), noise);
 }
 
 TEST_F(QArchiveFileTest, CaseAndRemoval) {
-  const std::string path = Path("case.ar");
+  const std::string path = Tmp("case.ar");
   {
     QArchive ar(path.c_str(), QArchive::CREATE);
     ASSERT_TRUE(ar.AddFile(Source("first", {'1'}).c_str(), "Pic.tga"));
@@ -204,13 +203,13 @@ TEST_F(QArchiveFileTest, CaseAndRemoval) {
 }
 
 TEST_F(QArchiveFileTest, NewArchiveIsMagicAndDirectoryOffsetAndRefusalsLeaveItWhole) {
-  QArchive missing(Path("none.ar").c_str(), QArchive::READ);
+  QArchive missing(Tmp("none.ar").c_str(), QArchive::READ);
   EXPECT_FALSE(missing.IsOpen());
   EXPECT_TRUE(log_.Seen("QArchive: can't open '"));
   const std::string plain = Source("plain.txt", TextLike(100));
   EXPECT_FALSE(QArchive(plain.c_str(), QArchive::READ).IsOpen());
 
-  const std::string path = Path("r.ar");
+  const std::string path = Tmp("r.ar");
   { QArchive create(path.c_str(), QArchive::CREATE); }
   EXPECT_EQ(ReadBytes(path), (Bytes{'A', 'R', '0', '1', 4, 0, 0, 0}));
   QArchive readOnly(path.c_str(), QArchive::READ);
@@ -218,7 +217,7 @@ TEST_F(QArchiveFileTest, NewArchiveIsMagicAndDirectoryOffsetAndRefusalsLeaveItWh
   EXPECT_FALSE(readOnly.FirstEntry(nullptr, nullptr, nullptr));
   EXPECT_FALSE(readOnly.AddFile(plain.c_str(), "x") || readOnly.RemoveFile("x"));
   QArchive ar(path.c_str(), QArchive::UPDATE);
-  EXPECT_FALSE(ar.AddFile(Path("nowhere").c_str(), "x"));
+  EXPECT_FALSE(ar.AddFile(Tmp("nowhere").c_str(), "x"));
   EXPECT_TRUE(log_.Seen("** ERROR: '"));
   EXPECT_FALSE(ar.DecompressFile("x", nullptr));
   EXPECT_EQ(fs::file_size(path), 8u);
@@ -241,8 +240,8 @@ TEST_F(QArchiveFileTest, DamagedDirectoriesLeaveTheArchiveClosed) {
       {{'A', 'R', '0', '1', 4}, "out of range for an archive"}};
   for (const auto& [file, message] : cases) {
     log_.Clear();
-    WriteFile(Path("bad.ar"), file);
-    EXPECT_FALSE(QArchive(Path("bad.ar").c_str(), QArchive::READ).IsOpen()) << message;
+    WriteFile(Tmp("bad.ar"), file);
+    EXPECT_FALSE(QArchive(Tmp("bad.ar").c_str(), QArchive::READ).IsOpen()) << message;
     EXPECT_TRUE(log_.Seen(message)) << message;
   }
 }
@@ -266,8 +265,8 @@ TEST_F(QArchiveFileTest, DamagedMembersAreReportedAndRefused) {
       {foreign, 1, nullptr}};  // a foreign block before the data is skipped
   for (const auto& [block, size, message] : cases) {
     log_.Clear();
-    WriteFile(Path("bad.ar"), OneMemberArchive(block, size));
-    QArchive ar(Path("bad.ar").c_str(), QArchive::READ);
+    WriteFile(Tmp("bad.ar"), OneMemberArchive(block, size));
+    QArchive ar(Tmp("bad.ar").c_str(), QArchive::READ);
     ASSERT_TRUE(ar.IsOpen());
     if (!message) {
       EXPECT_EQ(MemberBytes(&ar, "m"), (Bytes{'h'}));
@@ -278,31 +277,6 @@ TEST_F(QArchiveFileTest, DamagedMembersAreReportedAndRefused) {
   }
 }
 
-TEST_F(QArchiveFileTest, TruncatedAndScrambledArchivesNeverCrash) {
-  const std::string src = Path("src.ar");
-  {
-    QArchive ar(src.c_str(), QArchive::CREATE);
-    ASSERT_TRUE(ar.AddFile(Source("t", TextLike(40000)).c_str(), "t"));
-    ASSERT_TRUE(ar.AddFile(Source("z", Bytes(30000, 0)).c_str(), "z"));
-  }
-  const Bytes good = ReadBytes(src);
-  std::mt19937 rng(11);
-  for (int round = 0; round < 300; ++round) {
-    Bytes file = good;
-    if (round % 3 == 0) file.resize(rng() % file.size());
-    for (int k = 0; round % 3 && k < 1 + round % 8; ++k) file[rng() % file.size()] = rng() & 255;
-    WriteFile(Path("bad.ar"), file);
-    QArchive ar(Path("bad.ar").c_str(), QArchive::READ);
-    qstring name;
-    for (bool more = ar.FirstEntry(&name, nullptr, nullptr); more;
-         more = ar.NextEntry(&name, nullptr, nullptr)) {
-      delete ar.OpenFile(name.cstr());
-      ar.DecompressFile(name.cstr(), nullptr);
-    }
-  }
-}
-
-// Real data: the repository's files and a few hundred documentation files
 TEST_F(QArchiveFileTest, RealFilesRoundTrip) {
   // The repository's files and a few hundred documentation files, each read once into memory
   // and packed from a private copy, so an edit in the work tree meanwhile does no harm.
@@ -331,7 +305,7 @@ TEST_F(QArchiveFileTest, RealFilesRoundTrip) {
   ASSERT_GT(repoFiles, 10u);
   ASSERT_GT(files.size(), repoFiles + 50);
 
-  const std::string path = Path("real.ar");
+  const std::string path = Tmp("real.ar");
   {
     QArchive ar(path.c_str(), QArchive::CREATE);
     for (const auto& [name, data] : files)
@@ -339,8 +313,8 @@ TEST_F(QArchiveFileTest, RealFilesRoundTrip) {
   }
   QArchive ar(path.c_str(), QArchive::READ);
   for (const auto& [name, data] : files) {
-    ASSERT_TRUE(ar.DecompressFile(name.c_str(), Path("out").c_str())) << name;
-    ASSERT_EQ(ReadBytes(Path("out")), data) << name;
+    ASSERT_TRUE(ar.DecompressFile(name.c_str(), Tmp("out").c_str())) << name;
+    ASSERT_EQ(ReadBytes(Tmp("out")), data) << name;
   }
   printf("[ real data ] %zu files, %zu bytes, archive %ju bytes\n", files.size(), total,
          static_cast<uintmax_t>(fs::file_size(path)));
