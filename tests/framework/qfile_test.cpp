@@ -15,10 +15,7 @@
 
 namespace {
 
-class QFileTest : public TempDirTest {
- protected:
-  QFileTest() : TempDirTest("qfile_test") {}
-  bool Logged(const std::string& text) const { return log_.Seen(text); }
+struct QFileTest : TempDirTest {
   // A block of exactly `text`'s size from the counted allocator, so an overread is caught.
   static void* Block(const std::string& text) {
     void* p = qmalloc(text.size());
@@ -67,7 +64,7 @@ TEST_F(QFileTest, ReadPastEndCopiesOneByteMoreButNeverOutsideTheBlock) {
 }
 
 TEST_F(QFileTest, OwnedBlockIsReleasedAndBorrowedIsNot) {
-  int before = qmemGetCount();
+  const int before = qmemGetCount();
   { QFile f(Block("abc"), 3, QFile::READ, true); }
   EXPECT_EQ(qmemGetCount(), before);
   void* mine = Block("abc");
@@ -124,13 +121,13 @@ TEST_F(QFileTest, MemoryFlagPreloadsOrKeepsAStream) {
     QFile f(fp, QFile::READ | QFile::MEMORY);
     EXPECT_FALSE(f.IsMemoryFile());
     EXPECT_EQ(f.GetChar(), 'a');
-    EXPECT_TRUE(Logged("QFile: can't use memory mapping with 'fp' takeover"));
+    EXPECT_TRUE(log_.Seen("QFile: can't use memory mapping with 'fp' takeover"));
     EXPECT_EQ(qfGetOpenCount(), open);  // qfopen counted it; taking it over does not again
   }
   EXPECT_EQ(qfGetOpenCount(), before);
 }
 
-TEST_F(QFileTest, UnopenedFilesReadNothingAndCloseCountsStay) {
+TEST_F(QFileTest, UnopenedFilesReadNothingCloseCountsStayAndOnlyFilesExist) {
   int open = qfGetOpenCount();
   QFile missing((dir_ + "/none").c_str(), QFile::READ);
   QFile badMode(MakeFile("x", "x").c_str(), 10);
@@ -145,7 +142,10 @@ TEST_F(QFileTest, UnopenedFilesReadNothingAndCloseCountsStay) {
   }
   EXPECT_EQ(qfGetOpenCount(), open);
   EXPECT_EQ(qfclose(nullptr), EOF);
-  EXPECT_TRUE(Logged("qfclose(0) called"));
+  EXPECT_TRUE(log_.Seen("qfclose(0) called"));
+  // Existence is for files, not directories.
+  EXPECT_TRUE(QFileExists(MakeFile("here", "x").c_str()));
+  for (const std::string& no : {dir_, Tmp("absent"), std::string()}) EXPECT_FALSE(QFileExists(no.c_str()));
 }
 
 TEST_F(QFileTest, LinesDropCarriageReturnsAndKeepAnUnterminatedLastLine) {
@@ -167,22 +167,16 @@ TEST_F(QFileTest, LinesDropCarriageReturnsAndKeepAnUnterminatedLastLine) {
   EXPECT_STREQ(buf, "abc");
   EXPECT_EQ(f.ReadLine(buf, 4), 3);
   EXPECT_STREQ(buf, "def");
-}
 
-TEST_F(QFileTest, SixteenBitLinesAreLittleEndian) {
-  QFile f(Block(std::string("h\0\x01\x04\r\0\n\0z\0", 10)), 10, QFile::READ, true);
+  // Sixteen-bit lines are little-endian.
+  QFile uc(Block(std::string("h\0\x01\x04\r\0\n\0z\0", 10)), 10, QFile::READ, true);
   uint16_t line[8];
-  EXPECT_EQ(f.ReadLineUC(line, 8), 2);
+  EXPECT_EQ(uc.ReadLineUC(line, 8), 2);
   EXPECT_TRUE(line[0] == 'h' && line[1] == 0x0401);
-  f.SetUnicodeLines(true);
+  uc.SetUnicodeLines(true);
   qstring rest;
-  f.ReadLine(&rest);
+  uc.ReadLine(&rest);
   EXPECT_STREQ(rest.cstr(), "z");
-}
-
-TEST_F(QFileTest, ExistsForFilesNotDirectories) {
-  EXPECT_TRUE(QFileExists(MakeFile("here", "x").c_str()));
-  for (const std::string& no : {dir_, Tmp("absent"), std::string()}) EXPECT_FALSE(QFileExists(no.c_str()));
 }
 
 }  // namespace
