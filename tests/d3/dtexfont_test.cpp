@@ -50,19 +50,15 @@ class DTexFontTest : public TempDirTest {
   DTexFont font_;
 };
 
-TEST_F(DTexFontTest, AdvanceAndBearingAreReadWithWidthPlusOneAsTheDefault) {
+TEST_F(DTexFontTest, AdvanceAndBearingDefaultToWidthPlusOneAndRectanglesCountFromTheBottom) {
   const char* keys = "    advance=9\n    bearingx=2\n";
-  std::string chars = Entry("char65", 0, 0, 6, 12, keys) + Entry("char66", 8, 0, 5, 12);
+  std::string chars = Entry("char65", 8, 4, 8, 16, keys) + Entry("char66", 8, 0, 5, 12);
   ASSERT_TRUE(font_.Load(Write("", chars).c_str(), false));  // version 2 by default
-  EXPECT_FLOAT_EQ(font_.FindGlyph(65)->advance, 9.0f);
-  EXPECT_FLOAT_EQ(font_.FindGlyph(65)->bearingX, 2.0f);
-  EXPECT_FLOAT_EQ(font_.FindGlyph(66)->advance, 6.0f);  // missing key: width + 1
-}
-
-TEST_F(DTexFontTest, RectanglesBecomeTextureCoordinatesFromTheBottom) {
-  ASSERT_TRUE(font_.Load(Write("", Entry("char65", 8, 4, 8, 16)).c_str(), false));
   const DTexFontGlyph* g = font_.FindGlyph(65);
   ASSERT_NE(g, nullptr);
+  EXPECT_FLOAT_EQ(g->advance, 9.0f);
+  EXPECT_FLOAT_EQ(g->bearingX, 2.0f);
+  EXPECT_FLOAT_EQ(font_.FindGlyph(66)->advance, 6.0f);  // missing key: width + 1
   EXPECT_EQ((std::vector<float>{g->uLeft, g->uRight, g->vLow, g->vHigh}),
             (std::vector<float>{0.125f, 0.25f, 1.0f - 20.0f / 32.0f, 1.0f - 4.0f / 32.0f}));
 }
@@ -105,7 +101,7 @@ TEST_F(DTexFontTest, ExtremeCodesAndSizesStayInBounds) {
   EXPECT_TRUE(std::isfinite(font_.GetStringWidth(wide)));
 }
 
-TEST_F(DTexFontTest, EntryWithoutXEndsTheList) {
+TEST_F(DTexFontTest, EntryWithoutXEndsTheListAndMissingFilesLeaveAnEmptyFont) {
   LogCapture log;
   std::string chars = Run(65, 66) + "  char67\n  {\n    y=1\n  }\n" + Run(68, 68);
   const std::string base = Write("", chars);
@@ -114,10 +110,7 @@ TEST_F(DTexFontTest, EntryWithoutXEndsTheList) {
   EXPECT_EQ(font_.GetGlyphCount(), 4);
   EXPECT_EQ(font_.GetGlyphsRead(), 2);
   EXPECT_EQ(font_.FindGlyph(68), nullptr);
-}
 
-TEST_F(DTexFontTest, MissingFilesLeaveAnEmptyFont) {
-  LogCapture log;
   ASSERT_TRUE(font_.Load(Write("", Run(65, 70)).c_str(), false));
   EXPECT_FALSE(font_.Load((dir_ + "/none").c_str(), false));
   EXPECT_TRUE(log.Seen("DTexFont:Load(" + dir_ + "/none) failed"));
