@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cmath>
-#include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>

@@ -1,9 +1,6 @@
 // Event ring, cancelled events, dead keys and the key-code translation.
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "framework/qevent.h"
 #include "framework/qwindow.h"
 #include "support/logcapture.h"

@@ -2,8 +2,6 @@
 #include "framework/qfile.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <string>

@@ -3,7 +3,6 @@
 #include "framework/qmessage.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <fstream>
