@@ -91,11 +91,6 @@ TEST_F(VfsTest, CapacityDetachingAndDestruction) {
   }
   EXPECT_TRUE(log_.Seen("QVirtualFileSystem: still 100 archives attached upon destruction"));
   EXPECT_TRUE(top_->FindFile("other.tga"));  // not deleted by the file system
-
-  QVirtualFileSystem own;
-  QSetVirtualFileSystem(&own);
-  EXPECT_EQ(QGetVirtualFileSystem(), &own);
-  QSetVirtualFileSystem(nullptr);
 }
 
 }  // namespace
