@@ -199,7 +199,7 @@ TEST_F(QImageTest, TargaFixturesDecodeOnBothPaths) {
   }
 }
 
-TEST_F(QImageTest, TargaPacketAcrossALineFailsInMemoryAndIsCutOnTheStream) {
+TEST_F(QImageTest, TargaPacketAcrossALineRefusalsAndLyingSizes) {
   // 2 x 2, 32-bit run-length: a run of 4 pixels on the first line, then 2 raw pixels.
   const Bytes data = {0x83, 1, 2, 3, 4, 0x01, 10, 20, 30, 40, 50, 60, 70, 80};
   const std::string file = Put("cross.tga", Tga(10, 32, 2, 2, 0, data));
@@ -215,9 +215,7 @@ TEST_F(QImageTest, TargaPacketAcrossALineFailsInMemoryAndIsCutOnTheStream) {
   // Bottom-left origin: the first line is the bottom one.
   EXPECT_EQ((std::vector<uint32_t>{At(slow, 0, 1), At(slow, 1, 1), At(slow, 0, 0), At(slow, 1, 0)}),
             (std::vector<uint32_t>{Rgba(3, 2, 1, 4), Rgba(3, 2, 1, 4), Rgba(30, 20, 10, 40), Rgba(70, 60, 50, 80)}));
-}
 
-TEST_F(QImageTest, TargaRefusalsAndLyingSizes) {
   const std::string pal = Put("pal.tga", Tga(1, 8, 2, 2, 0, Bytes(4 + 768, 0), 1));
   const std::string grey16 = Put("g16.tga", Tga(3, 16, 2, 2, 0, Bytes(8, 7)));
   const std::string wide = Put("wide.tga", Tga(2, 24, 16385, 1, 0, Bytes(16385 * 3, 1)));
@@ -266,7 +264,7 @@ TEST_F(QImageTest, JpegMatchesTheReferenceDecode) {
   for (int ch = 0; ch < 4; ++ch) EXPECT_NEAR(int(v >> (24 - 8 * ch)) & 0xFF, want[ch], ch < 3 ? 2 : 0);
 }
 
-TEST_F(QImageTest, JpegSizeLimitIs16384EachWay) {
+TEST_F(QImageTest, JpegSizeLimitIs16384EachWayScaledDecodesAndShrinkingWhileDecoding) {
   QImage img;
   Jpeg("edge.jpg", 16384, 8);
   EXPECT_TRUE(img.Read(Tmp("edge.jpg").c_str()));
@@ -282,9 +280,7 @@ TEST_F(QImageTest, JpegSizeLimitIs16384EachWay) {
     EXPECT_TRUE(img.ReadJPG(jpeg.data(), jpeg.size(), "over.jpg", 4));
     EXPECT_EQ(img.GetWidth() * img.GetHeight(), 8193 * 4);
   }
-}
 
-TEST_F(QImageTest, JpegDecodesScaledAndShrinksWhileDecoding) {
   const Bytes jpeg = Jpeg("s.jpg", 203, 101, true);
   int w = 0, h = 0;
   ASSERT_TRUE(QImage::ReadJPGSize(jpeg.data(), jpeg.size(), &w, &h));
@@ -330,7 +326,7 @@ TEST_F(QImageTest, JpegWarningsKeepWhatDecodedAndErrorsEndTheRead) {
   EXPECT_FALSE(img.Read(Tmp("absent.jpg").c_str()));
 }
 
-TEST_F(QImageTest, BitmapRowsAreReadUnpadded) {
+TEST_F(QImageTest, BitmapRowsAreReadUnpaddedAndShortOrLyingFilesAreSafe) {
   QImage img;
   ASSERT_TRUE(ReadFixture(&img, "rgb24_w4.bmp"));
   ExpectSource(img, false, "w4", 4);
@@ -344,16 +340,13 @@ TEST_F(QImageTest, BitmapRowsAreReadUnpadded) {
 
   // 8 bits: the palette index itself is the grey level.
   ASSERT_TRUE(ReadFixture(&img, "index8.bmp"));
-  Bytes bmp = Fixture("index8.bmp");
-  const size_t offset = bmp[10] | (bmp[11] << 8);
+  const Bytes index8 = Fixture("index8.bmp");
+  const size_t offset = index8[10] | (index8[11] << 8);
   for (int i = 0; i < 15; ++i) {
-    const uint8_t v = bmp[offset + size_t(i)];
+    const uint8_t v = index8[offset + size_t(i)];
     EXPECT_EQ(At(img, i % 5, 2 - i / 5), Rgba(v, v, v, 255)) << i;
   }
-}
 
-TEST_F(QImageTest, BitmapShortOrLyingFiles) {
-  QImage img;
   Bytes bmp = Fixture("rgb24_w4.bmp");
   bmp.resize(bmp.size() - 12);  // the top row is missing
   ASSERT_TRUE(img.Read(Put("short.bmp", bmp).c_str()));
@@ -373,7 +366,7 @@ TEST_F(QImageTest, BitmapShortOrLyingFiles) {
     for (int x = 0; x < 4; ++x) EXPECT_EQ(At(img, x, y), 0u) << x << "," << y;
 }
 
-TEST_F(QImageTest, SgiInBothByteOrdersAndRunLength) {
+TEST_F(QImageTest, SgiByteOrdersRunLengthLyingTablesAndOverlongRows) {
   QImage img;
   for (const char* name : {"rgba_be.rgb", "rgba_le.rgb", "rgba_be_rle.rgb"}) {
     ASSERT_TRUE(ReadFixture(&img, name)) << name;
@@ -382,10 +375,7 @@ TEST_F(QImageTest, SgiInBothByteOrdersAndRunLength) {
   // One channel: green and blue copy red, alpha is opaque.
   ASSERT_TRUE(ReadFixture(&img, "grey_be_rle.rgb"));
   ExpectPicture(img, 5, 3, Ref("grey_be_rle_ref.pgm"), "grey_be_rle.rgb", 0);
-}
 
-TEST_F(QImageTest, SgiLyingTablesAndOverlongRows) {
-  QImage img;
   Bytes rle = Fixture("rgba_be_rle.rgb");
   Bytes far = rle;
   far[512] = 0x7F;  // first row starts 2 GB into the file
@@ -434,7 +424,7 @@ struct PsdBuilder {
   }
 };
 
-TEST_F(QImageTest, PsdLayersAreCompositedOverWhite) {
+TEST_F(QImageTest, PsdLayersOverWhiteAMaskOf36BytesFailsAndEdgesStayInside) {
   QImage img;
   ASSERT_TRUE(ReadFixture(&img, "layers.psd"));
   ASSERT_EQ(img.GetWidth(), 6);
@@ -450,12 +440,9 @@ TEST_F(QImageTest, PsdLayersAreCompositedOverWhite) {
   EXPECT_EQ(At(img, 3, 2), Rgba((10 * 255 + 199 * 0) >> 8, (20 * 255) >> 8, (30 * 255) >> 8, a));
   EXPECT_EQ(At(img, 4, 2), Rgba((10 * 128 + 255 * 127) >> 8, (20 * 128 + 255 * 127) >> 8,
                                 (30 * 128 + 255 * 127) >> 8, (255 * 127 + 128 * 128) >> 8));
-}
 
-TEST_F(QImageTest, PsdMaskOf36BytesFailsAndEdgesStayInside) {
   PsdBuilder masked;
   masked.Header(2, 2), masked.U16(1), masked.Layer(0, 0, 1, 1, 36);
-  QImage img;
   EXPECT_FALSE(img.Read(Put("mask.psd", masked.b).c_str()));
   EXPECT_TRUE(Logged("Unsupported layer mask size (36)"));
 
@@ -605,7 +592,7 @@ TEST_F(QImageTest, PngEveryKindReadsFromFileAndMemoryWithAlphaOverBlack) {
   }
 }
 
-TEST_F(QImageTest, PngCutFilesKeepTheRowsThatDecodedAndDamageFails) {
+TEST_F(QImageTest, PngCutFilesKeepTheDecodedRowsDamageFailsAndOversizedIsRefused) {
   const auto black = [](const QImage& img, int y) {
     for (int x = 0; x < img.GetWidth(); ++x)
       if (memcmp(img.GetAddress(x, img.GetHeight() - 1 - y), "\0\0\0\xff", 4) != 0) return false;
@@ -663,12 +650,9 @@ TEST_F(QImageTest, PngCutFilesKeepTheRowsThatDecodedAndDamageFails) {
       EXPECT_EQ(part.Read(Tmp("cut.png").c_str()), fromMemory) << name << " cut at " << n;
     }
   }
-}
 
-TEST_F(QImageTest, PngOversizedOrMissingInputIsRefusedBeforeAllocating) {
   // The header's sizes are checked before the library sees them (the checksum is not redone).
   const Bytes wide = MakePng(16384, 2);
-  QImage img;
   ASSERT_TRUE(img.ReadPNG(wide.data(), wide.size(), "edge.png") && img.GetWidth() == 16384);
   for (auto [w, h] : {std::pair{16385u, 2u}, std::pair{2u, 0x7FFFFFFFu}}) {
     Bytes b = Fixture("rgba.png");
