@@ -62,7 +62,7 @@ TEST_F(DTexFontTest, AdvanceAndBearingDefaultToWidthPlusOneAndRectanglesCountFro
             (std::vector<float>{0.125f, 0.25f, 1.0f - 20.0f / 32.0f, 1.0f - 4.0f / 32.0f}));
 }
 
-TEST_F(DTexFontTest, TwoRunsAndTheGapLookup) {
+TEST_F(DTexFontTest, RunsTheGapLookupAndExtremeCodes) {
   ASSERT_TRUE(font_.Load(Write("", Run(32, 126) + Run(160, 255)).c_str(), false));
   ASSERT_EQ(font_.GetRangeCount(), 2);
   EXPECT_EQ(font_.GetRangeBase(0), 0);
@@ -75,9 +75,8 @@ TEST_F(DTexFontTest, TwoRunsAndTheGapLookup) {
   EXPECT_EQ(font_.FindGlyph(300), nullptr);
   EXPECT_EQ(font_.FindGlyph(31), nullptr);  // negative index
   EXPECT_EQ(font_.FindGlyph(65, true), nullptr);  // no outline sheet
-}
 
-TEST_F(DTexFontTest, RepeatedOrFallingCodesOpenRunsAndTheSixthIsFatal) {
+  // Repeated or falling codes open runs; the sixth is fatal.
   std::string five = Run(65, 66) + Run(66, 66) + Run(10, 11) + Run(300, 300) + Run(1600, 1600);
   ASSERT_TRUE(font_.Load(Write("", five).c_str(), false));
   EXPECT_EQ(font_.GetRangeCount(), 5);
@@ -86,9 +85,8 @@ TEST_F(DTexFontTest, RepeatedOrFallingCodesOpenRunsAndTheSixthIsFatal) {
 
   const std::string six = Write("", five + Run(5, 5));
   EXPECT_DEATH(DTexFont().Load(six.c_str(), false), "DTexFont \\(.*/f\\) has too many ranges");
-}
 
-TEST_F(DTexFontTest, ExtremeCodesAndSizesStayInBounds) {
+  // Extreme codes and sizes stay in bounds.
   std::string chars = Entry("char2147483647", -5, 99999, -3, 2000000000) +
                       Entry("char99999999999", 0, 0, 1, 1) + Entry("char-2147483648", 0, 0, 1, 1);
   ASSERT_TRUE(font_.Load(Write("  minchar=-2147483648\n  maxchar=2147483647\n", chars).c_str(),

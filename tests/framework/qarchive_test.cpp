@@ -87,7 +87,7 @@ Bytes MemberBytes(QArchive* ar, const char* name) {
 }
 
 // The chunk codec
-TEST(QArchiveCodec, RoundTripsEveryKindAndBoundarySize) {
+TEST(QArchiveCodec, RoundTripsEveryKindAndBoundarySizeEqualBytesBecomeRunsNoiseIsStored) {
   for (size_t n : {0, 1, 2, 3, 15, 16, 17, 18, 19, 4095, 4096, 4097, 16383, 16384}) {
     for (const Bytes& in : {Bytes(n, 0), RandomBytes(n, static_cast<unsigned>(n)), TextLike(n)}) {
       const Bytes chunk = Pack(in);
@@ -97,9 +97,7 @@ TEST(QArchiveCodec, RoundTripsEveryKindAndBoundarySize) {
       EXPECT_TRUE(std::equal(in.begin(), in.end(), out.begin())) << "size " << n;
     }
   }
-}
 
-TEST(QArchiveCodec, EqualBytesBecomeRunsAndNoiseIsStored) {
   const Bytes runs = Pack(Bytes(16384, 'x'));
   EXPECT_EQ(runs[0], QArchive::CHUNK_PACKED);
   EXPECT_LE(runs.size(), 24u);  // four runs of 4095, the rest, control words
@@ -111,7 +109,7 @@ TEST(QArchiveCodec, EqualBytesBecomeRunsAndNoiseIsStored) {
   EXPECT_TRUE(std::equal(noise.begin(), noise.end(), stored.begin() + 1));
 }
 
-TEST(QArchiveCodec, MalformedChunksAreRejected) {
+TEST(QArchiveCodec, MalformedChunksAreRejectedAndOutputPastCapacityIsCountedNotWritten) {
   for (const Bytes& chunk : std::vector<Bytes>{
            {},                                 // nothing
            {7, 1, 2},                          // unknown kind
@@ -126,9 +124,7 @@ TEST(QArchiveCodec, MalformedChunksAreRejected) {
                                         sizeof(out), &why), -1);
     EXPECT_NE(why, nullptr);
   }
-}
 
-TEST(QArchiveCodec, OutputPastCapacityIsCountedNotWritten) {
   // A literal, an overlapping match of 18, and a run of 4111.
   const Bytes chunk = {64, 0x60, 0x00, 'a', 0x00, 0x1F, 0x00, 0x0F, 0xFF, 'z'};
   Bytes out(64, 0xEE);
@@ -224,7 +220,7 @@ TEST_F(QArchiveFileTest, NewArchiveIsMagicAndDirectoryOffsetAndRefusalsLeaveItWh
 }
 
 // Hostile archives
-TEST_F(QArchiveFileTest, DamagedDirectoriesLeaveTheArchiveClosed) {
+TEST_F(QArchiveFileTest, DamagedDirectoriesLeaveTheArchiveClosedAndDamagedMembersAreRefused) {
   const Bytes good = OneMemberArchive(Block({QArchive::CHUNK_STORED, 'x'}), 1);
   Bytes lying = good, low = good;
   lying[lying.size() - 4] = 0xF0;
@@ -232,27 +228,25 @@ TEST_F(QArchiveFileTest, DamagedDirectoriesLeaveTheArchiveClosed) {
   Bytes noTerm = {'A', 'R', '0', '1', 'a', 'b', 'c'}, cut = {'A', 'R', '0', '1', 'a', 0, 4, 0, 0};
   Le32(&noTerm, 4);
   Le32(&cut, 4);
-  const std::vector<std::pair<Bytes, const char*>> cases = {
+  const std::vector<std::pair<Bytes, const char*>> directories = {
       {lying, "directory offset '240'"},
       {low, "directory offset '0'"},
       {noTerm, "has no terminator"},
       {cut, "is cut short"},
       {{'A', 'R', '0', '1', 4}, "out of range for an archive"}};
-  for (const auto& [file, message] : cases) {
+  for (const auto& [file, message] : directories) {
     log_.Clear();
     WriteFile(Tmp("bad.ar"), file);
     EXPECT_FALSE(QArchive(Tmp("bad.ar").c_str(), QArchive::READ).IsOpen()) << message;
     EXPECT_TRUE(log_.Seen(message)) << message;
   }
-}
 
-TEST_F(QArchiveFileTest, DamagedMembersAreReportedAndRefused) {
   Bytes runs = {64, 0xF8, 0x00};  // five runs of 4111: past the chunk limit
   for (int i = 0; i < 5; ++i) runs.insert(runs.end(), {0, 0x0F, 0xFF, 'r'});
   Bytes huge = {'D', 0x21, 0x4E};  // 20001
   huge.resize(huge.size() + 20001, 0);
   const Bytes foreign = {'X', 2, 0, 0, 0, 'a', 'b', 'D', 2, 0, 128, 'h', 0, 0};
-  const std::vector<std::tuple<Bytes, uint32_t, const char*>> cases = {
+  const std::vector<std::tuple<Bytes, uint32_t, const char*>> members = {
       {huge, 5, "QArchive: attempt to read decompress chunk of size 20001 (max 20000)"},
       {Block(runs), 30000, "QArchive: decompressed chunk overflow of size 20555 (max 20000)"},
       {Block({128, 1, 2, 3}), 2, "unpacks past its size"},
@@ -263,7 +257,7 @@ TEST_F(QArchiveFileTest, DamagedMembersAreReportedAndRefused) {
       {{'Z', 0xFF, 0xFF, 0, 0, 'D'}, 1, "foreign block"},
       {Block({128, 1}), 0x7FFFFFFF, "more than its block can hold"},
       {foreign, 1, nullptr}};  // a foreign block before the data is skipped
-  for (const auto& [block, size, message] : cases) {
+  for (const auto& [block, size, message] : members) {
     log_.Clear();
     WriteFile(Tmp("bad.ar"), OneMemberArchive(block, size));
     QArchive ar(Tmp("bad.ar").c_str(), QArchive::READ);

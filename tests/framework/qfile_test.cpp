@@ -23,7 +23,7 @@ struct QFileTest : TempDirTest {
   LogCapture log_;
 };
 
-TEST_F(QFileTest, MemoryFileYieldsBytesThenEndValueTwice) {
+TEST_F(QFileTest, MemoryFileYieldsBytesThenEndValueTwiceAndReadsNeverLeaveTheBlock) {
   QFile f(Block("xyz"), 3, QFile::READ, true);
   std::vector<int> got;
   for (int i = 0; i < 3; ++i) got.push_back(f.GetChar());
@@ -36,9 +36,8 @@ TEST_F(QFileTest, MemoryFileYieldsBytesThenEndValueTwice) {
   EXPECT_FALSE(f.IsEOF());
   EXPECT_EQ(f.GetChar(), 'q');
   EXPECT_TRUE(f.IsEOF());
-}
 
-TEST_F(QFileTest, ReadPastEndCopiesOneByteMoreButNeverOutsideTheBlock) {
+  // Reading past the end copies one byte more, but never from outside the block.
   QFile f(Block("abcde"), 5, QFile::READ, true);
   char buf[16];
   memset(buf, '#', sizeof(buf));
@@ -59,9 +58,8 @@ TEST_F(QFileTest, ReadPastEndCopiesOneByteMoreButNeverOutsideTheBlock) {
   EXPECT_EQ(std::string(buf, 2), "ab");
   EXPECT_EQ(static_cast<unsigned char>(buf[4]), 255);
   EXPECT_TRUE(whole.IsEOF());
-}
 
-TEST_F(QFileTest, OwnedBlockIsReleasedAndBorrowedIsNot) {
+  // An owned block is released, a borrowed one is not.
   const int before = qmemGetCount();
   { QFile f(Block("abc"), 3, QFile::READ, true); }
   EXPECT_EQ(qmemGetCount(), before);

@@ -166,7 +166,7 @@ TEST(QIniIterator, WalksInFileOrderWithinTheDepthLimit) {
 
 using QIniFile = TempDirTest;
 
-TEST_F(QIniFile, WrittenFileReadsBackToTheSameTree) {
+TEST_F(QIniFile, WrittenFileReadsBackToTheSameTreeAndKeepsAByteOrderMark) {
   const std::string text =
       ";head comment\nref_base\n{\n  size=3\n  ;inner\n  deep\n  {\n    x= spaced \n  }\n}\n"
       "item~ref_base\n=tagged\n{\n  size=4\n}\nplain~ref_base\n{\n}\nv=2*512\nv=second\n";
@@ -238,9 +238,8 @@ TEST_F(QIniFile, WriteReplacesTheTargetOfALinkAndLeavesAReadOnlyFileAlone) {
   EXPECT_EQ(ini.GetInt("a", 0), 3);  // the change holds for this run
   EXPECT_EQ(ReadFile(real), "a=2\n");
   EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 2);
-}
 
-TEST_F(QIniFile, ByteOrderMarkIsSkippedOnReadAndKeptOnWrite) {
+  // A byte order mark is skipped on read and kept on write.
   const std::string name = MakeFile("bom.ini", "\xEF\xBB\xBFgroup\n{\n  a=1\n}\n");
   QIni ini(name.c_str());
   EXPECT_EQ(ini.GetInt("group.a", 0), 1);
