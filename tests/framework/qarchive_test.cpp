@@ -86,7 +86,6 @@ Bytes MemberBytes(QArchive* ar, const char* name) {
   return b;
 }
 
-// The chunk codec
 TEST(QArchiveCodec, RoundTripsEveryKindAndBoundarySizeEqualBytesBecomeRunsNoiseIsStored) {
   for (size_t n : {0, 1, 2, 3, 15, 16, 17, 18, 19, 4095, 4096, 4097, 16383, 16384}) {
     for (const Bytes& in : {Bytes(n, 0), RandomBytes(n, static_cast<unsigned>(n)), TextLike(n)}) {
@@ -134,10 +133,7 @@ TEST(QArchiveCodec, MalformedChunksAreRejectedAndOutputPastCapacityIsCountedNotW
   EXPECT_EQ(Unpack(chunk, nullptr, 0), 1 + 18 + 4111);
 }
 
-// Archive files
-class QArchiveFileTest : public TempDirTest {
- protected:
-  QArchiveFileTest() : TempDirTest("qarchive_test") {}
+struct QArchiveFileTest : TempDirTest {
   std::string Source(const std::string& name, const Bytes& data) const {
     return WriteFile(Tmp(name), data) ? Tmp(name) : "";
   }
@@ -219,7 +215,6 @@ TEST_F(QArchiveFileTest, NewArchiveIsMagicAndDirectoryOffsetAndRefusalsLeaveItWh
   EXPECT_EQ(fs::file_size(path), 8u);
 }
 
-// Hostile archives
 TEST_F(QArchiveFileTest, DamagedDirectoriesLeaveTheArchiveClosedAndDamagedMembersAreRefused) {
   const Bytes good = OneMemberArchive(Block({QArchive::CHUNK_STORED, 'x'}), 1);
   Bytes lying = good, low = good;
