@@ -38,18 +38,18 @@ TEST_F(QFileTest, MemoryFileYieldsBytesThenEndValueTwiceAndReadsNeverLeaveTheBlo
   EXPECT_TRUE(f.IsEOF());
 
   // Reading past the end copies one byte more, but never from outside the block.
-  QFile f(Block("abcde"), 5, QFile::READ, true);
+  QFile r(Block("abcde"), 5, QFile::READ, true);
   char buf[16];
   memset(buf, '#', sizeof(buf));
-  EXPECT_EQ(f.Read(buf, 3), 3);
-  EXPECT_FALSE(f.IsEOF());
-  EXPECT_EQ(f.Read(buf, 10), 3);  // two remain, one more is counted
+  EXPECT_EQ(r.Read(buf, 3), 3);
+  EXPECT_FALSE(r.IsEOF());
+  EXPECT_EQ(r.Read(buf, 10), 3);  // two remain, one more is counted
   EXPECT_EQ(buf[0], 'd');
   EXPECT_EQ(buf[1], 'e');
   EXPECT_EQ(static_cast<unsigned char>(buf[2]), 255);
   EXPECT_EQ(buf[3], '#');
-  EXPECT_TRUE(f.IsEOF());
-  EXPECT_EQ(f.Read(buf, 10), 0);
+  EXPECT_TRUE(r.IsEOF());
+  EXPECT_EQ(r.Read(buf, 10), 0);
 
   QFile whole(Block("ab"), 2, QFile::READ, true);
   whole.SetUnclampedReads(true);
