@@ -21,13 +21,6 @@ bool Has(const LogCapture& log, const std::string& text) {
   return false;
 }
 
-// Reported lines containing `part`; the log file does not count.
-int CountContaining(const LogCapture& log, const std::string& part) {
-  int n = 0;
-  for (const auto& l : log.Lines()) n += l.find(part) != std::string::npos;
-  return n;
-}
-
 // A QIni over text, as if read from "mem.ini".
 struct MemIni {
   explicit MemIni(const std::string& text, int flags = 0) : ini("mem.ini", flags | QIni::NO_READ) {
@@ -160,8 +153,8 @@ TEST(QIniIterator, WalksInFileOrderWithinTheDepthLimit) {
   int count = 0;
   while (it.GetNextAny()) ++count;
   EXPECT_EQ(count, 13);
-  EXPECT_EQ(CountContaining(log, "nests too deep"), 3);
-  EXPECT_EQ(CountContaining(log, "nestLevel"), 0);
+  EXPECT_EQ(log.Count("nests too deep"), 3);
+  EXPECT_EQ(log.Count("nestLevel"), 0);
 }
 
 using QIniFile = TempDirTest;
@@ -224,7 +217,7 @@ TEST_F(QIniFile, ChangedFileIsOnlyOverwrittenWithoutTheQuestion) {
   LogCapture log;
   QIni missing(Tmp("none.ini").c_str());
   EXPECT_FALSE(missing.IsFound());
-  EXPECT_EQ(CountContaining(log, "can't open ini file '" + Tmp("none.ini") + "', current directory is '"), 1);
+  EXPECT_EQ(log.Count("can't open ini file '" + Tmp("none.ini") + "', current directory is '"), 1);
 }
 
 TEST_F(QIniFile, WriteReplacesTheTargetOfALinkAndLeavesAReadOnlyFileAlone) {
