@@ -80,9 +80,8 @@ TEST(DDSLevels, SizesHalveAndTheCountIsBounded) {
   // 8 x 4 DXT1 with 3 levels: 2 blocks, then 1, then 1 (dimensions never below 1).
   ASSERT_TRUE(Parse(&dds, WithPayload(Header(8, 4, 3, "DXT1"), 16 + 8 + 8)));
   EXPECT_EQ(dds.GetLevelCount(), 3);
-  EXPECT_EQ(dds.GetLevelSize(0), 16u);
-  EXPECT_EQ(dds.GetLevelSize(1), 8u);
-  EXPECT_EQ(dds.GetLevelSize(2), 8u);
+  EXPECT_EQ((std::vector<size_t>{dds.GetLevelSize(0), dds.GetLevelSize(1), dds.GetLevelSize(2)}),
+            (std::vector<size_t>{16, 8, 8}));
   EXPECT_TRUE(dds.IsCompressed());
 
   ASSERT_TRUE(Parse(&dds, WithPayload(Header(4, 4, 0, "DXT5"), 16)));

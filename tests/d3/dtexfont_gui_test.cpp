@@ -2,12 +2,9 @@
 // in the canvas's 2D mode.
 #include <gtest/gtest.h>
 
-#include <GL/gl.h>
-
 #include <algorithm>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "d3/dtexfont.h"
 #include "framework/qcanvas.h"
@@ -17,26 +14,13 @@
 
 namespace {
 
-// Red channel of a block of the back buffer, rows from the top of the window.
-struct Shot {
-  int x0, y0, w, h;
-  std::vector<unsigned char> red;
-  Shot(QShell* win, int x, int y, int wid, int hgt) : x0(x), y0(y), w(wid), h(hgt) {
-    std::vector<unsigned char> rgba(size_t(w) * h * 4);
-    glReadBuffer(GL_BACK);
-    glPixelStorei(GL_PACK_ALIGNMENT, 1);
-    glReadPixels(x, win->GetHeight() - y - h, w, h, GL_RGBA, GL_UNSIGNED_BYTE, rgba.data());
-    red.resize(size_t(w) * h);
-    for (int r = 0; r < h; ++r)  // OpenGL's rows come bottom first
-      for (int c = 0; c < w; ++c) red[size_t(r) * w + c] = rgba[(size_t(h - 1 - r) * w + c) * 4];
-  }
-  bool Ink(int x, int y) const { return red[size_t(y - y0) * w + (x - x0)] > 96; }
-  int InkInRow(int y) const {
-    int n = 0;
-    for (int x = x0; x < x0 + w; ++x) n += Ink(x, y);
-    return n;
-  }
-};
+// Ink: a bright red channel in the back buffer, y from the top of the window.
+bool Ink(int x, int y) { return testgl::R(testgl::Pixel(x, y)) > 96; }
+int InkInRow(int y, int width) {
+  int n = 0;
+  for (int x = 0; x < width; ++x) n += Ink(x, y);
+  return n;
+}
 
 class DTexFontGui : public ::testing::Test {
  protected:
@@ -64,11 +48,10 @@ TEST_F(DTexFontGui, InkSpansTheMeasuredWidth) {
   EXPECT_EQ(canvas_->Text(10, 10, text), int(10.0f + width));
 
   const int height = font_->GetHeight();
-  Shot shot(win_, 0, 0, 400, 60);
   int minX = 400, maxX = -1, minY = 60, maxY = -1;
   for (int y = 0; y < 60; ++y)
     for (int x = 0; x < 400; ++x)
-      if (shot.Ink(x, y)) {
+      if (Ink(x, y)) {
         minX = std::min(minX, x), maxX = std::max(maxX, x);
         minY = std::min(minY, y), maxY = std::max(maxY, y);
       }
@@ -83,18 +66,17 @@ TEST_F(DTexFontGui, InkSpansTheMeasuredWidth) {
 
 TEST_F(DTexFontGui, TextIsUprightInTheDownwardMode) {
   canvas_->Text(10, 10, "T");
-  Shot shot(win_, 0, 0, 40, 40);
   int top = -1, bottom = -1;
   for (int y = 0; y < 40; ++y) {
-    if (!shot.InkInRow(y)) continue;
+    if (!InkInRow(y, 40)) continue;
     if (top < 0) top = y;
     bottom = y;
   }
   ASSERT_GE(top, 0) << "nothing drawn";
   // The bar is the top ink row, near the top of the quad; the stem is narrow below it.
   EXPECT_LT(top, 10 + 6);
-  EXPECT_GE(shot.InkInRow(top), 6);
-  EXPECT_LE(shot.InkInRow(bottom), 3);
+  EXPECT_GE(InkInRow(top, 40), 6);
+  EXPECT_LE(InkInRow(bottom, 40), 3);
   EXPECT_GT(bottom - top, 6);
 
   // A coloured 16-bit text lands in the same place, with the colour applied.
@@ -103,10 +85,9 @@ TEST_F(DTexFontGui, TextIsUprightInTheDownwardMode) {
   tf->SetColor(QColor(255, 0, 0, 255));
   const uint16_t wide[] = {'T', 0};
   EXPECT_EQ(tf->Paint(wide, 10.0f, 10.0f), int(10.0f + tf->GetStringWidth(wide)));
-  Shot red(win_, 0, 0, 40, 40);
-  ASSERT_GE(red.InkInRow(top), 6);
+  ASSERT_GE(InkInRow(top, 40), 6);
   int x = 0;
-  while (!red.Ink(x, top)) ++x;
+  while (!Ink(x, top)) ++x;
   EXPECT_LT(testgl::G(testgl::Pixel(x, top)), 40);
 }
 

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cmath>
-#include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -50,24 +49,20 @@ class DTexFontTest : public TempDirTest {
   DTexFont font_;
 };
 
-TEST_F(DTexFontTest, AdvanceAndBearingAreReadWithWidthPlusOneAsTheDefault) {
+TEST_F(DTexFontTest, AdvanceAndBearingDefaultToWidthPlusOneAndRectanglesCountFromTheBottom) {
   const char* keys = "    advance=9\n    bearingx=2\n";
-  std::string chars = Entry("char65", 0, 0, 6, 12, keys) + Entry("char66", 8, 0, 5, 12);
+  std::string chars = Entry("char65", 8, 4, 8, 16, keys) + Entry("char66", 8, 0, 5, 12);
   ASSERT_TRUE(font_.Load(Write("", chars).c_str(), false));  // version 2 by default
-  EXPECT_FLOAT_EQ(font_.FindGlyph(65)->advance, 9.0f);
-  EXPECT_FLOAT_EQ(font_.FindGlyph(65)->bearingX, 2.0f);
-  EXPECT_FLOAT_EQ(font_.FindGlyph(66)->advance, 6.0f);  // missing key: width + 1
-}
-
-TEST_F(DTexFontTest, RectanglesBecomeTextureCoordinatesFromTheBottom) {
-  ASSERT_TRUE(font_.Load(Write("", Entry("char65", 8, 4, 8, 16)).c_str(), false));
   const DTexFontGlyph* g = font_.FindGlyph(65);
   ASSERT_NE(g, nullptr);
+  EXPECT_FLOAT_EQ(g->advance, 9.0f);
+  EXPECT_FLOAT_EQ(g->bearingX, 2.0f);
+  EXPECT_FLOAT_EQ(font_.FindGlyph(66)->advance, 6.0f);  // missing key: width + 1
   EXPECT_EQ((std::vector<float>{g->uLeft, g->uRight, g->vLow, g->vHigh}),
             (std::vector<float>{0.125f, 0.25f, 1.0f - 20.0f / 32.0f, 1.0f - 4.0f / 32.0f}));
 }
 
-TEST_F(DTexFontTest, TwoRunsAndTheGapLookup) {
+TEST_F(DTexFontTest, RunsTheGapLookupAndExtremeCodes) {
   ASSERT_TRUE(font_.Load(Write("", Run(32, 126) + Run(160, 255)).c_str(), false));
   ASSERT_EQ(font_.GetRangeCount(), 2);
   EXPECT_EQ(font_.GetRangeBase(0), 0);
@@ -80,9 +75,8 @@ TEST_F(DTexFontTest, TwoRunsAndTheGapLookup) {
   EXPECT_EQ(font_.FindGlyph(300), nullptr);
   EXPECT_EQ(font_.FindGlyph(31), nullptr);  // negative index
   EXPECT_EQ(font_.FindGlyph(65, true), nullptr);  // no outline sheet
-}
 
-TEST_F(DTexFontTest, RepeatedOrFallingCodesOpenRunsAndTheSixthIsFatal) {
+  // Repeated or falling codes open runs; the sixth is fatal.
   std::string five = Run(65, 66) + Run(66, 66) + Run(10, 11) + Run(300, 300) + Run(1600, 1600);
   ASSERT_TRUE(font_.Load(Write("", five).c_str(), false));
   EXPECT_EQ(font_.GetRangeCount(), 5);
@@ -91,9 +85,8 @@ TEST_F(DTexFontTest, RepeatedOrFallingCodesOpenRunsAndTheSixthIsFatal) {
 
   const std::string six = Write("", five + Run(5, 5));
   EXPECT_DEATH(DTexFont().Load(six.c_str(), false), "DTexFont \\(.*/f\\) has too many ranges");
-}
 
-TEST_F(DTexFontTest, ExtremeCodesAndSizesStayInBounds) {
+  // Extreme codes and sizes stay in bounds.
   std::string chars = Entry("char2147483647", -5, 99999, -3, 2000000000) +
                       Entry("char99999999999", 0, 0, 1, 1) + Entry("char-2147483648", 0, 0, 1, 1);
   ASSERT_TRUE(font_.Load(Write("  minchar=-2147483648\n  maxchar=2147483647\n", chars).c_str(),
@@ -105,7 +98,7 @@ TEST_F(DTexFontTest, ExtremeCodesAndSizesStayInBounds) {
   EXPECT_TRUE(std::isfinite(font_.GetStringWidth(wide)));
 }
 
-TEST_F(DTexFontTest, EntryWithoutXEndsTheList) {
+TEST_F(DTexFontTest, EntryWithoutXEndsTheListAndMissingFilesLeaveAnEmptyFont) {
   LogCapture log;
   std::string chars = Run(65, 66) + "  char67\n  {\n    y=1\n  }\n" + Run(68, 68);
   const std::string base = Write("", chars);
@@ -114,10 +107,7 @@ TEST_F(DTexFontTest, EntryWithoutXEndsTheList) {
   EXPECT_EQ(font_.GetGlyphCount(), 4);
   EXPECT_EQ(font_.GetGlyphsRead(), 2);
   EXPECT_EQ(font_.FindGlyph(68), nullptr);
-}
 
-TEST_F(DTexFontTest, MissingFilesLeaveAnEmptyFont) {
-  LogCapture log;
   ASSERT_TRUE(font_.Load(Write("", Run(65, 70)).c_str(), false));
   EXPECT_FALSE(font_.Load((dir_ + "/none").c_str(), false));
   EXPECT_TRUE(log.Seen("DTexFont:Load(" + dir_ + "/none) failed"));

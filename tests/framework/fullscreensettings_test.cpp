@@ -29,7 +29,7 @@ struct Loaded {
   }
 };
 
-TEST(QFullScreenSettingsLoad, MissingKeysGiveTheDefaultsAndEveryKeyIsReadUnderItsGroup) {
+TEST(QFullScreenSettingsLoad, MissingKeysGiveTheDefaultsEveryKeyIsReadUnderItsGroupAndDepthBitsWarn) {
   Loaded none("other\n{\n  width=1\n}\n");
   EXPECT_EQ(none.Fields(), (std::vector<long>{0, 0, 0, 640, 480, 32, 8, 0, 0, 60}));
   EXPECT_FLOAT_EQ(none.s.gamma, 1.0f);
@@ -43,9 +43,8 @@ TEST(QFullScreenSettingsLoad, MissingKeysGiveTheDefaultsAndEveryKeyIsReadUnderIt
   const long flags = QFullScreenSettings::NEAR_FULLSCREEN | QFullScreenSettings::QUAD_BUFFERED;
   EXPECT_EQ(all.Fields(), (std::vector<long>{flags, 10, -20, 1920, 1080, 16, 0, 8, 0, 75}));
   EXPECT_FLOAT_EQ(all.s.gamma, 1.8f);
-}
 
-TEST(QFullScreenSettingsLoad, DepthBitsWarnButAreKept) {
+  // Depth bits warn but are kept.
   Loaded l("resolution\n{\n  z_bits=24\n  no_border=1\n}\n");
   EXPECT_EQ(l.s.depthBits, 24);
   EXPECT_EQ(l.s.flags, QFullScreenSettings::NO_BORDER);

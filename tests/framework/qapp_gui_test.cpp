@@ -163,10 +163,7 @@ TEST_F(WinTest, FullScreenCoversTheWholeScreen) {
   const std::string wid = p_.WindowId(5000);
   ASSERT_FALSE(wid.empty());
   const std::pair<const char*, int> geometry[] = {{"Absolute upper-left X:", 0},
-                                                  {"Absolute upper-left Y:", 0},
-                                                  {"Width:", 1280},
-                                                  {"Height:", 1024},
-                                                  {"Border width:", 0}};
+      {"Absolute upper-left Y:", 0}, {"Width:", 1280}, {"Height:", 1024}, {"Border width:", 0}};
   for (const auto& g : geometry) EXPECT_EQ(Geometry(wid, g.first), g.second) << g.first;
   if (!e2e::Have("python3")) GTEST_SKIP() << "close request needs python3";
   EXPECT_EQ(CloseAndWait(wid), 0);

@@ -27,9 +27,7 @@ struct App : ::testing::Test {
   int Seen(const std::string& text) const { return log.Count(text); }
   static void Push(int type, int n = 0, QWindow* win = nullptr) {
     QEvent e;
-    e.type = type;
-    e.n = n;
-    e.win = win;
+    e.type = type, e.n = n, e.win = win;
     QEventPush(&e);
   }
 };
@@ -41,7 +39,7 @@ using QAppExitDeathTest = App;
 template <int N>
 bool H(QEvent*) { return false; }
 
-TEST_F(QAppTables, SixthKeyboardHandlerIsRefusedAndAFreedSlotIsReused) {
+TEST_F(QAppTables, SixthKeyboardHandlerAndSecondConfigurationAreRefusedUntilASlotIsFree) {
   EXPECT_EQ(QGetApp(), app);
   EXPECT_STREQ(app->GetAppClassName(), "Tarn");
   for (auto h : {H<1>, H<2>, H<3>, H<4>, H<5>}) EXPECT_TRUE(app->AddKeyboardHandler(h));
@@ -51,9 +49,8 @@ TEST_F(QAppTables, SixthKeyboardHandlerIsRefusedAndAFreedSlotIsReused) {
   EXPECT_TRUE(app->AddKeyboardHandler(H<6>));
   EXPECT_FALSE(app->RemoveKeyboardHandler(H<3>));
   EXPECT_EQ(Seen("QApp::RemoveKeyboardHandler(); can't find handler (0x"), 1);
-}
 
-TEST_F(QAppTables, ASecondConfigurationNeedsTheFirstClosed) {
+  // A second configuration needs the first closed.
   QIni a("a.ini", QIni::NO_READ), b("b.ini", QIni::NO_READ);
   EXPECT_TRUE(app->SetIni(&a));
   EXPECT_FALSE(app->SetIni(&b));
@@ -93,15 +90,12 @@ TEST_F(QAppStep, ModifierBitsMergeIntoKeysAndShiftF11IsNoScreenshot) {
     seen.push_back(e->n);
     return false;
   });
-  Push(QEVENT_KEYPRESS, QK_SHIFT);
-  Push(QEVENT_KEYPRESS, QK_F11);
-  Push(QEVENT_KEYRELEASE, QK_SHIFT);
-  Push(QEVENT_KEYPRESS, QK_F11);
-  Push(QEVENT_KEYPRESS, QK_CONTROL);
-  Push(QEVENT_KEYPRESS, QK_ALT);
-  Push(QEVENT_KEYPRESS, QK_F11);
-  Push(QEVENT_FOCUSOUT);
-  Push(QEVENT_KEYPRESS, 'A');
+  const int events[][2] = {{QEVENT_KEYPRESS, QK_SHIFT},   {QEVENT_KEYPRESS, QK_F11},
+                           {QEVENT_KEYRELEASE, QK_SHIFT}, {QEVENT_KEYPRESS, QK_F11},
+                           {QEVENT_KEYPRESS, QK_CONTROL}, {QEVENT_KEYPRESS, QK_ALT},
+                           {QEVENT_KEYPRESS, QK_F11},     {QEVENT_FOCUSOUT, 0},
+                           {QEVENT_KEYPRESS, 'A'}};
+  for (const auto& e : events) Push(e[0], e[1]);
   for (int i = 0; i < 9; ++i) EXPECT_EQ(app->Run1(), 1);
   const std::vector<int> want = {QK_SHIFT | QKEY_SHIFT, QK_F11 | QKEY_SHIFT, QK_SHIFT, QK_F11,
                                  QK_CONTROL | QKEY_CONTROL, QK_ALT | QKEY_CONTROL | QKEY_ALT,
@@ -131,9 +125,7 @@ TEST_F(QAppStep, ConsumersInOrderAndPointerState) {
   EXPECT_EQ(procCalls, 0);
   EXPECT_EQ(app->GetButtons(), 2u);
   QEvent move;
-  move.type = QEVENT_MOTION;
-  move.x = 12;
-  move.y = 34;
+  move.type = QEVENT_MOTION, move.x = 12, move.y = 34;
   QEventPush(&move);
   EXPECT_EQ(app->Run1(), 1);
   EXPECT_EQ(procCalls, 1);

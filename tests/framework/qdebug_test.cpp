@@ -31,16 +31,14 @@ class DebugSetup : public TempDirTest {
   std::unique_ptr<QIni> ini_;
 };
 
-TEST_F(DebugSetup, DefaultsLeaveEverythingOff) {
+TEST_F(DebugSetup, DefaultsLeaveEverythingOffAndSwitchesSetFlagsAndWarn) {
   qdbgSetFlags(0xFF);
   qdbg_setup(Ini("dev\n{\n}\n"));
   EXPECT_EQ(qdbgGetFlags(), 0);  // cleared before the switches are read
   EXPECT_EQ(qdbgGetLevel(), 1);
   EXPECT_FALSE(qdbgStrict());
   EXPECT_TRUE(log_.Lines().empty());
-}
 
-TEST_F(DebugSetup, SwitchesSetFlagsAndWarn) {
   qdbg_setup(Ini("dev\n{\n  debug_level=3\n  opengl_checks=1\n  argument_tracing=1\n"
                  "  qdbg_to_qlog=1\n  log_last=1\n}\n"));
   EXPECT_EQ(qdbgGetFlags(), QDEBUG_OPENGL_CHECKS | QDEBUG_ARGUMENT_TRACING | QDEBUG_QDBG_TO_QLOG);

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -35,18 +36,16 @@ class QDirTest : public TempDirTest {
   LogCapture log_;
 };
 
-TEST_F(QDirTest, NamesSortByUpperCaseBytesWithNothingFiltered) {
+TEST_F(QDirTest, NamesSortByUpperCaseBytesWithNothingFilteredAndCarryTheirInformation) {
   EXPECT_EQ(List(dir_.c_str()), (std::vector<std::string>{".", ".."}));
   for (const char* n : {"b.jpg", "_x", "Zeta", "a2", "A.txt", ".hidden", "!bang"}) MakeFile(n, "");
   ASSERT_EQ(mkdir((dir_ + "/sub").c_str(), 0755), 0);
   // Upper-cased, "_" (0x5F) sorts after "Z", "." after "!" and before "2".
   EXPECT_EQ(List(dir_.c_str()), (std::vector<std::string>{".", "..", "!bang", ".hidden", "A.txt",
                                                           "a2", "b.jpg", "sub", "Zeta", "_x"}));
-}
 
-TEST_F(QDirTest, EntryInformationFromTheFileSystem) {
+  // Entry information comes from the file system.
   MakeFile("five", "12345");
-  ASSERT_EQ(mkdir((dir_ + "/sub").c_str(), 0755), 0);
   QDirectory d(dir_.c_str());
   char name[QDirectory::NAME_SIZE];
   QDirEntryInfo info;
@@ -80,13 +79,19 @@ TEST_F(QDirTest, OverlongPathRefusesInformationButNamesTheEntry) {
   EXPECT_NE(log_.Lines()[0].find(expected), std::string::npos) << log_.Lines()[0];
 }
 
-TEST_F(QDirTest, MissingDirectoryIsNotOpen) {
+TEST_F(QDirTest, MissingDirectoryIsNotOpenAndItsWatchFailsNamingIt) {
   QDirectory d((dir_ + "/absent").c_str());
   EXPECT_FALSE(d.IsOpen());
   char name[QDirectory::NAME_SIZE] = "x";
   EXPECT_FALSE(d.ReadNext(name));
   EXPECT_STREQ(name, "");
   EXPECT_TRUE(d.Open(dir_.c_str()));
+  QDirWatch w;
+  EXPECT_FALSE(w.Open((dir_ + "/absent").c_str()));
+  EXPECT_FALSE(w.IsOpen());
+  ASSERT_EQ(log_.Lines().size(), 1u);
+  EXPECT_NE(log_.Lines()[0].find("absent"), std::string::npos) << log_.Lines()[0];
+  EXPECT_EQ(w.TakeChanges(nullptr, nullptr), 0);
 }
 
 TEST_F(QDirTest, CurrentDirectoryChangesAndFailsWithAWarning) {
@@ -106,15 +111,11 @@ TEST_F(QDirTest, CurrentDirectoryChangesAndFailsWithAWarning) {
 
 using Names = std::vector<std::string>;
 
-bool EndsWithJpg(const char* name) {
-  const std::string n = name;
-  return n.size() > 4 && n.compare(n.size() - 4, 4, ".jpg") == 0;
-}
-
 TEST_F(QDirTest, WatchSeesFilesJoinWhenClosedAndLeaveAndWakesTheLoop) {
   MakeFile("old.jpg", "x");
   QDirWatch w;
-  ASSERT_TRUE(w.Open(dir_.c_str(), EndsWithJpg));
+  const auto jpg = [](const char* n) { return strlen(n) > 4 && strcmp(n + strlen(n) - 4, ".jpg") == 0; };
+  ASSERT_TRUE(w.Open(dir_.c_str(), jpg));
   Names changed, writing;
   EXPECT_EQ(w.TakeChanges(&changed, &writing), 0);
   QEventWait(0);  // forget an earlier wake
@@ -173,15 +174,6 @@ TEST_F(QDirTest, WatchHandsChangesOutAtMostOncePerGapAndWakesWhenItIsOver) {
   EXPECT_LT(woke, std::chrono::seconds(4));
   EXPECT_EQ(w.TakeChanges(&changed, nullptr), 1);
   EXPECT_EQ(changed, Names{"b"});
-}
-
-TEST_F(QDirTest, WatchOfAMissingDirectoryFailsNamingIt) {
-  QDirWatch w;
-  EXPECT_FALSE(w.Open((dir_ + "/absent").c_str()));
-  EXPECT_FALSE(w.IsOpen());
-  ASSERT_EQ(log_.Lines().size(), 1u);
-  EXPECT_NE(log_.Lines()[0].find("absent"), std::string::npos) << log_.Lines()[0];
-  EXPECT_EQ(w.TakeChanges(nullptr, nullptr), 0);
 }
 
 }  // namespace

@@ -1,16 +1,13 @@
 // Event ring, cancelled events, dead keys and the key-code translation.
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "framework/qevent.h"
 #include "framework/qwindow.h"
 #include "support/logcapture.h"
 
 namespace {
 
-// Collects the log for one test; the ring starts empty.
+// The ring starts empty.
 struct Ring : ::testing::Test {
   LogCapture log;
   void SetUp() override {
@@ -21,11 +18,7 @@ struct Ring : ::testing::Test {
   void TearDown() override { QEventFlush(); }
   static void Push(int type, QWindow* win, int n = 0, int x = 0, int y = 0) {
     QEvent e;
-    e.type = type;
-    e.win = win;
-    e.n = n;
-    e.x = x;
-    e.y = y;
+    e.type = type, e.win = win, e.n = n, e.x = x, e.y = y;
     QEventPush(&e);
   }
 };
@@ -53,13 +46,11 @@ TEST_F(QEventRing, KeepsOrderAcrossTheWrapAndRefusesTheEventPastCapacity) {
   EXPECT_EQ(e.type, QEVENT_NONE);
   EXPECT_FALSE(QEventNext(&e));
   EXPECT_FALSE(QEventPending());
-}
 
-TEST_F(QEventRing, ExposeIsNeverQueuedAndPeekLeavesTheHead) {
+  // Expose is never queued, and peek leaves the head.
   Push(QEVENT_EXPOSE, nullptr);
   EXPECT_EQ(QEventCount(), 0);
   Push(QEVENT_BUTTONPRESS, nullptr, 3);
-  QEvent e;
   QEventPeek(&e);
   EXPECT_EQ(e.type, QEVENT_BUTTONPRESS);
   EXPECT_EQ(QEventCount(), 1);
@@ -85,16 +76,15 @@ TEST_F(QEventRing, RemovedWindowLeavesCancelledEventsInPlace) {
   }
 }
 
-TEST_F(QEventDeadKeys, ComposeOnceAndUnlistedPairsClearTheAccent) {
+TEST_F(QEventDeadKeys, ComposeOnceUnlistedPairsClearTheAccentAndLoneModifiersKeepIt) {
   EXPECT_EQ(QEventDeadKey(QKEY_ALT | 0xC0), QKEY_ALT | 0xC0);  // grave
   EXPECT_EQ(QEventDeadKey('E'), 0x107);
   EXPECT_EQ(QEventDeadKey('E'), 'E');
   QEventDeadKey(QKEY_ALT | 0xBC);  // cedilla
   EXPECT_EQ(QEventDeadKey('A'), 'A');
   EXPECT_EQ(QEventDeadKey('C'), 'C');  // the accent is gone: no cedilla C either
-}
 
-TEST_F(QEventDeadKeys, LoneModifierKeepsTheAccentAndBitsSurvive) {
+  // A lone modifier keeps the accent, and the modifier bits survive.
   QEventDeadKey(QKEY_ALT | 0xDE);  // acute
   EXPECT_EQ(QEventDeadKey(QK_SHIFT), QK_SHIFT);
   EXPECT_EQ(QEventDeadKey(QKEY_SHIFT | 'E'), QKEY_SHIFT | 0x108);

@@ -2,8 +2,6 @@
 #include "framework/qfile.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <string>
@@ -15,10 +13,7 @@
 
 namespace {
 
-class QFileTest : public TempDirTest {
- protected:
-  QFileTest() : TempDirTest("qfile_test") {}
-  bool Logged(const std::string& text) const { return log_.Seen(text); }
+struct QFileTest : TempDirTest {
   // A block of exactly `text`'s size from the counted allocator, so an overread is caught.
   static void* Block(const std::string& text) {
     void* p = qmalloc(text.size());
@@ -28,7 +23,7 @@ class QFileTest : public TempDirTest {
   LogCapture log_;
 };
 
-TEST_F(QFileTest, MemoryFileYieldsBytesThenEndValueTwice) {
+TEST_F(QFileTest, MemoryFileYieldsBytesThenEndValueTwiceAndReadsNeverLeaveTheBlock) {
   QFile f(Block("xyz"), 3, QFile::READ, true);
   std::vector<int> got;
   for (int i = 0; i < 3; ++i) got.push_back(f.GetChar());
@@ -41,21 +36,20 @@ TEST_F(QFileTest, MemoryFileYieldsBytesThenEndValueTwice) {
   EXPECT_FALSE(f.IsEOF());
   EXPECT_EQ(f.GetChar(), 'q');
   EXPECT_TRUE(f.IsEOF());
-}
 
-TEST_F(QFileTest, ReadPastEndCopiesOneByteMoreButNeverOutsideTheBlock) {
-  QFile f(Block("abcde"), 5, QFile::READ, true);
+  // Reading past the end copies one byte more, but never from outside the block.
+  QFile r(Block("abcde"), 5, QFile::READ, true);
   char buf[16];
   memset(buf, '#', sizeof(buf));
-  EXPECT_EQ(f.Read(buf, 3), 3);
-  EXPECT_FALSE(f.IsEOF());
-  EXPECT_EQ(f.Read(buf, 10), 3);  // two remain, one more is counted
+  EXPECT_EQ(r.Read(buf, 3), 3);
+  EXPECT_FALSE(r.IsEOF());
+  EXPECT_EQ(r.Read(buf, 10), 3);  // two remain, one more is counted
   EXPECT_EQ(buf[0], 'd');
   EXPECT_EQ(buf[1], 'e');
   EXPECT_EQ(static_cast<unsigned char>(buf[2]), 255);
   EXPECT_EQ(buf[3], '#');
-  EXPECT_TRUE(f.IsEOF());
-  EXPECT_EQ(f.Read(buf, 10), 0);
+  EXPECT_TRUE(r.IsEOF());
+  EXPECT_EQ(r.Read(buf, 10), 0);
 
   QFile whole(Block("ab"), 2, QFile::READ, true);
   whole.SetUnclampedReads(true);
@@ -64,10 +58,9 @@ TEST_F(QFileTest, ReadPastEndCopiesOneByteMoreButNeverOutsideTheBlock) {
   EXPECT_EQ(std::string(buf, 2), "ab");
   EXPECT_EQ(static_cast<unsigned char>(buf[4]), 255);
   EXPECT_TRUE(whole.IsEOF());
-}
 
-TEST_F(QFileTest, OwnedBlockIsReleasedAndBorrowedIsNot) {
-  int before = qmemGetCount();
+  // An owned block is released, a borrowed one is not.
+  const int before = qmemGetCount();
   { QFile f(Block("abc"), 3, QFile::READ, true); }
   EXPECT_EQ(qmemGetCount(), before);
   void* mine = Block("abc");
@@ -124,13 +117,13 @@ TEST_F(QFileTest, MemoryFlagPreloadsOrKeepsAStream) {
     QFile f(fp, QFile::READ | QFile::MEMORY);
     EXPECT_FALSE(f.IsMemoryFile());
     EXPECT_EQ(f.GetChar(), 'a');
-    EXPECT_TRUE(Logged("QFile: can't use memory mapping with 'fp' takeover"));
+    EXPECT_TRUE(log_.Seen("QFile: can't use memory mapping with 'fp' takeover"));
     EXPECT_EQ(qfGetOpenCount(), open);  // qfopen counted it; taking it over does not again
   }
   EXPECT_EQ(qfGetOpenCount(), before);
 }
 
-TEST_F(QFileTest, UnopenedFilesReadNothingAndCloseCountsStay) {
+TEST_F(QFileTest, UnopenedFilesReadNothingCloseCountsStayAndOnlyFilesExist) {
   int open = qfGetOpenCount();
   QFile missing((dir_ + "/none").c_str(), QFile::READ);
   QFile badMode(MakeFile("x", "x").c_str(), 10);
@@ -145,7 +138,10 @@ TEST_F(QFileTest, UnopenedFilesReadNothingAndCloseCountsStay) {
   }
   EXPECT_EQ(qfGetOpenCount(), open);
   EXPECT_EQ(qfclose(nullptr), EOF);
-  EXPECT_TRUE(Logged("qfclose(0) called"));
+  EXPECT_TRUE(log_.Seen("qfclose(0) called"));
+  // Existence is for files, not directories.
+  EXPECT_TRUE(QFileExists(MakeFile("here", "x").c_str()));
+  for (const std::string& no : {dir_, Tmp("absent"), std::string()}) EXPECT_FALSE(QFileExists(no.c_str()));
 }
 
 TEST_F(QFileTest, LinesDropCarriageReturnsAndKeepAnUnterminatedLastLine) {
@@ -167,22 +163,16 @@ TEST_F(QFileTest, LinesDropCarriageReturnsAndKeepAnUnterminatedLastLine) {
   EXPECT_STREQ(buf, "abc");
   EXPECT_EQ(f.ReadLine(buf, 4), 3);
   EXPECT_STREQ(buf, "def");
-}
 
-TEST_F(QFileTest, SixteenBitLinesAreLittleEndian) {
-  QFile f(Block(std::string("h\0\x01\x04\r\0\n\0z\0", 10)), 10, QFile::READ, true);
+  // Sixteen-bit lines are little-endian.
+  QFile uc(Block(std::string("h\0\x01\x04\r\0\n\0z\0", 10)), 10, QFile::READ, true);
   uint16_t line[8];
-  EXPECT_EQ(f.ReadLineUC(line, 8), 2);
+  EXPECT_EQ(uc.ReadLineUC(line, 8), 2);
   EXPECT_TRUE(line[0] == 'h' && line[1] == 0x0401);
-  f.SetUnicodeLines(true);
+  uc.SetUnicodeLines(true);
   qstring rest;
-  f.ReadLine(&rest);
+  uc.ReadLine(&rest);
   EXPECT_STREQ(rest.cstr(), "z");
-}
-
-TEST_F(QFileTest, ExistsForFilesNotDirectories) {
-  EXPECT_TRUE(QFileExists(MakeFile("here", "x").c_str()));
-  for (const std::string& no : {dir_, Tmp("absent"), std::string()}) EXPECT_FALSE(QFileExists(no.c_str()));
 }
 
 }  // namespace

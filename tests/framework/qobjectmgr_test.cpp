@@ -61,7 +61,7 @@ TEST(QObjectManagerRefs, SameNameSharesOneObjectUntilTheLastRelease) {
   EXPECT_FALSE(log.Seen("QObjectManager:"));
 }
 
-TEST(QObjectManagerRefs, FailedCreateLeavesTheSlotFree) {
+TEST(QObjectManagerRefs, FailedCreateLeavesTheSlotFreeAndTooManyReleasesAreReported) {
   LogCapture log;
   int blocks = qmemGetCount();
   {
@@ -75,10 +75,7 @@ TEST(QObjectManagerRefs, FailedCreateLeavesTheSlotFree) {
     EXPECT_TRUE(log.Seen("QObjectManager:FindOrMake() out of space"));
   }
   EXPECT_EQ(qmemGetCount(), blocks);  // tables and names all given back
-}
 
-TEST(QObjectManagerRefs, TooManyReleasesAreReportedNotDestroyedTwice) {
-  LogCapture log;
   IntManager m(4);
   int a = m.FindOrMakeReference("x");
   int copy = a;

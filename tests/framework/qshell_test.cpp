@@ -36,7 +36,7 @@ struct Console : TempDirTest {
   }
 };
 
-TEST_F(Console, TerminalShowsWhatIsWrittenAtOnce) {
+TEST_F(Console, TerminalShowsWhatIsWrittenAtOnceAndWithoutOneOutputStays) {
   // A stand-in terminal: runs its "-e" command with the output into a file.
   chmod(MakeFile("x-terminal-emulator",
                  "#!/bin/sh\n[ \"$1\" = -e ] && shift\nexec \"$@\" > " + Tmp("seen.txt") + "\n")
@@ -50,9 +50,8 @@ TEST_F(Console, TerminalShowsWhatIsWrittenAtOnce) {
   }
   EXPECT_EQ(seen, "hello console\n");
   EXPECT_EQ(ReadFile(Tmp("stdout.txt")), "");  // the text went to the console instead
-}
 
-TEST_F(Console, WithoutATerminalNothingIsReportedAndOutputStays) {
+  // Without a terminal program nothing is reported and the output stays where it was.
   mkdir(Tmp("empty").c_str(), 0700);
   ASSERT_EQ(RunChild(Tmp("empty"), Tmp("stdout.txt")), 0);
   EXPECT_EQ(ReadFile(Tmp("stdout.txt")), "hello console\n");
