@@ -5,36 +5,22 @@
 // the program must still answer, its resident memory and its texture count must not have grown
 // since the first hundred commands, and its log may hold only the expected complaints about the
 // broken files. Under the sanitizer build LeakSanitizer also looks at exit.
-#include <unistd.h>
-
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
-#include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "support/e2e.h"
 #include "support/tempdir.h"
 
 namespace {
 
-using e2e::Is;
-using e2e::kBlue;
-using e2e::kGreen;
-using e2e::kRed;
-using e2e::kStartMs;
-using e2e::kWhite;
-using e2e::Program;
-using e2e::Screen;
+using namespace e2e;
 
 constexpr int kStepMs = 20000;
 constexpr int kCommands = 2000;
@@ -86,52 +72,46 @@ struct LogFollower {
 };
 
 // The resident memory of `pid` in kB; -1 when unknown.
-long ResidentKb(pid_t pid) { return long(e2e::ProcValue(pid, "status", "VmRSS:")); }
+long ResidentKb(pid_t pid) { return long(ProcValue(pid, "status", "VmRSS:")); }
 
-using e2e::Photo;
-
-using SlideshowSoak = e2e::ScreenTest<800, 600>;
+using SlideshowSoak = ScreenTest<800, 600>;
 
 TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   Program p;
-  ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
-  ASSERT_TRUE(p.SetKey("dev.idle_sleep_ms", "2"));
-  ASSERT_TRUE(p.SetKey("app.watch_directory", "1"));
   // Commands keep restarting the count; the show steps by itself in the pauses and at the end.
-  ASSERT_TRUE(p.SetKey("effects.advance_seconds", "1"));
+  ASSERT_TRUE(p.Prepare() && p.SetKey("dev.idle_sleep_ms", "2") &&
+              p.SetKey("app.watch_directory", "1") && p.SetKey("effects.advance_seconds", "1"));
   // The sanitizer build holds freed blocks back (256 MB by default) before it reuses them, which
   // would read as growth; a small hold fills within the first hundred commands. Other builds
   // ignore the variable.
-  const char* asan = getenv("ASAN_OPTIONS");
-  ScopedEnv hold("ASAN_OPTIONS", (std::string(asan ? asan : "") + ":quarantine_size_mb=16").c_str());
+  const std::string asan = getenv("ASAN_OPTIONS") ? getenv("ASAN_OPTIONS") : "";
+  ScopedEnv hold("ASAN_OPTIONS", (asan + ":quarantine_size_mb=16").c_str());
 
   // Good pictures: in the folder (catalogued) and beside it (appended by the first load).
   std::vector<std::string> good = {"g1.jpg", "g3.jpg", "g6.jpg", "g8.jpg", "g.tga",
                                    "more/m.jpg", "more/m.tga"};
   std::filesystem::create_directory(p.Path("more"));
-  const int orientations[] = {1, 3, 6, 8};
-  for (int i = 0; i < 4; ++i) {
-    ASSERT_TRUE(e2e::WritePicture(p.Path(good[size_t(i)]), 320 - 40 * i, 240, Photo));
-    ASSERT_TRUE(e2e::SetJpegOrientation(p.Path(good[size_t(i)]), orientations[i]));
-  }
-  ASSERT_TRUE(e2e::WritePicture(p.Path("g.tga"), 200, 150, Photo));
-  ASSERT_TRUE(e2e::WritePicture(p.Path("more/m.jpg"), 64, 300, Photo));
-  ASSERT_TRUE(e2e::WritePicture(p.Path("more/m.tga"), 300, 64, Photo));
-  ASSERT_TRUE(e2e::WriteQuadrants(p.Path("more/final.jpg"), 8));
+  // The first four are stored turned: the digit in the name is the EXIF orientation.
+  for (size_t i = 0; i < 4; ++i)
+    ASSERT_TRUE(WritePicture(p.Path(good[i]), 320 - 40 * int(i), 240, Photo) &&
+                SetJpegOrientation(p.Path(good[i]), good[i][1] - '0'));
+  ASSERT_TRUE(WritePicture(p.Path("g.tga"), 200, 150, Photo) &&
+              WritePicture(p.Path("more/m.jpg"), 64, 300, Photo) &&
+              WritePicture(p.Path("more/m.tga"), 300, 64, Photo) &&
+              WriteQuadrants(p.Path("more/final.jpg"), 8));
 
   // Broken ones: cut inside its header (a JPEG cut in its pixel data shows what decoded), empty,
   // noise with a picture's name, never there, deleted after the scan (so also reached with the
   // arrow keys).
   const std::vector<std::string> broken = {"cut.jpg", "empty.jpg", "noise.jpg", "gone.jpg",
                                            "deleted.tga"};
-  ASSERT_TRUE(e2e::WritePicture(p.Path("cut.jpg"), 320, 240, Photo));
+  ASSERT_TRUE(WritePicture(p.Path("cut.jpg"), 320, 240, Photo));
   std::filesystem::resize_file(p.Path("cut.jpg"), 160);
-  std::ofstream(p.Path("empty.jpg"));
   std::mt19937 rng(7);
-  std::ofstream noise(p.Path("noise.jpg"), std::ios::binary);
-  for (int i = 0; i < 5000; ++i) noise.put(char(rng()));
-  noise.close();
-  ASSERT_TRUE(e2e::WritePicture(p.Path("deleted.tga"), 32, 32, Photo));
+  std::string noise(5000, 0);
+  for (char& c : noise) c = char(rng());
+  ASSERT_TRUE(WriteFile(p.Path("noise.jpg"), noise) && WriteFile(p.Path("empty.jpg"), ""));
+  ASSERT_TRUE(WritePicture(p.Path("deleted.tga"), 32, 32, Photo));
 
   ASSERT_TRUE(p.Start());
   LogFollower log(p.Path("QLOG.txt"));
@@ -156,7 +136,7 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
     if ((sent / kBurst) % 4 == 0) {
       const int followed = log.folderChanges;
       if ((sent / kBurst) % 8)
-        ASSERT_TRUE(e2e::WritePicture(p.Path("churn.jpg"), 160, 120, Photo));
+        ASSERT_TRUE(WritePicture(p.Path("churn.jpg"), 160, 120, Photo));
       else
         ASSERT_TRUE(std::filesystem::remove(p.Path("churn.jpg")));
       ASSERT_TRUE(log.WaitFor(log.folderChanges, followed + 1, kStepMs)) << "after " << sent;
@@ -176,7 +156,7 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
     if (i % 2)
       std::filesystem::remove(p.Path("churn.jpg"), absent);
     else
-      ASSERT_TRUE(e2e::WritePicture(p.Path("churn.jpg"), 160, 120, Photo));
+      ASSERT_TRUE(WritePicture(p.Path("churn.jpg"), 160, 120, Photo));
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));
   }
   log.Poll();
@@ -201,13 +181,10 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   // Still answering: a last load shows the turned quadrants (orientation 8, a quarter turn
   // anticlockwise: green top-left, white top-right, red bottom-left, blue bottom-right).
   ASSERT_TRUE(p.Send("load more/final.jpg"));
-  Screen s;
-  EXPECT_TRUE(e2e::WaitForScreen(
-      [](const Screen& sc) {
-        return Is(sc.At(287, 150), kGreen) && Is(sc.At(512, 150), kWhite) &&
-               Is(sc.At(287, 450), kRed) && Is(sc.At(512, 450), kBlue);
-      },
-      kStepMs, &s));
+  EXPECT_TRUE(Sees([](const Screen& s) {
+    return Is(s.At(287, 150), kGreen) && Is(s.At(512, 150), kWhite) && Is(s.At(287, 450), kRed) &&
+           Is(s.At(512, 450), kBlue);
+  }));
 
   // Only the broken files were complained about, each with the loader's error or its reader's
   // warning; besides them just the two start-up notes of a test run.
@@ -228,8 +205,7 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
 
   // And it ends cleanly. Under the sanitizers nothing was reported on the way, and nothing of
   // ours was left behind (WaitExit looks at the leak report).
-  ASSERT_TRUE(p.Keys("Escape"));
-  EXPECT_EQ(p.WaitExit(kStartMs), 0);
+  EXPECT_EQ(p.Escape(), 0);
   const std::string out = p.ReadFile("out.txt");
   for (const char* report : {"ERROR: AddressSanitizer", "runtime error"}) {
     const size_t at = out.find(report);

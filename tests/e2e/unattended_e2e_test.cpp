@@ -2,17 +2,12 @@
 // read-only glimra.ini, stop signals and the over-long command leaving through the exit path.
 #include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <random>
-#include <string>
 #include <thread>
 
 #include "framework/qini.h"
@@ -21,13 +16,10 @@
 
 namespace {
 
-using e2e::kStartMs;
-using e2e::kStepMs;
-using e2e::Program;
-using e2e::Screen;
+using namespace e2e;
 
 // A picture the program can show, so that every start runs the whole show.
-bool AddPicture(const Program& p) { return e2e::Uniform(p.Path("a.tga"), e2e::kRed); }
+bool AddPicture(const Program& p) { return Uniform(p.Path("a.tga"), kRed); }
 
 // "R", "S", "Z", ... of process `pid`; "" when it is gone. The parent's id into `ppid`.
 std::string State(pid_t pid, pid_t* ppid = nullptr) {
@@ -56,7 +48,7 @@ pid_t WaitForChild(pid_t pid, int ms) {
   return 0;
 }
 
-using UnattendedE2E = e2e::ScreenTest<800, 600>;
+using UnattendedE2E = ScreenTest<800, 600>;
 
 TEST_F(UnattendedE2E, KillDuringFastEffectKeysNeverLeavesACutSettingsFile) {
   std::mt19937 random(12);
@@ -64,9 +56,7 @@ TEST_F(UnattendedE2E, KillDuringFastEffectKeysNeverLeavesACutSettingsFile) {
   for (int round = 0; round < 50; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
     Program p;
-    ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
-    ASSERT_TRUE(p.SetKey("dev.idle_sleep_ms", "2"));
-    ASSERT_TRUE(AddPicture(p));
+    ASSERT_TRUE(p.Prepare() && p.SetKey("dev.idle_sleep_ms", "2") && AddPicture(p));
     ASSERT_TRUE(p.Start());
     ASSERT_FALSE(p.WindowId(kStartMs).empty()) << p.Log();
     std::string keys;
@@ -92,28 +82,21 @@ TEST_F(UnattendedE2E, KillDuringFastEffectKeysNeverLeavesACutSettingsFile) {
 
 TEST_F(UnattendedE2E, ReadOnlySettingsAreReportedAndTheShowGoesOn) {
   Program p;
-  ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
-  ASSERT_TRUE(AddPicture(p));
+  ASSERT_TRUE(p.Prepare() && AddPicture(p));
   const std::string before = p.ReadFile("glimra.ini");
   ASSERT_EQ(chmod(p.Path("glimra.ini").c_str(), 0444), 0);
   ASSERT_TRUE(p.Start());
-  Screen s;
-  ASSERT_TRUE(e2e::WaitForScreen([](const Screen& g) { return e2e::R(g.At(400, 300)) > 180; },
-                                 kStartMs, &s))
-      << p.Log();
+  ASSERT_TRUE(Shows(kRed, kStartMs)) << p.Log();
   ASSERT_TRUE(p.Keys("b"));
   // The effect still shows: the red turns grey.
-  EXPECT_TRUE(e2e::WaitForScreen(
-      [](const Screen& g) {
-        const uint32_t c = g.At(400, 300);
-        return e2e::R(c) == e2e::G(c) && e2e::G(c) == e2e::B(c);
-      },
-      kStepMs, &s));
+  EXPECT_TRUE(Sees([](const Screen& g) {
+    const uint32_t c = g.At(400, 300);
+    return Is(c, R(c) * 0x010101u, 0);
+  }));
   EXPECT_TRUE(p.WaitForLog("Can't write " + p.Path("glimra.ini") + " (Permission denied)", kStepMs))
       << p.Log();
   EXPECT_EQ(p.ReadFile("glimra.ini"), before);
-  ASSERT_TRUE(p.Keys("Escape"));
-  EXPECT_EQ(p.WaitExit(kStepMs), 0);
+  EXPECT_EQ(p.Escape(), 0);
 }
 
 TEST_F(UnattendedE2E, StopSignalsAndTheOverLongCommandLeaveThroughTheExitPath) {
@@ -124,8 +107,7 @@ TEST_F(UnattendedE2E, StopSignalsAndTheOverLongCommandLeaveThroughTheExitPath) {
   for (const Case c : {Case{SIGTERM, 0}, Case{SIGINT, 0}, Case{SIGHUP, 0}, Case{0, 1}}) {
     SCOPED_TRACE(c.sig ? strsignal(c.sig) : "1024 bytes");
     Program p;
-    ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
-    ASSERT_TRUE(AddPicture(p));
+    ASSERT_TRUE(p.Prepare() && AddPicture(p));
     ASSERT_TRUE(p.Start());
     ASSERT_FALSE(p.WindowId(kStartMs).empty()) << p.Log();
     const auto sent = std::chrono::steady_clock::now();
@@ -147,8 +129,7 @@ TEST_F(UnattendedE2E, FatalBoxDiesWithItsProgramAndClosesItselfWhenAsked) {
   ScopedEnv boxes("GLIMRA_NO_MESSAGEBOX", nullptr);
 
   Program p;
-  ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
-  ASSERT_TRUE(AddPicture(p));
+  ASSERT_TRUE(p.Prepare() && AddPicture(p));
   const std::string fonts = p.Path("fonts"), away = p.Path("fonts-away");
   ASSERT_EQ(rename(fonts.c_str(), away.c_str()), 0);
   ASSERT_TRUE(p.Start());
