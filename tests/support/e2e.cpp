@@ -226,14 +226,11 @@ bool SetJpegOrientation(const std::string& path, int orientation) {
   std::string data = ReadFile(path);
   if (data.size() < 4 || (unsigned char)data[0] != 0xFF || (unsigned char)data[1] != 0xD8)
     return false;
-  // APP1: "Exif\0\0", a little-endian TIFF header, IFD0 with one SHORT entry 0x0112.
-  const unsigned char seg[] = {
-      0xFF, 0xE1, 0x00, 0x22, 'E', 'x', 'i', 'f', 0, 0,                 // marker, length 34
-      'I', 'I', 0x2A, 0x00, 0x08, 0x00, 0x00, 0x00,                    // TIFF header
-      0x01, 0x00,                                                      // one entry
-      0x12, 0x01, 0x03, 0x00, 0x01, 0x00, 0x00, 0x00,                  // 0x0112, SHORT, 1
-      (unsigned char)orientation, 0x00, 0x00, 0x00,                    // the value
-      0x00, 0x00, 0x00, 0x00};                                         // no next IFD
+  // APP1 of length 34: "Exif\0\0", a little-endian TIFF header, IFD0 with one entry (0x0112,
+  // SHORT, count 1, the value) and no next IFD.
+  const unsigned char seg[] = {0xFF, 0xE1, 0, 34, 'E', 'x', 'i', 'f', 0, 0, 'I', 'I', 0x2A, 0, 8, 0,
+                               0, 0, 1, 0, 0x12, 0x01, 3, 0, 1, 0, 0, 0, (unsigned char)orientation,
+                               0, 0, 0, 0, 0, 0, 0};
   data.insert(2, reinterpret_cast<const char*>(seg), sizeof(seg));
   return WriteFile(path, data);
 }
