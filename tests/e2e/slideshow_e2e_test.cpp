@@ -39,47 +39,7 @@ class SlideshowE2E : public ScreenTest<800, 600> {
   }
 };
 
-// A second start hands its argument to the running copy and ends: to the port its own glimra.ini
-// names, and from another folder with a relative path made absolute.
-TEST_F(SlideshowE2E, SecondStartHandsItsArgumentToTheRunningCopyAndEnds) {
-  Program first;
-  ASSERT_TRUE(first.Prepare());
-  ASSERT_TRUE(Uniform(first.Path("a.tga"), kRed));
-  StartShowing(&first, nullptr, [](const Screen& s) { return Is(s.At(400, 300), kRed); });
-
-  // The second copy's glimra.ini names a port this test listens on, as network.port plus the
-  // developer's port offset.
-  const int port = FreeUdpPort();
-  const int fd = ListenUdp(port);
-  ASSERT_GE(fd, 0);
-  Program second;
-  ASSERT_TRUE(second.Prepare(port - 3));
-  ASSERT_TRUE(second.SetKey("dev.port_offset", "3"));
-  ASSERT_TRUE(second.Start("C:\\Pictures\\a.jpg"));
-  EXPECT_EQ(second.WaitExit(kStartMs), 0);
-  std::string got;
-  ASSERT_TRUE(ReceiveUdp(fd, kStepMs, &got));
-  close(fd);
-  EXPECT_EQ(got, std::string("load C:\\Pictures\\a.jpg"));
-  EXPECT_EQ(got.size(), 22u);  // no terminating zero on the wire
-  EXPECT_NE(second.ReadFile("out.txt").find("Already running; pass arg to existing app"),
-            std::string::npos);
-  // No application object was made, hence no window: its log has no line tagged with its name.
-  EXPECT_EQ(second.Log().find("[glimra]"), std::string::npos) << second.Log();
-
-  TempDir elsewhere("glimra_elsewhere");
-  ASSERT_TRUE(Uniform(elsewhere.Path() + "/pic.jpg", kBlue));
-  Program third;
-  ASSERT_TRUE(third.MakeDir());
-  ASSERT_TRUE(third.Run(first.Path("glimra"), {"pic.jpg"}, elsewhere.Path()));
-  EXPECT_EQ(third.WaitExit(kStartMs), 0);
-  EXPECT_TRUE(Shows(kBlue)) << first.Log();
-  const std::string cmd = "load " + elsewhere.Path() + "/pic.jpg";
-  EXPECT_TRUE(first.WaitForLog("in " + std::to_string(cmd.size()) + " bytes (" + cmd + ")",
-                               kStepMs)) << first.Log();
-}
-
-TEST_F(SlideshowE2E, StepsWrapAndCommandsLoadIgnoreOrFailWithoutLosingThePicture) {
+TEST_F(SlideshowE2E, StepsWrapCommandsLoadIgnoreOrFailKeepingThePictureAndASecondStartHandsOver) {
   Program p;
   ASSERT_TRUE(p.Prepare());
   std::filesystem::create_directory(p.Path("extra"));
@@ -121,6 +81,37 @@ TEST_F(SlideshowE2E, StepsWrapAndCommandsLoadIgnoreOrFailWithoutLosingThePicture
   EXPECT_TRUE(Is(screen_.At(400, 300), kRed));
   EXPECT_TRUE(Is(screen_.At(5, 595), kRed)) << "the picture still fills the window";
   EXPECT_EQ(p.Log().find("Adding 'c.tga'"), std::string::npos);
+
+  // A second start hands its argument to the running copy and ends: to the port its own
+  // glimra.ini names (here one this test listens on, as network.port plus the developer's port
+  // offset), and from another folder with a relative path made absolute.
+  const int port = FreeUdpPort();
+  const int fd = ListenUdp(port);
+  ASSERT_GE(fd, 0);
+  Program second;
+  ASSERT_TRUE(second.Prepare(port - 3));
+  ASSERT_TRUE(second.SetKey("dev.port_offset", "3"));
+  ASSERT_TRUE(second.Start("C:\\Pictures\\a.jpg"));
+  EXPECT_EQ(second.WaitExit(kStartMs), 0);
+  std::string got;
+  ASSERT_TRUE(ReceiveUdp(fd, kStepMs, &got));
+  close(fd);
+  EXPECT_EQ(got, std::string("load C:\\Pictures\\a.jpg"));  // no terminating zero on the wire
+  EXPECT_NE(second.ReadFile("out.txt").find("Already running; pass arg to existing app"),
+            std::string::npos);
+  // No application object was made, hence no window: its log has no line tagged with its name.
+  EXPECT_EQ(second.Log().find("[glimra]"), std::string::npos) << second.Log();
+
+  TempDir elsewhere("glimra_elsewhere");
+  ASSERT_TRUE(Uniform(elsewhere.Path() + "/pic.jpg", kBlue));
+  Program third;
+  ASSERT_TRUE(third.MakeDir());
+  ASSERT_TRUE(third.Run(p.Path("glimra"), {"pic.jpg"}, elsewhere.Path()));
+  EXPECT_EQ(third.WaitExit(kStartMs), 0);
+  EXPECT_TRUE(Shows(kBlue)) << p.Log();
+  const std::string cmd = "load " + elsewhere.Path() + "/pic.jpg";
+  EXPECT_TRUE(p.WaitForLog("in " + std::to_string(cmd.size()) + " bytes (" + cmd + ")", kStepMs))
+      << p.Log();
 }
 
 TEST_F(SlideshowE2E, EffectKeysShowAtOnceAndAreWrittenBackTurnedPicturesStandUpAndEscapeEnds) {
@@ -164,7 +155,6 @@ TEST_F(SlideshowE2E, EffectKeysShowAtOnceAndAreWrittenBackTurnedPicturesStandUpA
            Is(s.At(200, 450), kGreen) && Is(s.At(600, 450), kRed) && s.At(2, 300) &&
            s.At(797, 300);
   })) << p.Log();
-  EXPECT_TRUE(p.WaitForLog("Code 0, Orientation: 3", kStepMs));
 
   ASSERT_TRUE(p.Keys("Escape"));
   p.ExpectOrderlyExit();
