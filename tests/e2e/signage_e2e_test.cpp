@@ -21,7 +21,8 @@ long CpuMsOverTwoSeconds(pid_t pid) {
     long user = 0, system = 0;
     return close != std::string::npos &&
                    sscanf(stat.c_str() + close + 2,
-                          "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &user, &system) == 2
+                          "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &user,
+                          &system) == 2
                ? (user + system) * 1000 / sysconf(_SC_CLK_TCK)
                : -1000000L;
   };

@@ -71,9 +71,6 @@ struct LogFollower {
   }
 };
 
-// The resident memory of `pid` in kB; -1 when unknown.
-long ResidentKb(pid_t pid) { return long(ProcValue(pid, "status", "VmRSS:")); }
-
 using SlideshowSoak = ScreenTest<800, 600>;
 
 TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
@@ -142,7 +139,7 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
       ASSERT_TRUE(log.WaitFor(log.folderChanges, followed + 1, kStepMs)) << "after " << sent;
     }
     if (sent == kBaseline) {
-      baselineKb = ResidentKb(p.Pid());
+      baselineKb = ProcValue(p.Pid(), "status", "VmRSS:");
       baselineTextures = log.maxTextures = log.textures;
     }
     if (sent % kKeyEvery == 0) {
@@ -161,7 +158,7 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   }
   log.Poll();
   EXPECT_GE(log.loads, loadsBefore + 2) << "no automatic steps";
-  const long endKb = ResidentKb(p.Pid());
+  const long endKb = ProcValue(p.Pid(), "status", "VmRSS:");
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   printf("soak: %d commands, %d good loads in %.1f s; VmRSS %ld kB after %d, %ld kB at the end; "
