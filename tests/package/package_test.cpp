@@ -51,12 +51,8 @@ class Package : public ::testing::Test {
     std::error_code ec;
     for (const auto& e : fs::directory_iterator(out, ec))
       if (e.path().extension() == ".deb") debs_.push_back(e.path().string());
-    if (!built_ || debs_.size() != 1) {
-      cpackLog_ = log;
-      built_ = false;
-      return;
-    }
-    built_ = Shell("dpkg-deb -x " + Quote(debs_[0]) + " " + Quote(tmp_->File("root")) +
+    built_ = built_ && debs_.size() == 1 &&
+             Shell("dpkg-deb -x " + Quote(debs_[0]) + " " + Quote(tmp_->File("root")) +
                        " && dpkg-deb -e " + Quote(debs_[0]) + " " + Quote(tmp_->File("control")),
                    &log) == 0;
     if (!built_) cpackLog_ = log;
@@ -78,11 +74,9 @@ class Package : public ::testing::Test {
   static std::string Control(const std::string& name) { return tmp_->File("control/" + name); }
   // The value of a field of the control file.
   static std::string Field(const std::string& name) {
-    std::istringstream in(ReadFile(Control("control")));
-    std::string line;
-    while (std::getline(in, line))
-      if (line.compare(0, name.size() + 2, name + ": ") == 0) return line.substr(name.size() + 2);
-    return "";
+    const std::string control = "\n" + ReadFile(Control("control")), key = "\n" + name + ": ";
+    const size_t at = control.find(key), from = at + key.size();
+    return at == std::string::npos ? "" : control.substr(from, control.find('\n', from) - from);
   }
 
   static inline std::string missing_, cpackLog_;
