@@ -25,14 +25,13 @@ std::vector<uint32_t> InfoLine(const Screen& s) {
   return px;
 }
 
-class WatchE2E : public ScreenTest<800, 600> {
- protected:
-  // Waits until the program has followed the folder to `pictures` listed, none being written.
-  bool Listed(const Program& p, int pictures, int times = 1) {
-    return p.WaitForLog(": " + std::to_string(pictures) + " pictures, 0 being written", kStepMs,
-                        times);
-  }
-};
+// Waits until the program has followed the folder to `pictures` listed, none being written.
+bool Listed(const Program& p, int pictures, int times = 1) {
+  return p.WaitForLog(": " + std::to_string(pictures) + " pictures, 0 being written", kStepMs,
+                      times);
+}
+
+using WatchE2E = ScreenTest<800, 600>;
 
 TEST_F(WatchE2E, PicturesJoinWhenCompleteAndLeaveWithoutAnError) {
   Program p;
