@@ -83,20 +83,14 @@ TEST_F(SlideshowE2E, StepsWrapCommandsLoadIgnoreOrFailKeepingThePictureAndASecon
   EXPECT_EQ(p.Log().find("Adding 'c.tga'"), std::string::npos);
 
   // A second start hands its argument to the running copy and ends: to the port its own
-  // glimra.ini names (here one this test listens on, as network.port plus the developer's port
-  // offset), and from another folder with a relative path made absolute.
-  const int port = FreeUdpPort();
-  const int fd = ListenUdp(port);
-  ASSERT_GE(fd, 0);
+  // glimra.ini names (here as network.port plus the developer's port offset), and from another
+  // folder with a relative path made absolute.
   Program second;
-  ASSERT_TRUE(second.Prepare(port - 3));
-  ASSERT_TRUE(second.SetKey("dev.port_offset", "3"));
+  ASSERT_TRUE(second.Prepare(p.Port() - 3) && second.SetKey("dev.port_offset", "3"));
   ASSERT_TRUE(second.Start("C:\\Pictures\\a.jpg"));
   EXPECT_EQ(second.WaitExit(kStartMs), 0);
-  std::string got;
-  ASSERT_TRUE(ReceiveUdp(fd, kStepMs, &got));
-  close(fd);
-  EXPECT_EQ(got, std::string("load C:\\Pictures\\a.jpg"));  // no terminating zero on the wire
+  // Exactly these bytes: no terminating zero on the wire.
+  EXPECT_TRUE(p.WaitForLog("in 22 bytes (load C:\\Pictures\\a.jpg)", kStepMs)) << p.Log();
   EXPECT_NE(second.ReadFile("out.txt").find("Already running; pass arg to existing app"),
             std::string::npos);
   // No application object was made, hence no window: its log has no line tagged with its name.

@@ -278,25 +278,14 @@ sockaddr_in Loopback(int port) {
 }
 }  // namespace
 
-int ListenUdp(int port) {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  if (fd < 0) return -1;
-  sockaddr_in a = Loopback(port);
-  if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
-}
-
 int FreeUdpPort() {
-  int fd = ListenUdp(0);
-  if (fd < 0) return -1;
-  sockaddr_in a{};
+  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a = Loopback(0);
   socklen_t len = sizeof(a);
-  int port = getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0 ? ntohs(a.sin_port) : -1;
-  close(fd);
-  return port;
+  const bool named = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0 &&
+                     getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0;
+  if (fd >= 0) close(fd);
+  return named ? ntohs(a.sin_port) : -1;
 }
 
 bool SendUdp(int port, const std::string& bytes) {
@@ -309,15 +298,6 @@ bool SendUdp(int port, const std::string& bytes) {
   return n == ssize_t(bytes.size());
 }
 
-bool ReceiveUdp(int fd, int ms, std::string* out) {
-  pollfd p{fd, POLLIN, 0};
-  if (poll(&p, 1, ms) <= 0) return false;
-  char buf[4096];
-  ssize_t n = recv(fd, buf, sizeof(buf), 0);
-  if (n < 0) return false;
-  out->assign(buf, size_t(n));
-  return true;
-}
 
 Program::~Program() {
   if (pid_ > 0) {

@@ -75,12 +75,8 @@ long long ProcValue(pid_t pid, const char* file, const char* key);
 int RunningCopies();
 // A UDP port of 127.0.0.1 that was free a moment ago.
 int FreeUdpPort();
-// A UDP socket bound to 127.0.0.1:port, or -1.
-int ListenUdp(int port);
 // Sends one datagram of exactly these bytes to 127.0.0.1:port.
 bool SendUdp(int port, const std::string& bytes);
-// The next datagram on `fd` within `ms`; false on time-out.
-bool ReceiveUdp(int fd, int ms, std::string* out);
 
 class Program {
  public:
