@@ -9,8 +9,8 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
+#include <sstream>
 #include <random>
 #include <thread>
 #include <utility>
@@ -27,49 +27,7 @@ constexpr int kCommands = 2000;
 constexpr int kBurst = 20;        // far below what the socket queue holds
 constexpr int kKeyEvery = 100;    // commands between two key presses
 constexpr int kBaseline = 100;    // memory and textures are compared with this point
-
-// Follows QLOG.txt as it grows: handled commands, good loads with the texture count each one
-// reports (the highest since the last reset), followed folder changes, and every error or
-// warning line.
-struct LogFollower {
-  explicit LogFollower(std::string file) : path(std::move(file)) {}
-  std::string path;
-  size_t offset = 0;
-  std::string partial;
-  int commands = 0, loads = 0, textures = -1, maxTextures = -1, folderChanges = 0;
-  std::vector<std::string> complaints;
-
-  void Poll() {
-    std::ifstream f(path, std::ios::binary);
-    f.seekg(std::streamoff(offset));
-    const std::string chunk((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-    offset += chunk.size();
-    partial += chunk;
-    for (size_t nl = partial.find('\n'); nl != std::string::npos; nl = partial.find('\n')) {
-      const std::string line = partial.substr(0, nl);
-      partial.erase(0, nl + 1);
-      folderChanges += line.find("Folder changed (") != std::string::npos;
-      commands += line.find("] in ") != std::string::npos &&
-                  line.find(" bytes (load ") != std::string::npos;
-      const size_t semi = line.rfind("; ");
-      if (line.find("Load times (") != std::string::npos && semi != std::string::npos) {
-        ++loads;
-        if (sscanf(line.c_str() + semi, "; %d textures", &textures) == 1)
-          maxTextures = std::max(maxTextures, textures);
-      }
-      for (const char* level : {"(ERR", "(WARN", "(CRIT", "(FATAL"})
-        if (line.find(level) != std::string::npos) complaints.push_back(line);
-    }
-  }
-  // Waits until `count` (one of the counts above) reaches `n`.
-  bool WaitFor(const int& count, int n, int ms) {
-    for (int waited = 0; Poll(), count < n; waited += 5) {
-      if (waited > ms) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-  }
-};
+const char* const kComplaints[] = {"(ERR", "(WARN", "(CRIT", "(FATAL"};
 
 using SlideshowSoak = ScreenTest<800, 600>;
 
@@ -111,7 +69,6 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   ASSERT_TRUE(WritePicture(p.Path("deleted.tga"), 32, 32, Photo));
 
   ASSERT_TRUE(p.Start());
-  LogFollower log(p.Path("QLOG.txt"));
   const auto started = std::chrono::steady_clock::now();
   // The catalogue's first entry is the cut JPEG: the start shows nothing.
   ASSERT_FALSE(p.WindowId(kStartMs).empty()) << p.Log();
@@ -120,7 +77,7 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
 
   const char* keys[] = {"Right", "b", "Left", "i", "c", "Right", "i", "Left"};
   long baselineKb = -1;
-  int baselineTextures = -1;
+  size_t baselineAt = 0;  // the log's length then
   for (int sent = 0; sent < kCommands;) {
     for (int k = 0; k < kBurst; ++k, ++sent) {
       const size_t n = size_t(sent / 2);
@@ -128,26 +85,26 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
       ASSERT_TRUE(p.Send("load " + path));
     }
     // The program takes one command per cycle; let the queue drain before the next burst.
-    ASSERT_TRUE(log.WaitFor(log.commands, sent, kStepMs)) << log.commands << " of " << sent;
+    ASSERT_TRUE(p.WaitForLog(" bytes (load ", kStepMs, sent)) << sent;
     // Every fourth burst a picture comes into the folder or goes, and the program follows.
     if ((sent / kBurst) % 4 == 0) {
-      const int followed = log.folderChanges;
+      const int followed = Count(p.Log(), "Folder changed (");
       if ((sent / kBurst) % 8)
         ASSERT_TRUE(WritePicture(p.Path("churn.jpg"), 160, 120, Photo));
       else
         ASSERT_TRUE(std::filesystem::remove(p.Path("churn.jpg")));
-      ASSERT_TRUE(log.WaitFor(log.folderChanges, followed + 1, kStepMs)) << "after " << sent;
+      ASSERT_TRUE(p.WaitForLog("Folder changed (", kStepMs, followed + 1)) << "after " << sent;
     }
     if (sent == kBaseline) {
       baselineKb = ProcValue(p.Pid(), "status", "VmRSS:");
-      baselineTextures = log.maxTextures = log.textures;
+      baselineAt = p.Log().size();
     }
     if (sent % kKeyEvery == 0) {
       ASSERT_TRUE(p.Keys(keys[(sent / kKeyEvery) % 8]));
     }
   }
   // Left alone, it steps through the folder by itself while pictures come and go.
-  const int loadsBefore = log.loads;
+  const int loadsBefore = Count(p.Log(), "Load times (");
   for (int i = 0; i < 4; ++i) {
     std::error_code absent;  // the loop above may have left it either way
     if (i % 2)
@@ -156,24 +113,39 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
       ASSERT_TRUE(WritePicture(p.Path("churn.jpg"), 160, 120, Photo));
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));
   }
-  log.Poll();
-  EXPECT_GE(log.loads, loadsBefore + 2) << "no automatic steps";
+  EXPECT_GE(Count(p.Log(), "Load times ("), loadsBefore + 2) << "no automatic steps";
   const long endKb = ProcValue(p.Pid(), "status", "VmRSS:");
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  // Good loads with the texture count each reports: the last before the baseline, the highest
+  // after it.
+  const std::string text = p.Log();
+  int loads = 0, baselineTextures = -1, maxTextures = -1, textures = 0;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    const size_t semi = line.rfind("; ");
+    if (line.find("Load times (") == std::string::npos || semi == std::string::npos) continue;
+    ++loads;
+    if (sscanf(line.c_str() + semi, "; %d textures", &textures) != 1) continue;
+    if (size_t(lines.tellg()) <= baselineAt)
+      baselineTextures = textures;
+    else
+      maxTextures = std::max({maxTextures, baselineTextures, textures});
+  }
+  const int commands = Count(text, " bytes (load ");
   printf("soak: %d commands, %d good loads in %.1f s; VmRSS %ld kB after %d, %ld kB at the end; "
          "textures %d after %d, at most %d later; %d folder changes followed\n",
-         log.commands, log.loads, seconds, baselineKb, kBaseline, endKb, baselineTextures,
-         kBaseline, log.maxTextures, log.folderChanges);
+         commands, loads, seconds, baselineKb, kBaseline, endKb, baselineTextures, kBaseline,
+         maxTextures, Count(text, "Folder changed ("));
 
-  EXPECT_EQ(log.commands, kCommands);
+  EXPECT_EQ(commands, kCommands);
   // Half the commands were good; the key presses add loads of their own.
-  EXPECT_GE(log.loads, kCommands / 2);
+  EXPECT_GE(loads, kCommands / 2);
   ASSERT_GT(baselineKb, 0);
   EXPECT_LE(endKb, baselineKb * 11 / 10) << "resident memory grew";
   EXPECT_GE(endKb, baselineKb * 9 / 10);
   EXPECT_GT(baselineTextures, 0);
-  EXPECT_EQ(log.maxTextures, baselineTextures) << "textures are not given back";
+  EXPECT_EQ(maxTextures, baselineTextures) << "textures are not given back";
 
   // Still answering: a last load shows the turned quadrants (orientation 8, a quarter turn
   // anticlockwise: green top-left, white top-right, red bottom-left, blue bottom-right).
@@ -185,10 +157,12 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
 
   // Only the broken files were complained about, each with the loader's error or its reader's
   // warning; besides them just the two start-up notes of a test run.
-  log.Poll();
   int cantLoad = 0;
-  for (const std::string& line : log.complaints) {
-    if (line.find("dev.qdbg_to_qlog is 1") != std::string::npos ||
+  std::istringstream all(p.Log());
+  for (std::string line; std::getline(all, line);) {
+    if (std::none_of(std::begin(kComplaints), std::end(kComplaints),
+                     [&](const char* level) { return line.find(level) != std::string::npos; }) ||
+        line.find("dev.qdbg_to_qlog is 1") != std::string::npos ||
         line.find("uses software rendering") != std::string::npos)
       continue;
     bool named = false;
