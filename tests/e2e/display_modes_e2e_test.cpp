@@ -37,7 +37,6 @@ Section "Screen"
 EndSection
 Section "ServerFlags"
   Option "AutoAddDevices" "false"
-  Option "DontVTSwitch" "true"
 EndSection
 )";
 

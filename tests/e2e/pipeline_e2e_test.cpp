@@ -55,10 +55,9 @@ class PipelineE2E : public ScreenTest<kW, kH> {
   }
   // A full-screen program on the whole server.
   void Prepare(Program* p) {
-    ASSERT_TRUE(p->Prepare());
-    ASSERT_TRUE(p->SetKey("resolution.width", std::to_string(kW).c_str()));
-    ASSERT_TRUE(p->SetKey("resolution.height", std::to_string(kH).c_str()));
-    ASSERT_TRUE(p->SetKey("effects.show_info", "0"));
+    ASSERT_TRUE(p->Prepare() && p->SetKey("resolution.width", std::to_string(kW).c_str()) &&
+                p->SetKey("resolution.height", std::to_string(kH).c_str()) &&
+                p->SetKey("effects.show_info", "0"));
   }
   // Waits until the log reports the load of `name`, then grabs the screen.
   bool Shown(Program* p, const std::string& name) {

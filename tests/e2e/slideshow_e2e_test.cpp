@@ -161,9 +161,7 @@ TEST_F(SlideshowE2E, RealFolderNamesShowInListingOrderAndLoadAsWritten) {
   Program p;
   ASSERT_TRUE(p.Prepare());
   // Listing order: upper-cased bytes, so the UTF-8 name (0xC3...) comes last.
-  const Shown files[] = {{"DSC 0002.Jpg", kRed},
-                         {"IMG_0001.JPG", kGreen},
-                         {"z.jpeg", kBlue},
+  const Shown files[] = {{"DSC 0002.Jpg", kRed}, {"IMG_0001.JPG", kGreen}, {"z.jpeg", kBlue},
                          {"\xC3\xA9t\xC3\xA9.tga", kWhite}};
   for (const Shown& f : files) ASSERT_TRUE(Uniform(p.Path(f.first), f.second));
 
