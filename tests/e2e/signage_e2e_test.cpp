@@ -84,6 +84,8 @@ TEST_F(SignageE2E, FadeBlendsThenRestsAndRemoteStepsEffectsAndRescanAndNothingEl
   ASSERT_TRUE(p.SetKey("effects.show_info", "0"));
   ASSERT_TRUE(p.Start());
   ASSERT_TRUE(Shows(kRed, kStartMs)) << p.Log();
+  // Sends the command and waits for the colour it brings.
+  const auto step = [&](const char* cmd, uint32_t want) { return p.Send(cmd) && Shows(want); };
   ASSERT_TRUE(p.Send("next\n"));  // as a shell's echo sends it
   // Some frame on the way holds both: red and green each clearly present, neither whole.
   std::string seen;
@@ -99,8 +101,7 @@ TEST_F(SignageE2E, FadeBlendsThenRestsAndRemoteStepsEffectsAndRescanAndNothingEl
   // After the fade nothing is drawn: well under 1 % of a core over two seconds.
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   EXPECT_LE(CpuMsOverTwoSeconds(p.Pid()), 20);
-  ASSERT_TRUE(p.Send("prev"));
-  ASSERT_TRUE(Shows(kRed));
+  ASSERT_TRUE(step("prev", kRed));
 
   // Near misses change nothing: once the good one after them is handled, they were too.
   const int loads = Count(p.Log(), "Load times (");
@@ -119,21 +120,16 @@ TEST_F(SignageE2E, FadeBlendsThenRestsAndRemoteStepsEffectsAndRescanAndNothingEl
     return R(c) > 40 && Is(c, R(c) * 0x010101u, 2);
   })) << std::hex << screen_.At(400, 300);
   EXPECT_TRUE(p.WaitForKey("effects.black_and_white", "1"));
-  ASSERT_TRUE(p.Send("bw 0"));
-  ASSERT_TRUE(Shows(kRed));
+  ASSERT_TRUE(step("bw 0", kRed));
   EXPECT_TRUE(p.WaitForKey("effects.black_and_white", "0"));
   ASSERT_TRUE(p.Send("info 0"));
   EXPECT_TRUE(p.WaitForKey("effects.show_info", "0"));
 
   // A picture that came after the start joins at its place in the listing with a rescan.
   ASSERT_TRUE(Uniform(p.Path("a2.tga"), kBlue));
-  ASSERT_TRUE(p.Send("next"));
-  ASSERT_TRUE(Shows(kGreen));
-  ASSERT_TRUE(p.Send("prev"));
-  ASSERT_TRUE(Shows(kRed));
-  ASSERT_TRUE(p.Send("rescan"));
-  ASSERT_TRUE(p.Send("next"));
-  ASSERT_TRUE(Shows(kBlue));
+  ASSERT_TRUE(step("next", kGreen));
+  ASSERT_TRUE(step("prev", kRed));
+  ASSERT_TRUE(p.Send("rescan") && step("next", kBlue));
   EXPECT_EQ(p.Escape(), 0);
 }
 
