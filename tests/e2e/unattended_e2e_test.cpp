@@ -40,10 +40,9 @@ pid_t WaitForChild(pid_t pid, int ms) {
        std::chrono::steady_clock::now() < end;
        std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
     for (const auto& e : std::filesystem::directory_iterator("/proc")) {
-      const std::string name = e.path().filename().string();
-      if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+      const pid_t child = atoi(e.path().filename().c_str());  // 0: not a process
       pid_t parent = 0;
-      if (State(pid_t(std::stoi(name)), &parent) != "" && parent == pid) return std::stoi(name);
+      if (child > 0 && State(child, &parent) != "" && parent == pid) return child;
     }
   }
   return 0;
