@@ -100,8 +100,7 @@ TEST_F(PipelineE2E, WhatIsShownLooksLikeAHighQualityResizeAndJunkDoesNotHoldUpAC
   // A phone panorama wider than any texture: decoded reduced, it runs over both sides.
   ASSERT_TRUE(WritePicture(p.Path("pano.jpg"), 30000, 1500,
                            [](int x, int) { return x < 15000 ? 0xC83232u : 0x3232C8u; }));
-  ASSERT_TRUE(p.Send("load pano.jpg"));
-  ASSERT_TRUE(Shown(&p, "pano.jpg")) << p.Log();
+  ASSERT_TRUE(p.Send("load pano.jpg") && Shown(&p, "pano.jpg")) << p.Log();
   EXPECT_TRUE(Is(screen_.At(5, kH / 2), 0xC83232));
   EXPECT_TRUE(Is(screen_.At(kW - 5, kH / 2), 0x3232C8));
   EXPECT_EQ(p.Log().find("Can't load image"), std::string::npos) << p.Log();
@@ -122,8 +121,7 @@ TEST_F(PipelineE2E, WhatIsShownLooksLikeAHighQualityResizeAndJunkDoesNotHoldUpAC
     uint32_t colour;
   } pngs[] = {{"a.png", kW / 2, 0x643214}, {"b.png", kW / 2, 0x999999}, {"c.png", 600, 0xDC1414}};
   for (const auto& png : pngs) {
-    ASSERT_TRUE(p.Send(std::string("load ") + png.name));
-    ASSERT_TRUE(Shown(&p, png.name)) << p.Log();
+    ASSERT_TRUE(p.Send(std::string("load ") + png.name) && Shown(&p, png.name)) << p.Log();
     EXPECT_TRUE(Is(screen_.At(png.x, kH / 2), png.colour, 8)) << png.name;
   }
   EXPECT_TRUE(Is(screen_.At(1320, kH / 2), 0x1414DC, 8));
@@ -155,16 +153,14 @@ TEST_F(PipelineE2E, StepsUsePrefetchedPicturesUnlessTheFileChanged) {
     ASSERT_TRUE(WritePicture(p.Path(name), 3000, 2000,
                              [c = c](int x, int y) { return c ^ (Photo(x, y) & 0x0F0F0F); }));
   ASSERT_GT(p.ReadFile("b.jpg").size(), 1000000u);
-  ASSERT_TRUE(p.Start());
-  ASSERT_TRUE(Shown(&p, "a.jpg")) << p.Log();
+  ASSERT_TRUE(p.Start() && Shown(&p, "a.jpg")) << p.Log();
   // Give the worker time to decode b and c, then step: only the upload is left. a goes, so that
   // the prefetch of the new neighbours after the step has nothing to read either.
   std::this_thread::sleep_for(std::chrono::seconds(3));
   ASSERT_EQ(unlink(p.Path("a.jpg").c_str()), 0);
   // Bytes the program has read through read() so far.
   const long long before = ProcValue(p.Pid(), "io", "rchar:");
-  ASSERT_TRUE(p.Keys("Right"));
-  ASSERT_TRUE(Shown(&p, "b.jpg")) << p.Log();
+  ASSERT_TRUE(p.Keys("Right") && Shown(&p, "b.jpg")) << p.Log();
   EXPECT_TRUE(Is(screen_.At(kW / 2, kH / 2), 0x32C832));
   EXPECT_NE(p.Log().find("(prefetched)"), std::string::npos) << p.Log();
   EXPECT_GE(before, 0);
@@ -173,8 +169,7 @@ TEST_F(PipelineE2E, StepsUsePrefetchedPicturesUnlessTheFileChanged) {
   // c was prefetched as blue; replaced on disk by a white one, the step shows white.
   std::this_thread::sleep_for(std::chrono::seconds(3));
   ASSERT_TRUE(WritePicture(p.Path("c.jpg"), 600, 400, [](int, int) { return 0xE6E6E6u; }));
-  ASSERT_TRUE(p.Keys("Right"));
-  ASSERT_TRUE(Shown(&p, "c.jpg")) << p.Log();
+  ASSERT_TRUE(p.Keys("Right") && Shown(&p, "c.jpg")) << p.Log();
   EXPECT_TRUE(Is(screen_.At(kW / 2, kH / 2), kWhite));
 }
 

@@ -45,8 +45,7 @@ TEST_F(SignageE2E, AdvanceCyclesThePicturesSkipsABadOneAndAKeyRestartsTheCount) 
   Program p;
   Prepare(&p, "effects.advance_seconds", "1");
   // Between green and blue in the listing: skipped, logged as any failed load.
-  ASSERT_TRUE(WriteFile(p.Path("b_bad.jpg"), "not a picture"));
-  ASSERT_TRUE(p.Start());
+  ASSERT_TRUE(WriteFile(p.Path("b_bad.jpg"), "not a picture") && p.Start());
   ASSERT_TRUE(Shows(kRed, kStartMs)) << p.Log();
   // By themselves, in order, round to the first again.
   for (uint32_t next : {kGreen, kBlue, kRed}) ASSERT_TRUE(Shows(next, 5000)) << p.Log();
@@ -70,8 +69,7 @@ TEST_F(SignageE2E, AFolderOfBadPicturesIsTriedNoFasterThanTheInterval) {
   ASSERT_TRUE(p.Prepare() && p.SetKey("effects.advance_seconds", "0.5"));
   ASSERT_TRUE(WriteFile(p.Path("a.jpg"), "not a picture") &&
               WriteFile(p.Path("b.jpg"), "no picture either"));
-  ASSERT_TRUE(p.Start());
-  ASSERT_TRUE(p.WaitForLog("Can't load image (b.jpg)", kStartMs)) << p.Log();
+  ASSERT_TRUE(p.Start() && p.WaitForLog("Can't load image (b.jpg)", kStartMs)) << p.Log();
   EXPECT_LE(CpuMsOverTwoSeconds(p.Pid()), 100);
   ASSERT_TRUE(p.Send("next"));  // still answering
   EXPECT_EQ(p.Escape(), 0);
@@ -81,9 +79,7 @@ TEST_F(SignageE2E, AFolderOfBadPicturesIsTriedNoFasterThanTheInterval) {
 TEST_F(SignageE2E, FadeBlendsThenRestsAndRemoteStepsEffectsAndRescanAndNothingElse) {
   Program p;
   Prepare(&p, "effects.fade_ms", "300");
-  ASSERT_TRUE(p.SetKey("effects.show_info", "0"));
-  ASSERT_TRUE(p.Start());
-  ASSERT_TRUE(Shows(kRed, kStartMs)) << p.Log();
+  ASSERT_TRUE(p.SetKey("effects.show_info", "0") && p.Start() && Shows(kRed, kStartMs)) << p.Log();
   // Sends the command and waits for the colour it brings.
   const auto step = [&](const char* cmd, uint32_t want) { return p.Send(cmd) && Shows(want); };
   ASSERT_TRUE(p.Send("next\n"));  // as a shell's echo sends it

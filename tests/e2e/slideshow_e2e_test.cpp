@@ -27,8 +27,7 @@ class SlideshowE2E : public ScreenTest<800, 600> {
  protected:
   // Starts `p` and waits until the screen satisfies `ok`.
   void StartShowing(Program* p, const char* arg, const std::function<bool(const Screen&)>& ok) {
-    ASSERT_TRUE(p->Start(arg));
-    ASSERT_TRUE(Sees(ok, kStartMs)) << p->Log();
+    ASSERT_TRUE(p->Start(arg) && Sees(ok, kStartMs)) << p->Log();
   }
   // Presses each key and expects its colour.
   void Steps(Program* p, std::initializer_list<Shown> steps) {
@@ -99,8 +98,7 @@ TEST_F(SlideshowE2E, StepsWrapCommandsLoadIgnoreOrFailKeepingThePictureAndASecon
   TempDir elsewhere("glimra_elsewhere");
   ASSERT_TRUE(Uniform(elsewhere.Path() + "/pic.jpg", kBlue));
   Program third;
-  ASSERT_TRUE(third.MakeDir());
-  ASSERT_TRUE(third.Run(p.Path("glimra"), {"pic.jpg"}, elsewhere.Path()));
+  ASSERT_TRUE(third.MakeDir() && third.Run(p.Path("glimra"), {"pic.jpg"}, elsewhere.Path()));
   EXPECT_EQ(third.WaitExit(kStartMs), 0);
   EXPECT_TRUE(Shows(kBlue)) << p.Log();
   const std::string cmd = "load " + elsewhere.Path() + "/pic.jpg";
@@ -181,8 +179,7 @@ TEST_F(SlideshowE2E, RealFolderNamesShowInListingOrderAndLoadAsWritten) {
   std::string deep = p.Path("");
   while (deep.size() < 300) deep += std::string(40, 'd') + "/";
   std::filesystem::create_directories(deep);
-  ASSERT_TRUE(Uniform(deep + "far.tga", kRed));
-  ASSERT_TRUE(p.Send("load " + deep + "far.tga"));
+  ASSERT_TRUE(Uniform(deep + "far.tga", kRed) && p.Send("load " + deep + "far.tga"));
   EXPECT_TRUE(Shows(kRed));
 
   // Yellow over magenta with some grain, so that the bytes spread over the rows.

@@ -56,8 +56,7 @@ TEST_F(UnattendedE2E, KillDuringFastEffectKeysNeverLeavesACutSettingsFile) {
   for (int round = 0; round < 50; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
     Program p;
-    ASSERT_TRUE(p.Prepare() && p.SetKey("dev.idle_sleep_ms", "2") && AddPicture(p));
-    ASSERT_TRUE(p.Start());
+    ASSERT_TRUE(p.Prepare() && p.SetKey("dev.idle_sleep_ms", "2") && AddPicture(p) && p.Start());
     ASSERT_FALSE(p.WindowId(kStartMs).empty()) << p.Log();
     std::string keys;
     for (int i = 0; i < 40; ++i) keys += i % 2 ? " c" : " b";
@@ -88,8 +87,7 @@ TEST_F(UnattendedE2E, StopSignalsAndTheOverLongCommandLeaveThroughTheExitPath) {
   for (const Case c : {Case{SIGTERM, 0}, Case{SIGINT, 0}, Case{SIGHUP, 0}, Case{0, 1}}) {
     SCOPED_TRACE(c.sig ? strsignal(c.sig) : "1024 bytes");
     Program p;
-    ASSERT_TRUE(p.Prepare() && AddPicture(p));
-    ASSERT_TRUE(p.Start());
+    ASSERT_TRUE(p.Prepare() && AddPicture(p) && p.Start());
     ASSERT_FALSE(p.WindowId(kStartMs).empty()) << p.Log();
     const auto sent = std::chrono::steady_clock::now();
     if (c.sig)
@@ -128,8 +126,7 @@ TEST_F(UnattendedE2E, FatalBoxDiesWithItsProgramClosesItselfWhenAskedAndReadOnly
   ASSERT_EQ(rename(away.c_str(), fonts.c_str()), 0);
   const std::string before = p.ReadFile("glimra.ini");
   ASSERT_EQ(chmod(p.Path("glimra.ini").c_str(), 0444), 0);
-  ASSERT_TRUE(p.Start());
-  ASSERT_TRUE(Shows(kRed, kStartMs)) << p.Log();
+  ASSERT_TRUE(p.Start() && Shows(kRed, kStartMs)) << p.Log();
   EXPECT_EQ(p.WaitExit(200), -1) << "it handed off and ended";
   ASSERT_TRUE(p.Keys("b"));
   EXPECT_TRUE(Sees([](const Screen& g) {
@@ -145,8 +142,7 @@ TEST_F(UnattendedE2E, FatalBoxDiesWithItsProgramClosesItselfWhenAskedAndReadOnly
 
   // With dev.fatal_box_seconds the box closes itself and the program ends.
   ASSERT_EQ(rename(fonts.c_str(), away.c_str()), 0);
-  ASSERT_TRUE(p.SetKey("dev.fatal_box_seconds", "1"));
-  ASSERT_TRUE(p.Start());
+  ASSERT_TRUE(p.SetKey("dev.fatal_box_seconds", "1") && p.Start());
   ASSERT_NE(WaitForChild(p.Pid(), kStartMs), 0) << p.Log();
   const auto shown = std::chrono::steady_clock::now();
   EXPECT_NE(p.WaitExit(kStepMs), -1) << "still waiting for a click";

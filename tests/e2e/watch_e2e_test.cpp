@@ -35,8 +35,7 @@ using WatchE2E = ScreenTest<800, 600>;
 
 TEST_F(WatchE2E, PicturesJoinWhenCompleteAndLeaveWithoutAnError) {
   Program p;
-  ASSERT_TRUE(p.Prepare());
-  ASSERT_TRUE(p.SetKey("app.watch_directory", "1"));
+  ASSERT_TRUE(p.Prepare() && p.SetKey("app.watch_directory", "1"));
   // The pictures to copy in wait outside the folder.
   TempDir spare("watch_e2e");
   ASSERT_TRUE(Uniform(spare.File("a.tga"), kRed) && Uniform(spare.File("b.tga"), kGreen) &&
@@ -78,8 +77,7 @@ TEST_F(WatchE2E, PicturesJoinWhenCompleteAndLeaveWithoutAnError) {
 
   // z, b's neighbour, was prefetched blue; rewritten white in place, the step shows white.
   std::this_thread::sleep_for(std::chrono::seconds(1));
-  ASSERT_TRUE(Uniform(p.Path("z.tga"), kWhite));
-  ASSERT_TRUE(Listed(p, 3, 2)) << p.Log();
+  ASSERT_TRUE(Uniform(p.Path("z.tga"), kWhite) && Listed(p, 3, 2)) << p.Log();
   ASSERT_TRUE(p.Keys("Right"));
   EXPECT_TRUE(Shows(kWhite));
 

@@ -216,8 +216,7 @@ TEST_F(Package, UnpackedProgramShowsAPictureAnswersVersionAndHelpBesideItAndEnds
                 config.SetString("app.startup_directory", p.Path("pictures").c_str()) &&
                 config.SetString("dev.qdbg_to_qlog", "1") && config.Write(nullptr, false));
   }
-  ASSERT_TRUE(fs::create_directory(p.Path("pictures")));
-  ASSERT_TRUE(Uniform(p.Path("pictures/a.tga"), kBlue));
+  ASSERT_TRUE(fs::create_directory(p.Path("pictures")) && Uniform(p.Path("pictures/a.tga"), kBlue));
   ASSERT_TRUE(Uniform(p.Path("pictures/b.jpg"), kRed));
 
   ASSERT_TRUE(p.Run(exe, {p.Path("pictures/b.jpg")}, "/"));
@@ -231,8 +230,7 @@ TEST_F(Package, UnpackedProgramShowsAPictureAnswersVersionAndHelpBesideItAndEnds
   // Beside the running copy, --version and --help answer and end without handing anything over.
   for (const char* option : {"--version", "--help"}) {
     Program second;
-    ASSERT_TRUE(second.MakeDir());
-    ASSERT_TRUE(second.Run(exe, {option}, "/"));
+    ASSERT_TRUE(second.MakeDir() && second.Run(exe, {option}, "/"));
     EXPECT_EQ(second.WaitExit(kStepMs), 0) << option;
     const std::string said = second.ReadFile("out.txt");
     if (std::string(option) == "--version")
