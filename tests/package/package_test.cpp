@@ -101,17 +101,11 @@ TEST_F(Package, HoldsTheRunnableFolderTheLinkAndTheSystemFilesWithTheIniAsConffi
     (mode[0] == 'd' ? dirs : files).insert(name.substr(1));  // without the leading '.'
   }
   std::set<std::string> want = {
-      "/opt/glimra/glimra",
-      "/etc/glimra/glimra.ini",
-      "/opt/glimra/glimra.ini -> /etc/glimra/glimra.ini",
-      "/usr/bin/glimra -> /opt/glimra/glimra",
-      "/usr/share/man/man1/glimra.1.gz",
-      "/lib/systemd/system/glimra.service",
-      "/usr/lib/systemd/user/glimra-desktop.service",
-      "/usr/share/doc/glimra/copyright",
-      "/usr/share/doc/glimra/changelog.gz",
-      "/usr/share/lintian/overrides/glimra",
-  };
+      "/opt/glimra/glimra", "/etc/glimra/glimra.ini",
+      "/opt/glimra/glimra.ini -> /etc/glimra/glimra.ini", "/usr/bin/glimra -> /opt/glimra/glimra",
+      "/usr/share/man/man1/glimra.1.gz", "/lib/systemd/system/glimra.service",
+      "/usr/lib/systemd/user/glimra-desktop.service", "/usr/share/doc/glimra/copyright",
+      "/usr/share/doc/glimra/changelog.gz", "/usr/share/lintian/overrides/glimra"};
   const fs::path data = GLIMRA_SOURCE_DIR "/data";
   for (const auto& e : fs::recursive_directory_iterator(data))
     if (e.is_regular_file() && e.path().filename() != "glimra.ini")
