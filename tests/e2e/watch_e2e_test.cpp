@@ -82,8 +82,7 @@ TEST_F(WatchE2E, PicturesJoinWhenCompleteAndLeaveWithoutAnError) {
   EXPECT_TRUE(Shows(kWhite));
 
   // The shown z and the next one, a, go: z stays on the screen, and Right goes on to b.
-  ASSERT_EQ(unlink(p.Path("z.tga").c_str()), 0);
-  ASSERT_EQ(unlink(p.Path("a.tga").c_str()), 0);
+  ASSERT_TRUE(fs::remove(p.Path("z.tga")) && fs::remove(p.Path("a.tga")));
   ASSERT_TRUE(Listed(p, 1)) << p.Log();
   EXPECT_TRUE(Shows(kWhite));
   ASSERT_TRUE(p.Keys("Right"));
