@@ -106,56 +106,10 @@ TEST_F(SlideshowE2E, StepsWrapCommandsLoadIgnoreOrFailKeepingThePictureAndASecon
       << p.Log();
 }
 
-TEST_F(SlideshowE2E, EffectKeysShowAtOnceAndAreWrittenBackTurnedPicturesStandUpAndEscapeEnds) {
-  Program p;
-  ASSERT_TRUE(p.Prepare());
-  // Left half (100, 200, 50), right half (250, 10, 90); lossless, so the grey is exact.
-  ASSERT_TRUE(WritePicture(p.Path("g.tga"), 40, 30,
-                           [](int x, int) { return x < 20 ? 0x64C832u : 0xFA0A5Au; }));
-  ASSERT_TRUE(WriteQuadrants(p.Path("o3.jpg"), 3));
-  StartShowing(&p, "g.tga", [](const Screen& s) { return Is(s.At(200, 300), 0x64C832, 2); });
-  EXPECT_TRUE(Ink(screen_, 10, 10, 90, 28)) << "\"File 1 of 2\"";
-  EXPECT_TRUE(Ink(screen_, 10, 30, 150, 48)) << "file name and size";
-
-  // The grey of (r, g, b) is 0.21 r + 0.71 g + 0.08 b, truncated: 167 and 66 here (the usual
-  // video weights would give 153 and 90).
-  const struct {
-    const char* key;
-    bool (*shows)(const Screen&);
-    const char *setting, *value;
-  } steps[] = {
-      {"b",
-       [](const Screen& s) {
-         return Is(s.At(200, 300), 0xA7A7A7, 1) && Is(s.At(600, 300), 0x424242, 1);
-       },
-       "effects.black_and_white", "1"},
-      {"c", [](const Screen& s) { return Is(s.At(600, 300), 0xFA0A5A, 2); },
-       "effects.black_and_white", "0"},
-      {"i", [](const Screen& s) { return !Ink(s, 10, 10, 150, 48); }, "effects.show_info", "0"},
-      {"i", [](const Screen& s) { return Ink(s, 10, 10, 90, 28); }, "effects.show_info", "1"}};
-  for (const auto& step : steps) {
-    ASSERT_TRUE(p.Keys(step.key));
-    EXPECT_TRUE(Sees(step.shows)) << step.key;
-    EXPECT_EQ(p.Key(step.setting), step.value) << step.key;
-  }
-
-  // A half turn (orientation 3) fills the window; a quarter turn and its black bars are checked
-  // against a reference resize in the pipeline test.
-  ASSERT_TRUE(p.Send("load o3.jpg"));
-  EXPECT_TRUE(Sees([](const Screen& s) {
-    return Is(s.At(200, 150), kWhite) && Is(s.At(600, 150), kBlue) &&
-           Is(s.At(200, 450), kGreen) && Is(s.At(600, 450), kRed) && s.At(2, 300) &&
-           s.At(797, 300);
-  })) << p.Log();
-
-  ASSERT_TRUE(p.Keys("Escape"));
-  p.ExpectOrderlyExit();
-}
-
 // Camera and UTF-8 names are shown and loaded by their own bytes, in listing order; a start with
 // the absolute path of a listed picture is that entry; the keypad steps with NumLock off; a long
 // path loads; damaged JPEGs show what decoded.
-TEST_F(SlideshowE2E, RealFolderNamesShowInListingOrderAndLoadAsWritten) {
+TEST_F(SlideshowE2E, RealFolderNamesLoadAsWrittenEffectKeysShowAndTurnedPicturesStandUp) {
   Program p;
   ASSERT_TRUE(p.Prepare());
   // Listing order: upper-cased bytes, so the UTF-8 name (0xC3...) comes last.
@@ -201,6 +155,51 @@ TEST_F(SlideshowE2E, RealFolderNamesShowInListingOrderAndLoadAsWritten) {
   ASSERT_TRUE(p.Send("load cut.jpg"));
   EXPECT_TRUE(Sees([](const Screen& s) { return Is(s.At(400, 100), 0xE6E614, 40); }));
   EXPECT_EQ(p.Log().find("Can't load image"), std::string::npos);
+
+  // Effect keys show at once and are written back; a picture turned by its EXIF orientation
+  // stands up; Escape ends the program cleanly.
+  // Left half (100, 200, 50), right half (250, 10, 90); lossless, so the grey is exact.
+  ASSERT_TRUE(WritePicture(p.Path("g.tga"), 40, 30,
+                           [](int x, int) { return x < 20 ? 0x64C832u : 0xFA0A5Au; }));
+  ASSERT_TRUE(WriteQuadrants(p.Path("o3.jpg"), 3));
+  ASSERT_TRUE(p.Send("load g.tga") &&
+              Sees([](const Screen& s) { return Is(s.At(200, 300), 0x64C832, 2); }));
+  EXPECT_TRUE(Ink(screen_, 10, 10, 90, 28)) << "\"File n of m\"";
+  EXPECT_TRUE(Ink(screen_, 10, 30, 150, 48)) << "file name and size";
+
+  // The grey of (r, g, b) is 0.21 r + 0.71 g + 0.08 b, truncated: 167 and 66 here (the usual
+  // video weights would give 153 and 90).
+  const struct {
+    const char* key;
+    bool (*shows)(const Screen&);
+    const char *setting, *value;
+  } steps[] = {
+      {"b",
+       [](const Screen& s) {
+         return Is(s.At(200, 300), 0xA7A7A7, 1) && Is(s.At(600, 300), 0x424242, 1);
+       },
+       "effects.black_and_white", "1"},
+      {"c", [](const Screen& s) { return Is(s.At(600, 300), 0xFA0A5A, 2); },
+       "effects.black_and_white", "0"},
+      {"i", [](const Screen& s) { return !Ink(s, 10, 10, 150, 48); }, "effects.show_info", "0"},
+      {"i", [](const Screen& s) { return Ink(s, 10, 10, 90, 28); }, "effects.show_info", "1"}};
+  for (const auto& step : steps) {
+    ASSERT_TRUE(p.Keys(step.key));
+    EXPECT_TRUE(Sees(step.shows)) << step.key;
+    EXPECT_EQ(p.Key(step.setting), step.value) << step.key;
+  }
+
+  // A half turn (orientation 3) fills the window; a quarter turn and its black bars are checked
+  // against a reference resize in the pipeline test.
+  ASSERT_TRUE(p.Send("load o3.jpg"));
+  EXPECT_TRUE(Sees([](const Screen& s) {
+    return Is(s.At(200, 150), kWhite) && Is(s.At(600, 150), kBlue) &&
+           Is(s.At(200, 450), kGreen) && Is(s.At(600, 450), kRed) && s.At(2, 300) &&
+           s.At(797, 300);
+  })) << p.Log();
+
+  ASSERT_TRUE(p.Keys("Escape"));
+  p.ExpectOrderlyExit();
 }
 
 }  // namespace
