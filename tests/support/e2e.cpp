@@ -298,7 +298,6 @@ bool SendUdp(int port, const std::string& bytes) {
   return n == ssize_t(bytes.size());
 }
 
-
 Program::~Program() {
   if (pid_ > 0) {
     kill(pid_, SIGKILL);
