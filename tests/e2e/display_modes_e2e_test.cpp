@@ -2,21 +2,15 @@
 // Xvfb offers one mode only, so this runs on an X server with the dummy video driver and a
 // monitor of two modes, 1600x900 and 1200x900; skipped where that server cannot be started.
 #include <signal.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <cstdio>
-#include <string>
 
 #include "support/e2e.h"
 #include "support/tempdir.h"
 
 namespace {
 
-using e2e::kStartMs;
-using e2e::Program;
-using e2e::Screen;
+using namespace e2e;
 
 const char kConfig[] = R"(Section "Device"
   Identifier "card"
@@ -43,38 +37,36 @@ Section "Screen"
 EndSection
 Section "ServerFlags"
   Option "AutoAddDevices" "false"
-  Option "DontVTSwitch" "true"
 EndSection
 )";
 
 class DisplayModesE2E : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    if (!e2e::HaveTools() || access("/usr/lib/xorg/modules/drivers/dummy_drv.so", R_OK) != 0)
+    if (!HaveTools() || access("/usr/lib/xorg/modules/drivers/dummy_drv.so", R_OK) != 0)
       return;
     dir_ = new TempDir("glimra_modes");
     const std::string conf = dir_->Write("dummy.conf", kConfig);
     const bool started =
-        e2e::StartX("Xorg", {"-config", conf, "-configdir", dir_->Path(), "-noreset", "-nolisten",
+        StartX("Xorg", {"-config", conf, "-configdir", dir_->Path(), "-noreset", "-nolisten",
                              "tcp", "-novtswitch", "-logfile", dir_->File("x.log")});
     // A server that has announced itself may still not answer (seen under load, now and then
     // for good): that is this machine's trouble, not glimra's, so the test is skipped then.
-    e2e::Screen s;
-    up_ = started && e2e::WaitForScreen([](const Screen& g) { return g.width == 1600; },
-                                        kStartMs, &s);
+    Screen s;
+    up_ = started && WaitForScreen([](const Screen& g) { return g.width == 1600; }, kStartMs, &s);
     if (!up_)
       fprintf(stderr, "dummy X server: no 1600-wide screen (%dx%d)\n%s\n", s.width, s.height,
               ReadFile(dir_->File("x.log")).c_str());
   }
   static void TearDownTestSuite() {
-    e2e::StopX();
+    StopX();
     delete dir_;
   }
 
   void SetUp() override {
     if (!up_) GTEST_SKIP() << "needs a working Xorg with the dummy video driver, xdotool and xwd";
     if (access(GLIMRA_BUILD_DIR "/glimra", X_OK) != 0) GTEST_SKIP() << "glimra is not built";
-    if (e2e::RunningCopies() > 0) GTEST_SKIP() << "another glimra is running";
+    if (RunningCopies() > 0) GTEST_SKIP() << "another glimra is running";
   }
 
   static inline TempDir* dir_ = nullptr;
@@ -83,21 +75,19 @@ class DisplayModesE2E : public ::testing::Test {
 
 TEST_F(DisplayModesE2E, AFourToThreeModeOnASixteenToNineScreenShowsThePictureUnsquashed) {
   Program p;
-  ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
-  ASSERT_TRUE(p.SetKey("resolution.width", "1200") && p.SetKey("resolution.height", "900") &&
-              p.SetKey("resolution.fullscreen", "1"));
+  ASSERT_TRUE(p.Prepare() && p.SetKey("resolution.width", "1200") &&
+              p.SetKey("resolution.height", "900") && p.SetKey("resolution.fullscreen", "1"));
   // 400 x 300, as shaped as the mode: blue over red, so upright shows too.
-  ASSERT_TRUE(e2e::WritePicture(p.Path("a.tga"), 400, 300,
-                                [](int, int y) { return y < 150 ? e2e::kBlue : e2e::kRed; }));
+  ASSERT_TRUE(
+      WritePicture(p.Path("a.tga"), 400, 300, [](int, int y) { return y < 150 ? kBlue : kRed; }));
   ASSERT_TRUE(p.Start());
   // The mode's whole screen is the picture: the corners too, not only a 900-wide middle.
   Screen s;
   const auto filled = [](const Screen& g) {
-    return g.width == 1200 && g.height == 900 && e2e::Is(g.At(5, 5), e2e::kBlue) &&
-           e2e::Is(g.At(1194, 5), e2e::kBlue) && e2e::Is(g.At(5, 894), e2e::kRed) &&
-           e2e::Is(g.At(1194, 894), e2e::kRed);
+    return g.width == 1200 && g.height == 900 && Is(g.At(5, 5), kBlue) &&
+           Is(g.At(1194, 5), kBlue) && Is(g.At(5, 894), kRed) && Is(g.At(1194, 894), kRed);
   };
-  EXPECT_TRUE(e2e::WaitForScreen(filled, kStartMs, &s))
+  EXPECT_TRUE(WaitForScreen(filled, kStartMs, &s))
       << s.width << "x" << s.height << " " << std::hex << s.At(5, 5) << " " << s.At(1194, 450)
       << "\n" << p.Log();
   EXPECT_NE(p.Log().find("QXWindow: Set fullscreen mode to 1200x900x32@60"), std::string::npos);
@@ -105,7 +95,7 @@ TEST_F(DisplayModesE2E, AFourToThreeModeOnASixteenToNineScreenShowsThePictureUns
   // A stop gives the monitor its own mode back.
   ASSERT_EQ(kill(p.Pid(), SIGTERM), 0);
   EXPECT_EQ(p.WaitExit(10000), 0);
-  EXPECT_TRUE(e2e::WaitForScreen([](const Screen& g) { return g.width == 1600; }, 10000, &s));
+  EXPECT_TRUE(WaitForScreen([](const Screen& g) { return g.width == 1600; }, 10000, &s));
 }
 
 }  // namespace

@@ -5,136 +5,70 @@
 // the program must still answer, its resident memory and its texture count must not have grown
 // since the first hundred commands, and its log may hold only the expected complaints about the
 // broken files. Under the sanitizer build LeakSanitizer also looks at exit.
-#include <unistd.h>
-
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
+#include <sstream>
 #include <random>
-#include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "support/e2e.h"
 #include "support/tempdir.h"
 
 namespace {
 
-using e2e::Is;
-using e2e::kBlue;
-using e2e::kGreen;
-using e2e::kRed;
-using e2e::kStartMs;
-using e2e::kWhite;
-using e2e::Program;
-using e2e::Screen;
+using namespace e2e;
 
 constexpr int kStepMs = 20000;
 constexpr int kCommands = 2000;
 constexpr int kBurst = 20;        // far below what the socket queue holds
 constexpr int kKeyEvery = 100;    // commands between two key presses
 constexpr int kBaseline = 100;    // memory and textures are compared with this point
+const char* const kComplaints[] = {"(ERR", "(WARN", "(CRIT", "(FATAL"};
 
-// Follows QLOG.txt as it grows: handled commands, good loads with the texture count each one
-// reports (the highest since the last reset), followed folder changes, and every error or
-// warning line.
-struct LogFollower {
-  explicit LogFollower(std::string file) : path(std::move(file)) {}
-  std::string path;
-  size_t offset = 0;
-  std::string partial;
-  int commands = 0, loads = 0, textures = -1, maxTextures = -1, folderChanges = 0;
-  std::vector<std::string> complaints;
-
-  void Poll() {
-    std::ifstream f(path, std::ios::binary);
-    f.seekg(std::streamoff(offset));
-    const std::string chunk((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-    offset += chunk.size();
-    partial += chunk;
-    for (size_t nl = partial.find('\n'); nl != std::string::npos; nl = partial.find('\n')) {
-      const std::string line = partial.substr(0, nl);
-      partial.erase(0, nl + 1);
-      folderChanges += line.find("Folder changed (") != std::string::npos;
-      commands += line.find("] in ") != std::string::npos &&
-                  line.find(" bytes (load ") != std::string::npos;
-      const size_t semi = line.rfind("; ");
-      if (line.find("Load times (") != std::string::npos && semi != std::string::npos) {
-        ++loads;
-        if (sscanf(line.c_str() + semi, "; %d textures", &textures) == 1)
-          maxTextures = std::max(maxTextures, textures);
-      }
-      for (const char* level : {"(ERR", "(WARN", "(CRIT", "(FATAL"})
-        if (line.find(level) != std::string::npos) complaints.push_back(line);
-    }
-  }
-  // Waits until `count` (one of the counts above) reaches `n`.
-  bool WaitFor(const int& count, int n, int ms) {
-    for (int waited = 0; Poll(), count < n; waited += 5) {
-      if (waited > ms) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-  }
-};
-
-// The resident memory of `pid` in kB; -1 when unknown.
-long ResidentKb(pid_t pid) { return long(e2e::ProcValue(pid, "status", "VmRSS:")); }
-
-using e2e::Photo;
-
-using SlideshowSoak = e2e::ScreenTest<800, 600>;
+using SlideshowSoak = ScreenTest<800, 600>;
 
 TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   Program p;
-  ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
-  ASSERT_TRUE(p.SetKey("dev.idle_sleep_ms", "2"));
-  ASSERT_TRUE(p.SetKey("app.watch_directory", "1"));
   // Commands keep restarting the count; the show steps by itself in the pauses and at the end.
-  ASSERT_TRUE(p.SetKey("effects.advance_seconds", "1"));
+  ASSERT_TRUE(p.Prepare() && p.SetKey("dev.idle_sleep_ms", "2") &&
+              p.SetKey("app.watch_directory", "1") && p.SetKey("effects.advance_seconds", "1"));
   // The sanitizer build holds freed blocks back (256 MB by default) before it reuses them, which
   // would read as growth; a small hold fills within the first hundred commands. Other builds
   // ignore the variable.
-  const char* asan = getenv("ASAN_OPTIONS");
-  ScopedEnv hold("ASAN_OPTIONS", (std::string(asan ? asan : "") + ":quarantine_size_mb=16").c_str());
+  const std::string asan = getenv("ASAN_OPTIONS") ? getenv("ASAN_OPTIONS") : "";
+  ScopedEnv hold("ASAN_OPTIONS", (asan + ":quarantine_size_mb=16").c_str());
 
   // Good pictures: in the folder (catalogued) and beside it (appended by the first load).
   std::vector<std::string> good = {"g1.jpg", "g3.jpg", "g6.jpg", "g8.jpg", "g.tga",
                                    "more/m.jpg", "more/m.tga"};
   std::filesystem::create_directory(p.Path("more"));
-  const int orientations[] = {1, 3, 6, 8};
-  for (int i = 0; i < 4; ++i) {
-    ASSERT_TRUE(e2e::WritePicture(p.Path(good[size_t(i)]), 320 - 40 * i, 240, Photo));
-    ASSERT_TRUE(e2e::SetJpegOrientation(p.Path(good[size_t(i)]), orientations[i]));
-  }
-  ASSERT_TRUE(e2e::WritePicture(p.Path("g.tga"), 200, 150, Photo));
-  ASSERT_TRUE(e2e::WritePicture(p.Path("more/m.jpg"), 64, 300, Photo));
-  ASSERT_TRUE(e2e::WritePicture(p.Path("more/m.tga"), 300, 64, Photo));
-  ASSERT_TRUE(e2e::WriteQuadrants(p.Path("more/final.jpg"), 8));
+  // The first four are stored turned: the digit in the name is the EXIF orientation.
+  for (size_t i = 0; i < 4; ++i)
+    ASSERT_TRUE(WritePicture(p.Path(good[i]), 320 - 40 * int(i), 240, Photo) &&
+                SetJpegOrientation(p.Path(good[i]), good[i][1] - '0'));
+  ASSERT_TRUE(WritePicture(p.Path("g.tga"), 200, 150, Photo) &&
+              WritePicture(p.Path("more/m.jpg"), 64, 300, Photo) &&
+              WritePicture(p.Path("more/m.tga"), 300, 64, Photo) &&
+              WriteQuadrants(p.Path("more/final.jpg"), 8));
 
   // Broken ones: cut inside its header (a JPEG cut in its pixel data shows what decoded), empty,
   // noise with a picture's name, never there, deleted after the scan (so also reached with the
   // arrow keys).
   const std::vector<std::string> broken = {"cut.jpg", "empty.jpg", "noise.jpg", "gone.jpg",
                                            "deleted.tga"};
-  ASSERT_TRUE(e2e::WritePicture(p.Path("cut.jpg"), 320, 240, Photo));
+  ASSERT_TRUE(WritePicture(p.Path("cut.jpg"), 320, 240, Photo));
   std::filesystem::resize_file(p.Path("cut.jpg"), 160);
-  std::ofstream(p.Path("empty.jpg"));
   std::mt19937 rng(7);
-  std::ofstream noise(p.Path("noise.jpg"), std::ios::binary);
-  for (int i = 0; i < 5000; ++i) noise.put(char(rng()));
-  noise.close();
-  ASSERT_TRUE(e2e::WritePicture(p.Path("deleted.tga"), 32, 32, Photo));
+  std::string noise(5000, 0);
+  for (char& c : noise) c = char(rng());
+  ASSERT_TRUE(WriteFile(p.Path("noise.jpg"), noise) && WriteFile(p.Path("empty.jpg"), ""));
+  ASSERT_TRUE(WritePicture(p.Path("deleted.tga"), 32, 32, Photo));
 
   ASSERT_TRUE(p.Start());
-  LogFollower log(p.Path("QLOG.txt"));
   const auto started = std::chrono::steady_clock::now();
   // The catalogue's first entry is the cut JPEG: the start shows nothing.
   ASSERT_FALSE(p.WindowId(kStartMs).empty()) << p.Log();
@@ -143,7 +77,7 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
 
   const char* keys[] = {"Right", "b", "Left", "i", "c", "Right", "i", "Left"};
   long baselineKb = -1;
-  int baselineTextures = -1;
+  size_t baselineAt = 0;  // the log's length then
   for (int sent = 0; sent < kCommands;) {
     for (int k = 0; k < kBurst; ++k, ++sent) {
       const size_t n = size_t(sent / 2);
@@ -151,70 +85,84 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
       ASSERT_TRUE(p.Send("load " + path));
     }
     // The program takes one command per cycle; let the queue drain before the next burst.
-    ASSERT_TRUE(log.WaitFor(log.commands, sent, kStepMs)) << log.commands << " of " << sent;
+    ASSERT_TRUE(p.WaitForLog(" bytes (load ", kStepMs, sent)) << sent;
     // Every fourth burst a picture comes into the folder or goes, and the program follows.
     if ((sent / kBurst) % 4 == 0) {
-      const int followed = log.folderChanges;
+      const int followed = Count(p.Log(), "Folder changed (");
       if ((sent / kBurst) % 8)
-        ASSERT_TRUE(e2e::WritePicture(p.Path("churn.jpg"), 160, 120, Photo));
+        ASSERT_TRUE(WritePicture(p.Path("churn.jpg"), 160, 120, Photo));
       else
         ASSERT_TRUE(std::filesystem::remove(p.Path("churn.jpg")));
-      ASSERT_TRUE(log.WaitFor(log.folderChanges, followed + 1, kStepMs)) << "after " << sent;
+      ASSERT_TRUE(p.WaitForLog("Folder changed (", kStepMs, followed + 1)) << "after " << sent;
     }
     if (sent == kBaseline) {
-      baselineKb = ResidentKb(p.Pid());
-      baselineTextures = log.maxTextures = log.textures;
+      baselineKb = ProcValue(p.Pid(), "status", "VmRSS:");
+      baselineAt = p.Log().size();
     }
     if (sent % kKeyEvery == 0) {
       ASSERT_TRUE(p.Keys(keys[(sent / kKeyEvery) % 8]));
     }
   }
   // Left alone, it steps through the folder by itself while pictures come and go.
-  const int loadsBefore = log.loads;
+  const int loadsBefore = Count(p.Log(), "Load times (");
   for (int i = 0; i < 4; ++i) {
     std::error_code absent;  // the loop above may have left it either way
     if (i % 2)
       std::filesystem::remove(p.Path("churn.jpg"), absent);
     else
-      ASSERT_TRUE(e2e::WritePicture(p.Path("churn.jpg"), 160, 120, Photo));
+      ASSERT_TRUE(WritePicture(p.Path("churn.jpg"), 160, 120, Photo));
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));
   }
-  log.Poll();
-  EXPECT_GE(log.loads, loadsBefore + 2) << "no automatic steps";
-  const long endKb = ResidentKb(p.Pid());
+  EXPECT_GE(Count(p.Log(), "Load times ("), loadsBefore + 2) << "no automatic steps";
+  const long endKb = ProcValue(p.Pid(), "status", "VmRSS:");
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  // Good loads with the texture count each reports: the last before the baseline, the highest
+  // after it.
+  const std::string text = p.Log();
+  int loads = 0, baselineTextures = -1, maxTextures = -1, textures = 0;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    const size_t semi = line.rfind("; ");
+    if (line.find("Load times (") == std::string::npos || semi == std::string::npos) continue;
+    ++loads;
+    if (sscanf(line.c_str() + semi, "; %d textures", &textures) != 1) continue;
+    if (size_t(lines.tellg()) <= baselineAt)
+      baselineTextures = textures;
+    else
+      maxTextures = std::max({maxTextures, baselineTextures, textures});
+  }
+  const int commands = Count(text, " bytes (load ");
   printf("soak: %d commands, %d good loads in %.1f s; VmRSS %ld kB after %d, %ld kB at the end; "
          "textures %d after %d, at most %d later; %d folder changes followed\n",
-         log.commands, log.loads, seconds, baselineKb, kBaseline, endKb, baselineTextures,
-         kBaseline, log.maxTextures, log.folderChanges);
+         commands, loads, seconds, baselineKb, kBaseline, endKb, baselineTextures, kBaseline,
+         maxTextures, Count(text, "Folder changed ("));
 
-  EXPECT_EQ(log.commands, kCommands);
+  EXPECT_EQ(commands, kCommands);
   // Half the commands were good; the key presses add loads of their own.
-  EXPECT_GE(log.loads, kCommands / 2);
+  EXPECT_GE(loads, kCommands / 2);
   ASSERT_GT(baselineKb, 0);
   EXPECT_LE(endKb, baselineKb * 11 / 10) << "resident memory grew";
   EXPECT_GE(endKb, baselineKb * 9 / 10);
   EXPECT_GT(baselineTextures, 0);
-  EXPECT_EQ(log.maxTextures, baselineTextures) << "textures are not given back";
+  EXPECT_EQ(maxTextures, baselineTextures) << "textures are not given back";
 
   // Still answering: a last load shows the turned quadrants (orientation 8, a quarter turn
   // anticlockwise: green top-left, white top-right, red bottom-left, blue bottom-right).
   ASSERT_TRUE(p.Send("load more/final.jpg"));
-  Screen s;
-  EXPECT_TRUE(e2e::WaitForScreen(
-      [](const Screen& sc) {
-        return Is(sc.At(287, 150), kGreen) && Is(sc.At(512, 150), kWhite) &&
-               Is(sc.At(287, 450), kRed) && Is(sc.At(512, 450), kBlue);
-      },
-      kStepMs, &s));
+  EXPECT_TRUE(Sees([](const Screen& s) {
+    return Is(s.At(287, 150), kGreen) && Is(s.At(512, 150), kWhite) && Is(s.At(287, 450), kRed) &&
+           Is(s.At(512, 450), kBlue);
+  }));
 
   // Only the broken files were complained about, each with the loader's error or its reader's
   // warning; besides them just the two start-up notes of a test run.
-  log.Poll();
   int cantLoad = 0;
-  for (const std::string& line : log.complaints) {
-    if (line.find("dev.qdbg_to_qlog is 1") != std::string::npos ||
+  std::istringstream all(p.Log());
+  for (std::string line; std::getline(all, line);) {
+    if (std::none_of(std::begin(kComplaints), std::end(kComplaints),
+                     [&](const char* level) { return line.find(level) != std::string::npos; }) ||
+        line.find("dev.qdbg_to_qlog is 1") != std::string::npos ||
         line.find("uses software rendering") != std::string::npos)
       continue;
     bool named = false;
@@ -228,8 +176,7 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
 
   // And it ends cleanly. Under the sanitizers nothing was reported on the way, and nothing of
   // ours was left behind (WaitExit looks at the leak report).
-  ASSERT_TRUE(p.Keys("Escape"));
-  EXPECT_EQ(p.WaitExit(kStartMs), 0);
+  EXPECT_EQ(p.Escape(), 0);
   const std::string out = p.ReadFile("out.txt");
   for (const char* report : {"ERROR: AddressSanitizer", "runtime error"}) {
     const size_t at = out.find(report);

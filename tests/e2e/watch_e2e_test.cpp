@@ -3,14 +3,10 @@
 // before its writer closes it, copied ones join at their listing place with the information
 // line's count following, a rewritten neighbour shows its new content, and removed ones (the
 // shown one too) are stepped over without an error.
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "support/e2e.h"
 #include "support/tempdir.h"
@@ -19,15 +15,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using e2e::kBlue;
-using e2e::kGreen;
-using e2e::kRed;
-using e2e::kStartMs;
-using e2e::kStepMs;
-using e2e::kWhite;
-using e2e::Program;
-using e2e::Screen;
-using e2e::Uniform;
+using namespace e2e;
 
 // The information line's first row ("File n of m").
 std::vector<uint32_t> InfoLine(const Screen& s) {
@@ -37,25 +25,17 @@ std::vector<uint32_t> InfoLine(const Screen& s) {
   return px;
 }
 
-class WatchE2E : public e2e::ScreenTest<800, 600> {
- protected:
-  // The centre shows `want` and the information line differs from `info`.
-  bool ShowsWithNew(uint32_t want, const std::vector<uint32_t>& info) {
-    return e2e::WaitForScreen(
-        [&](const Screen& s) { return e2e::Is(s.At(400, 300), want) && InfoLine(s) != info; },
-        kStepMs, &screen_);
-  }
-  // Waits until the program has followed the folder to `pictures` listed, none being written.
-  bool Listed(const Program& p, int pictures, int times = 1) {
-    return p.WaitForLog(": " + std::to_string(pictures) + " pictures, 0 being written", kStepMs,
-                        times);
-  }
-};
+// Waits until the program has followed the folder to `pictures` listed, none being written.
+bool Listed(const Program& p, int pictures, int times = 1) {
+  return p.WaitForLog(": " + std::to_string(pictures) + " pictures, 0 being written", kStepMs,
+                      times);
+}
+
+using WatchE2E = ScreenTest<800, 600>;
 
 TEST_F(WatchE2E, PicturesJoinWhenCompleteAndLeaveWithoutAnError) {
   Program p;
-  ASSERT_TRUE(p.Prepare(e2e::FreeUdpPort()));
-  ASSERT_TRUE(p.SetKey("app.watch_directory", "1"));
+  ASSERT_TRUE(p.Prepare() && p.SetKey("app.watch_directory", "1"));
   // The pictures to copy in wait outside the folder.
   TempDir spare("watch_e2e");
   ASSERT_TRUE(Uniform(spare.File("a.tga"), kRed) && Uniform(spare.File("b.tga"), kGreen) &&
@@ -81,7 +61,9 @@ TEST_F(WatchE2E, PicturesJoinWhenCompleteAndLeaveWithoutAnError) {
 
   // a copied in: the count changes under z, and Right goes to a (listed before z, wrapping).
   fs::copy_file(spare.File("a.tga"), p.Path("a.tga"));
-  EXPECT_TRUE(ShowsWithNew(kBlue, oneListed)) << "the information line's count";
+  EXPECT_TRUE(Sees([&](const Screen& s) {
+    return Is(s.At(400, 300), kBlue) && InfoLine(s) != oneListed;
+  })) << "the information line's count";
   ASSERT_TRUE(p.Keys("Right"));
   EXPECT_TRUE(Shows(kRed));
   EXPECT_EQ(p.Log().find("(b.tga"), std::string::npos) << p.Log();
@@ -95,14 +77,12 @@ TEST_F(WatchE2E, PicturesJoinWhenCompleteAndLeaveWithoutAnError) {
 
   // z, b's neighbour, was prefetched blue; rewritten white in place, the step shows white.
   std::this_thread::sleep_for(std::chrono::seconds(1));
-  ASSERT_TRUE(Uniform(p.Path("z.tga"), kWhite));
-  ASSERT_TRUE(Listed(p, 3, 2)) << p.Log();
+  ASSERT_TRUE(Uniform(p.Path("z.tga"), kWhite) && Listed(p, 3, 2)) << p.Log();
   ASSERT_TRUE(p.Keys("Right"));
   EXPECT_TRUE(Shows(kWhite));
 
   // The shown z and the next one, a, go: z stays on the screen, and Right goes on to b.
-  ASSERT_EQ(unlink(p.Path("z.tga").c_str()), 0);
-  ASSERT_EQ(unlink(p.Path("a.tga").c_str()), 0);
+  ASSERT_TRUE(fs::remove(p.Path("z.tga")) && fs::remove(p.Path("a.tga")));
   ASSERT_TRUE(Listed(p, 1)) << p.Log();
   EXPECT_TRUE(Shows(kWhite));
   ASSERT_TRUE(p.Keys("Right"));
@@ -111,8 +91,7 @@ TEST_F(WatchE2E, PicturesJoinWhenCompleteAndLeaveWithoutAnError) {
   const std::string log = p.Log();
   EXPECT_EQ(log.find("Can't load image"), std::string::npos) << log;
   // The watcher ends with the program (and under the sanitizers leaves nothing behind).
-  ASSERT_TRUE(p.Keys("Escape"));
-  EXPECT_EQ(p.WaitExit(kStartMs), 0);
+  EXPECT_EQ(p.Escape(), 0);
 }
 
 }  // namespace

@@ -50,7 +50,7 @@ class QNSocketTest : public ::testing::Test {
   int port_ = 0;
 };
 
-TEST_F(QNSocketTest, ReadRefusesADatagramLargerThanTheBufferAndTakesOneThatFits) {
+TEST_F(QNSocketTest, ReadRefusesADatagramLargerThanTheBufferTakesOneThatFitsAndLossDrops) {
   LogCapture log;
   QNAddress to = Loopback(port_);
   std::vector<char> big(1500, 'b'), fits(1024), in(8192);
@@ -72,6 +72,16 @@ TEST_F(QNSocketTest, ReadRefusesADatagramLargerThanTheBufferAndTakesOneThatFits)
   ASSERT_EQ(tx_.Write(huge.data(), 5000, &to), 5000);
   EXPECT_EQ(rx_.Read(in.data(), 8192), -1);
   EXPECT_TRUE(log.Seen("size 5000 cannot be stored in buffer of 4096 bytes"));
+
+  // A simulated loss of a hundred (dev.fake_packet_drops) drops everything.
+  qnSetPacketLoss(100);
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_EQ(tx_.Write("drop", 4, &to), 4);
+    EXPECT_EQ(rx_.Read(in.data(), 64), 0);
+  }
+  qnSetPacketLoss(0);
+  ASSERT_EQ(tx_.Write("keep", 4, &to), 4);
+  EXPECT_EQ(rx_.Read(in.data(), 64), 4);
 }
 
 TEST_F(QNSocketTest, BoundToOneAddressHearsOnlyDatagramsSentToIt) {
@@ -142,20 +152,6 @@ TEST_F(QNSocketTest, RefusedDatagramMakesTheNextReadZeroAndLaterWritesGoThrough)
   EXPECT_FALSE(log.Seen("[QN]"));
 }
 
-// dev.fake_packet_drops sets the loss.
-TEST_F(QNSocketTest, SimulatedLossOfAHundredDropsEverything) {
-  QNAddress to = Loopback(port_);
-  char in[64];
-  qnSetPacketLoss(100);
-  for (int i = 0; i < 5; ++i) {
-    ASSERT_EQ(tx_.Write("drop", 4, &to), 4);
-    EXPECT_EQ(rx_.Read(in, sizeof(in)), 0);
-  }
-  qnSetPacketLoss(0);
-  ASSERT_EQ(tx_.Write("keep", 4, &to), 4);
-  EXPECT_EQ(rx_.Read(in, sizeof(in)), 4);
-}
-
 TEST(QNSocketMisuse, EachIsReportedOnceAndRefused) {
   LogCapture log;
   QNSocket s(QNSocket::UDP, "misused");
@@ -198,11 +194,27 @@ class UdpOut : public TempDirTest {
   const std::string oldLog_ = qlogGetFileName();
 };
 
-TEST_F(UdpOut, AWarningArrivesAsADatagram) {
+// A lookup that fails and a send that fails say so once, without looping through the log; a
+// working target gets each line as one datagram.
+TEST_F(UdpOut, FailuresAreReportedOnceAndAWarningArrivesAsADatagram) {
+  Setup(":7000");  // an empty host name is never found
+  std::string log = ReadFile(Tmp("QLOG.txt"));
+  EXPECT_NE(log.find("Cannot open udp_out socket: name lookup of ':7000' failed."),
+            std::string::npos) << log;
+  EXPECT_EQ(log.find("NetworkManager"), std::string::npos) << log;
+
+  Setup("127.0.0.1:0");  // no datagram can go to port 0
+  QWARN("UdpOut::Test", "first after setup");
+  QWARN("UdpOut::Test", "second after setup");
+  log = ReadFile(Tmp("QLOG.txt"));
+  size_t first = log.find("[udp_out] failed"), second = log.find("[udp_out] failed", first + 1);
+  ASSERT_NE(second, std::string::npos) << log;
+  EXPECT_EQ(log.find("[udp_out] failed", second + 1), std::string::npos) << log;
+  EXPECT_NE(log.find("second after setup"), std::string::npos);
+
   QNSocket rx(QNSocket::UDP, "udp_rx");
   int port = OpenOnFreePort(rx);
   Setup("127.0.0.1:" + std::to_string(port));
-
   QWARN("UdpOut::Test", "udp copy %d", port);
   // The first log line of the process ("application start") may come first.
   ASSERT_EQ(rx.SetNonBlocking(1), 0);
@@ -214,28 +226,9 @@ TEST_F(UdpOut, AWarningArrivesAsADatagram) {
     else std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   EXPECT_EQ(got.rfind("[WARN,socket_test.cpp:", 0), 0u) << got;
-  std::string tail = ",UdpOut::Test] WARN: udp copy " + std::to_string(port) + "\n";
+  const std::string tail = ",UdpOut::Test] WARN: udp copy " + std::to_string(port) + "\n";
   ASSERT_GE(got.size(), tail.size());
   EXPECT_EQ(got.substr(got.size() - tail.size()), tail);
-}
-
-TEST_F(UdpOut, AFailedLookupSaysSo) {
-  Setup(":7000");  // an empty host name is never found
-  const std::string log = ReadFile(Tmp("QLOG.txt"));
-  EXPECT_NE(log.find("Cannot open udp_out socket: name lookup of ':7000' failed."),
-            std::string::npos) << log;
-  EXPECT_EQ(log.find("NetworkManager"), std::string::npos) << log;
-}
-
-TEST_F(UdpOut, AFailingSendIsReportedOnceWithoutLoopingThroughTheLog) {
-  Setup("127.0.0.1:0");  // no datagram can go to port 0
-  QWARN("UdpOut::Test", "first after setup");
-  QWARN("UdpOut::Test", "second after setup");
-  const std::string log = ReadFile(Tmp("QLOG.txt"));
-  size_t first = log.find("[udp_out] failed"), second = log.find("[udp_out] failed", first + 1);
-  ASSERT_NE(second, std::string::npos) << log;
-  EXPECT_EQ(log.find("[udp_out] failed", second + 1), std::string::npos) << log;
-  EXPECT_NE(log.find("second after setup"), std::string::npos);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "support/e2e.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -38,13 +37,14 @@ namespace {
 pid_t g_xvfb = -1;
 int g_displayFd = -1;
 
-using Clock = std::chrono::steady_clock;
-
-int MsLeft(Clock::time_point end) {
-  return int(std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count());
+// Asks `done` every 50 ms until it holds or `ms` pass; answers its last verdict.
+bool Poll(int ms, const std::function<bool()>& done) {
+  for (const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);;) {
+    if (done()) return true;
+    if (std::chrono::steady_clock::now() >= end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
 }
-
-void Pause() { std::this_thread::sleep_for(std::chrono::milliseconds(50)); }
 
 uint32_t Be32(const std::string& d, size_t at) {
   const auto* p = reinterpret_cast<const unsigned char*>(d.data() + at);
@@ -53,11 +53,8 @@ uint32_t Be32(const std::string& d, size_t at) {
 
 // The channel's 8-bit value under `mask`.
 int Channel(uint32_t pixel, uint32_t mask) {
-  if (!mask) return 0;
-  int shift = 0;
-  while (!((mask >> shift) & 1)) ++shift;
-  const uint32_t max = mask >> shift;
-  return int(((pixel & mask) >> shift) * 255 / max);
+  const int shift = mask ? __builtin_ctz(mask) : 0;
+  return mask ? int(((pixel & mask) >> shift) * 255 / (mask >> shift)) : 0;
 }
 
 // The leak reports in a sanitizer's output whose stack passes through the program's own code.
@@ -146,8 +143,8 @@ void StopX() {
   g_xvfb = -1;
 }
 
-bool Near(uint32_t c, int r, int g, int b, int tol) {
-  return abs(R(c) - r) <= tol && abs(G(c) - g) <= tol && abs(B(c) - b) <= tol;
+bool Is(uint32_t c, uint32_t want, int tol) {
+  return abs(R(c) - R(want)) <= tol && abs(G(c) - G(want)) <= tol && abs(B(c) - B(want)) <= tol;
 }
 
 namespace {
@@ -188,13 +185,7 @@ bool ParseXwd(const std::string& d, Screen* out) {
 bool GrabScreen(Screen* out) { return ParseXwd(Capture("xwd -root -silent 2>/dev/null"), out); }
 
 bool WaitForScreen(const std::function<bool(const Screen&)>& ok, int ms, Screen* out) {
-  const auto end = Clock::now() + std::chrono::milliseconds(ms);
-  for (;;) {
-    const bool grabbed = GrabScreen(out);
-    if (grabbed && ok(*out)) return true;
-    if (MsLeft(end) <= 0) return false;
-    Pause();
-  }
+  return Poll(ms, [&] { return GrabScreen(out) && ok(*out); });
 }
 
 bool WritePicture(const std::string& path, int w, int h,
@@ -211,11 +202,8 @@ bool WritePicture(const std::string& path, int w, int h,
       row[x * 4 + 2] = uint8_t(c), row[x * 4 + 3] = 255;
     }
   }
-  const auto endsWith = [&path](const char* ext) {
-    const size_t n = strlen(ext);
-    return path.size() > n && strcasecmp(path.c_str() + path.size() - n, ext) == 0;
-  };
-  const bool jpeg = endsWith(".jpg") || endsWith(".jpeg");
+  const std::string ext = fs::path(path).extension().string();
+  const bool jpeg = strcasecmp(ext.c_str(), ".jpg") == 0 || strcasecmp(ext.c_str(), ".jpeg") == 0;
   return bm.Write(path.c_str(), jpeg ? 3 : 1, 95);
 }
 
@@ -238,14 +226,11 @@ bool SetJpegOrientation(const std::string& path, int orientation) {
   std::string data = ReadFile(path);
   if (data.size() < 4 || (unsigned char)data[0] != 0xFF || (unsigned char)data[1] != 0xD8)
     return false;
-  // APP1: "Exif\0\0", a little-endian TIFF header, IFD0 with one SHORT entry 0x0112.
-  const unsigned char seg[] = {
-      0xFF, 0xE1, 0x00, 0x22, 'E', 'x', 'i', 'f', 0, 0,                 // marker, length 34
-      'I', 'I', 0x2A, 0x00, 0x08, 0x00, 0x00, 0x00,                    // TIFF header
-      0x01, 0x00,                                                      // one entry
-      0x12, 0x01, 0x03, 0x00, 0x01, 0x00, 0x00, 0x00,                  // 0x0112, SHORT, 1
-      (unsigned char)orientation, 0x00, 0x00, 0x00,                    // the value
-      0x00, 0x00, 0x00, 0x00};                                         // no next IFD
+  // APP1 of length 34: "Exif\0\0", a little-endian TIFF header, IFD0 with one entry (0x0112,
+  // SHORT, count 1, the value) and no next IFD.
+  const unsigned char seg[] = {0xFF, 0xE1, 0, 34, 'E', 'x', 'i', 'f', 0, 0, 'I', 'I', 0x2A, 0, 8, 0,
+                               0, 0, 1, 0, 0x12, 0x01, 3, 0, 1, 0, 0, 0, (unsigned char)orientation,
+                               0, 0, 0, 0, 0, 0, 0};
   data.insert(2, reinterpret_cast<const char*>(seg), sizeof(seg));
   return WriteFile(path, data);
 }
@@ -264,17 +249,6 @@ int Count(const std::string& in, const std::string& text) {
   return n;
 }
 
-long CpuMs(pid_t pid) {
-  const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
-  const size_t close = stat.rfind(')');
-  long user = 0, system = 0;
-  if (close == std::string::npos ||
-      sscanf(stat.c_str() + close + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &user,
-             &system) != 2)
-    return -1;
-  return (user + system) * 1000 / sysconf(_SC_CLK_TCK);
-}
-
 long long ProcValue(pid_t pid, const char* file, const char* key) {
   std::ifstream f("/proc/" + std::to_string(pid) + "/" + file);
   std::string word;
@@ -286,19 +260,11 @@ long long ProcValue(pid_t pid, const char* file, const char* key) {
 
 int RunningCopies() {
   int count = 0;
-  DIR* d = opendir("/proc");
-  if (!d) return 0;
-  while (dirent* e = readdir(d)) {
-    if (e->d_name[0] < '0' || e->d_name[0] > '9') continue;
-    char link[300], target[4096];
-    snprintf(link, sizeof(link), "/proc/%s/exe", e->d_name);
-    ssize_t n = readlink(link, target, sizeof(target) - 1);
-    if (n <= 0) continue;
-    target[n] = 0;
-    const char* slash = strrchr(target, '/');
-    if (strcasecmp(slash ? slash + 1 : target, "glimra") == 0) ++count;
+  std::error_code ec;
+  for (const auto& e : fs::directory_iterator("/proc", ec)) {
+    const fs::path exe = fs::read_symlink(e.path() / "exe", ec);
+    count += !ec && strcasecmp(exe.filename().c_str(), "glimra") == 0;
   }
-  closedir(d);
   return count;
 }
 
@@ -312,25 +278,14 @@ sockaddr_in Loopback(int port) {
 }
 }  // namespace
 
-int ListenUdp(int port) {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  if (fd < 0) return -1;
-  sockaddr_in a = Loopback(port);
-  if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
-}
-
 int FreeUdpPort() {
-  int fd = ListenUdp(0);
-  if (fd < 0) return -1;
-  sockaddr_in a{};
+  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a = Loopback(0);
   socklen_t len = sizeof(a);
-  int port = getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0 ? ntohs(a.sin_port) : -1;
-  close(fd);
-  return port;
+  const bool named = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0 &&
+                     getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0;
+  if (fd >= 0) close(fd);
+  return named ? ntohs(a.sin_port) : -1;
 }
 
 bool SendUdp(int port, const std::string& bytes) {
@@ -343,46 +298,29 @@ bool SendUdp(int port, const std::string& bytes) {
   return n == ssize_t(bytes.size());
 }
 
-bool ReceiveUdp(int fd, int ms, std::string* out) {
-  pollfd p{fd, POLLIN, 0};
-  if (poll(&p, 1, ms) <= 0) return false;
-  char buf[4096];
-  ssize_t n = recv(fd, buf, sizeof(buf), 0);
-  if (n < 0) return false;
-  out->assign(buf, size_t(n));
-  return true;
-}
-
 Program::~Program() {
   if (pid_ > 0) {
     kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
   }
-  if (!dir_.empty()) {
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
-  }
+  if (!dir_.empty()) RemoveTree(dir_);
 }
 
 bool Program::MakeDir() {
   static int serial = 0;
   // Mixed case on purpose: the program must enter its own folder by its real name.
   dir_ = "/tmp/Glimra-E2E-" + std::to_string(getpid()) + "-" + std::to_string(serial++);
-  std::error_code ec;
-  fs::remove_all(dir_, ec);
+  RemoveTree(dir_);
   return mkdir(dir_.c_str(), 0700) == 0;
 }
 
-bool Program::Prepare(int port, const std::string& buildDir) {
+bool Program::Prepare(int port) {
   if (!MakeDir()) return false;
   std::error_code ec;
-  const fs::path build(buildDir);
-  fs::copy_file(build / "glimra", dir_ + "/glimra", ec);
-  if (ec) return false;
-  fs::copy_file(build / "glimra.ini", dir_ + "/glimra.ini", ec);
-  if (ec) return false;
-  fs::copy(build / "fonts", dir_ + "/fonts", fs::copy_options::recursive, ec);
-  if (ec) return false;
+  for (const char* name : {"glimra", "glimra.ini", "fonts"}) {
+    fs::copy(fs::path(GLIMRA_BUILD_DIR) / name, Path(name), fs::copy_options::recursive, ec);
+    if (ec) return false;
+  }
   port_ = port;
   return SetKey("network.port", std::to_string(port).c_str()) &&
          SetKey("resolution.width", "800") && SetKey("resolution.height", "600") &&
@@ -395,10 +333,7 @@ bool Program::SetKey(const char* key, const char* value) {
 }
 
 bool Program::WaitForKey(const char* key, const std::string& value, int ms) const {
-  for (const auto end = Clock::now() + std::chrono::milliseconds(ms);; Pause()) {
-    if (Key(key) == value) return true;
-    if (MsLeft(end) <= 0) return false;
-  }
+  return Poll(ms, [&] { return Key(key) == value; });
 }
 
 void Program::ExpectOrderlyExit(int status) {
@@ -449,29 +384,20 @@ bool Program::Run(const std::string& exe, const std::vector<std::string>& args,
 }
 
 int Program::WaitExit(int ms) {
-  if (pid_ <= 0) return -1;
-  const auto end = Clock::now() + std::chrono::milliseconds(ms);
-  for (;;) {
-    int status = 0;
-    if (waitpid(pid_, &status, WNOHANG) == pid_) {
-      pid_ = -1;
-      for (const std::string& leak : OwnLeaks(ReadFile("out.txt"))) ADD_FAILURE() << leak;
-      return WIFEXITED(status) ? WEXITSTATUS(status) : -2;
-    }
-    if (MsLeft(end) <= 0) return -1;
-    Pause();
-  }
+  int status = 0;
+  if (pid_ <= 0 || !Poll(ms, [&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) return -1;
+  pid_ = -1;
+  for (const std::string& leak : OwnLeaks(ReadFile("out.txt"))) ADD_FAILURE() << leak;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -2;
 }
 
 std::string Program::WindowId(int ms) {
-  const auto end = Clock::now() + std::chrono::milliseconds(ms);
-  for (;;) {
+  std::string id;
+  Poll(ms, [&] {
     std::istringstream in(Capture("xdotool search --pid " + std::to_string(pid_) + " 2>/dev/null"));
-    std::string id;
-    if (in >> id) return id;
-    if (MsLeft(end) <= 0) return "";
-    Pause();
-  }
+    return bool(in >> id);
+  });
+  return id;
 }
 
 bool Program::Keys(const std::string& keys, int delayMs) {
@@ -488,12 +414,7 @@ bool Program::Send(const std::string& bytes) const { return SendUdp(port_, bytes
 std::string Program::ReadFile(const std::string& name) const { return ::ReadFile(Path(name)); }
 
 bool Program::WaitForLog(const std::string& text, int ms, int count) const {
-  const auto end = Clock::now() + std::chrono::milliseconds(ms);
-  for (;;) {
-    if (Count(Log(), text) >= count) return true;
-    if (MsLeft(end) <= 0) return false;
-    Pause();
-  }
+  return Poll(ms, [&] { return Count(Log(), text) >= count; });
 }
 
 }  // namespace e2e

@@ -44,12 +44,8 @@ struct Screen {
 inline int R(uint32_t c) { return int(c >> 16) & 255; }
 inline int G(uint32_t c) { return int(c >> 8) & 255; }
 inline int B(uint32_t c) { return int(c) & 255; }
-// True when every channel of `c` is within `tol` of (r, g, b).
-bool Near(uint32_t c, int r, int g, int b, int tol);
 // True when every channel of `c` is within `tol` of those of `want` (0xRRGGBB).
-inline bool Is(uint32_t c, uint32_t want, int tol = 24) {
-  return Near(c, R(want), G(want), B(want), tol);
-}
+bool Is(uint32_t c, uint32_t want, int tol = 24);
 // Colours the end-to-end pictures use; far apart, so a tolerance of 24 tells them apart.
 constexpr uint32_t kRed = 0xDC1414, kGreen = 0x14DC14, kBlue = 0x1414DC, kWhite = 0xE6E6E6;
 // The whole root window of DISPLAY.
@@ -73,20 +69,14 @@ bool WriteQuadrants(const std::string& path, int orientation);
 
 // Times `text` occurs in `in`.
 int Count(const std::string& in, const std::string& text);
-// Processor time process `pid` has used (user and system) in ms; -1 when unknown.
-long CpuMs(pid_t pid);
 // The number after `key` ("VmRSS:", "rchar:") in /proc/<pid>/<file>; -1 when unknown.
 long long ProcValue(pid_t pid, const char* file, const char* key);
 // Processes on the machine whose executable is named glimra.
 int RunningCopies();
 // A UDP port of 127.0.0.1 that was free a moment ago.
 int FreeUdpPort();
-// A UDP socket bound to 127.0.0.1:port, or -1.
-int ListenUdp(int port);
 // Sends one datagram of exactly these bytes to 127.0.0.1:port.
 bool SendUdp(int port, const std::string& bytes);
-// The next datagram on `fd` within `ms`; false on time-out.
-bool ReceiveUdp(int fd, int ms, std::string* out);
 
 class Program {
  public:
@@ -97,12 +87,9 @@ class Program {
 
   // Makes the empty folder alone; false when mkdir fails.
   bool MakeDir();
-  // Makes the folder and its glimra.ini (command port `port`) from the runnable folder
-  // `buildDir`. False when that folder is incomplete or a copy fails.
-  bool Prepare(int port, const std::string& buildDir);
-#ifdef GLIMRA_BUILD_DIR
-  bool Prepare(int port) { return Prepare(port, GLIMRA_BUILD_DIR); }
-#endif
+  // Makes the folder and its glimra.ini (command port `port`) from the build's runnable folder.
+  // False when that folder is incomplete or a copy fails.
+  bool Prepare(int port = FreeUdpPort());
   const std::string& Dir() const { return dir_; }
   std::string Path(const std::string& name) const { return dir_ + "/" + name; }
   int Port() const { return port_; }
@@ -131,6 +118,8 @@ class Program {
   std::string WindowId(int ms);
   // Focuses the window and types `keys` (xdotool key names, blank-separated), `delayMs` apart.
   bool Keys(const std::string& keys, int delayMs = 150);
+  // Presses Escape and answers the exit status as WaitExit does (-1 when the key was not typed).
+  int Escape() { return Keys("Escape") ? WaitExit(kStartMs) : -1; }
   // Sends one datagram of exactly these bytes to the command port.
   bool Send(const std::string& bytes) const;
 
@@ -158,15 +147,16 @@ class ScreenTest : public ::testing::Test {
   void SetUp() override {
     if (!xvfb_)
       GTEST_SKIP() << "needs Xvfb, xdotool and xwd" << (also_ ? " and " : "") << (also_ ? also_ : "");
-#ifdef GLIMRA_BUILD_DIR
     if (access(GLIMRA_BUILD_DIR "/glimra", X_OK) != 0) GTEST_SKIP() << "glimra is not built";
-#endif
     if (RunningCopies() > 0) GTEST_SKIP() << "another glimra is running";
+  }
+  // Grabs into screen_ until `ok` holds.
+  bool Sees(const std::function<bool(const Screen&)>& ok, int ms = kStepMs) {
+    return WaitForScreen(ok, ms, &screen_);
   }
   // Waits until the centre of the screen shows `want`.
   bool Shows(uint32_t want, int ms = kStepMs) {
-    return WaitForScreen([&](const Screen& s) { return Is(s.At(W / 2, H / 2), want); }, ms,
-                         &screen_);
+    return Sees([&](const Screen& s) { return Is(s.At(W / 2, H / 2), want); }, ms);
   }
   static inline bool xvfb_ = false;
   static inline const char* also_ = nullptr;

@@ -2,6 +2,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <sstream>
+
 namespace {
 std::vector<std::string> g_lines;
 void Collect(const char*, const char* text) { g_lines.push_back(text); }
@@ -28,24 +31,18 @@ LogCapture::~LogCapture() {
 const std::vector<std::string>& LogCapture::Lines() const { return g_lines; }
 
 int LogCapture::Count(const std::string& text) const {
-  int n = 0;
-  for (const std::string& l : g_lines)
-    if (l.find(text) != std::string::npos) ++n;
+  int n = int(std::count_if(g_lines.begin(), g_lines.end(),
+                            [&](const std::string& l) { return l.find(text) != std::string::npos; }));
   const std::string file = ReadFile(dir_.File("QLOG.txt"));
   for (size_t at = file.find(text); at != std::string::npos; at = file.find(text, at + 1)) ++n;
   return n;
 }
 
 bool LogCapture::Logged(const std::string& level, const std::string& text) const {
-  const std::string file = ReadFile(dir_.File("QLOG.txt"));
-  const std::string word = "(" + level;
-  for (size_t at = 0; at < file.size();) {
-    size_t end = file.find('\n', at);
-    if (end == std::string::npos) end = file.size();
-    const std::string line = file.substr(at, end - at);
-    if (line.find(word) != std::string::npos && line.find(text) != std::string::npos) return true;
-    at = end + 1;
-  }
+  std::istringstream in(ReadFile(dir_.File("QLOG.txt")));
+  for (std::string line; std::getline(in, line);)
+    if (line.find("(" + level) != std::string::npos && line.find(text) != std::string::npos)
+      return true;
   return false;
 }
 

@@ -1,19 +1,18 @@
 #include "support/tempdir.h"
 
-#include <ftw.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <vector>
 
 TempDir::TempDir(const char* prefix) {
   std::string tmpl = std::string("/tmp/") + prefix + "_XXXXXX";
-  std::vector<char> buf(tmpl.begin(), tmpl.end());
-  buf.push_back('\0');
-  if (mkdtemp(buf.data()))
-    path_ = buf.data();
+  if (mkdtemp(tmpl.data()))
+    path_ = tmpl;
   else
     ADD_FAILURE() << "mkdtemp '" << tmpl << "' failed";
 }
@@ -38,11 +37,6 @@ bool WriteBytes(const std::string& path, const void* data, size_t size) {
   return fclose(f) == 0 && ok;
 }
 
-// Children come first (FTW_DEPTH), so every directory is empty when its turn comes.
-int RemoveOne(const char* path, const struct stat*, int, struct FTW*) {
-  return remove(path) == 0 ? 0 : -1;
-}
-
 }  // namespace
 
 bool WriteFile(const std::string& path, const std::string& content) {
@@ -54,13 +48,8 @@ bool WriteFile(const std::string& path, const std::vector<uint8_t>& bytes) {
 }
 
 std::string ReadFile(const std::string& path) {
-  std::string out;
-  FILE* f = fopen(path.c_str(), "rb");
-  if (!f) return out;
-  char buf[65536];
-  for (size_t n; (n = fread(buf, 1, sizeof(buf), f)) > 0;) out.append(buf, n);
-  fclose(f);
-  return out;
+  std::ifstream f(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }
 
 std::vector<uint8_t> ReadBytes(const std::string& path) {
@@ -69,8 +58,7 @@ std::vector<uint8_t> ReadBytes(const std::string& path) {
 }
 
 bool RemoveTree(const std::string& path) {
-  struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return true;  // nothing there
-  nftw(path.c_str(), RemoveOne, 16, FTW_DEPTH | FTW_PHYS);
-  return lstat(path.c_str(), &st) != 0;
+  std::error_code ec;
+  std::filesystem::remove_all(path, ec);  // links are removed, not followed
+  return !ec;
 }

@@ -1,13 +1,9 @@
 // glimra-demopics: the pictures it writes decode, carry their orientations, and stand upright
 // once turned the way the slideshow turns them.
-#include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdlib>
-#include <memory>
 #include <string>
-#include <vector>
 
 #include "framework/qbitmap.h"
 #include "framework/qexif.h"
@@ -38,10 +34,7 @@ double Blueness(const QBitMap& bm, int rows, bool fromTop) {
   return sum / (double(rows) * bm.GetWidth());
 }
 
-class DemoPics : public TempDirTest {
- protected:
-  DemoPics() : TempDirTest("demopics") {}
-};
+using DemoPics = TempDirTest;
 
 struct Expected {
   const char* name;
@@ -67,11 +60,8 @@ TEST_F(DemoPics, WritesEveryPictureDecodableWithItsOrientation) {
     QExif exif;
     const int32_t code =
         exif.ReadFromJpeg(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-    if (std::string(e.name).find(".tga") != std::string::npos) {
-      EXPECT_EQ(code, QExif::NOT_JPEG);
-    } else {
-      EXPECT_EQ(code, e.orientation ? QExif::OK : QExif::NO_EXIF);
-    }
+    const bool tga = std::string(e.name).find(".tga") != std::string::npos;
+    EXPECT_EQ(code, tga ? QExif::NOT_JPEG : e.orientation ? QExif::OK : QExif::NO_EXIF);
     EXPECT_EQ(exif.orientation, e.orientation);
 
     // Turn the stored pixels as the slideshow does: 3 a half turn, 6 a quarter clockwise,

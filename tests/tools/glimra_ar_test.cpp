@@ -1,15 +1,11 @@
 // glimra-ar: edits replace the archive only when whole, so a kill or a failure in the middle of
 // one leaves the old archive readable.
-#include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "framework/qarchive.h"
 #include "support/e2e.h"
