@@ -132,9 +132,10 @@ int g_stopPipe[2] = {-1, -1};
 void OnStopSignal(int sig) {
   const int saved = errno;
   RaceManager::RequestStop(sig);
-  const char byte = 0;
-  // Never blocks: a full pipe already holds a wake.
-  if (g_stopPipe[1] >= 0 && write(g_stopPipe[1], &byte, 1) < 0) {
+  if (g_stopPipe[1] >= 0) {
+    const char byte = 0;
+    const ssize_t written = write(g_stopPipe[1], &byte, 1);
+    (void)written;  // never blocks; a full pipe already holds a wake
   }
   errno = saved;
 }
