@@ -1,19 +1,19 @@
 // RaceManager: the slideshow's one controller. It reads "glimra.ini", makes the application and
 // its window, opens the command channel, keeps the catalogue of pictures of the working
-// directory and runs the main loop: it sleeps until a key, a window event, a datagram or a
-// change of the watched folder comes, the automatic advance or a fade's next frame is due, or
-// "dev.idle_sleep_ms" pass (100 ms unless set); it follows the folder, handles every key and
-// every waiting command, takes a due advance step, then runs the idle cycle, which paints and
-// presents a frame only when something changed.
+// directory and runs the main loop: it sleeps until a key, a window event, a datagram, a change
+// of the watched folder or a stop signal comes, or the automatic advance or a fade's next frame
+// is due (at most "dev.idle_sleep_ms" when that is set); it follows the folder, handles every
+// key and every waiting command, takes a due advance step, then runs the idle cycle, which
+// paints and presents a frame only when something changed.
 //
 // What stays true: at most one texture and one mesh exist, both owned here and replaced together
 // by each successful load (during a fade the previous pair is kept too, until the fade ends); a
-// failed load leaves the picture, `curFile` and `curImage` as they were. The catalogue holds at most MAX_IMAGES names, each exactly as the directory listing (or
-// the load) gave it, since pictures are opened by that name; `curImage` is -1 or an index below
-// `imageCount`. The configuration is owned and stays open for the whole run, so the keys
-// B, C and I can write their choice back at once. The window and the application are borrowed
-// (the application owns them); everything else is owned here (the texture through its
-// reference count).
+// failed load leaves the picture, `curFile` and `curImage` as they were. The catalogue holds at
+// most MAX_IMAGES names, each exactly as the directory listing (or the load) gave it, since
+// pictures are opened by that name; `curImage` is -1 or an index below `imageCount`. The
+// configuration is owned and stays open for the whole run, so the keys B, C and I can write
+// their choice back at once. The window and the application are borrowed (the application owns
+// them); everything else is owned here (the texture through its reference count).
 //
 // One controller per process, reachable through QGetRaceManager() by the application's
 // callbacks. Main thread only.

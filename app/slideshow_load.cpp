@@ -152,23 +152,23 @@ void RaceManager::Paint() {
   if (!canvas) return;
   canvas->SetClearColor(0, 0, 0, 0);
   canvas->Clear(QCanvas::CLEAR_COLOR | QCanvas::CLEAR_DEPTH);
-  if (fadeMesh && mesh) {
-    // A cross-fade over black: old * (1 - w) + new * w, wherever either quad lies.
-    const auto now = std::chrono::steady_clock::now();
-    if (!fadeStarted) fadeStart = now, fadeStarted = true;
-    const double w = std::chrono::duration<double, std::milli>(now - fadeStart).count() / fadeMs;
+  if (mesh) {
     canvas->Set3D(QCanvas::DEFAULT_DISTANCE);
+    // During a fade, a cross-fade over black: old * (1 - w) + new * w, wherever either quad lies.
+    double w = 1.0;
+    if (fadeMesh) {
+      const auto now = std::chrono::steady_clock::now();
+      if (!fadeStarted) fadeStart = now, fadeStarted = true;
+      w = std::chrono::duration<double, std::milli>(now - fadeStart).count() / fadeMs;
+      if (w >= 1.0) EndFade();
+    }
     if (w < 1.0) {
       fadeMesh->Paint(float(1.0 - w));
       mesh->Paint(float(w), true);
       dirty = true;  // the next frame of the fade
     } else {
-      EndFade();
       mesh->Paint();
     }
-  } else if (mesh) {
-    canvas->Set3D(QCanvas::DEFAULT_DISTANCE);
-    mesh->Paint();
   }
   if (!(flags & SHOW_INFO)) return;
   canvas->Set2D();

@@ -68,8 +68,8 @@ bool QXWindow::CreateNative() {
   SDL_DisplayMode current;
   desktopFullScreen_ = IsFullScreen() && SDL_GetDesktopDisplayMode(0, &current) == 0 &&
                        current.w == settings_.width && current.h == settings_.height &&
-                       (settings_.refreshRate <= 0 || current.refresh_rate == settings_.refreshRate ||
-                        current.refresh_rate == 0);
+                       (settings_.refreshRate <= 0 || current.refresh_rate == 0 ||
+                        current.refresh_rate == settings_.refreshRate);
   if (desktopFullScreen_) {
     // Made hidden, covering the desktop, and shown once it is marked full screen.
     flags |= SDL_WINDOW_HIDDEN;
