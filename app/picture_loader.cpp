@@ -102,6 +102,44 @@ FileStamp StampOf(const char* path) {
   return path && stat(path, &st) == 0 ? StampOf(st) : FileStamp();
 }
 
+namespace {
+
+// The quad `picture` needs under `fit` (stored directions) and the largest side allowed there.
+void NeedUnder(const LoadedPicture& picture, const ScreenFit& fit, int* needW, int* needH,
+               int* limit) {
+  LoadedPicture shape;
+  shape.width = picture.width, shape.height = picture.height;
+  shape.orientation = picture.orientation;
+  shape.fit = fit;
+  StoredQuadSize(shape, needW, needH);
+  *limit = std::min(QImage::MAX_SIZE, fit.maxTexture > 0 ? fit.maxTexture : QImage::MAX_SIZE);
+}
+
+}  // namespace
+
+bool Covers(const LoadedPicture& picture, int pixW, int pixH, const ScreenFit& fit) {
+  int needW = 0, needH = 0, limit = 0;
+  NeedUnder(picture, fit, &needW, &needH, &limit);
+  // One pixel short is rounding, not a blur anyone sees.
+  const auto enough = [limit](int have, int need, int all) {
+    return have + 1 >= std::min({need, all, limit});
+  };
+  return enough(pixW, needW, picture.width) && enough(pixH, needH, picture.height);
+}
+
+bool Refit(LoadedPicture* picture, const ScreenFit& fit) {
+  QBitMap* pixels = picture->pixels.get();
+  if (!picture->ok || !pixels || !Covers(*picture, pixels->GetWidth(), pixels->GetHeight(), fit))
+    return false;
+  int needW = 0, needH = 0, limit = 0, tw = 0, th = 0;
+  NeedUnder(*picture, fit, &needW, &needH, &limit);
+  TargetSize(pixels->GetWidth(), pixels->GetHeight(), needW, needH, limit, &tw, &th);
+  if ((tw < pixels->GetWidth() || th < pixels->GetHeight()) && !pixels->AreaReduce(tw, th))
+    return false;
+  picture->fit = fit;
+  return true;
+}
+
 void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, LoadedPicture* out,
                  const std::string* file) {
   *out = LoadedPicture();

@@ -55,6 +55,14 @@ struct LoadedPicture {
 // The file's size and modification time; size -1 when it cannot be examined.
 FileStamp StampOf(const char* path);
 
+// True when `pixW` x `pixH` pixels of `picture` (stored directions) are enough for its quad
+// under `fit`: at least the quad's size, or all the picture has when that is less.
+bool Covers(const LoadedPicture& picture, int pixW, int pixH, const ScreenFit& fit);
+// Makes a loaded picture made for another screen `fit`'s own: shrunk to its new quad with the
+// area filter when larger. False, leaving it as it was, when its pixels no longer cover the
+// quad (it must be decoded again) or the reduction fails.
+bool Refit(LoadedPicture* picture, const ScreenFit& fit);
+
 // Loads `path` for `fit`, grey when asked. Never throws; `out->ok` tells. With `file`, the bytes
 // are read from there (the same picture by another path) while messages still name `path`.
 void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, LoadedPicture* out,

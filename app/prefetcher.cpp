@@ -49,8 +49,13 @@ void Prefetcher::WantLocked(const std::vector<std::string>& paths, const std::st
   const bool same = Matches(fit, grey);
   for (const std::string& p : paths) {
     std::unique_ptr<Job> job;
+    // A picture made for another window size stays while it still covers its new place.
     for (auto& j : jobs_)
-      if (j && same && j->path == p) job = std::move(j);
+      if (j && j->path == p &&
+          (same || (grey == grey_ && j->done && j->result.ok && j->result.pixels &&
+                    Covers(j->result, j->result.pixels->GetWidth(),
+                           j->result.pixels->GetHeight(), fit))))
+        job = std::move(j);
     if (!job) {
       job.reset(new Job());
       job->path = p;
@@ -68,18 +73,27 @@ void Prefetcher::WantLocked(const std::vector<std::string>& paths, const std::st
 bool Prefetcher::Take(const std::string& path, const ScreenFit& fit, bool grey,
                       LoadedPicture* out) {
   std::unique_lock<std::mutex> lock(mutex_);
-  if (!running_ || !Matches(fit, grey)) return false;
+  if (!running_ || grey != grey_) return false;
   // A picture being decoded now is nearly there: waiting beats decoding it a second time.
   changed_.wait(lock, [&] { return !busy_ || busy_->path != path; });
   for (auto it = jobs_.begin(); it != jobs_.end(); ++it) {
     Job& job = **it;
     if (job.path != path) continue;
     // Not started yet: the caller loads it now, so the worker must not do it again.
-    const bool fresh = job.done && job.result.stamp == StampOf(path.c_str());
+    // Made for another window size, it is shrunk to this one's when it still covers it.
+    const bool fresh = job.done && job.result.stamp == StampOf(path.c_str()) &&
+                       (SameFit(job.result.fit, fit) || Refit(&job.result, fit));
     if (fresh) *out = std::move(job.result);
     jobs_.erase(it);
     return fresh;
   }
+  return false;
+}
+
+bool Prefetcher::Ready(const std::string& path) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const auto& j : jobs_)
+    if (j->path == path) return j->done;
   return false;
 }
 

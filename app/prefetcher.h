@@ -3,8 +3,10 @@
 //
 // Memory stays bounded: only the pictures of the last Want are kept (two at most as the
 // controller uses it); anything else is dropped as soon as it is no longer wanted. A result is
-// handed over only for the same path, screen fit and grey setting it was made for, and only
-// while the file's size and time are unchanged, so a file replaced on disk is read again. A
+// handed over only for the same path and grey setting it was made for, and only while the
+// file's size and time are unchanged, so a file replaced on disk is read again. A picture made
+// for another screen fit (the window changed its size) is kept and handed over shrunk to the
+// new one while its pixels still cover it, and decoded again once they do not. A
 // picture that failed in the prefetch is handed over failed, for the caller to report then.
 //
 // The worker is the framework's QThread; the destructor stops it and waits for the picture it
@@ -40,6 +42,8 @@ class Prefetcher {
   // Hands over the prefetched `path` for `fit` and `grey` (waiting for it if it is being decoded
   // right now). False when it is not there, was made for something else, or the file changed.
   bool Take(const std::string& path, const ScreenFit& fit, bool grey, LoadedPicture* out);
+  // True when `path` is decoded and waits to be taken.
+  bool Ready(const std::string& path);
 
  private:
   struct Job {

@@ -417,6 +417,8 @@ int RaceManager::SleepMs() const {
     atMost(std::max<long long>(0, 16 - duration_cast<milliseconds>(now - frameAt).count()));
   if (advanceMs > 0 && !newPicture)
     atMost(std::max<long long>(0, duration_cast<milliseconds>(advanceAt - now).count() + 1));
+  if (sharpenDue)
+    atMost(std::max<long long>(0, duration_cast<milliseconds>(sharpenAt - now).count() + 1));
   return int(ms);
 }
 
@@ -442,6 +444,9 @@ void RaceManager::Run() {
         dirty = true;
       HandleEvent(e);
     }
+    // The desktop may have given the window another size (the events above carried it).
+    FollowWindowSize();
+    if (sharpenDue && std::chrono::steady_clock::now() >= sharpenAt) Sharpen();
     if (commands) commands->Drain();
     if (advanceMs > 0 && !newPicture && std::chrono::steady_clock::now() >= advanceAt)
       AdvanceStep();

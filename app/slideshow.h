@@ -111,8 +111,17 @@ class RaceManager {
   void LoadNewImage(const char* path);
   // Puts a loaded picture on the screen, or logs "Can't load image (%s)" for a failed one and
   // changes nothing. The picture's pixels are given to the texture and freed.
-  // `prefetched` only tells the load-times line where the picture came from.
-  void ShowPicture(LoadedPicture* picture, bool prefetched = false);
+  // `prefetched` only tells the load-times line where the picture came from. `sharper` puts a
+  // new decode of the shown picture in its place: no fade, and the advance goes on counting.
+  void ShowPicture(LoadedPicture* picture, bool prefetched = false, bool sharper = false);
+  // Follows the window's size when the desktop changed it (a window manager, a compositor, a
+  // mode change): the quads of the shown and the fading picture are made again for it, one
+  // frame is owed, and the neighbours are prefetched for it. When the shown picture's pixels no
+  // longer cover its quad, a sharper decode is due once the size has stood for a moment.
+  // Nothing while the size is the one the quads were made for.
+  void FollowWindowSize();
+  // The sharper decode FollowWindowSize asked for, when it is still needed.
+  void Sharpen();
   // Lets the prefetcher work on the catalogue's next and previous pictures (nothing without one).
   void PrefetchNeighbours();
   // Where pictures are shown now: the window, the desktop's proportions, the texture limit.
@@ -178,6 +187,9 @@ class RaceManager {
   void SetWindow(QShell* win);
 
  private:
+  // The quad for `shape` with `pixels` on it, filling the window's height as it is now (which
+  // it records); null without a window.
+  std::unique_ptr<DMesh> MakeQuad(const LoadedPicture& shape, DBitMapTexture* pixels);
   // Writes a changed key to the configuration file at once, without asking.
   void SaveIni();
   // Lets go of the texture: deleted when this was its last holder (or it never got a GL name).
@@ -223,6 +235,12 @@ class RaceManager {
   bool dirty = true;  // the screen no longer shows the current state
   bool prefetchDue = false;  // the neighbours are to be prefetched once the frame is out
   int shownWidth = 0, shownHeight = 0;  // the shown picture's own size, turned upright
+  // What the shown and the fading picture's quads are made from (no pixels), so that a new
+  // window size can make them again; and the window size they were made for.
+  LoadedPicture shownShape, fadeShape;
+  int quadWindowWidth = 0, quadWindowHeight = 0;
+  bool sharpenDue = false;  // FollowWindowSize found the shown picture's pixels too few
+  std::chrono::steady_clock::time_point sharpenAt;
 };
 
 // The process's controller; null before construction and after ExitProc.

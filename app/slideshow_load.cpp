@@ -24,6 +24,8 @@ namespace {
 // The controller's log lines carry its main source name wherever its code lives, so that log
 // filters on the controller keep working.
 constexpr const char* kSource = "slideshow.cpp";
+// How long a new window size stands before the shown picture is decoded again for it.
+constexpr int kSharpenAfterMs = 250;
 
 // Clockwise angle that turns a picture stored with EXIF `orientation` upright: 6 a quarter
 // turn, 8 three quarters, 3 a half turn; 0 for every other value, mirrors included, which are
@@ -90,18 +92,19 @@ void RaceManager::PrefetchNeighbours() {
   prefetcher->Want(wanted, CurrentFit(), ini && ini->GetBool("effects.black_and_white", false));
 }
 
-void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched) {
+void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool sharper) {
   const char* path = picture->path.c_str();
   if (!picture->ok) {
     qerr(kSource, "RaceManager::LoadNewImage", __LINE__, "Can't load image (%s)", path);
     return;
   }
   curFile = path;
-  if (fadeMs > 0 && window && texture && mesh) {
+  if (!sharper && fadeMs > 0 && window && texture && mesh) {
     // The shown picture stays under the new one until the fade ends; a fade still running
     // ends here.
     fadeTexture = std::move(texture);
     fadeMesh = std::move(mesh);
+    fadeShape = std::move(shownShape);
     fadeStarted = false;
   } else {
     ReleaseTexture();
@@ -119,14 +122,11 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched) {
   texture->FromBitMap(pixels);
   shownWidth = picture->Turned() ? picture->height : picture->width;
   shownHeight = picture->Turned() ? picture->width : picture->height;
-  int quadW = 0, quadH = 0;
-  picture->QuadSize(&quadW, &quadH);
-  if (window && quadH > 0) {
-    mesh.reset(new DMesh(path));
-    mesh->DefineFlat2D(float(quadW), float(quadH), TurnAngle(picture->orientation));
-    mesh->SetPolygonTexture(0, texture.get(),
-                            QRect{0, 0, pixels->GetWidth(), pixels->GetHeight()});
-  }
+  shownShape = LoadedPicture();
+  shownShape.path = picture->path;
+  shownShape.width = picture->width, shownShape.height = picture->height;
+  shownShape.orientation = picture->orientation;
+  mesh = MakeQuad(shownShape, texture.get());
   picture->pixels.reset();
 
   LoadTimes& t = loadTimes;
@@ -142,10 +142,63 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched) {
        prefetched ? " (prefetched)" : "", DTexture::GetLiveCount());
 
   dirty = true;
+  if (sharper) return;
+  sharpenDue = false;
   newPicture = true;
   ++shownCount;
   curImage = CatalogueIndex(path);
   if (curImage == -1 && AddToDir(path)) curImage = imageCount - 1;
+}
+
+std::unique_ptr<DMesh> RaceManager::MakeQuad(const LoadedPicture& shape,
+                                            DBitMapTexture* pixels) {
+  if (!window || !pixels) return nullptr;
+  quadWindowWidth = window->GetWidth();
+  quadWindowHeight = window->GetHeight();
+  LoadedPicture sized;
+  sized.width = shape.width, sized.height = shape.height, sized.orientation = shape.orientation;
+  sized.fit = CurrentFit();
+  int quadW = 0, quadH = 0;
+  sized.QuadSize(&quadW, &quadH);
+  if (quadH <= 0) return nullptr;
+  std::unique_ptr<DMesh> quad(new DMesh(shape.path.c_str()));
+  quad->DefineFlat2D(float(quadW), float(quadH), TurnAngle(shape.orientation));
+  quad->SetPolygonTexture(0, pixels, QRect{0, 0, pixels->GetWidth(), pixels->GetHeight()});
+  return quad;
+}
+
+void RaceManager::FollowWindowSize() {
+  if (!window || (window->GetWidth() == quadWindowWidth && window->GetHeight() == quadWindowHeight))
+    return;
+  if (mesh) mesh = MakeQuad(shownShape, texture.get());
+  if (fadeMesh) fadeMesh = MakeQuad(fadeShape, fadeTexture.get());
+  quadWindowWidth = window->GetWidth();
+  quadWindowHeight = window->GetHeight();
+  qdbg(kSource, "RaceManager::FollowWindowSize", __LINE__, "Window now %dx%d\n", quadWindowWidth,
+       quadWindowHeight);
+  dirty = true;
+  // Prefetched pictures that no longer cover their place are decoded again for it.
+  prefetchDue = true;
+  // A window that is being dragged larger changes many times a second: the picture is decoded
+  // again only once its size has stood still for a moment.
+  if (texture && !Covers(shownShape, texture->GetWidth(), texture->GetHeight(), CurrentFit())) {
+    sharpenDue = true;
+    sharpenAt = std::chrono::steady_clock::now() + std::chrono::milliseconds(kSharpenAfterMs);
+  }
+}
+
+void RaceManager::Sharpen() {
+  sharpenDue = false;
+  if (!texture || curFile.IsEmpty()) return;
+  const ScreenFit fit = CurrentFit();
+  if (Covers(shownShape, texture->GetWidth(), texture->GetHeight(), fit)) return;
+  const std::string path(curFile.cstr());
+  const bool grey = ini && ini->GetBool("effects.black_and_white", false);
+  LoadedPicture picture;
+  const bool prefetched = prefetcher && prefetcher->Take(path, fit, grey, &picture);
+  if (!prefetched) LoadPicture(path, fit, grey, &picture);
+  // A picture that can no longer be read stays as it is shown.
+  if (picture.ok) ShowPicture(&picture, prefetched, true);
 }
 
 void RaceManager::Paint() {

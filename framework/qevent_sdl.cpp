@@ -91,9 +91,15 @@ void PushWindowEvent(const SDL_WindowEvent& w) {
   QEvent e;
   e.win = win;
   switch (w.event) {
-    case SDL_WINDOWEVENT_SIZE_CHANGED:
-      if (win) win->OnResize(w.data1, w.data2);
+    case SDL_WINDOWEVENT_SIZE_CHANGED: {
+      // The event's size is in the desktop's units; OpenGL draws in the drawable's pixels,
+      // which differ on a scaled (high-density) output.
+      SDL_Window* native = SDL_GetWindowFromID(w.windowID);
+      int pw = w.data1, ph = w.data2;
+      if (native) SDL_GL_GetDrawableSize(native, &pw, &ph);
+      if (win && pw > 0 && ph > 0) win->OnResize(pw, ph);
       return;
+    }
     case SDL_WINDOWEVENT_EXPOSED:
       e.type = QEVENT_EXPOSE;
       break;

@@ -40,7 +40,8 @@ class QXWindow : public QWindow {
   bool Create() override;
   // Changes the display mode to the settings' size, depth and refresh rate, retrying without
   // the rate when it is refused. False, staying in the desktop mode, when neither works; a size
-  // the display lacks is refused, never replaced by another.
+  // the display lacks is refused, never replaced by another. Under Wayland and KMS, which keep
+  // the output's own mode, the window then still covers the output at that mode.
   bool SwitchToFullScreen();
   // Back to the desktop's mode; nothing when not in full screen.
   void RestoreDesktopMode();

@@ -1,6 +1,8 @@
 // QXWindow: switching the display into a full-screen mode and back.
 #include <SDL.h>
 
+#include <cstring>
+
 #include "framework/qmessage.h"
 #include "framework/qxwindow.h"
 
@@ -18,6 +20,13 @@ bool ApplyMode(SDL_Window* win, const SDL_DisplayMode& want) {
   if (want.refresh_rate > 0 && got.refresh_rate != want.refresh_rate) return false;
   if (SDL_SetWindowDisplayMode(win, &got) != 0) return false;
   return SDL_SetWindowFullscreen(win, SDL_WINDOW_FULLSCREEN) == 0;
+}
+
+// X11 (and Windows) change the monitor's mode; Wayland compositors and KMS without a desktop
+// keep the output's own one, so a size other than that is only ever emulated or refused.
+bool CanSwitchModes() {
+  const char* driver = SDL_GetCurrentVideoDriver();
+  return !driver || (strcmp(driver, "wayland") != 0 && strcmp(driver, "kmsdrm") != 0);
 }
 
 Uint32 FormatForBits(int bits, Uint32 current) {
@@ -74,6 +83,10 @@ bool QXWindow::SwitchToFullScreen() {
     QERR("QXWindow::SwitchToFullScreen",
          "QXWindow: Can't set fullscreen mode %dx%dx%d even without setting the frequency",
          settings_.width, settings_.height, settings_.bits);
+    // Under Wayland and KMS the output keeps its own mode whatever a program asks; full screen
+    // there is still wanted, at that mode, rather than a window in a corner.
+    if (!CanSwitchModes() && SDL_SetWindowFullscreen(window_, SDL_WINDOW_FULLSCREEN_DESKTOP) == 0)
+      modeSwitched_ = true;
     return false;
   }
   modeSwitched_ = true;

@@ -7,6 +7,7 @@ glimra_install_deps() {
     libfreetype-dev libfontconfig-dev fonts-dejavu-core zlib1g-dev
     libgtest-dev libgmock-dev libbenchmark-dev hyperfine libx11-dev libxtst-dev
     xvfb xauth xdotool x11-utils x11-apps xfonts-base xserver-xorg-core xserver-xorg-video-dummy
+    openbox cage grim xwayland
     clang-14 libclang-rt-14-dev
     imagemagick netpbm libimage-exiftool-perl
     dpkg-dev file lintian systemd man-db groff-base)
