@@ -307,11 +307,12 @@ Program::~Program() {
 }
 
 bool Program::MakeDir() {
-  static int serial = 0;
-  // Mixed case on purpose: the program must enter its own folder by its real name.
-  dir_ = "/tmp/Glimra-E2E-" + std::to_string(getpid()) + "-" + std::to_string(serial++);
-  RemoveTree(dir_);
-  return mkdir(dir_.c_str(), 0700) == 0;
+  // Mixed case on purpose: the program must enter its own folder by its real name. Made by
+  // mkdtemp, since test runs in PID namespaces of their own share the process numbers.
+  char name[] = "/tmp/Glimra-E2E-XXXXXX";
+  if (!mkdtemp(name)) return false;
+  dir_ = name;
+  return true;
 }
 
 bool Program::Prepare(int port) {
