@@ -22,9 +22,9 @@ namespace {
 
 using namespace e2e;
 
-// 400 x 300, blue over red: a 4:3 picture whose top and bottom show whether it fills the height.
-bool WriteBlueOverRed(const std::string& path) {
-  return WritePicture(path, 400, 300, [](int, int y) { return y < 150 ? kBlue : kRed; });
+// Blue over red, 4:3: its top and bottom show whether it fills the height.
+bool WriteBlueOverRed(const std::string& path, int w = 400) {
+  return WritePicture(path, w, w * 3 / 4, [w](int, int y) { return y < w * 3 / 8 ? kBlue : kRed; });
 }
 
 // Where the picture must lie in a window of `w` x `h` at (x, y) of the screen, on a desktop of
@@ -93,8 +93,9 @@ TEST_F(WindowSizeX11E2E, ThePictureFillsTheWindowsNewHeightWithAndWithoutAWindow
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     Program p;
+    // Larger than every window below, so that it is decoded at the window's size.
     ASSERT_TRUE(p.Prepare() && p.SetKey("resolution.width", "640") &&
-                p.SetKey("resolution.height", "480") && WriteBlueOverRed(p.Path("a.jpg")) &&
+                p.SetKey("resolution.height", "480") && WriteBlueOverRed(p.Path("a.jpg"), 1600) &&
                 p.Start("a.jpg"));
     const std::string id = p.WindowId(kStartMs);
     ASSERT_FALSE(id.empty()) << p.Log();
@@ -111,7 +112,10 @@ TEST_F(WindowSizeX11E2E, ThePictureFillsTheWindowsNewHeightWithAndWithoutAWindow
       EXPECT_TRUE(Sees([&](const Screen& s) {
         return Geometry(id, &e) && e.w == w && e.h == h && ShowsFitted(s, e);
       })) << "window " << e.x << "," << e.y << " " << e.w << "x" << e.h << "\n" << p.Log();
+      // Decoded again for the larger window, once; the smaller one makes do with those pixels.
+      EXPECT_TRUE(p.WaitForLog("Load times (a.jpg)", kStepMs, 2)) << p.Log();
     }
+    EXPECT_EQ(Count(p.Log(), "Load times (a.jpg)"), 2) << p.Log();
     // The size it was asked for stays the one in glimra.ini.
     EXPECT_EQ(p.Key("resolution.width"), "640");
     EXPECT_EQ(p.Escape(), 0);
