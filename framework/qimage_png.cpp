@@ -83,16 +83,19 @@ void ReadFromMemory(png_structp png, png_bytep out, size_t count) {
   dec->at += count;
 }
 
-// Lays each pixel over black: colour * alpha / 255, alpha 255.
-void ComposeOverBlack(QImage* img) {
-  uint8_t* p = img->GetBuffer();
-  const size_t pixels = size_t(img->GetWidth()) * size_t(img->GetHeight());
+// Lays `pixels` pixels from `p` over black: colour * alpha / 255, alpha 255.
+void OverBlack(uint8_t* p, size_t pixels) {
   for (size_t i = 0; i < pixels; ++i, p += 4) {
     const unsigned a = p[3];
     if (a == 255) continue;
     for (int c = 0; c < 3; ++c) p[c] = uint8_t((p[c] * a + 127) / 255);
     p[3] = 255;
   }
+}
+
+// Lays the whole picture over black.
+void ComposeOverBlack(QImage* img) {
+  OverBlack(img->GetBuffer(), size_t(img->GetWidth()) * size_t(img->GetHeight()));
 }
 
 // Makes `pixels` pixels from `p` opaque black, which needs no laying over black afterwards.
@@ -122,16 +125,7 @@ bool Salvage(PngDecoder* dec, QImage* img, const char* name) {
   return true;
 }
 
-// Lays one row of `pixels` pixels over black, as ComposeOverBlack does the whole picture.
-void RowOverBlack(uint8_t* p, size_t pixels) {
-  for (size_t i = 0; i < pixels; ++i, p += 4) {
-    const unsigned a = p[3];
-    if (a == 255) continue;
-    for (int c = 0; c < 3; ++c) p[c] = uint8_t((p[c] * a + 127) / 255);
-    p[3] = 255;
-  }
-}
-
+// True, with a debug line, once a stop is requested.
 bool GivenUp(const char* name) {
   if (!QImage::StopRequested()) return false;
   QDBG("QImage::ReadPNG", "QImage:ReadPNG(%s); given up: the program is stopping", name);
@@ -230,7 +224,7 @@ bool Decode(PngDecoder* dec, QImage* img, const char* name, int reduceW, int red
       if (GivenUp(name)) return false;
       png_read_row(png, dec->row.data(), nullptr);
       ++dec->rowsDone;
-      if (dec->alpha) RowOverBlack(dec->row.data(), size_t(width));
+      if (dec->alpha) OverBlack(dec->row.data(), size_t(width));
       dec->reducer->PushRow(dec->row.data());
     }
   } else {
