@@ -9,7 +9,8 @@
 //
 // The worker is the framework's QThread; the destructor stops it and waits for the picture it
 // is decoding, if any, which a stop request (QBitMap::RequestStop) cuts short; after a decode
-// given up that way the worker decodes nothing more. Want and Take are for one thread (the main loop).
+// given up that way the worker decodes nothing more. Want and Take are for one thread (the main
+// loop).
 #pragma once
 
 #include <condition_variable>

@@ -90,7 +90,7 @@ void Progress(j_common_ptr common) {
 // anything else as a warning.
 void ReportHalt(const JpegDecoder& dec, const char* name) {
   if (dec.halt == Halt::kStop)
-    QDBG("QImage::ReadJPG", "QImage:ReadJPG(%s); given up: the program is stopping", name);
+    QDBG("QImage::ReadJPG", "QImage:ReadJPG(%s); given up: the program is stopping\n", name);
   else if (dec.halt == Halt::kScans)
     QWARN("QImage::ReadJPG", "QImage:ReadJPG(); (%s) has more than %d scans (stopped at scan %d)",
           name, QImage::MAX_JPEG_SCANS, dec.scans);
@@ -159,15 +159,15 @@ bool Decode(JpegDecoder* dec, QImage* img, const uint8_t* data, size_t size, con
   // otherwise multi-scan) file makes the library keep every DCT block of the whole picture
   // until the last scan, whatever the output scale: 72 MB for a 24-megapixel 4:2:0 photo.
   const int64_t outW = shrink ? reduceW : width, outH = shrink ? reduceH : height;
-  const int64_t rowBytes = int64_t(width) * 4;
-  const int64_t need = fileLength + ScanBufferBytes(cinfo) + outW * outH * 4 +
-                       rowBytes * kLinesPerCall * (shrink ? 1 : 0) + outW * 4 * 9 * (shrink ? 1 : 0) +
+  // Shrinking adds the decoded rows' bitmap and the reducer's sums (9 words a pixel).
+  const int64_t shrinkBytes = shrink ? int64_t(width) * 4 * kLinesPerCall + outW * 4 * 9 : 0;
+  const int64_t need = fileLength + ScanBufferBytes(cinfo) + outW * outH * 4 + shrinkBytes +
                        int64_t(width) * cinfo->num_components * kLibraryRowsPerComponent;
   if (need > QImage::MAX_DECODE_BYTES) {
     QWARN("QImage::ReadJPG",
           "QImage:ReadJPG(); (%s) is a %s%dx%d: decoding it needs %lld MB, more than %lld",
           name, jpeg_has_multiple_scans(cinfo) ? "progressive " : "", fullWidth, fullHeight,
-          static_cast<long long>(need >> 20),
+          MegabytesUp(need),
           static_cast<long long>(QImage::MAX_DECODE_BYTES >> 20));
     return false;
   }

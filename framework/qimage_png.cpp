@@ -128,7 +128,7 @@ bool Salvage(PngDecoder* dec, QImage* img, const char* name) {
 // True, with a debug line, once a stop is requested.
 bool GivenUp(const char* name) {
   if (!QImage::StopRequested()) return false;
-  QDBG("QImage::ReadPNG", "QImage:ReadPNG(%s); given up: the program is stopping", name);
+  QDBG("QImage::ReadPNG", "QImage:ReadPNG(%s); given up: the program is stopping\n", name);
   return true;
 }
 
@@ -205,7 +205,7 @@ bool Decode(PngDecoder* dec, QImage* img, const char* name, int reduceW, int red
   if (need > QImage::MAX_DECODE_BYTES) {
     QWARN("QImage::ReadPNG",
           "QImage:ReadPNG(); (%s) is a%s %dx%d: decoding it needs %lld MB, more than %lld", name,
-          dec->interlaced ? "n interlaced" : "", width, height, static_cast<long long>(need >> 20),
+          dec->interlaced ? "n interlaced" : "", width, height, MegabytesUp(need),
           static_cast<long long>(QImage::MAX_DECODE_BYTES >> 20));
     return false;
   }

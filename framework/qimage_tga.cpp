@@ -168,7 +168,7 @@ bool QImage::ReadTGA(const uint8_t* d, size_t length, const char* name) {
   const int64_t need = size + int64_t(t.width) * t.height * 4;
   if (need > MAX_DECODE_BYTES) {
     QWARN("QImage::ReadTGA", "QImage:ReadTGA(%s); %dx%d needs %lld MB, more than %lld", name,
-          t.width, t.height, static_cast<long long>(need >> 20),
+          t.width, t.height, MegabytesUp(need),
           static_cast<long long>(MAX_DECODE_BYTES >> 20));
     return false;
   }

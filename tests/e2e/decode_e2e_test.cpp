@@ -86,7 +86,8 @@ TEST_F(DecodeE2E, HugePngsStayInTheMemoryLimitAndAStopDuringTheirDecodeEndsWithi
   // The main loop's decode: a.jpg alone in the catalogue (nothing to prefetch), the others
   // loaded from a folder beside it.
   Program p;
-  ASSERT_TRUE(p.Prepare() && Uniform(p.Path("a.jpg"), kRed) && mkdir(p.Path("sub").c_str(), 0755) == 0);
+  ASSERT_TRUE(p.Prepare() && Uniform(p.Path("a.jpg"), kRed));
+  ASSERT_EQ(mkdir(p.Path("sub").c_str(), 0755), 0);
   ASSERT_TRUE(WriteFile(p.Path("sub/big.png"), big) && WriteFile(p.Path("sub/slow.png"), slow));
   ASSERT_TRUE(p.Start("a.jpg") && Shows(kRed, kStartMs)) << p.Log();
   ASSERT_TRUE(p.Send("load sub/big.png"));
