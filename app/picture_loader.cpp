@@ -12,6 +12,7 @@
 #include "framework/qfile.h"
 #include "framework/qimage.h"
 #include "framework/qmem.h"
+#include "framework/qmessage.h"
 #include "framework/virtualfilesystem.h"
 
 namespace {
@@ -147,10 +148,18 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
   out->fit = fit;
   out->grey = grey;
   const char* source = file ? file->c_str() : path.c_str();
+  if ((out->stopped = QBitMap::StopRequested())) return;
   // One look at the file serves the change check and the refusal of what is not a file.
   struct stat st;
   const bool exists = stat(source, &st) == 0;
   if (exists) out->stamp = StampOf(st);
+  // The file's bytes are the first part of the picture's memory.
+  if (exists && S_ISREG(st.st_mode) && int64_t(st.st_size) > QImage::MAX_DECODE_BYTES) {
+    QWARN("LoadPicture", "LoadPicture(%s); the file's %lld MB are more than %lld", path.c_str(),
+          static_cast<long long>(st.st_size >> 20),
+          static_cast<long long>(QImage::MAX_DECODE_BYTES >> 20));
+    return;
+  }
 
   auto phase = Clock::now();
   size_t size = 0;
@@ -185,15 +194,25 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
   } else if (QImage::IsTargaName(path.c_str())) {
     read = image->ReadTGA(bytes.get(), size, path.c_str());
   } else if (QImage::IsPngName(path.c_str())) {
-    read = image->ReadPNG(bytes.get(), size, path.c_str());
+    // Straight to the quad's size while decoding, as for JPEG.
+    int w = 0, h = 0, tw = 0, th = 0;
+    if (QImage::ReadPNGSize(bytes.get(), size, &w, &h) && w > 0 && h > 0) {
+      out->width = w, out->height = h;
+      int needW = 0, needH = 0;
+      StoredQuadSize(*out, &needW, &needH);
+      TargetSize(w, h, needW, needH, limit, &tw, &th);
+    }
+    read = image->ReadPNG(bytes.get(), size, path.c_str(), tw, th);
   } else {
     read = image->Read(source);
   }
+  out->stopped = !read && QBitMap::StopRequested();
   // A reader may answer true without pixels (a kind it accepts unread): nothing to show.
   if (!read || image->GetWidth() <= 0 || image->GetHeight() <= 0 || !image->GetBuffer() ||
       int64_t(image->GetSize()) < int64_t(image->GetWidth()) * image->GetHeight() * 4)
     return;
-  if (!QImage::IsJpegName(path.c_str()) || out->width <= 0)
+  // JPEG and PNG know the picture's own size from their headers; the others decode it whole.
+  if ((!QImage::IsJpegName(path.c_str()) && !QImage::IsPngName(path.c_str())) || out->width <= 0)
     out->width = image->GetWidth(), out->height = image->GetHeight();
   out->decodeMs = MsSince(phase);
 
@@ -203,7 +222,10 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
   int needW = 0, needH = 0, tw = 0, th = 0;
   StoredQuadSize(*out, &needW, &needH);
   TargetSize(image->GetWidth(), image->GetHeight(), needW, needH, limit, &tw, &th);
-  if ((tw < image->GetWidth() || th < image->GetHeight()) && !image->AreaReduce(tw, th)) return;
+  if ((tw < image->GetWidth() || th < image->GetHeight()) && !image->AreaReduce(tw, th)) {
+    out->stopped = QBitMap::StopRequested();
+    return;
+  }
   out->reduceMs = MsSince(phase);
 
   phase = Clock::now();

@@ -10,7 +10,10 @@
 // texture, and a picture that fits no texture is reduced until it does.
 //
 // A failed load is returned, not logged as "Can't load image": the caller says that when the
-// picture is asked for (the readers' own warnings are logged as they happen).
+// picture is asked for (the readers' own warnings are logged as they happen). A load given up
+// for a stop request (QBitMap::RequestStop) is failed with `stopped` set: the program is ending,
+// and nothing is wrong with the picture. PNG and JPEG rows are reduced as they are decoded, so
+// a picture's memory is what QImage::MAX_DECODE_BYTES allows, the file included.
 #pragma once
 
 #include <cstdint>
@@ -37,6 +40,7 @@ struct FileStamp {
 struct LoadedPicture {
   std::string path;
   bool ok = false;
+  bool stopped = false;             // given up for a stop request (ok is false)
   std::unique_ptr<QBitMap> pixels;  // reduced, unturned, memory order
   int width = 0, height = 0;        // the picture's own size, unturned
   int orientation = 0;              // EXIF value, 0 when absent

@@ -120,6 +120,12 @@ void Prefetcher::Work(void* arg) {
     LoadPicture(work.path, fit, grey, &work.result, work.file.empty() ? nullptr : &work.file);
     lock.lock();
     self->busy_ = nullptr;
+    if (work.result.stopped) {
+      // The program is ending: nothing more is decoded; the destructor is waited for.
+      self->changed_.notify_all();
+      self->changed_.wait(lock, [&] { return self->stop_; });
+      break;
+    }
     // Still wanted, for the same screen and grey setting?
     if (self->Matches(fit, grey)) {
       for (auto& j : self->jobs_) {

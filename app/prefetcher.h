@@ -10,7 +10,9 @@
 // picture that failed in the prefetch is handed over failed, for the caller to report then.
 //
 // The worker is the framework's QThread; the destructor stops it and waits for the picture it
-// is decoding, if any. Want and Take are for one thread (the main loop).
+// is decoding, if any, which a stop request (QBitMap::RequestStop) cuts short; after a decode
+// given up that way the worker decodes nothing more. Want and Take are for one thread (the main
+// loop).
 #pragma once
 
 #include <condition_variable>

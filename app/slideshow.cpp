@@ -458,7 +458,10 @@ void RaceManager::Run() {
   }
 }
 
-void RaceManager::RequestStop(int signal) { g_stopSignal = signal; }
+void RaceManager::RequestStop(int signal) {
+  g_stopSignal = signal;
+  QBitMap::RequestStop();  // a decode under way gives up, so the loop ends within a second
+}
 
 void RaceManager::IdleProc() {
   RaceManager* rm = g_raceManager;

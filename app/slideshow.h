@@ -160,7 +160,8 @@ class RaceManager {
   // stop request, with status 0, at the end of the cycle it arrives in).
   [[noreturn]] void Run();
   // Asks the main loop to end the program; `signal` names the reason in the log. Only stores a
-  // number, so a signal handler may call it.
+  // number and asks decodes under way to give up (QBitMap::RequestStop), so a signal handler may
+  // call it.
   static void RequestStop(int signal);
   // The application's callbacks: one idle cycle (paint and present when something changed), and
   // the exit that destroys the controller.

@@ -95,7 +95,11 @@ void RaceManager::PrefetchNeighbours() {
 void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool sharper) {
   const char* path = picture->path.c_str();
   if (!picture->ok) {
-    qerr(kSource, "RaceManager::LoadNewImage", __LINE__, "Can't load image (%s)", path);
+    // A load given up because the program is ending is no fault of the picture.
+    if (picture->stopped)
+      qdbg(kSource, "RaceManager::LoadNewImage", __LINE__, "Load of %s given up: stopping\n", path);
+    else
+      qerr(kSource, "RaceManager::LoadNewImage", __LINE__, "Can't load image (%s)", path);
     return;
   }
   curFile = path;

@@ -18,7 +18,8 @@
 // order (a Fill with x < 0 keeps its width and wraps into the following rows). Whatever happens,
 // no operation reads or writes a byte outside the pixel block; the part of a copy or fill that
 // would land outside it is dropped.
-// Not thread-safe.
+// Not thread-safe, except for the stop request (RequestStop), which any thread or a signal
+// handler may make.
 #pragma once
 
 #include <cstdint>
@@ -81,8 +82,17 @@ class QBitMap : public QDrawable {
   // Shrinks the 32-bit picture to `width` x `height` (neither larger than now) by averaging the
   // area each new pixel covers, weighted by how much of every old pixel falls in it: the
   // reduction a photo needs to look right on a smaller screen. False, unchanged, for another
-  // depth, a size that is not smaller or equal, or no memory (qbitmap_ops.cpp).
+  // depth, a size that is not smaller or equal, no memory, or a stop request (qbitmap_ops.cpp).
   bool AreaReduce(int width, int height);
+
+  // ---- Giving up (qbitmap_ops.cpp) ----
+  // Asks every long piece of work on pixels, on every thread (the picture readers' decodes,
+  // AreaReduce), to give up at its next row: the program is ending. It stays asked. Safe in a
+  // signal handler (one lock-free atomic store).
+  static void RequestStop();
+  // True once RequestStop was called; work that gives up answers false and logs only a debug
+  // line, since nothing is wrong with the picture.
+  static bool StopRequested();
 
   // ---- Pixel operations (qbitmap_ops.cpp) ----
   // Grey with the weights 0.21, 0.71, 0.08, truncated (white becomes 254). Alpha untouched.

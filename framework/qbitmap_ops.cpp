@@ -1,6 +1,7 @@
 // QBitMap: operations on the pixels themselves (grey, fills, channels, alpha), combining two
 // bitmaps, and the run-length packer.
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cmath>
 #include <cstdint>
@@ -12,6 +13,10 @@
 #include "framework/qmessage.h"
 
 namespace {
+
+// Set by RequestStop, possibly from a signal handler: only a lock-free atomic may be touched there.
+std::atomic<bool> g_stopRequested{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets the stop request");
 
 int64_t FloorDiv(int64_t a, int64_t b) {
   int64_t q = a / b;
@@ -353,6 +358,13 @@ uint8_t* QBitMap::RLECompress(int* retSize) const {
 }
 
 // ---------------------------------------------------------------------------------------------
+// Giving up
+// ---------------------------------------------------------------------------------------------
+
+void QBitMap::RequestStop() { g_stopRequested.store(true, std::memory_order_relaxed); }
+bool QBitMap::StopRequested() { return g_stopRequested.load(std::memory_order_relaxed); }
+
+// ---------------------------------------------------------------------------------------------
 // Area reduction
 // ---------------------------------------------------------------------------------------------
 
@@ -435,7 +447,10 @@ bool QBitMap::AreaReduce(int width, int height) {
   QBitMap result(32, width, height, int(flags_ & ~uint32_t(EXTERNAL)));
   QAreaReducer reducer(width_, height_, &result);
   if (!reducer.IsReady()) return false;
-  for (int y = height_ - 1; y >= 0; --y) reducer.PushRow(pixels_ + size_t(y) * size_t(width_) * 4);
+  for (int y = height_ - 1; y >= 0; --y) {
+    if (StopRequested()) return false;
+    reducer.PushRow(pixels_ + size_t(y) * size_t(width_) * 4);
+  }
   // Swap blocks: the old one goes with `result`, which frees it unless it was never ours.
   std::swap(pixels_, result.pixels_);
   std::swap(size_, result.size_);

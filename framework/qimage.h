@@ -13,6 +13,14 @@
 // format's limits and the file's length before anything is allocated, and no read or write
 // leaves the buffers it belongs to.
 //
+// One decode never takes more than MAX_DECODE_BYTES: the file's bytes, the libraries' buffers
+// (a progressive JPEG's DCT blocks, above all), row buffers and the pixels are counted together
+// from the header, and a picture that would need more is refused with a warning before anything
+// is allocated for it. The PNG and JPEG readers shrink rows as they are decoded when asked for a
+// smaller size, so that a large picture for a small screen needs little.
+// A stop request (QBitMap::RequestStop) makes the PNG and JPEG readers give up at their next row
+// (or, in a progressive JPEG, the next row of blocks): they answer false with a debug line only.
+//
 // Targa files are read whole through the virtual file system when one exists (ReadTGA), else
 // line by line from a stdio stream (ReadTGASlow); the two paths differ on purpose in messages,
 // checks and run-length handling. JPEG goes through libjpeg and PNG through libpng; a library
@@ -29,6 +37,15 @@ class QImage : public QBitMap {
  public:
   // Largest width (and JPEG height) the readers take.
   static constexpr int MAX_SIZE = 16384;
+  // Most memory one PNG, JPEG or Targa decode may take, everything counted (see above): room for
+  // a progressive 24-megapixel photo with full colour resolution (144 MB of DCT blocks) and its
+  // file. Two decodes may run at once (the slideshow's and its prefetch).
+  static constexpr int64_t MAX_DECODE_BYTES = int64_t(192) << 20;
+  // Most scans a JPEG may have: common encoders write 1 to 10 (a progressive colour file from
+  // the library's own script has 10), and each scan of a large progressive file is another pass
+  // over all of its blocks (up to about 35 ms at the memory limit), so a file repeating scans
+  // could otherwise hold the decode for minutes.
+  static constexpr int MAX_JPEG_SCANS = 100;
 
   // Empty picture named "qimage".
   QImage();
@@ -56,8 +73,9 @@ class QImage : public QBitMap {
   // run-length packets that cross a line are cut at the line's end.
   bool ReadTGASlow(const char* name);
   // JPEG through libjpeg, the file read whole into memory first. False when the file can't be
-  // opened, is larger than 16384 in either direction or than its length can hold, or the
-  // library reports an error. Library warnings (a file cut short, a missing end marker) do not
+  // opened, is larger than 16384 in either direction or than its length can hold, needs more
+  // than MAX_DECODE_BYTES, has more than MAX_JPEG_SCANS scans, the library reports an error, or
+  // a stop is requested. Library warnings (a file cut short, a missing end marker) do not
   // fail: what decoded is kept and the rest is the library's fill.
   bool ReadJPG(const char* name);
   // The same from `size` bytes at `data` (`name` names them in messages), decoded at
@@ -73,12 +91,19 @@ class QImage : public QBitMap {
   // PNG through libpng, the file read whole into memory first: every colour type and depth,
   // palettes with transparency, interlaced files; alpha is laid over black (colour * alpha /
   // 255, alpha 255). False when the file can't be opened, lacks the signature and header, is
-  // larger than 16384 in either direction (refused before anything is allocated), or the
-  // library reports an error. A file cut short after some rows decoded is not an error: those
-  // rows are kept, the rest is black, and a debug line says where it ended.
+  // larger than 16384 in either direction or needs more than MAX_DECODE_BYTES (both refused
+  // before anything is allocated), the library reports an error, or a stop is requested. A file
+  // cut short after some rows decoded is not an error: those rows are kept, the rest is black,
+  // and a debug line says where it ended.
   bool ReadPNG(const char* name);
-  // The same from `size` bytes at `data` (`name` names them in messages).
-  bool ReadPNG(const uint8_t* data, size_t size, const char* name);
+  // The same from `size` bytes at `data` (`name` names them in messages). With a reduced size
+  // (as for ReadJPG), the picture comes out area-reduced to it: a plain file's rows are reduced
+  // as they are decoded, so it is never held whole; an interlaced file needs the whole picture
+  // for its passes and is reduced after them (its full size counts against the limit).
+  bool ReadPNG(const uint8_t* data, size_t size, const char* name, int reduceWidth = 0,
+               int reduceHeight = 0);
+  // The width and height a PNG's header declares; false, silently, without signature and header.
+  static bool ReadPNGSize(const uint8_t* data, size_t size, int* width, int* height);
   // Which reader Read would choose for `name`.
   static bool IsJpegName(const char* name);
   static bool IsTargaName(const char* name);

@@ -37,6 +37,11 @@ inline bool FitsFile(int64_t needBytes, int64_t haveBytes) {
   return needBytes <= haveBytes * kShortfallFactor;
 }
 
+// Bytes in whole megabytes, rounded up, for messages: a need just over a limit reads as more.
+inline long long MegabytesUp(int64_t bytes) {
+  return static_cast<long long>((bytes + (1 << 20) - 1) >> 20);
+}
+
 // Length of an open stream; the position is kept. 0 when it cannot be taken.
 inline int64_t StreamLength(FILE* fp) {
   long here = ftell(fp);

@@ -4,7 +4,9 @@
 // alpha 255), last memory row first; other component counts go through PutLine a scanline at a
 // time. Errors jump back here and fail the read. Warnings (a file cut short, a missing end
 // marker, stray bytes) do not: the library fills what it could not decode, the picture is shown
-// as decoded, and the first warning goes to the log at debug level.
+// as decoded, and the first warning goes to the log at debug level. The library's progress
+// monitor, called for every row of blocks it reads and every call for scanlines, counts the
+// scans and gives up on a stop request, jumping out as an error does.
 #include <csetjmp>
 #include <cstdint>
 #include <cstdio>
@@ -24,10 +26,9 @@ namespace {
 constexpr int64_t kMaxPixelsPerByte = 4096;
 // Scanlines handed to the library per call on the direct path.
 constexpr int kLinesPerCall = 16;
-// A progressive (or otherwise multi-scan) file makes the library keep every DCT block of the
-// whole picture until the last scan, whatever the output scale: 72 MB for a 24-megapixel 4:2:0
-// photo, 144 MB at 4:4:4. Beyond this the file is refused rather than risking the process.
-constexpr int64_t kMaxScanBufferBytes = int64_t(192) << 20;
+// Beside its DCT blocks and the output, the library keeps a few rows of blocks of every
+// component at the output width (the main buffer, the upsampler's context): counted generously.
+constexpr int64_t kLibraryRowsPerComponent = 64;
 
 // Bytes of DCT blocks the library holds for a multi-scan file; 0 for a single scan.
 int64_t ScanBufferBytes(j_decompress_ptr cinfo) {
@@ -49,19 +50,53 @@ void EmitMessage(j_common_ptr cinfo, int level) {
   if (cinfo->err->num_warnings++ == 0) (*cinfo->err->format_message)(cinfo, err->warning);
 }
 
+// Why the decode jumped out when it was not the library's error.
+enum class Halt { kNone, kStop, kScans };
+
 // Owns the decompressor for the whole read, including the jump out of libjpeg.
 struct JpegDecoder {
   jpeg_decompress_struct cinfo;
   JpegError err;
+  jpeg_progress_mgr progress;
+  Halt halt = Halt::kNone;
+  int scans = 0;  // the scan the library had reached when it was stopped
   // For a decode that shrinks as it goes: the reducer and one decoded row.
   std::unique_ptr<QAreaReducer> reducer;
   std::unique_ptr<QBitMap> line;
   JpegDecoder() {
     memset(&cinfo, 0, sizeof(cinfo));
     memset(&err, 0, sizeof(err));
+    memset(&progress, 0, sizeof(progress));
   }
   ~JpegDecoder() { jpeg_destroy_decompress(&cinfo); }  // harmless on a zeroed decompressor
 };
+
+// The progress monitor: a file repeating scans without end, or a stop request, ends the decode
+// through the error jump.
+void Progress(j_common_ptr common) {
+  JpegDecoder* dec = static_cast<JpegDecoder*>(common->client_data);
+  const int scan = dec->cinfo.input_scan_number;
+  if (QImage::StopRequested())
+    dec->halt = Halt::kStop;
+  else if (scan > QImage::MAX_JPEG_SCANS)
+    dec->halt = Halt::kScans;
+  else
+    return;
+  dec->scans = scan;
+  longjmp(dec->err.jump, 1);
+}
+
+// Logs why the decode jumped out: a stop at debug level (nothing is wrong with the picture),
+// anything else as a warning.
+void ReportHalt(const JpegDecoder& dec, const char* name) {
+  if (dec.halt == Halt::kStop)
+    QDBG("QImage::ReadJPG", "QImage:ReadJPG(%s); given up: the program is stopping\n", name);
+  else if (dec.halt == Halt::kScans)
+    QWARN("QImage::ReadJPG", "QImage:ReadJPG(); (%s) has more than %d scans (stopped at scan %d)",
+          name, QImage::MAX_JPEG_SCANS, dec.scans);
+  else
+    QWARN("QImage::ReadJPG", "QImage:ReadJPG(%s); %s", name, dec.err.text);
+}
 
 // Sets up the decompressor on the bytes and reads the header; false (after `name`'s warning)
 // when the library reports an error. Nothing with a destructor lives in this frame.
@@ -75,6 +110,9 @@ bool ReadHeader(JpegDecoder* dec, const uint8_t* data, size_t size, const char* 
     return false;
   }
   jpeg_create_decompress(cinfo);
+  cinfo->client_data = dec;
+  dec->progress.progress_monitor = Progress;
+  cinfo->progress = &dec->progress;
   jpeg_mem_src(cinfo, data, static_cast<unsigned long>(size));
   jpeg_read_header(cinfo, TRUE);
   return true;
@@ -87,7 +125,12 @@ bool Decode(JpegDecoder* dec, QImage* img, const uint8_t* data, size_t size, con
   if (!ReadHeader(dec, data, size, name)) return false;
   j_decompress_ptr cinfo = &dec->cinfo;
   if (setjmp(dec->err.jump)) {
-    QWARN("QImage::ReadJPG", "QImage:ReadJPG(%s); %s", name, dec->err.text);
+    ReportHalt(*dec, name);
+    return false;
+  }
+  if (QImage::StopRequested()) {
+    dec->halt = Halt::kStop;
+    ReportHalt(*dec, name);
     return false;
   }
   const int64_t fileLength = int64_t(size);
@@ -96,14 +139,6 @@ bool Decode(JpegDecoder* dec, QImage* img, const uint8_t* data, size_t size, con
   if (int64_t(fullWidth) * fullHeight > fileLength * kMaxPixelsPerByte) {
     QWARN("QImage::ReadJPG", "QImage:ReadJPG(); (%s) is %dx%d, more than its %lld bytes can hold",
           name, fullWidth, fullHeight, static_cast<long long>(fileLength));
-    return false;
-  }
-  const int64_t scanBuffer = ScanBufferBytes(cinfo);
-  if (scanBuffer > kMaxScanBufferBytes) {
-    QWARN("QImage::ReadJPG",
-          "QImage:ReadJPG(); (%s) is a progressive %dx%d: decoding it needs %lld MB, more than %lld",
-          name, fullWidth, fullHeight, static_cast<long long>(scanBuffer >> 20),
-          static_cast<long long>(kMaxScanBufferBytes >> 20));
     return false;
   }
   cinfo->scale_num = unsigned(eighths < 1 ? 1 : eighths > 8 ? 8 : eighths);
@@ -120,6 +155,22 @@ bool Decode(JpegDecoder* dec, QImage* img, const uint8_t* data, size_t size, con
   }
   const bool shrink = reduceW > 0 && reduceH > 0 && reduceW <= width && reduceH <= height &&
                       (reduceW < width || reduceH < height);
+  // Everything this decode holds at once, before any of it is allocated. A progressive (or
+  // otherwise multi-scan) file makes the library keep every DCT block of the whole picture
+  // until the last scan, whatever the output scale: 72 MB for a 24-megapixel 4:2:0 photo.
+  const int64_t outW = shrink ? reduceW : width, outH = shrink ? reduceH : height;
+  // Shrinking adds the decoded rows' bitmap and the reducer's sums (9 words a pixel).
+  const int64_t shrinkBytes = shrink ? int64_t(width) * 4 * kLinesPerCall + outW * 4 * 9 : 0;
+  const int64_t need = fileLength + ScanBufferBytes(cinfo) + outW * outH * 4 + shrinkBytes +
+                       int64_t(width) * cinfo->num_components * kLibraryRowsPerComponent;
+  if (need > QImage::MAX_DECODE_BYTES) {
+    QWARN("QImage::ReadJPG",
+          "QImage:ReadJPG(); (%s) is a %s%dx%d: decoding it needs %lld MB, more than %lld",
+          name, jpeg_has_multiple_scans(cinfo) ? "progressive " : "", fullWidth, fullHeight,
+          MegabytesUp(need),
+          static_cast<long long>(QImage::MAX_DECODE_BYTES >> 20));
+    return false;
+  }
   if (!img->Alloc(32, shrink ? reduceW : width, shrink ? reduceH : height, int(img->GetFlags()))) {
     QWARN("QImage::ReadJPG", "QImage:ReadJPG(); (%s) out of memory", name);
     return false;

@@ -4,14 +4,19 @@
 // without transparency, 1 to 16 bits, RGB, RGBA, interlaced or not) into 8-bit RGBA rows, which
 // are decoded straight into the bitmap's rows, last memory row first; an interlaced file fills
 // them in place pass by pass. Alpha is then laid over black, since nothing is behind a picture
-// on the screen. A file cut short keeps the rows that decoded (the rest is black) with a debug
-// note, as the JPEG reader does; any other library error ends the read with a warning.
+// on the screen. Asked for a smaller size, a plain file's rows go one by one through one row
+// buffer, over black, into the area reduction instead, so the picture is never held whole. A
+// file cut short keeps the rows that decoded (the rest is black) with a debug note, as the JPEG
+// reader does; any other library error ends the read with a warning. A stop request is looked
+// for before every row.
 #include <png.h>
 
 #include <csetjmp>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <vector>
 
 #include "framework/qimage.h"
 #include "framework/qimage_internal.h"
@@ -47,6 +52,9 @@ struct PngDecoder {
   bool alpha = false;     // the file has alpha or a transparent colour
   int rowsDone = 0;       // rows (of every pass) stored in the bitmap
   int rowsReady = 0;      // rows from the top that hold pixels or were cleared for them
+  // For a plain file decoded smaller: the reducer and the one row it is fed from.
+  std::unique_ptr<QAreaReducer> reducer;
+  std::vector<uint8_t> row;
   char text[256] = {};    // the library's error
   char warning[256] = {};  // its first warning, empty when there was none
   ~PngDecoder() {
@@ -75,16 +83,19 @@ void ReadFromMemory(png_structp png, png_bytep out, size_t count) {
   dec->at += count;
 }
 
-// Lays each pixel over black: colour * alpha / 255, alpha 255.
-void ComposeOverBlack(QImage* img) {
-  uint8_t* p = img->GetBuffer();
-  const size_t pixels = size_t(img->GetWidth()) * size_t(img->GetHeight());
+// Lays `pixels` pixels from `p` over black: colour * alpha / 255, alpha 255.
+void OverBlack(uint8_t* p, size_t pixels) {
   for (size_t i = 0; i < pixels; ++i, p += 4) {
     const unsigned a = p[3];
     if (a == 255) continue;
     for (int c = 0; c < 3; ++c) p[c] = uint8_t((p[c] * a + 127) / 255);
     p[3] = 255;
   }
+}
+
+// Lays the whole picture over black.
+void ComposeOverBlack(QImage* img) {
+  OverBlack(img->GetBuffer(), size_t(img->GetWidth()) * size_t(img->GetHeight()));
 }
 
 // Makes `pixels` pixels from `p` opaque black, which needs no laying over black afterwards.
@@ -101,16 +112,30 @@ bool Salvage(PngDecoder* dec, QImage* img, const char* name) {
   }
   // Rows are stored whole or not at all; the ones never reached turn black. The bottom rows
   // come first in memory.
-  const int height = img->GetHeight();
-  FillBlack(img->GetBuffer(), size_t(height - dec->rowsReady) * size_t(img->GetWidth()));
-  if (dec->alpha) ComposeOverBlack(img);
+  const int height = png_get_image_height(dec->png, dec->info);
+  if (dec->reducer) {
+    FillBlack(dec->row.data(), dec->row.size() / 4);
+    for (int y = dec->rowsDone; y < height; ++y) dec->reducer->PushRow(dec->row.data());
+  } else {
+    FillBlack(img->GetBuffer(), size_t(height - dec->rowsReady) * size_t(img->GetWidth()));
+    if (dec->alpha) ComposeOverBlack(img);
+  }
   QDBG("QImage::ReadPNG", "QImage:ReadPNG(%s); %s after %d of %d rows (of every pass)", name,
        dec->text, dec->rowsDone, height * (dec->interlaced ? 7 : 1));
   return true;
 }
 
-// The decode proper. Nothing with a destructor lives in this frame: libpng may jump out of it.
-bool Decode(PngDecoder* dec, QImage* img, const char* name) {
+// True, with a debug line, once a stop is requested.
+bool GivenUp(const char* name) {
+  if (!QImage::StopRequested()) return false;
+  QDBG("QImage::ReadPNG", "QImage:ReadPNG(%s); given up: the program is stopping\n", name);
+  return true;
+}
+
+// The decode proper, shrunk to reduceW x reduceH when that is smaller. Nothing with a destructor
+// lives in this frame: libpng may jump out of it.
+bool Decode(PngDecoder* dec, QImage* img, const char* name, int reduceW, int reduceH) {
+  if (GivenUp(name)) return false;
   if (!dec->data || dec->size < kHeaderBytes || png_sig_cmp(dec->data, 0, 8) != 0 ||
       memcmp(dec->data + 12, "IHDR", 4) != 0) {
     QWARN("QImage::ReadPNG", "QImage:ReadPNG(%s); not a PNG file (%zu bytes)", name, dec->size);
@@ -165,22 +190,58 @@ bool Decode(PngDecoder* dec, QImage* img, const char* name) {
           size_t(png_get_rowbytes(png, info)), width * 4);
     return false;
   }
-  if (!img->Alloc(32, width, height, int(img->GetFlags()))) {
+  const bool shrink = reduceW > 0 && reduceH > 0 && reduceW <= width && reduceH <= height &&
+                     (reduceW < width || reduceH < height);
+  // Rows as they are decoded straight into the reducer; an interlaced file's passes need the
+  // whole picture.
+  const bool byRow = shrink && !dec->interlaced;
+  // Everything held at once, counted before any of it is allocated: the file, libpng's two rows
+  // of file bytes, the pixels (whole, or reduced with a row and the reducer's sums), and for an
+  // interlaced file shrunk afterwards the reduced copy too.
+  const int64_t fileRow = (rowBits + 7) / 8 + 1, whole = int64_t(width) * height * 4;
+  const int64_t reduced = shrink ? int64_t(reduceW) * reduceH * 4 + int64_t(reduceW) * 36 : 0;
+  const int64_t need = int64_t(dec->size) + 2 * fileRow +
+                       (byRow ? reduced + int64_t(width) * 4 : whole + reduced);
+  if (need > QImage::MAX_DECODE_BYTES) {
+    QWARN("QImage::ReadPNG",
+          "QImage:ReadPNG(); (%s) is a%s %dx%d: decoding it needs %lld MB, more than %lld", name,
+          dec->interlaced ? "n interlaced" : "", width, height, MegabytesUp(need),
+          static_cast<long long>(QImage::MAX_DECODE_BYTES >> 20));
+    return false;
+  }
+  if (!img->Alloc(32, byRow ? reduceW : width, byRow ? reduceH : height, int(img->GetFlags()))) {
     QWARN("QImage::ReadPNG", "QImage:ReadPNG(); (%s) out of memory", name);
     return false;
   }
-  for (int pass = 0; pass < passes; ++pass)
-    for (int y = 0; y < height; ++y) {
-      uint8_t* row = img->GetAddress(0, height - 1 - y);
-      // A pass stores only its own pixels, so an interlaced file's rows start black; each is
-      // filled as the first pass reaches it, which a file cut short never does for most.
-      if (pass == 0 && dec->interlaced) FillBlack(row, size_t(width));
-      png_read_row(png, row, nullptr);
-      ++dec->rowsDone;
-      if (pass == 0) dec->rowsReady = y + 1;
+  if (byRow) {
+    dec->row.resize(size_t(width) * 4);
+    dec->reducer.reset(new QAreaReducer(width, height, img));
+    if (!dec->reducer->IsReady()) {
+      QWARN("QImage::ReadPNG", "QImage:ReadPNG(); (%s) out of memory", name);
+      return false;
     }
-  // What follows the pixels (text, the end chunk) is not needed.
-  if (dec->alpha) ComposeOverBlack(img);
+    for (int y = 0; y < height; ++y) {
+      if (GivenUp(name)) return false;
+      png_read_row(png, dec->row.data(), nullptr);
+      ++dec->rowsDone;
+      if (dec->alpha) OverBlack(dec->row.data(), size_t(width));
+      dec->reducer->PushRow(dec->row.data());
+    }
+  } else {
+    for (int pass = 0; pass < passes; ++pass)
+      for (int y = 0; y < height; ++y) {
+        if (GivenUp(name)) return false;
+        uint8_t* row = img->GetAddress(0, height - 1 - y);
+        // A pass stores only its own pixels, so an interlaced file's rows start black; each is
+        // filled as the first pass reaches it, which a file cut short never does for most.
+        if (pass == 0 && dec->interlaced) FillBlack(row, size_t(width));
+        png_read_row(png, row, nullptr);
+        ++dec->rowsDone;
+        if (pass == 0) dec->rowsReady = y + 1;
+      }
+    // What follows the pixels (text, the end chunk) is not needed.
+    if (dec->alpha) ComposeOverBlack(img);
+  }
   if (dec->warning[0]) QDBG("QImage::ReadPNG", "QImage:ReadPNG(%s); %s", name, dec->warning);
   return true;
 }
@@ -199,9 +260,31 @@ bool QImage::ReadPNG(const char* name) {
   return ReadPNG(data.get(), size, name);
 }
 
-bool QImage::ReadPNG(const uint8_t* data, size_t size, const char* name) {
+bool QImage::ReadPNG(const uint8_t* data, size_t size, const char* name, int reduceWidth,
+                     int reduceHeight) {
+  if (!name) name = "";
   PngDecoder dec;
   dec.data = data;
   dec.size = data ? size : 0;
-  return Decode(&dec, this, name ? name : "");
+  if (!Decode(&dec, this, name, reduceWidth, reduceHeight)) return false;
+  // An interlaced file (or one cut short in its passes) was decoded whole.
+  const bool smaller = reduceWidth > 0 && reduceHeight > 0 && reduceWidth <= GetWidth() &&
+                       reduceHeight <= GetHeight() &&
+                       (reduceWidth < GetWidth() || reduceHeight < GetHeight());
+  if (smaller && !AreaReduce(reduceWidth, reduceHeight)) {
+    if (!GivenUp(name)) QWARN("QImage::ReadPNG", "QImage:ReadPNG(); (%s) out of memory", name);
+    return false;
+  }
+  return true;
+}
+
+bool QImage::ReadPNGSize(const uint8_t* data, size_t size, int* width, int* height) {
+  if (!data || size < kHeaderBytes || png_sig_cmp(data, 0, 8) != 0 ||
+      memcmp(data + 12, "IHDR", 4) != 0)
+    return false;
+  const uint32_t w = Be32(data + 16), h = Be32(data + 20);
+  if (w > uint32_t(INT32_MAX) || h > uint32_t(INT32_MAX)) return false;
+  if (width) *width = int(w);
+  if (height) *height = int(h);
+  return true;
 }

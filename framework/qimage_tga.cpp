@@ -164,6 +164,14 @@ bool QImage::ReadTGA(const uint8_t* d, size_t length, const char* name) {
     QWARN("QImage::ReadTGA", "Image '%s' is corrupt", GetName());
     return false;
   }
+  // Run-length lines pack 128 pixels into 5 bytes: a small file may ask for gigabytes.
+  const int64_t need = size + int64_t(t.width) * t.height * 4;
+  if (need > MAX_DECODE_BYTES) {
+    QWARN("QImage::ReadTGA", "QImage:ReadTGA(%s); %dx%d needs %lld MB, more than %lld", name,
+          t.width, t.height, MegabytesUp(need),
+          static_cast<long long>(MAX_DECODE_BYTES >> 20));
+    return false;
+  }
   if (!Alloc(32, t.width, t.height, int(flags_))) {
     QWARN("QImage::ReadTGA", "QImage:ReadTGA(); out of memory");
     return false;

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 #include <png.h>
+#include <jpeglib.h>
+#include <zlib.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -107,13 +109,17 @@ void ExpectPicture(const QImage& img, int w, int h, const Picture& want, const s
     }
 }
 
-// A w x h RGB PNG of noise (which compresses badly) written by libpng.
-Bytes MakePng(int w, int h, bool interlaced = false) {
-  std::vector<uint8_t> px(size_t(w) * h * 3);
+// A w x h PNG of noise (which compresses badly) written by libpng, of colour `type` at `depth`
+// bits; a palette has 256 noisy colours, each with its own transparency.
+Bytes MakePng(int w, int h, bool interlaced = false, int type = PNG_COLOR_TYPE_RGB, int depth = 8) {
+  const int channels = type == PNG_COLOR_TYPE_RGB ? 3 : type == PNG_COLOR_TYPE_RGBA ? 4 : 1;
+  const size_t rowBytes = size_t(w) * channels * depth / 8;
+  std::vector<uint8_t> px(rowBytes * h);
   uint32_t v = 12345;
-  for (uint8_t& b : px) b = uint8_t((v = v * 1103515245u + 12345u) >> 24);
+  const auto noise = [&v] { return uint8_t((v = v * 1103515245u + 12345u) >> 24); };
+  for (uint8_t& b : px) b = noise();
   std::vector<png_bytep> rows;
-  for (int y = 0; y < h; ++y) rows.push_back(&px[size_t(y) * w * 3]);
+  for (int y = 0; y < h; ++y) rows.push_back(&px[size_t(y) * rowBytes]);
   Bytes out;
   png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
   png_infop info = png_create_info_struct(png);
@@ -121,9 +127,16 @@ Bytes MakePng(int w, int h, bool interlaced = false) {
     Bytes* to = static_cast<Bytes*>(png_get_io_ptr(p));
     to->insert(to->end(), data, data + n);
   }, nullptr);
-  png_set_IHDR(png, info, png_uint_32(w), png_uint_32(h), 8, PNG_COLOR_TYPE_RGB,
+  png_set_IHDR(png, info, png_uint_32(w), png_uint_32(h), depth, type,
                interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
                PNG_FILTER_TYPE_DEFAULT);
+  png_color palette[256];
+  png_byte alpha[256];
+  for (int i = 0; i < 256; ++i) palette[i] = {noise(), noise(), noise()}, alpha[i] = noise();
+  if (type == PNG_COLOR_TYPE_PALETTE) {
+    png_set_PLTE(png, info, palette, 256);
+    png_set_tRNS(png, info, alpha, 256, nullptr);
+  }
   png_set_rows(png, info, rows.data());
   png_write_png(png, info, PNG_TRANSFORM_IDENTITY, nullptr);
   png_destroy_write_struct(&png, &info);
@@ -666,6 +679,116 @@ TEST_F(QImageTest, PngCutFilesKeepTheDecodedRowsDamageFailsAndOversizedIsRefused
   }
   EXPECT_FALSE(img.Read(Tmp("absent.png").c_str()));
   EXPECT_TRUE(log_.Seen("QImage:ReadPNG(); can't open '" + Tmp("absent.png") + "'"));
+}
+
+// Rows shrunk while they are decoded come out as the whole picture shrunk afterwards, for every
+// kind of PNG, interlaced (decoded whole, then shrunk) or not, whole or cut short.
+TEST_F(QImageTest, PngShrunkWhileDecodingEqualsTheWholeDecodeShrunk) {
+  using Kind = std::pair<int, int>;  // colour type, bits
+  for (auto [type, depth] : {Kind{PNG_COLOR_TYPE_GRAY, 8}, Kind{PNG_COLOR_TYPE_PALETTE, 8},
+                             Kind{PNG_COLOR_TYPE_RGB, 16}, Kind{PNG_COLOR_TYPE_RGBA, 8}})
+    for (bool interlaced : {false, true}) {
+      const Bytes png = MakePng(203, 101, interlaced, type, depth);
+      for (size_t size : {png.size(), png.size() * 3 / 5}) {
+        const std::string what = "type " + std::to_string(type) + "/" + std::to_string(depth) +
+                                 (interlaced ? " interlaced " : " ") + std::to_string(size);
+        QImage whole, shrunk;
+        ASSERT_TRUE(whole.ReadPNG(png.data(), size, "w.png")) << what;
+        ASSERT_TRUE(whole.AreaReduce(50, 25)) << what;
+        ASSERT_TRUE(shrunk.ReadPNG(png.data(), size, "s.png", 50, 25)) << what;
+        ASSERT_EQ(shrunk.GetSize(), whole.GetSize()) << what;
+        EXPECT_EQ(memcmp(shrunk.GetBuffer(), whole.GetBuffer(), size_t(whole.GetSize())), 0)
+            << what;
+      }
+    }
+  int w = 0, h = 0;
+  const Bytes png = MakePng(203, 101);
+  ASSERT_TRUE(QImage::ReadPNGSize(png.data(), png.size(), &w, &h));
+  EXPECT_EQ(w * 1000 + h, 203101);
+  EXPECT_FALSE(QImage::ReadPNGSize(png.data(), 20, &w, &h));
+}
+
+// The header of a w x h RGBA PNG and `idat` bytes of (undecoded) pixel data: enough for the
+// checks made before the first row.
+Bytes PngHeader(uint32_t w, uint32_t h, bool interlaced, size_t idat) {
+  Bytes b = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+  const auto chunk = [&b](const char* type, Bytes data) {
+    for (int k = 3; k >= 0; --k) b.push_back(uint8_t(data.size() >> (8 * k)));
+    data.insert(data.begin(), type, type + 4);
+    const uint32_t crc = uint32_t(crc32(0, data.data(), uInt(data.size())));
+    b.insert(b.end(), data.begin(), data.end());
+    for (int k = 3; k >= 0; --k) b.push_back(uint8_t(crc >> (8 * k)));
+  };
+  Bytes ihdr;
+  for (uint32_t v : {w, h})
+    for (int k = 3; k >= 0; --k) ihdr.push_back(uint8_t(v >> (8 * k)));
+  ihdr.insert(ihdr.end(), {8, PNG_COLOR_TYPE_RGBA, 0, 0, uint8_t(interlaced)});
+  chunk("IHDR", ihdr);
+  chunk("IDAT", Bytes(idat, 0));
+  return b;
+}
+
+// 7100 x 7100 x 4 bytes are more than one decode may hold: refused whole (and interlaced, which
+// needs the whole picture), from the header, at once; shrinking a plain file needs little.
+TEST_F(QImageTest, PngNeedingMoreThanTheDecodeLimitIsRefusedUnlessItsRowsAreShrunk) {
+  const Bytes plain = PngHeader(7100, 7100, false, 200000);
+  QImage img;
+  EXPECT_FALSE(img.ReadPNG(plain.data(), plain.size(), "big.png"));
+  EXPECT_EQ(img.GetBuffer(), nullptr);
+  EXPECT_TRUE(
+      Logged("QImage:ReadPNG(); (big.png) is a 7100x7100: decoding it needs 193 MB, more than 192"));
+  // Past the header check: the undecodable pixel data fails the read, not the limit.
+  log_.Clear();
+  EXPECT_FALSE(img.ReadPNG(plain.data(), plain.size(), "big.png", 700, 700));
+  EXPECT_FALSE(Logged("decoding it needs"));
+  const Bytes adam7 = PngHeader(7100, 7100, true, 200000);
+  EXPECT_FALSE(img.ReadPNG(adam7.data(), adam7.size(), "adam7.png", 700, 700));
+  EXPECT_TRUE(Logged("(adam7.png) is an interlaced 7100x7100: decoding it needs 195 MB"));
+}
+
+// A progressive JPEG from libjpeg whose first scan is repeated `repeats` times (the library only
+// warns about such a sequence).
+Bytes ProgressiveJpeg(int repeats) {
+  jpeg_compress_struct c;
+  jpeg_error_mgr err;
+  c.err = jpeg_std_error(&err);
+  jpeg_create_compress(&c);
+  unsigned char* buffer = nullptr;
+  unsigned long length = 0;
+  jpeg_mem_dest(&c, &buffer, &length);
+  c.image_width = 64, c.image_height = 48, c.input_components = 3, c.in_color_space = JCS_RGB;
+  jpeg_set_defaults(&c);
+  jpeg_simple_progression(&c);
+  jpeg_start_compress(&c, TRUE);
+  std::vector<uint8_t> row(64 * 3);
+  while (c.next_scanline < c.image_height) {
+    for (size_t i = 0; i < row.size(); ++i) row[i] = uint8_t(i * 3 + c.next_scanline * 5);
+    JSAMPROW r = row.data();
+    jpeg_write_scanlines(&c, &r, 1);
+  }
+  jpeg_finish_compress(&c);
+  jpeg_destroy_compress(&c);
+  Bytes b(buffer, buffer + length);
+  free(buffer);
+  // The first scan: its header up to the next marker that is not a stuffed byte or a restart.
+  const uint8_t sos[] = {0xFF, 0xDA};
+  const auto start = std::search(b.begin(), b.end(), sos, sos + 2);
+  auto end = start + 2;
+  while (end + 1 < b.end() && !(end[0] == 0xFF && end[1] != 0 && (end[1] & 0xF8) != 0xD0)) ++end;
+  const Bytes scan(start, end);
+  const long at = end - b.begin();
+  for (int i = 0; i < repeats; ++i) b.insert(b.begin() + at, scan.begin(), scan.end());
+  return b;
+}
+
+TEST_F(QImageTest, JpegScansAreLimited) {
+  // libjpeg's simple progression writes 10 scans: 90 scans decode, 110 are refused.
+  QImage img;
+  const Bytes ninety = ProgressiveJpeg(80), more = ProgressiveJpeg(100);
+  EXPECT_TRUE(img.ReadJPG(ninety.data(), ninety.size(), "ninety.jpg"));
+  EXPECT_EQ(img.GetWidth() * 1000 + img.GetHeight(), 64048);
+  EXPECT_FALSE(img.ReadJPG(more.data(), more.size(), "more.jpg", 8, 32, 24));
+  EXPECT_TRUE(Logged("QImage:ReadJPG(); (more.jpg) has more than 100 scans (stopped at scan 101)"));
 }
 
 }  // namespace
