@@ -100,15 +100,13 @@ TEST_F(BitmapTest, RotationsOfAnAsymmetricPicture) {
   Put(src, 0, 0, a), Put(src, 1, 0, b), Put(src, 2, 0, c);
   Put(src, 0, 1, d), Put(src, 1, 1, e), Put(src, 2, 1, f);
 
-  QBitMap q(32, 2, 3);
-  ASSERT_TRUE(src.Rotate(90, nullptr, &q, nullptr));
-  EXPECT_EQ(Screen(q), (Rows{{a, d}, {b, e}, {c, f}}));
-  QBitMap h(32, 3, 2);
-  ASSERT_TRUE(src.Rotate(180, nullptr, &h, nullptr));
-  EXPECT_EQ(Screen(h), (Rows{{c, b, a}, {f, e, d}}));
-  QBitMap t(32, 2, 3);
-  ASSERT_TRUE(src.Rotate(270, nullptr, &t, nullptr));
-  EXPECT_EQ(Screen(t), (Rows{{f, c}, {e, b}, {d, a}}));
+  const std::pair<int, Rows> turns[] = {
+      {90, {{a, d}, {b, e}, {c, f}}}, {180, {{c, b, a}, {f, e, d}}}, {270, {{f, c}, {e, b}, {d, a}}}};
+  for (const auto& [angle, want] : turns) {
+    QBitMap dst(32, int(want[0].size()), int(want.size()));
+    ASSERT_TRUE(src.Rotate(angle, nullptr, &dst, nullptr));
+    EXPECT_EQ(Screen(dst), want) << angle;
+  }
 }
 
 TEST_F(BitmapTest, RotateRefusesOtherAnglesAndStaysInsideAWrongSizedDestination) {
