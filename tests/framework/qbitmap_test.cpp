@@ -13,9 +13,7 @@
 
 namespace {
 
-class BitmapTest : public ::testing::Test {
- protected:
-  bool Logged(const std::string& text) const { return log_.Seen(text); }
+struct BitmapTest : ::testing::Test {
   LogCapture log_;
 };
 
@@ -60,11 +58,11 @@ TEST_F(BitmapTest, AllocRefusesBadGeometryAndLeavesTheBitmapEmpty) {
     EXPECT_FALSE(bm.Alloc(32, w, h));
     EXPECT_EQ(bm.GetBuffer(), nullptr);
     EXPECT_EQ(bm.GetWidth(), 0);
-    EXPECT_TRUE(Logged("QBitMap::Alloc() failed on " + std::to_string(w) + "x" + std::to_string(h) +
-                       ", depth 32, flags 0"));
+    EXPECT_TRUE(log_.Seen("QBitMap::Alloc() failed on " + std::to_string(w) + "x" +
+                          std::to_string(h) + ", depth 32, flags 0"));
   }
   QBitMap deep(24, 2, 2);
-  EXPECT_TRUE(Logged("Really only dep=32 is supported"));
+  EXPECT_TRUE(log_.Seen("Really only dep=32 is supported"));
   EXPECT_EQ(deep.GetSize(), 12);
 }
 
@@ -101,7 +99,9 @@ TEST_F(BitmapTest, RotationsOfAnAsymmetricPicture) {
   Put(src, 0, 1, d), Put(src, 1, 1, e), Put(src, 2, 1, f);
 
   const std::pair<int, Rows> turns[] = {
-      {90, {{a, d}, {b, e}, {c, f}}}, {180, {{c, b, a}, {f, e, d}}}, {270, {{f, c}, {e, b}, {d, a}}}};
+      {90, {{a, d}, {b, e}, {c, f}}},
+      {180, {{c, b, a}, {f, e, d}}},
+      {270, {{f, c}, {e, b}, {d, a}}}};
   for (const auto& [angle, want] : turns) {
     QBitMap dst(32, int(want[0].size()), int(want.size()));
     ASSERT_TRUE(src.Rotate(angle, nullptr, &dst, nullptr));
@@ -114,7 +114,7 @@ TEST_F(BitmapTest, RotateRefusesOtherAnglesAndStaysInsideAWrongSizedDestination)
   Number(src);
   dst.Fill(nullptr, QColor(0x11223344u));
   EXPECT_FALSE(src.Rotate(45, nullptr, &dst, nullptr));
-  EXPECT_TRUE(Logged("QBitMap:Rotate(); angle 45 not supported"));
+  EXPECT_TRUE(log_.Seen("QBitMap:Rotate(); angle 45 not supported"));
   EXPECT_EQ(Px(dst, 1, 2), 0x11223344u);
   // Nothing is checked: the parts that land outside the small block are dropped.
   QBitMap small(32, 1, 1);
@@ -176,8 +176,8 @@ TEST_F(BitmapTest, CopyPixelsFromCountsRowsFromTheTopAndStaysInsideTheBlock) {
   QBitMap big(32, 5, 4);
   Number(big);
   ASSERT_TRUE(dst.CopyPixelsFrom(&big, 0, 0, 5, 4, 0, 0));
-  EXPECT_TRUE(Logged("QBitMap:CopyPixelsFrom() swid>wid (5>4); capping"));
-  EXPECT_TRUE(Logged("QBitMap:CopyPixelsFrom() shgt>hgt(4>3); capping"));
+  EXPECT_TRUE(log_.Seen("QBitMap:CopyPixelsFrom() swid>wid (5>4); capping"));
+  EXPECT_TRUE(log_.Seen("QBitMap:CopyPixelsFrom() shgt>hgt(4>3); capping"));
   EXPECT_EQ(Screen(dst)[0], (std::vector<uint32_t>{31, 32, 33, 34}));
   QBitMap deep(24, 4, 1);
   EXPECT_FALSE(deep.CopyPixelsFrom(&src, 0, 0, 1, 1, 0, 0));
@@ -196,7 +196,7 @@ TEST_F(BitmapTest, FillClipsRightAndBottomButLetsNegativeXRunOn) {
   bm.Fill(nullptr, QColor(0u));
   const QRect past{3, 1, 4, 5};
   bm.Fill(&past, QColor(0x07u));
-  EXPECT_TRUE(Logged("Fill r->x+r->wid>wid (3+4>4)"));
+  EXPECT_TRUE(log_.Seen("Fill r->x+r->wid>wid (3+4>4)"));
   EXPECT_EQ(Screen(bm), (Rows{{0, 0, 0, 0}, {0, 0, 0, 7}, {0, 0, 0, 7}}));
 
   // x = -3 becomes 0 and keeps its width 6: top-down row 1 (memory row 1) runs into row 2.
@@ -214,7 +214,7 @@ TEST_F(BitmapTest, FillClipsRightAndBottomButLetsNegativeXRunOn) {
   EXPECT_EQ(Px(bm, 0, 0), 0xB00u);
   bm.InvertChannel(2, -1000000000, -5, 2000000000, 2000000000);
   bm.SetColorAt(4, 0, QColor(9, 9, 9));
-  EXPECT_TRUE(Logged("QBitMap:SetColorAt(4,0) out of range (4x3)"));
+  EXPECT_TRUE(log_.Seen("QBitMap:SetColorAt(4,0) out of range (4x3)"));
 }
 
 TEST_F(BitmapTest, LutComparesItsFloorUnsignedAndStoresTheLowByte) {
@@ -235,7 +235,7 @@ TEST_F(BitmapTest, ResizeWithoutGLScalesNearestNeighbour) {
   QBitMap bm(32, 4, 4);
   Number(bm);  // memory row r holds 10r+1 .. 10r+4
   ASSERT_TRUE(bm.Resize(2, 2, true));
-  EXPECT_TRUE(Logged("QBitMap:Resize() failed; no OpenGL context"));
+  EXPECT_TRUE(log_.Seen("QBitMap:Resize() failed; no OpenGL context"));
   EXPECT_EQ(Screen(bm), (Rows{{11, 12}, {1, 2}}));
   QBitMap row(32, 2, 1);
   Number(row);
@@ -252,5 +252,5 @@ TEST_F(BitmapTest, BlendOfDifferentSizesTakesWhatBothHave) {
   EXPECT_TRUE(bm.Blend(&other));
   EXPECT_EQ(Px(bm, 1, 0), 0x44556680u);
   EXPECT_FALSE(bm.Blend(nullptr));
-  EXPECT_TRUE(Logged("Source bitmap is not valid"));
+  EXPECT_TRUE(log_.Seen("Source bitmap is not valid"));
 }
