@@ -1,4 +1,4 @@
-// QArchive: the chunk codec, the file format, editing, hostile archives and many-member round trips.
+// QArchive: the chunk codec, the file format, editing, hostile archives, many members.
 // Scrambled and cut archives, and packing arbitrary bytes, are the fuzz targets'.
 #include "framework/qarchive.h"
 
