@@ -21,8 +21,6 @@ class QCanvasTest : public ::testing::Test {
   void SetUp() override {
     win_ = testgl::Window(800, 600);
     if (!win_) GTEST_SKIP() << "needs a display (run under Xvfb)";
-    ASSERT_EQ(win_->GetWidth(), 800);
-    ASSERT_EQ(win_->GetHeight(), 600);
   }
   QShell* win_ = nullptr;
 };
