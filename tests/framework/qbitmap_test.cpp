@@ -13,9 +13,7 @@
 
 namespace {
 
-class BitmapTest : public ::testing::Test {
- protected:
-  bool Logged(const std::string& text) const { return log_.Seen(text); }
+struct BitmapTest : ::testing::Test {
   LogCapture log_;
 };
 
@@ -60,11 +58,11 @@ TEST_F(BitmapTest, AllocRefusesBadGeometryAndLeavesTheBitmapEmpty) {
     EXPECT_FALSE(bm.Alloc(32, w, h));
     EXPECT_EQ(bm.GetBuffer(), nullptr);
     EXPECT_EQ(bm.GetWidth(), 0);
-    EXPECT_TRUE(Logged("QBitMap::Alloc() failed on " + std::to_string(w) + "x" + std::to_string(h) +
-                       ", depth 32, flags 0"));
+    EXPECT_TRUE(log_.Seen("QBitMap::Alloc() failed on " + std::to_string(w) + "x" +
+                          std::to_string(h) + ", depth 32, flags 0"));
   }
   QBitMap deep(24, 2, 2);
-  EXPECT_TRUE(Logged("Really only dep=32 is supported"));
+  EXPECT_TRUE(log_.Seen("Really only dep=32 is supported"));
   EXPECT_EQ(deep.GetSize(), 12);
 }
 
@@ -100,30 +98,25 @@ TEST_F(BitmapTest, RotationsOfAnAsymmetricPicture) {
   Put(src, 0, 0, a), Put(src, 1, 0, b), Put(src, 2, 0, c);
   Put(src, 0, 1, d), Put(src, 1, 1, e), Put(src, 2, 1, f);
 
-  QBitMap q(32, 2, 3);
-  ASSERT_TRUE(src.Rotate(90, nullptr, &q, nullptr));
-  EXPECT_EQ(Screen(q), (Rows{{a, d}, {b, e}, {c, f}}));
-  QBitMap h(32, 3, 2);
-  ASSERT_TRUE(src.Rotate(180, nullptr, &h, nullptr));
-  EXPECT_EQ(Screen(h), (Rows{{c, b, a}, {f, e, d}}));
-  QBitMap t(32, 2, 3);
-  ASSERT_TRUE(src.Rotate(270, nullptr, &t, nullptr));
-  EXPECT_EQ(Screen(t), (Rows{{f, c}, {e, b}, {d, a}}));
+  const std::pair<int, Rows> turns[] = {
+      {90, {{a, d}, {b, e}, {c, f}}},
+      {180, {{c, b, a}, {f, e, d}}},
+      {270, {{f, c}, {e, b}, {d, a}}}};
+  for (const auto& [angle, want] : turns) {
+    QBitMap dst(32, int(want[0].size()), int(want.size()));
+    ASSERT_TRUE(src.Rotate(angle, nullptr, &dst, nullptr));
+    EXPECT_EQ(Screen(dst), want) << angle;
+  }
 }
 
-TEST_F(BitmapTest, RotateRefusesOtherAnglesAndStaysInsideAWrongSizedDestination) {
+TEST_F(BitmapTest, RotateRefusesOtherAnglesAndDropsWhatRunsPastTheBlock) {
   QBitMap src(32, 3, 2), dst(32, 2, 3);
   Number(src);
   dst.Fill(nullptr, QColor(0x11223344u));
   EXPECT_FALSE(src.Rotate(45, nullptr, &dst, nullptr));
-  EXPECT_TRUE(Logged("QBitMap:Rotate(); angle 45 not supported"));
+  EXPECT_TRUE(log_.Seen("QBitMap:Rotate(); angle 45 not supported"));
   EXPECT_EQ(Px(dst, 1, 2), 0x11223344u);
-  // Nothing is checked: the parts that land outside the small block are dropped.
-  QBitMap small(32, 1, 1);
-  for (int angle : {90, 180, 270}) EXPECT_TRUE(src.Rotate(angle, nullptr, &small, nullptr));
-  const QRect far{-5, 7, 3, 2}, absurd{-2000000000, -7, 2000000000, 2000000000};
-  EXPECT_TRUE(src.Rotate(90, &far, &dst, &far));
-  EXPECT_TRUE(src.Rotate(270, &absurd, &dst, &absurd));
+  // Rectangles and destinations of any size staying inside the blocks is qbitmap_fuzz's.
 
   // A source rect one column right of the picture reads on into the next memory row, and the
   // pixel past the block is dropped: its destination keeps what it had.
@@ -173,13 +166,12 @@ TEST_F(BitmapTest, CopyPixelsFromCountsRowsFromTheTopAndStaysInsideTheBlock) {
   // From the top row the same copy would leave the block: only what fits arrives.
   ASSERT_TRUE(dst.CopyPixelsFrom(&src, 0, 0, 4, 1, 2, 0));
   EXPECT_EQ(Screen(dst)[0], (std::vector<uint32_t>{3, 4, 1, 2}));
-  EXPECT_TRUE(dst.CopyPixelsFrom(&src, -100, 50, 4, 1, 1000, -1000));
   // Too wide and too tall: capped with both messages, and the copy still happens.
   QBitMap big(32, 5, 4);
   Number(big);
   ASSERT_TRUE(dst.CopyPixelsFrom(&big, 0, 0, 5, 4, 0, 0));
-  EXPECT_TRUE(Logged("QBitMap:CopyPixelsFrom() swid>wid (5>4); capping"));
-  EXPECT_TRUE(Logged("QBitMap:CopyPixelsFrom() shgt>hgt(4>3); capping"));
+  EXPECT_TRUE(log_.Seen("QBitMap:CopyPixelsFrom() swid>wid (5>4); capping"));
+  EXPECT_TRUE(log_.Seen("QBitMap:CopyPixelsFrom() shgt>hgt(4>3); capping"));
   EXPECT_EQ(Screen(dst)[0], (std::vector<uint32_t>{31, 32, 33, 34}));
   QBitMap deep(24, 4, 1);
   EXPECT_FALSE(deep.CopyPixelsFrom(&src, 0, 0, 1, 1, 0, 0));
@@ -198,7 +190,7 @@ TEST_F(BitmapTest, FillClipsRightAndBottomButLetsNegativeXRunOn) {
   bm.Fill(nullptr, QColor(0u));
   const QRect past{3, 1, 4, 5};
   bm.Fill(&past, QColor(0x07u));
-  EXPECT_TRUE(Logged("Fill r->x+r->wid>wid (3+4>4)"));
+  EXPECT_TRUE(log_.Seen("Fill r->x+r->wid>wid (3+4>4)"));
   EXPECT_EQ(Screen(bm), (Rows{{0, 0, 0, 0}, {0, 0, 0, 7}, {0, 0, 0, 7}}));
 
   // x = -3 becomes 0 and keeps its width 6: top-down row 1 (memory row 1) runs into row 2.
@@ -207,16 +199,14 @@ TEST_F(BitmapTest, FillClipsRightAndBottomButLetsNegativeXRunOn) {
   bm.Fill(&negative, QColor(0x090909FFu), true);
   const uint32_t k = 0x09090900;  // alpha kept at 0
   EXPECT_EQ(Screen(bm), (Rows{{k, k, 0, 0}, {k, k, k, k}, {0, 0, 0, 0}}));
-  // From the top row, and with absurd extents, the fill stops at the end of the block; so do
-  // the other rectangle operations.
+  // From the top row, and with absurd extents, the fill stops at the end of the block.
   const QRect top{-3, 0, 6, 1}, huge{-3, -3, 2000000000, 2000000000};
   bm.Fill(&top, QColor(0x0A00u));
   EXPECT_EQ(Screen(bm)[0], (std::vector<uint32_t>{0xA00, 0xA00, 0xA00, 0xA00}));
   bm.Fill(&huge, QColor(0x0B00u));
   EXPECT_EQ(Px(bm, 0, 0), 0xB00u);
-  bm.InvertChannel(2, -1000000000, -5, 2000000000, 2000000000);
   bm.SetColorAt(4, 0, QColor(9, 9, 9));
-  EXPECT_TRUE(Logged("QBitMap:SetColorAt(4,0) out of range (4x3)"));
+  EXPECT_TRUE(log_.Seen("QBitMap:SetColorAt(4,0) out of range (4x3)"));
 }
 
 TEST_F(BitmapTest, LutComparesItsFloorUnsignedAndStoresTheLowByte) {
@@ -237,7 +227,7 @@ TEST_F(BitmapTest, ResizeWithoutGLScalesNearestNeighbour) {
   QBitMap bm(32, 4, 4);
   Number(bm);  // memory row r holds 10r+1 .. 10r+4
   ASSERT_TRUE(bm.Resize(2, 2, true));
-  EXPECT_TRUE(Logged("QBitMap:Resize() failed; no OpenGL context"));
+  EXPECT_TRUE(log_.Seen("QBitMap:Resize() failed; no OpenGL context"));
   EXPECT_EQ(Screen(bm), (Rows{{11, 12}, {1, 2}}));
   QBitMap row(32, 2, 1);
   Number(row);
@@ -254,5 +244,5 @@ TEST_F(BitmapTest, BlendOfDifferentSizesTakesWhatBothHave) {
   EXPECT_TRUE(bm.Blend(&other));
   EXPECT_EQ(Px(bm, 1, 0), 0x44556680u);
   EXPECT_FALSE(bm.Blend(nullptr));
-  EXPECT_TRUE(Logged("Source bitmap is not valid"));
+  EXPECT_TRUE(log_.Seen("Source bitmap is not valid"));
 }

@@ -32,8 +32,6 @@ TEST_F(QEventRing, KeepsOrderAcrossTheWrapAndRefusesTheEventPastCapacity) {
   QEvent e;
   for (int i = 0; i < 1500; ++i) ASSERT_TRUE(QEventNext(&e));
   for (int i = 0; i < QEVENT_RING_SIZE; ++i) Push(QEVENT_KEYPRESS, nullptr, i);
-  EXPECT_EQ(QEventCount(), QEVENT_RING_SIZE);
-  EXPECT_FALSE(log.Seen("QEventPush(); out of space"));
   Push(QEVENT_KEYPRESS, nullptr, 99999);
   EXPECT_EQ(log.Count("QEventPush(); out of space"), 1);
   EXPECT_EQ(QEventCount(), QEVENT_RING_SIZE);

@@ -81,10 +81,7 @@ TEST(QExifJpeg, FixturesGiveTheirOrientationOrTheirFault) {
   // Start marker and padding only: the search for an end marker stops at the start marker.
   const uint8_t empty[] = {0xFF, 0xD8, 0, 0xFF, 0};
   EXPECT_EQ(x.ReadFromJpeg(empty, sizeof(empty)), QExif::NO_EXIF);
-}
-
-TEST(QExifJpeg, SegmentLengthRunningPastTheEndMarker) {
-  QExif x;
+  // A segment length running past the end marker.
   Bytes b = Fixture("orient6_ii.jpg");
   ASSERT_EQ(b[20], 0xFF);
   ASSERT_EQ(b[21], 0xE1);
@@ -134,6 +131,15 @@ TEST(QExifSegment, DirectoryBounds) {
   EXPECT_EQ(inside.Parse(&x), 0);
   // The next-IFD field must fit too.
   EXPECT_EQ(x.ReadExifSegment(s.b.data(), s.b.size() - 1), QExif::CORRUPT);
+
+  // A failure keeps the fields read before it: here a sub-directory outside the data.
+  SegmentBuilder sub;
+  sub.U16(2);
+  sub.Entry(274, kShort, 1, 8);
+  sub.Entry(34665, kLong, 1, 0x10000);
+  sub.U32(0);
+  EXPECT_EQ(sub.Parse(&x), QExif::CORRUPT);
+  EXPECT_EQ(x.orientation, 8);
 }
 
 TEST(QExifSegment, HostileEntryValuesAreIgnored) {
@@ -174,17 +180,6 @@ TEST(QExifSegment, SubDirectoryPointersBackToTheFirstDirectoryEnd) {
   EXPECT_EQ(x.flash, 1);
   EXPECT_DOUBLE_EQ(x.exposureTime, 0.25);
   EXPECT_DOUBLE_EQ(x.exposureBias, 0);
-}
-
-TEST(QExifSegment, FailureKeepsFieldsReadSoFar) {
-  QExif x;
-  SegmentBuilder s;
-  s.U16(2);
-  s.Entry(274, kShort, 1, 8);
-  s.Entry(34665, kLong, 1, 0x10000);  // EXIF sub-IFD outside the data
-  s.U32(0);
-  EXPECT_EQ(s.Parse(&x), QExif::CORRUPT);
-  EXPECT_EQ(x.orientation, 8);
 }
 
 }  // namespace

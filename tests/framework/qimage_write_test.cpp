@@ -36,11 +36,7 @@ void Paint(QBitMap* bm, int w, int h) {
     }
 }
 
-class QImageWriteTest : public TempDirTest {
- protected:
-  QImageWriteTest() : TempDirTest("qimage_write_test") {}
-  bool Logged(const std::string& text) const { return log_.Seen(text); }
-
+struct QImageWriteTest : TempDirTest {
   LogCapture log_;
 };
 
@@ -52,7 +48,7 @@ TEST_F(QImageWriteTest, TargaAndJpegReadBackInImageMagick) {
   Paint(&bm, 7, 5);
   const std::string colour = Tmp("out.tga"), grey = Tmp("grey.tga");
   ASSERT_TRUE(bm.Write(colour.c_str(), 1));
-  EXPECT_TRUE(Logged("WriteTGA(" + colour + ", format 1)"));
+  EXPECT_TRUE(log_.Seen("WriteTGA(" + colour + ", format 1)"));
   ASSERT_TRUE(bm.Write(grey.c_str(), 2));
   const std::vector<uint8_t> rgba = MagickRgba(colour), g = MagickRgba(grey);
   ASSERT_EQ(rgba.size(), 7u * 5 * 4);
@@ -92,17 +88,17 @@ TEST_F(QImageWriteTest, RefusalsAreReportedOnce) {
   QBitMap bm;
   Paint(&bm, 4, 4);
   EXPECT_FALSE(bm.Write(Tmp("x.gif").c_str(), 7));
-  EXPECT_TRUE(Logged("QBitMap:Write(); unsupported format 7 to write '" + Tmp("x.gif") + "'"));
+  EXPECT_TRUE(log_.Seen("QBitMap:Write(); unsupported format 7 to write '" + Tmp("x.gif") + "'"));
   EXPECT_FALSE(bm.Write(Tmp("no/dir/x.tga").c_str(), 1));
   EXPECT_FALSE(bm.Write(Tmp("no/dir/x.jpg").c_str(), 3));
-  EXPECT_TRUE(Logged("QBitMap::WriteJPG(" + Tmp("no/dir/x.jpg") + "); can't open file"));
+  EXPECT_TRUE(log_.Seen("QBitMap::WriteJPG(" + Tmp("no/dir/x.jpg") + "); can't open file"));
 
   QBitMap wide(32, 8193, 1);
   log_.Clear();
   EXPECT_FALSE(wide.Write(Tmp("w.tga").c_str(), 1));
-  EXPECT_TRUE(Logged("QBitMap:WriteTGA(); image too wide"));
+  EXPECT_TRUE(log_.Seen("QBitMap:WriteTGA(); image too wide"));
   EXPECT_FALSE(wide.Write(Tmp("w.rgb").c_str(), 0));
-  EXPECT_TRUE(Logged("QBitMap:Write; image too wide"));
+  EXPECT_TRUE(log_.Seen("QBitMap:Write; image too wide"));
   EXPECT_NE(access(Tmp("w.tga").c_str(), F_OK), 0);
 
   // An empty bitmap cannot become a JPEG: the library's error comes back as a warning.

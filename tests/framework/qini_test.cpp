@@ -110,15 +110,14 @@ TEST(QIniRead, HugeAndHostileInputStaysBounded) {
   EXPECT_EQ(h.Get(lo.c_str()), "pos");
 }
 
+// The evaluator's own rules (precedence, division by zero) are qeval_test's.
 TEST(QIniGetters, NumbersAreValidatedThenEvaluatedOrRead) {
   LogCapture log;
-  MemIni m("v=1024.0\ne=2*512\nx=-(3+4)*2 % 5\nz=\nd=7/0\nf=2.5\nbad=1,5\n");
+  MemIni m("v=1024.0\ne=2*512\nz=\nf=2.5\nbad=1,5\n");
   EXPECT_EQ(m.ini.GetInt("v", 0), 1024);
   EXPECT_TRUE(Has(log, "v value '1024.0' (in mem.ini) is not a valid integer: a '.' is not allowed (floating point)"));
   EXPECT_EQ(m.ini.GetInt("e", 0), 1024);
-  EXPECT_EQ(m.ini.GetInt("x", 0), -4);
   EXPECT_EQ(m.ini.GetInt("z", 5), 0);
-  EXPECT_EQ(m.ini.GetInt("d", 5), 0);
   EXPECT_EQ(m.ini.GetInt("missing", 5), 5);
   EXPECT_FALSE(m.ini.GetBool("z", true));
   EXPECT_DOUBLE_EQ(m.ini.GetFloat("f", 0), 2.5);
@@ -167,11 +166,9 @@ TEST_F(QIniFile, WrittenFileReadsBackToTheSameTreeAndKeepsAByteOrderMark) {
   EXPECT_EQ(m.Text(), text);
   ASSERT_TRUE(m.ini.Write(Tmp("out.ini").c_str(), false));
   QIni back(Tmp("out.ini").c_str());
-  EXPECT_TRUE(back.IsFound());
   qstring again;
   back.WriteToString(&again);
   EXPECT_EQ(std::string(again.cstr()), text);
-  EXPECT_EQ(back.GetInt("item.size", 0), 4);
   EXPECT_EQ(back.GetStringDirect("plain.deep.x"), std::string(" spaced "));
   EXPECT_EQ(back.GetStringDirect("item"), std::string("tagged"));
   EXPECT_EQ(back.GetInt("v", 0), 1024);

@@ -16,9 +16,7 @@ std::u16string Wide(const uint16_t* w) {
   return s;
 }
 
-class QLanguageTest : public TempDirTest {
- protected:
-  QLanguageTest() : TempDirTest("qlanguage_test") {}
+struct QLanguageTest : TempDirTest {
   LogCapture log_;
 };
 

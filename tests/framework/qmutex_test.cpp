@@ -17,15 +17,14 @@ double MsSince(Clock::time_point t) {
 }
 void SleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
-// Holds `m` on another thread for `holdMs` (or until `body` returned) and runs `body` meanwhile.
+// Holds `m` on another thread until `body`, run meanwhile, has returned.
 template <class F>
-void WhileHeldElsewhere(QMutex& m, F body, int holdMs = 0) {
+void WhileHeldElsewhere(QMutex& m, F body) {
   std::atomic<bool> held{false}, done{false};
   std::thread holder([&] {
     m.Lock();
     held = true;
-    if (holdMs) SleepMs(holdMs);
-    while (!holdMs && !done) SleepMs(1);
+    while (!done) SleepMs(1);
     m.Unlock();
   });
   while (!held) SleepMs(1);

@@ -11,9 +11,7 @@
 
 namespace {
 
-class QPathTest : public TempDirTest {
- protected:
-  QPathTest() : TempDirTest("qpath_test") {}
+struct QPathTest : TempDirTest {
   LogCapture log_;
 };
 
