@@ -83,6 +83,18 @@ bool Prefetcher::Take(const std::string& path, const ScreenFit& fit, bool grey,
   return false;
 }
 
+void Prefetcher::Forget(const std::string& path) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (busy_ && busy_->path == path) busy_->forgotten = true;
+  for (auto& j : jobs_) {
+    if (j->path != path) continue;
+    // Wanted still: made again from the file as it is now.
+    j->done = false;
+    j->result = LoadedPicture();
+  }
+  changed_.notify_all();
+}
+
 void Prefetcher::Work(void* arg) {
   Prefetcher* self = static_cast<Prefetcher*>(arg);
   std::unique_lock<std::mutex> lock(self->mutex_);
@@ -106,8 +118,8 @@ void Prefetcher::Work(void* arg) {
     LoadPicture(work.path, fit, grey, &work.result, work.file.empty() ? nullptr : &work.file);
     lock.lock();
     self->busy_ = nullptr;
-    // Still wanted, for the same screen and grey setting?
-    if (self->Matches(fit, grey)) {
+    // Still wanted, for the same screen and grey setting, and from the file as it is?
+    if (!work.forgotten && self->Matches(fit, grey)) {
       for (auto& j : self->jobs_) {
         if (j->path == work.path && !j->done) {
           j->result = std::move(work.result);

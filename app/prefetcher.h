@@ -40,12 +40,16 @@ class Prefetcher {
   // Hands over the prefetched `path` for `fit` and `grey` (waiting for it if it is being decoded
   // right now). False when it is not there, was made for something else, or the file changed.
   bool Take(const std::string& path, const ScreenFit& fit, bool grey, LoadedPicture* out);
+  // Drops what was made or is being made of `path` (its file changed, though perhaps not its
+  // size or time); a later Want decodes it again.
+  void Forget(const std::string& path);
 
  private:
   struct Job {
     std::string path;
     std::string file;  // what is read; the path itself when empty
     bool done = false;
+    bool forgotten = false;  // the file changed while it was being decoded
     LoadedPicture result;
   };
   static void Work(void* self);
