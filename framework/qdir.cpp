@@ -314,6 +314,7 @@ void QDirWatch::GoneLocked() {
   inotify_rm_watch(fd_, dirWd_);
   dirWd_ = -1;
   writing_.clear();
+  opens_.clear();
   ++lost_;
   // The parent may have gone with it (and come back).
   if (parentWd_ < 0) parentWd_ = inotify_add_watch(fd_, ParentOf(name_).c_str(), kParentMask);
@@ -351,6 +352,7 @@ void QDirWatch::ReadEventsLocked() {
         QWARN("QDirWatch::ReadEvents", "QDirWatch(%s): changes were lost; listing again",
               name_.c_str());
         writing_.clear();
+        opens_.clear();
         ++lost_;
         continue;
       }
@@ -384,24 +386,29 @@ void QDirWatch::ReadEventsLocked() {
           writing_.erase(w);
         changed_.insert(name);
       } else if (e->mask & IN_OPEN) {
+        ++opens_[name];
         if (w != writing_.end()) w->second.opened = true;
       } else if (e->mask & IN_MODIFY) {
-        // Only the first write of a file changes anything: it leaves the listing.
+        // Only the first write of a file changes anything: it leaves the listing. A change
+        // without an open (a new time set, a truncation by name) has no writer to wait for.
+        const bool open = opens_.count(name) > 0;
         if (w == writing_.end()) {
-          writing_[name] = Writer{std::chrono::steady_clock::now(), true, true};
+          writing_[name] = Writer{std::chrono::steady_clock::now(), open, true};
           changed_.insert(name);
         } else {
-          w->second.opened = w->second.modified = true;
-        }
-      } else if (e->mask & IN_CLOSE_NOWRITE) {
-        // Made by an open for reading only: nobody writes it.
-        if (w != writing_.end() && !w->second.modified) {
-          writing_.erase(w);
-          changed_.insert(name);
+          w->second.opened = w->second.opened || open;
+          w->second.modified = true;
         }
       } else {
-        if (w != writing_.end()) writing_.erase(w);
-        changed_.insert(name);
+        if (e->mask & (IN_CLOSE_WRITE | IN_CLOSE_NOWRITE)) {
+          const auto o = opens_.find(name);
+          if (o != opens_.end() && --o->second <= 0) opens_.erase(o);
+        }
+        // Closed by a reader: only a name made by an open for reading alone is complete then.
+        if (!(e->mask & IN_CLOSE_NOWRITE) || (w != writing_.end() && !w->second.modified)) {
+          if (w != writing_.end()) writing_.erase(w);
+          changed_.insert(name);
+        }
       }
     }
   }

@@ -161,6 +161,7 @@ class QDirWatch {
   std::condition_variable ended_;
   std::set<std::string> changed_;
   std::map<std::string, Writer> writing_;
+  std::map<std::string, int> opens_;  // opens seen and not closed yet, by name
   int lost_ = 0;          // notifications lost or the directory gone, since the last take
   bool woken_ = false;    // a wake was sent for changes not yet taken
   bool stop_ = false;     // the watcher is to end

@@ -201,9 +201,12 @@ TEST_F(QDirTest, LinksArriveCompleteAndAReplacedDirectoryIsFollowedByItsName) {
   const std::string s = Tmp("S");
   ASSERT_EQ(mkdir(s.c_str(), 0755), 0);
   ASSERT_EQ(mkdir(Tmp("folder").c_str(), 0755), 0);
+  MakeFile("S/timed", "x");
   QDirWatch w;
   ASSERT_TRUE(w.Open(s.c_str()));
-  // Nobody writes any of these: links of every kind, a file made for reading only.
+  // Nobody writes any of these: links of every kind, a file made for reading only, a new time.
+  const timespec times[2] = {{0, UTIME_OMIT}, {12345, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, (s + "/timed").c_str(), times, 0), 0);
   const std::string target = MakeFile("target", "x");
   MakeFile("gone", "y");
   ASSERT_EQ(symlink(target.c_str(), (s + "/sym").c_str()), 0);
@@ -218,7 +221,7 @@ TEST_F(QDirTest, LinksArriveCompleteAndAReplacedDirectoryIsFollowedByItsName) {
   close(fd);
   Names changed, writing;
   TakeSettled(&w, &changed, &writing);
-  EXPECT_EQ(changed, (Names{"dangling", "folder", "hard", "moved", "read", "sym"}));
+  EXPECT_EQ(changed, (Names{"dangling", "folder", "hard", "moved", "read", "sym", "timed"}));
   EXPECT_TRUE(writing.empty());
 
   // Worked in, moved away and another put in its place: said once, entered again, followed.
