@@ -111,31 +111,57 @@ void CommandChannel::Watch(void* arg) {
   self->changed_.notify_all();
 }
 
-bool CommandChannel::NetCheck() {
-  if (!socket_ || !socket_->WaitReadable(0)) return false;
-  QNAddress from;
-  from.Set(QNAddress::FAMILY_INET, 0, socket_->GetPort());
-  char buf[kBufferSize];
-  const int n = socket_->Read(buf, kBufferSize, &from);
+int CommandChannel::Receive(char* buf, QNAddress* from) {
+  buf[0] = 0;
+  if (!socket_ || !socket_->WaitReadable(0)) return -1;
+  from->Set(QNAddress::FAMILY_INET, 0, socket_->GetPort());
+  const int n = socket_->Read(buf, kBufferSize, from);
   // Nothing to handle (a refusal report, an oversized datagram), but a datagram was taken.
-  if (n <= 0) return true;
-  // The terminating zero would not fit: a hard limit of the channel, not a recoverable fault.
-  // The program still leaves through its exit procedure, so the screen and the log end well.
+  if (n <= 0) return 0;
   if (n >= kBufferSize) {
-    QERR("NetCheck", "Command of %d bytes from %s:%d is too long (at most %d); ending", n,
-         from.GetDotted(), from.GetPort(), kBufferSize - 1);
-    if (QGetApp()) QGetApp()->Exit(1);
-    qExitProcess(1);
+    buf[0] = 0;
+    return n;
   }
   buf[n] = 0;
   qdbg(kSource, "NetCheck", __LINE__, "in %d bytes (%s)\n", n, buf);
-  HandleCommand(buf);
+  return n;
+}
+
+void CommandChannel::TooLong(int size, const QNAddress& from) {
+  // The terminating zero would not fit: a hard limit of the channel, not a recoverable fault.
+  // The program still leaves through its exit procedure, so the screen and the log end well.
+  QERR("NetCheck", "Command of %d bytes from %s:%d is too long (at most %d); ending", size,
+       from.GetDotted(), from.GetPort(), kBufferSize - 1);
+  if (QGetApp()) QGetApp()->Exit(1);
+  qExitProcess(1);
+}
+
+bool CommandChannel::NetCheck() {
+  QNAddress from;
+  char buf[kBufferSize];
+  const int n = Receive(buf, &from);
+  if (n < 0) return false;
+  if (n >= kBufferSize) TooLong(n, from);
+  if (n > 0) HandleCommand(buf);
   return true;
 }
 
 int CommandChannel::Drain() {
+  std::vector<Command> batch;
   int taken = 0;
-  while (taken < kMaxPerDrain && NetCheck()) ++taken;
+  QNAddress from;
+  char buf[kBufferSize];
+  int n = -1;
+  while (taken < kMaxPerDrain && !RaceManager::StopRequested() && (n = Receive(buf, &from)) >= 0) {
+    ++taken;
+    if (n >= kBufferSize) break;
+    Command c = ParseCommand(buf);
+    if (c.kind != Command::NONE) batch.push_back(std::move(c));
+  }
+  RaceManager* rm = QGetRaceManager();
+  const bool done = !rm || RunCommands(batch, rm);
+  // In arrival order: what came before it is done first.
+  if (n >= kBufferSize && done) TooLong(n, from);
   std::lock_guard<std::mutex> lock(mutex_);
   drained_ = true;
   changed_.notify_all();
@@ -145,27 +171,81 @@ int CommandChannel::Drain() {
 void CommandChannel::HandleCommand(const char* text) {
   RaceManager* rm = QGetRaceManager();
   if (!text || !rm) return;
+  Command c = ParseCommand(text);
+  if (c.kind != Command::NONE) RunCommands({c}, rm);
+}
+
+Command ParseCommand(const char* text) {
+  Command c;
+  if (!text) return c;
   if (strncmp(text, "load ", 5) == 0) {
-    rm->RestartAdvance();
-    rm->LoadNewImage(text + 5);
-    return;
+    c.kind = Command::LOAD;
+    c.path = text + 5;
+    return c;
   }
   // The other commands are whole words; one line end is allowed, since a shell's echo adds it.
   std::string word(text);
   if (!word.empty() && word.back() == '\n') word.pop_back();
   if (!word.empty() && word.back() == '\r') word.pop_back();
   if (word == "next") {
-    rm->NextImage();
+    c.kind = Command::NEXT;
   } else if (word == "prev") {
-    rm->PrevImage();
+    c.kind = Command::PREV;
   } else if (word == "bw 1" || word == "bw 0") {
-    rm->SetBlackAndWhite(word == "bw 1");
+    c.kind = Command::BLACK_AND_WHITE;
+    c.on = word == "bw 1";
   } else if (word == "info 1" || word == "info 0") {
-    rm->SetShowInfo(word == "info 1");
+    c.kind = Command::INFO;
+    c.on = word == "info 1";
   } else if (word == "rescan") {
-    rm->RescanFolder();
-  } else {
-    return;
+    c.kind = Command::RESCAN;
+  }
+  return c;
+}
+
+bool RunCommands(const std::vector<Command>& batch, RaceManager* rm) {
+  if (batch.empty() || !rm) return true;
+  if (RaceManager::StopRequested()) return false;
+  const auto shows = [](const Command& c) {
+    return c.kind == Command::LOAD || c.kind == Command::NEXT || c.kind == Command::PREV;
+  };
+  // The last command that shows a picture is the only one loaded; a load before it matters only
+  // when a step comes next, which goes from the loaded picture.
+  size_t last = batch.size();
+  int blackAndWhite = -1, info = -1;
+  for (size_t i = 0; i < batch.size(); ++i) {
+    if (shows(batch[i])) last = i;
+    if (batch[i].kind == Command::BLACK_AND_WHITE) blackAndWhite = batch[i].on;
+    if (batch[i].kind == Command::INFO) info = batch[i].on;
+  }
+  // First the settings: the one picture loaded below is loaded as the last "bw" wants.
+  const bool reload = blackAndWhite >= 0 && last == batch.size();
+  if (blackAndWhite >= 0 || info >= 0) rm->SetEffects(blackAndWhite, info, reload);
+  bool rescanned = false;
+  bool stepNext = false;  // the next command that shows a picture is a step
+  std::vector<bool> selectOnly(batch.size(), false);
+  for (size_t i = batch.size(); i-- > 0;) {
+    if (!shows(batch[i])) continue;
+    selectOnly[i] = batch[i].kind == Command::LOAD && stepNext;
+    stepNext = batch[i].kind != Command::LOAD;
+  }
+  for (size_t i = 0; i < batch.size(); ++i) {
+    if (RaceManager::StopRequested()) return false;
+    const Command& c = batch[i];
+    if (c.kind == Command::RESCAN && !rescanned) {
+      rm->RescanFolder();
+      rescanned = true;
+    } else if (c.kind == Command::LOAD && i == last) {
+      const int shown = rm->GetShownCount();
+      rm->LoadNewImage(c.path.c_str());
+      // Failed: the picture on the screen takes the new black and white instead.
+      if (blackAndWhite >= 0 && rm->GetShownCount() == shown) rm->LoadCurImage();
+    } else if (c.kind == Command::LOAD && selectOnly[i]) {
+      rm->SelectImage(c.path.c_str());
+    } else if (c.kind == Command::NEXT || c.kind == Command::PREV) {
+      rm->Step(c.kind == Command::NEXT ? 1 : -1, i == last);
+    }
   }
   rm->RestartAdvance();
+  return true;
 }

@@ -4,7 +4,11 @@
 // show or hide the information line (both written to glimra.ini, as the keys do); "rescan"
 // builds the catalogue again. These words may end in one line end. Anything else is logged on
 // arrival and ignored. Commands must stay below 1024 bytes: a datagram of 1024 bytes
-// ends the program at once.
+// ends the program at once, once the commands that came before it are done.
+//
+// Commands that wait together are taken together, and those a later one makes pointless are
+// skipped before their work starts (RunCommands), so a burst costs about one command's work and
+// the screen ends showing what the last one asked for.
 //
 // A watcher thread sleeps on the socket and wakes the main loop (QEventWake) when a datagram
 // arrives, so that the loop can sleep while nothing happens and still take a command at once.
@@ -17,12 +21,33 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <string>
+#include <vector>
 
 class QIni;
 class QNSocket;
 class QThread;
 class RaceManager;
 class qstring;
+class QNAddress;
+
+// One command of the channel: what to do and its argument.
+struct Command {
+  enum Kind { NONE, LOAD, NEXT, PREV, BLACK_AND_WHITE, INFO, RESCAN };
+  Kind kind = NONE;
+  bool on = false;   // BLACK_AND_WHITE and INFO: on or off
+  std::string path;  // LOAD: the path, as it stands
+};
+
+// The command a datagram's text stands for; NONE for anything else.
+Command ParseCommand(const char* text);
+// Carries out `batch`, commands that came in this order, on the controller `rm`, as one after
+// another would end, but skipping work a later command undoes: a load or step followed by
+// another load or step is not loaded (a step still goes from where it put the catalogue), a
+// rescan after the first is not repeated, only the last "bw" and the last "info" count (written
+// to glimra.ini once, before the one picture that is loaded), and the count of the automatic
+// advance starts again once. A stop request ends it between commands; false then.
+bool RunCommands(const std::vector<Command>& batch, RaceManager* rm);
 
 // "network.port" when it is a number from 1 to 65535; otherwise (an error names the value) and
 // when it is missing, 5000.
@@ -46,8 +71,9 @@ class CommandChannel {
   // bytes or more ends the program: one error line naming the size and the sender, then the
   // exit procedure with status 1.
   bool NetCheck();
-  // Handles every waiting datagram in arrival order, then lets the watcher look again. Answers
-  // how many were taken.
+  // Takes the waiting datagrams (a few thousand at most) and carries them out together
+  // (RunCommands), then lets the watcher look again. Answers how many were taken. A stop
+  // request ends the taking and the work.
   int Drain();
   // Carries out one command on the controller (see above); anything else is ignored.
   static void HandleCommand(const char* text);
@@ -55,6 +81,12 @@ class CommandChannel {
 
  private:
   static void Watch(void* self);
+  // Reads one datagram into `buf` (kept below 1024 bytes and ended with a zero): its length, 0
+  // for one with nothing to handle, -1 when none is waiting. One of 1024 bytes or more answers
+  // its length and leaves `buf` empty.
+  int Receive(char* buf, QNAddress* from);
+  // The end a datagram of `size` bytes from `from` brings.
+  [[noreturn]] static void TooLong(int size, const QNAddress& from);
 
   std::unique_ptr<QNSocket> socket_;
   std::unique_ptr<QThread> watcher_;

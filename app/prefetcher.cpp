@@ -97,6 +97,18 @@ bool Prefetcher::Ready(const std::string& path) {
   return false;
 }
 
+void Prefetcher::Forget(const std::string& path) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (busy_ && busy_->path == path) busy_->forgotten = true;
+  for (auto& j : jobs_) {
+    if (j->path != path) continue;
+    // Wanted still: made again from the file as it is now.
+    j->done = false;
+    j->result = LoadedPicture();
+  }
+  changed_.notify_all();
+}
+
 void Prefetcher::Work(void* arg) {
   Prefetcher* self = static_cast<Prefetcher*>(arg);
   std::unique_lock<std::mutex> lock(self->mutex_);
@@ -126,8 +138,8 @@ void Prefetcher::Work(void* arg) {
       self->changed_.wait(lock, [&] { return self->stop_; });
       break;
     }
-    // Still wanted, for the same screen and grey setting?
-    if (self->Matches(fit, grey)) {
+    // Still wanted, for the same screen and grey setting, and from the file as it is?
+    if (!work.forgotten && self->Matches(fit, grey)) {
       for (auto& j : self->jobs_) {
         if (j->path == work.path && !j->done) {
           j->result = std::move(work.result);

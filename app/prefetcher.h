@@ -46,12 +46,16 @@ class Prefetcher {
   bool Take(const std::string& path, const ScreenFit& fit, bool grey, LoadedPicture* out);
   // True when `path` is decoded and waits to be taken.
   bool Ready(const std::string& path);
+  // Drops what was made or is being made of `path` (its file changed, though perhaps not its
+  // size or time); a later Want decodes it again.
+  void Forget(const std::string& path);
 
  private:
   struct Job {
     std::string path;
     std::string file;  // what is read; the path itself when empty
     bool done = false;
+    bool forgotten = false;  // the file changed while it was being decoded
     LoadedPicture result;
   };
   static void Work(void* self);

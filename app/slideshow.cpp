@@ -198,14 +198,14 @@ void RaceManager::Setup(const char* arg) {
     startDir.ReplaceAll("\\", "/");
     QSetCurrentDirectory(startDir.cstr());
   }
+  // By absolute path, to find it again when the folder is replaced under its name.
+  QGetCurrentDirectory(&home);
 
   // Followed from before the scan, so that no change after it goes unseen.
   if (ini->GetBool("app.watch_directory", false)) {
-    qstring here(".");
-    QGetCurrentDirectory(&here);
     watch.reset(new QDirWatch());
     // A flood of new files is followed in batches, each costing one listing.
-    if (!watch->Open(here.IsEmpty() ? "." : here.cstr(), IsPictureName, kFollowGapMs))
+    if (!watch->Open(home.IsEmpty() ? "." : home.cstr(), IsPictureName, kFollowGapMs))
       watch.reset();
   }
   ScanDir();
@@ -225,12 +225,17 @@ void RaceManager::Setup(const char* arg) {
 
 void RaceManager::ScanDir(const std::vector<std::string>& skip) {
   imageCount = 0;
+  bool over = false;
   QDirectory dir(".");
   char name[QDirectory::NAME_SIZE];
   while (dir.ReadNext(name)) {
     if (!IsPictureName(name) || std::find(skip.begin(), skip.end(), name) != skip.end()) continue;
     if (imageCount >= MAX_IMAGES) {
-      QWARN("RaceManager::ScanDir", "No space for new image (%s) anymore - not registering", name);
+      // Once, not at every change of a folder that stays too full.
+      if (!overLimit)
+        QWARN("RaceManager::ScanDir", "No space for new image (%s) anymore - not registering",
+              name);
+      over = true;
       break;
     }
     QDBG("RaceManager::ScanDir", "- image %s\n", name);
@@ -238,6 +243,7 @@ void RaceManager::ScanDir(const std::vector<std::string>& skip) {
     images[imageCount++] = name;
   }
   dir.Close();
+  overLimit = over;
   QGetRealPath(".", &folder);
   curImage = -1;
 }
@@ -251,7 +257,7 @@ void RaceManager::Rescan(const std::vector<std::string>& skip) {
   if (!curFile.IsEmpty()) {
     curImage = CatalogueIndex(curFile.cstr());
     // Not listed but still there: a picture loaded from elsewhere.
-    if (curImage < 0 && QFileExists(curFile.cstr()) &&
+    if (curImage < 0 && imageCount < MAX_IMAGES && QFileExists(curFile.cstr()) &&
         std::find(skip.begin(), skip.end(), curFile.cstr()) == skip.end() &&
         AddToDir(curFile.cstr()))
       curImage = imageCount - 1;
@@ -328,25 +334,33 @@ int RaceManager::CatalogueIndex(const char* path) const {
   return FindImage(path);
 }
 
-void RaceManager::NextImage() {
+void RaceManager::Step(int steps, bool show) {
   if (imageCount < 1) {
     curImage = -1;
     return;
   }
-  curImage = (curImage + 1) % imageCount;
+  if (steps == 0) return;
+  // One at a time: from -1 the first step back lands on imageCount - 2, as C++ keeps the
+  // dividend's sign (wanted); after it the index is valid and the rest wraps plainly.
+  curImage = (curImage + (steps > 0 ? 1 : -1) + imageCount) % imageCount;
+  const int rest = (steps > 0 ? steps - 1 : steps + 1) % imageCount;
+  curImage = (curImage + rest + imageCount) % imageCount;
   curFile = images[curImage];
-  LoadCurImage();
+  if (show) LoadCurImage();
 }
 
-void RaceManager::PrevImage() {
-  if (imageCount < 1) {
-    curImage = -1;
-    return;
+void RaceManager::SelectImage(const char* path) {
+  if (!path) return;
+  const std::string p(path);  // may point into the catalogue
+  const int i = CatalogueIndex(p.c_str());
+  if (i >= 0) {
+    curImage = i;
+  } else if (!QFileExists(p.c_str()) || !AddToDir(p.c_str())) {
+    return;  // as a failed load: nothing changes
+  } else {
+    curImage = imageCount - 1;
   }
-  // C++ keeps the dividend's sign, so from -1 this lands on imageCount - 2 (wanted).
-  curImage = (curImage - 1 + imageCount) % imageCount;
-  curFile = images[curImage];
-  LoadCurImage();
+  curFile = p.c_str();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -380,17 +394,20 @@ void RaceManager::HandleEvent(QEvent* e) {
   }
 }
 
-void RaceManager::SetBlackAndWhite(bool on) {
-  if (ini) ini->SetBool("effects.black_and_white", on);
-  SaveIni();
-  LoadCurImage();
-}
+void RaceManager::SetBlackAndWhite(bool on) { SetEffects(on, -1, true); }
 
-void RaceManager::SetShowInfo(bool on) {
-  if (ini) ini->SetBool("effects.show_info", on);
+void RaceManager::SetShowInfo(bool on) { SetEffects(-1, on, false); }
+
+void RaceManager::SetEffects(int blackAndWhite, int showInfo, bool reload) {
+  if (ini && blackAndWhite >= 0) ini->SetBool("effects.black_and_white", blackAndWhite != 0);
+  if (ini && showInfo >= 0) ini->SetBool("effects.show_info", showInfo != 0);
+  if (blackAndWhite < 0 && showInfo < 0) return;
   SaveIni();
-  flags = on ? flags | SHOW_INFO : flags & ~SHOW_INFO;
-  dirty = true;
+  if (showInfo >= 0) {
+    flags = showInfo ? flags | SHOW_INFO : flags & ~SHOW_INFO;
+    dirty = true;
+  }
+  if (reload && blackAndWhite >= 0) LoadCurImage();
 }
 
 void RaceManager::RestartAdvance() {
@@ -448,7 +465,7 @@ void RaceManager::Run() {
     FollowWindowSize();
     if (sharpenDue && std::chrono::steady_clock::now() >= sharpenAt) Sharpen();
     if (commands) commands->Drain();
-    if (advanceMs > 0 && !newPicture && std::chrono::steady_clock::now() >= advanceAt)
+    if (advanceMs > 0 && !g_stopSignal && !newPicture && std::chrono::steady_clock::now() >= advanceAt)
       AdvanceStep();
     IdleProc();
     if (const int sig = g_stopSignal) {
@@ -462,6 +479,8 @@ void RaceManager::RequestStop(int signal) {
   g_stopSignal = signal;
   QBitMap::RequestStop();  // a decode under way gives up, so the loop ends within a second
 }
+
+bool RaceManager::StopRequested() { return g_stopSignal != 0; }
 
 void RaceManager::IdleProc() {
   RaceManager* rm = g_raceManager;

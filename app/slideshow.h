@@ -76,7 +76,8 @@ class RaceManager {
 
   // ---- Catalogue ----
   // Rebuilds the catalogue from the working directory; stops, with the AddToDir warning, at
-  // MAX_IMAGES. Leaves `curImage` -1. Names in `skip` are left out.
+  // MAX_IMAGES (warned once until a listing fits again). Leaves `curImage` -1. Names in `skip`
+  // are left out.
   void ScanDir(const std::vector<std::string>& skip = {});
   // Builds the catalogue again from the scanned folder (as ScanDir, leaving out `skip`: names
   // still being written) while the picture stays on the screen: `curImage` follows the shown
@@ -96,14 +97,23 @@ class RaceManager {
   // With "app.watch_directory": takes the scanned folder's changes and builds the catalogue
   // again without the pictures still being written (Rescan); when nothing is shown yet, the
   // first picture that joined is. Nothing while the folder is not watched or did not change.
+  // A folder replaced under the same name is entered again (see RescanFolder).
   void FollowFolder();
   // The rescan command: the folder listed again, leaving out what is still being written
-  // while it is watched.
+  // while it is watched. When the start-up folder was deleted or moved away and a folder of
+  // that name exists again, that one is entered first, and its first picture is shown unless
+  // the shown one is there too.
   void RescanFolder();
   // Step through the catalogue with wrap-around and load the new current picture; an empty
   // catalogue only sets `curImage` to -1. From -1, PrevImage lands on imageCount - 2.
-  void NextImage();
-  void PrevImage();
+  void NextImage() { Step(1); }
+  void PrevImage() { Step(-1); }
+  // `steps` Right (negative: Left) presses, one after another, but only the picture it ends on
+  // is loaded, and only when `show`.
+  void Step(int steps, bool show = true);
+  // Makes `path` current as its successful load would (listed at the end when it is not, if it
+  // exists), without loading it: for a load that a step follows at once.
+  void SelectImage(const char* path);
 
   // ---- Loading and painting (slideshow_load.cpp) ----
   // Loads and shows `path` and logs its phase times at debug level; a file that cannot be read
@@ -141,6 +151,9 @@ class RaceManager {
   void SetBlackAndWhite(bool on);
   // The information line on or off, written to the configuration file at once.
   void SetShowInfo(bool on);
+  // Both at once, each left as it is when -1, with one write of the configuration file; the
+  // shown picture is loaded again only when `reload` and black and white was given.
+  void SetEffects(int blackAndWhite, int showInfo, bool reload);
   // Starts the automatic advance's count again (a key or a command came).
   void RestartAdvance();
   // The automatic advance's step: the next catalogue picture that loads, trying each at most
@@ -163,6 +176,8 @@ class RaceManager {
   // number and asks decodes under way to give up (QBitMap::RequestStop), so a signal handler may
   // call it.
   static void RequestStop(int signal);
+  // A stop was asked for: long work gives way.
+  static bool StopRequested();
   // The application's callbacks: one idle cycle (paint and present when something changed), and
   // the exit that destroys the controller.
   static void IdleProc();
@@ -181,6 +196,8 @@ class RaceManager {
   const DBitMapTexture* GetTexture() const { return texture.get(); }
   const DMesh* GetMesh() const { return mesh.get(); }
   const LoadTimes& GetLoadTimes() const { return loadTimes; }
+  // Pictures put on the screen so far: a load that changed nothing leaves it.
+  int GetShownCount() const { return shownCount; }
   // Attach a configuration (owned from then on) and the window to draw into (borrowed) without
   // the rest of the start-up; Setup uses them, and so can tests and tools that drive the
   // catalogue and the loader. Without a window nothing is painted and no quad is made.
@@ -195,6 +212,11 @@ class RaceManager {
   void SaveIni();
   // Lets go of the texture: deleted when this was its last holder (or it never got a GL name).
   void ReleaseTexture();
+  // Enters `home` again when it was replaced (QReenterDirectory); true when it did.
+  bool ReturnHome();
+  // Once the folder entered again lists pictures: the shown name read again from it, else its
+  // first picture shown.
+  void ShowReturned();
   struct TextureRelease {
     void operator()(DBitMapTexture* t) const;
   };
@@ -212,6 +234,9 @@ class RaceManager {
   int32_t imageCount = 0;
   int32_t curImage = -1;
   qstring folder;  // the scanned folder's real path, empty before a scan
+  qstring home;    // the start-up folder's absolute path, entered again when replaced
+  bool overLimit = false;  // the last listing passed MAX_IMAGES (warned once)
+  bool returned = false;   // `home` was entered again and nothing of it is shown yet
 
   std::unique_ptr<QCanvas> canvas;  // the window canvas, made with the window
   LoadTimes loadTimes;

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "app/prefetcher.h"
 #include "app/slideshow.h"
 #include "framework/qdir.h"
 #include "framework/qmessage.h"
@@ -16,10 +17,35 @@ constexpr int kMaxRounds = 4;
 
 }  // namespace
 
+bool RaceManager::ReturnHome() {
+  if (home.IsEmpty() || !QReenterDirectory(home.cstr())) return false;
+  // Every name may stand for another file now.
+  if (prefetcher)
+    for (int i = 0; i < imageCount; ++i) prefetcher->Forget(images[i].cstr());
+  returned = true;
+  return true;
+}
+
+void RaceManager::ShowReturned() {
+  if (!returned || imageCount < 1) return;
+  returned = false;
+  // A name of the old folder found in the new one is another file by now: read again.
+  if (!curFile.IsEmpty() && CatalogueIndex(curFile.cstr()) >= 0) {
+    LoadCurImage();
+    return;
+  }
+  const std::string first = images[0].cstr();
+  LoadNewImage(first.c_str());
+}
+
 void RaceManager::FollowFolder() {
   if (!watch) return;
   std::vector<std::string> changed, writing;
   if (watch->TakeChanges(&changed, &writing) == 0) return;
+  // A changed name may have kept its size and time: what was prefetched of it is stale.
+  if (prefetcher)
+    for (const std::string& name : changed) prefetcher->Forget(name);
+  if (ReturnHome()) watch->Writing(&writing);
   const bool nothingShown = !texture;
   std::vector<std::string> before;
   for (int i = 0; nothingShown && i < imageCount; ++i) before.push_back(images[i].cstr());
@@ -36,6 +62,10 @@ void RaceManager::FollowFolder() {
   qnote(kSource, "RaceManager::FollowFolder", __LINE__,
         "Folder changed (%d names): %d pictures, %d being written", int(changed.size()),
         imageCount, int(writing.size()));
+  if (returned) {
+    ShowReturned();
+    return;
+  }
   if (!nothingShown) return;
   // An empty (or unreadable) start: the first picture that came is shown.
   for (int i = 0; i < imageCount; ++i) {
@@ -48,7 +78,9 @@ void RaceManager::FollowFolder() {
 }
 
 void RaceManager::RescanFolder() {
+  ReturnHome();
   std::vector<std::string> writing;
   if (watch) watch->Writing(&writing);
   Rescan(writing);
+  ShowReturned();
 }

@@ -125,6 +125,14 @@ bool QGetCurrentDirectory(qstring* out) {
   return true;
 }
 
+bool QReenterDirectory(const char* path) {
+  struct stat here, there;
+  if (!path || !*path || stat(path, &there) != 0 || !S_ISDIR(there.st_mode)) return false;
+  if (stat(".", &here) == 0 && here.st_dev == there.st_dev && here.st_ino == there.st_ino)
+    return false;
+  return QSetCurrentDirectory(path);
+}
+
 bool QGetRealPath(const char* path, qstring* out) {
   if (!out) return false;
   *out = "";
@@ -143,6 +151,25 @@ bool QGetRealPath(const char* path, qstring* out) {
 QDirWatch::QDirWatch() = default;
 
 namespace {
+
+// What the directory's watch reports. Opens only tell a writer's creation from a link's.
+constexpr uint32_t kDirMask = IN_CREATE | IN_OPEN | IN_MODIFY | IN_CLOSE_WRITE |
+                              IN_CLOSE_NOWRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE |
+                              IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+// An open queues its event right after the creation, within the same call: a new name that no
+// open follows for this long was made by a link.
+constexpr int kOpenFollowsMs = 100;
+// How often a directory that went is looked for when its parent cannot tell (gone too).
+constexpr int kReturnLookMs = 1000;
+// What the parent's watch reports: the directory's name going and coming. A directory removed
+// while some process works in it sends nothing of itself until that process leaves it.
+constexpr uint32_t kParentMask = IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_ONLYDIR;
+
+// The directory `path` is in.
+std::string ParentOf(const std::string& path) {
+  const size_t slash = path.find_last_of('/');
+  return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+}
 
 // Ends the watcher's sleep; `fd` is its event counter.
 void Kick(int fd, const std::string& name) {
@@ -180,9 +207,7 @@ bool QDirWatch::Open(const char* directory, NameFilter filter, int gapMs) {
           strerror(errno));
     return false;
   }
-  const uint32_t mask = IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM |
-                        IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-  const int wd = inotify_add_watch(fd, directory, mask);
+  const int wd = inotify_add_watch(fd, directory, kDirMask);
   const int kickFd = wd < 0 ? -1 : eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (wd < 0 || kickFd < 0) {
     QWARN("QDirWatch::Open", "QDirWatch(%s): can't watch the directory: %s", directory,
@@ -191,6 +216,9 @@ bool QDirWatch::Open(const char* directory, NameFilter filter, int gapMs) {
     return false;
   }
   fd_ = fd;
+  dirWd_ = wd;
+  // Without it a deleted directory is noticed only when nobody works in it any more.
+  parentWd_ = inotify_add_watch(fd, ParentOf(name_).c_str(), kParentMask);
   kickFd_ = kickFd;
   filter_ = filter;
   gapMs_ = gapMs > 0 ? gapMs : 0;
@@ -219,7 +247,9 @@ void QDirWatch::Watch(void* arg) {
   std::unique_lock<std::mutex> lock(self->mutex_);
   while (!self->stop_) {
     // Changes waiting out the gap: sleep until it has passed, else until something happens.
-    const int timeout = self->PendingLocked() && !self->woken_ ? self->GapLeftLocked() : -1;
+    int timeout = self->PendingLocked() && !self->woken_ ? self->GapLeftLocked() : -1;
+    const int own = self->OwnLookLocked();
+    if (own >= 0 && (timeout < 0 || own < timeout)) timeout = own;
     lock.unlock();
     const int ready = poll(fds, 2, timeout);
     const int error = errno;
@@ -238,6 +268,8 @@ void QDirWatch::Watch(void* arg) {
       (void)got;  // a counter emptied already is just as good
     }
     if (ready > 0 && (fds[0].revents & POLLIN)) self->ReadEventsLocked();
+    self->SettleCreatedLocked();
+    if (self->dirWd_ < 0) self->ReturnLocked();
     if (self->PendingLocked() && !self->woken_ && self->GapLeftLocked() == 0) {
       self->woken_ = true;
       QEventWake();
@@ -247,12 +279,72 @@ void QDirWatch::Watch(void* arg) {
   self->ended_.notify_all();
 }
 
+int QDirWatch::OwnLookLocked() const {
+  if (dirWd_ < 0) return kReturnLookMs;
+  int ms = -1;
+  const auto now = std::chrono::steady_clock::now();
+  for (const auto& w : writing_) {
+    if (w.second.opened) continue;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          w.second.created + std::chrono::milliseconds(kOpenFollowsMs) - now)
+                          .count() + 1;
+    const int l = left > 0 ? int(left) : 0;
+    if (ms < 0 || l < ms) ms = l;
+  }
+  return ms;
+}
+
+void QDirWatch::SettleCreatedLocked() {
+  const auto due = std::chrono::steady_clock::now() - std::chrono::milliseconds(kOpenFollowsMs);
+  for (auto it = writing_.begin(); it != writing_.end();) {
+    if (!it->second.opened && it->second.created <= due) {
+      changed_.insert(it->first);
+      it = writing_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+void QDirWatch::GoneLocked() {
+  QWARN("QDirWatch::ReadEvents",
+        "QDirWatch(%s): the folder was deleted or moved away; waiting for a folder of that name",
+        name_.c_str());
+  // A folder moved away is still watched where it went.
+  inotify_rm_watch(fd_, dirWd_);
+  dirWd_ = -1;
+  writing_.clear();
+  opens_.clear();
+  ++lost_;
+  // The parent may have gone with it (and come back).
+  if (parentWd_ < 0) parentWd_ = inotify_add_watch(fd_, ParentOf(name_).c_str(), kParentMask);
+  ReturnLocked();
+}
+
+void QDirWatch::ReturnLocked() {
+  // The watch of a directory already watched answers its old number.
+  const int wd = inotify_add_watch(fd_, name_.c_str(), kDirMask);
+  if (wd < 0 || wd == dirWd_) return;
+  // Replaced without a word of its own (renamed over, or deleted while worked in); GoneLocked
+  // looks again.
+  if (dirWd_ >= 0) {
+    GoneLocked();
+    return;
+  }
+  dirWd_ = wd;
+  writing_.clear();
+  ++lost_;
+  QNOTE("QDirWatch::ReadEvents", "QDirWatch(%s): a folder of that name is there again; watching it",
+        name_.c_str());
+}
+
 void QDirWatch::ReadEventsLocked() {
   // Aligned for the event records; a name may be up to NAME_MAX + 1 bytes.
   alignas(inotify_event) char buf[16 * (sizeof(inotify_event) + NAME_MAX + 1)];
+  const std::string base = name_.substr(name_.find_last_of('/') + 1);
   for (;;) {
     const ssize_t n = read(fd_, buf, sizeof(buf));
-    if (n <= 0) return;  // EAGAIN: nothing queued (any other failure ends in poll too)
+    if (n <= 0) break;  // EAGAIN: nothing queued (any other failure ends in poll too)
     for (ssize_t at = 0; at + ssize_t(sizeof(inotify_event)) <= n;) {
       const auto* e = reinterpret_cast<const inotify_event*>(buf + at);
       at += ssize_t(sizeof(inotify_event) + e->len);
@@ -260,32 +352,74 @@ void QDirWatch::ReadEventsLocked() {
         QWARN("QDirWatch::ReadEvents", "QDirWatch(%s): changes were lost; listing again",
               name_.c_str());
         writing_.clear();
+        opens_.clear();
         ++lost_;
         continue;
       }
-      if (e->mask & (IN_DELETE_SELF | IN_MOVE_SELF)) {
-        QWARN("QDirWatch::ReadEvents", "QDirWatch(%s): the directory went; no longer watching",
-              name_.c_str());
-        ++lost_;
+      if (e->wd == parentWd_ && parentWd_ >= 0) {
+        if (e->mask & IN_IGNORED) parentWd_ = -1;
+        if (!e->len || !(e->mask & IN_ISDIR) || base != e->name) continue;
+        if (e->mask & (IN_DELETE | IN_MOVED_FROM)) {
+          if (dirWd_ >= 0) GoneLocked();
+        } else {
+          ReturnLocked();
+        }
+        continue;
+      }
+      // What a watch given up on still had queued.
+      if (e->wd != dirWd_ || dirWd_ < 0) continue;
+      if (e->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) {
+        GoneLocked();
         continue;
       }
       if (!e->len || (e->mask & IN_ISDIR) || (filter_ && !filter_(e->name))) continue;
       const std::string name(e->name);
-      if (e->mask & (IN_CREATE | IN_MODIFY)) {
-        // Only the first write of a file changes anything: it leaves the listing.
-        if (writing_.insert(name).second) changed_.insert(name);
-      } else {
-        writing_.erase(name);
+      const auto w = writing_.find(name);
+      if (e->mask & IN_CREATE) {
+        // Only a regular file of one name may have been made by an open; a link, a device, a
+        // FIFO is there complete.
+        struct stat st;
+        const std::string path = name_ + "/" + name;
+        if (lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 1)
+          writing_[name] = Writer{std::chrono::steady_clock::now()};
+        else if (w != writing_.end())
+          writing_.erase(w);
         changed_.insert(name);
+      } else if (e->mask & IN_OPEN) {
+        ++opens_[name];
+        if (w != writing_.end()) w->second.opened = true;
+      } else if (e->mask & IN_MODIFY) {
+        // Only the first write of a file changes anything: it leaves the listing. A change
+        // without an open (a new time set, a truncation by name) has no writer to wait for.
+        const bool open = opens_.count(name) > 0;
+        if (w == writing_.end()) {
+          writing_[name] = Writer{std::chrono::steady_clock::now(), open, true};
+          changed_.insert(name);
+        } else {
+          w->second.opened = w->second.opened || open;
+          w->second.modified = true;
+        }
+      } else {
+        if (e->mask & (IN_CLOSE_WRITE | IN_CLOSE_NOWRITE)) {
+          const auto o = opens_.find(name);
+          if (o != opens_.end() && --o->second <= 0) opens_.erase(o);
+        }
+        // Closed by a reader: only a name made by an open for reading alone is complete then.
+        if (!(e->mask & IN_CLOSE_NOWRITE) || (w != writing_.end() && !w->second.modified)) {
+          if (w != writing_.end()) writing_.erase(w);
+          changed_.insert(name);
+        }
       }
     }
   }
+  SettleCreatedLocked();
 }
 
 int QDirWatch::TakeChanges(std::vector<std::string>* changed, std::vector<std::string>* writing) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (fd_ >= 0) ReadEventsLocked();
-  if (writing) writing->assign(writing_.begin(), writing_.end());
+  if (fd_ >= 0 && dirWd_ < 0) ReturnLocked();
+  WritingLocked(writing);
   if (changed) changed->clear();
   if (!PendingLocked()) return 0;
   if (GapLeftLocked() > 0) {
@@ -307,5 +441,11 @@ void QDirWatch::Writing(std::vector<std::string>* writing) {
   if (fd_ >= 0) ReadEventsLocked();
   // Changes read here would otherwise wait for the owner's next occasion.
   if (PendingLocked() && !woken_) Kick(kickFd_, name_);
-  if (writing) writing->assign(writing_.begin(), writing_.end());
+  WritingLocked(writing);
+}
+
+void QDirWatch::WritingLocked(std::vector<std::string>* writing) const {
+  if (!writing) return;
+  writing->clear();
+  for (const auto& w : writing_) writing->push_back(w.first);
 }

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -66,13 +67,20 @@ bool QGetCurrentDirectory(qstring* out);
 // so that two paths of the same place compare equal; false (and `out` empty) when it does not
 // exist.
 bool QGetRealPath(const char* path, qstring* out);
+// Enters the directory `path` (absolute) again when the working directory is no longer it: it was
+// deleted, or moved away and another put in its place. False, with nothing changed, while the
+// working directory is `path` or no directory of that name exists.
+bool QReenterDirectory(const char* path);
 
 // QDirWatch: follows one directory through the kernel's change notification, so that a listing
 // can be taken again when something in it changed instead of on a timer. Only names that pass
 // the filter count; subdirectories and their contents are not followed.
 //
-// A file is "being written" from its creation or first change until its writer closes it; a
-// file renamed or moved into the directory arrives complete. Names that joined, left, started
+// A file is "being written" while a writer has it open: from its creation by an open, or its
+// first change, until that writer closes it. A file renamed or moved into the directory, a
+// symbolic link, a hard link and anything else that is not an opened regular file arrive
+// complete; so does a new name that no open follows at once (a link whose other name was
+// removed already). Names that joined, left, started
 // or finished being written are collected as changes until the owner takes them, at most once
 // per gap (a flood of files is then followed in a few batches, not file by file). A watcher
 // thread (QThread) sleeps on the notification and calls QEventWake once changes are waiting
@@ -81,6 +89,11 @@ bool QGetRealPath(const char* path, qstring* out);
 // then, so a file that was being written when a listing was made is among the names Writing
 // gives after it (except one whose writer opened it and has written nothing yet, which no
 // notification shows).
+//
+// When the directory is deleted or moved away, a warning says so once and the path is followed:
+// as soon as a directory of that name exists again (created or moved in), it is watched, and the
+// next take answers a change so that it is listed. The owner enters it again with
+// QReenterDirectory when it worked in the old one.
 //
 // The destructor stops the watcher and waits for it to end before it closes anything.
 class QDirWatch {
@@ -107,17 +120,38 @@ class QDirWatch {
   int TakeChanges(std::vector<std::string>* changed, std::vector<std::string>* writing);
   // Every name being written now (sorted), leaving the changes to the next take.
   void Writing(std::vector<std::string>* writing);
+  // The directory as given to Open.
+  const std::string& Directory() const { return name_; }
 
  private:
+  // A name with a possible writer.
+  struct Writer {
+    std::chrono::steady_clock::time_point created;  // when its creation was read
+    bool opened = false;    // an open followed its creation, or it was written to
+    bool modified = false;  // written to since
+  };
   static void Watch(void* self);
   // Reads what the kernel has queued (without waiting) into the sets; under `mutex_`.
   void ReadEventsLocked();
+  // The names being written, sorted, into `writing` (may be null); under `mutex_`.
+  void WritingLocked(std::vector<std::string>* writing) const;
   // Milliseconds until changes may be handed out again (0: now); under `mutex_`.
   int GapLeftLocked() const;
   bool PendingLocked() const { return !changed_.empty() || lost_ > 0; }
+  // Milliseconds until the watcher has to look by itself (new names no open followed yet, a
+  // directory that went), -1 for never; under `mutex_`.
+  int OwnLookLocked() const;
+  // New names that no open followed in time are complete; under `mutex_`.
+  void SettleCreatedLocked();
+  // The directory went: says so once and follows its name from the parent; under `mutex_`.
+  void GoneLocked();
+  // Watches the directory again when it exists; under `mutex_`.
+  void ReturnLocked();
 
   std::string name_;  // the directory, for messages
   int fd_ = -1;       // the notification descriptor
+  int dirWd_ = -1;     // its watch on the directory; -1 while the directory is gone
+  int parentWd_ = -1;  // its watch on the parent, for the name's return; -1 when not needed
   int kickFd_ = -1;   // an event counter that ends the watcher's sleep (to stop or to look again)
   NameFilter filter_ = nullptr;
   int gapMs_ = 0;
@@ -126,7 +160,8 @@ class QDirWatch {
   std::mutex mutex_;
   std::condition_variable ended_;
   std::set<std::string> changed_;
-  std::set<std::string> writing_;
+  std::map<std::string, Writer> writing_;
+  std::map<std::string, int> opens_;  // opens seen and not closed yet, by name
   int lost_ = 0;          // notifications lost or the directory gone, since the last take
   bool woken_ = false;    // a wake was sent for changes not yet taken
   bool stop_ = false;     // the watcher is to end

@@ -1,6 +1,7 @@
 // The slideshow controller in-process: the shipped glimra.ini, the catalogue (filter, order,
-// duplicates, the 2000 limit), stepping from "nothing shown", files that are no pictures, and
-// the command channel's settings. Loads on screen are the end-to-end tests' business.
+// duplicates, the 2000 limit), stepping from "nothing shown", files that are no pictures, the
+// command channel's settings and how it works off a burst. Loads on screen are the end-to-end
+// tests' business.
 #include "app/slideshow.h"
 
 #include <sys/stat.h>
@@ -9,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -18,6 +20,7 @@
 
 #include "app/command_channel.h"
 #include "framework/qini.h"
+#include "support/e2e.h"
 #include "support/logcapture.h"
 #include "support/tempdir.h"
 
@@ -117,6 +120,16 @@ TEST_F(InTempDir, CatalogueStopsAtTwoThousandWithAWarning) {
   EXPECT_EQ(rm_->GetImageCount(), RaceManager::MAX_IMAGES);
   EXPECT_EQ(rm_->GetImage(RaceManager::MAX_IMAGES - 1), std::string("p11999.jpg"));
   EXPECT_TRUE(log.Seen("No space for new image (p12000.jpg) anymore - not registering"));
+  // Listed again while still too full (a watched folder at each change): not said again, but
+  // again once it fitted in between.
+  log.Clear();
+  rm_->Rescan();
+  EXPECT_FALSE(log.Seen("No space for new image"));
+  fs::remove("p12000.jpg"), fs::remove("p12001.jpg"), fs::remove("p12002.jpg");
+  rm_->Rescan();
+  Touch("p12000.jpg");
+  rm_->Rescan();
+  EXPECT_EQ(log.Count("No space for new image"), 1);
   log.Clear();
   EXPECT_FALSE(rm_->AddToDir("late.jpg"));
   EXPECT_TRUE(log.Seen("No space for new image (late.jpg) anymore - not registering"));
@@ -157,6 +170,60 @@ TEST_F(InTempDir, OnlyRegularFilesAreOpenedAsPicturesAndNothingBlocks) {
   }
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
   EXPECT_STREQ(rm_->GetCurFile(), "");
+}
+
+// A burst of commands ends as one after another would, with one picture loaded and
+// glimra.ini written once.
+TEST_F(InTempDir, CommandsTakenTogetherEndAsOneByOneWithOnlyTheLastPictureLoaded) {
+  for (const char* n : {"a.tga", "b.tga", "c.tga", "d.tga", "e.tga"})
+    ASSERT_TRUE(e2e::Uniform(n, e2e::kRed));
+  const std::string outside = (fs::path(dir_) / "out" / "x.tga").string();
+  fs::create_directory("out");
+  ASSERT_TRUE(e2e::Uniform(outside, e2e::kBlue));
+  rm_->SetIni(new QIni("glimra.ini", QIni::NO_READ));
+  rm_->ScanDir();
+  struct Case {
+    std::vector<std::string> commands;
+    const char* shown;
+    int loads;
+  };
+  const Case cases[] = {
+      // Steps add up, from nothing shown too; only where they end is loaded.
+      {{"next", "next", "next"}, "c.tga", 1},
+      {{"prev", "prev", "next", "prev"}, "a.tga", 1},
+      // A step goes from a load it follows, which itself is not loaded.
+      {{"load e.tga", "next"}, "a.tga", 1},
+      {{"load d.tga", "bw 1", "prev", "load b.tga", "next", "next", "bw 0", "bw 1"}, "d.tga", 1},
+      // A later load wins; a picture from elsewhere joins the list, and a step goes on from it.
+      {{"load c.tga", "load " + outside}, outside.c_str(), 1},
+      {{"load c.tga", "load " + outside, "prev"}, "e.tga", 1},
+      // Only the last setting counts, and the shown picture takes it once.
+      {{"info 0", "bw 0", "info 1", "bw 1", "bw 0", "info 0", "junk"}, "e.tga", 1},
+      {{"rescan", "rescan", "next", "rescan", "prev"}, "e.tga", 1},
+      {{"info 1", "rescan"}, "e.tga", 0},
+  };
+  for (const Case& c : cases) {
+    std::vector<Command> batch;
+    for (const std::string& text : c.commands) batch.push_back(ParseCommand(text.c_str()));
+    LogCapture log;
+    ASSERT_TRUE(RunCommands(batch, rm_.get()));
+    EXPECT_STREQ(rm_->GetCurFile(), c.shown) << c.commands.front();
+    EXPECT_EQ(rm_->GetImage(rm_->GetCurImage()), std::string(c.shown)) << c.commands.front();
+    EXPECT_EQ(log.Count("Load times ("), c.loads) << c.commands.front();
+    EXPECT_EQ(log.Count("Load times (" + std::string(c.shown)), c.loads) << c.commands.front();
+  }
+  EXPECT_EQ(rm_->GetImageCount(), 5) << "the rescans drop the picture from elsewhere";
+  QIni saved("glimra.ini");
+  EXPECT_FALSE(saved.GetBool("effects.black_and_white", true));
+  EXPECT_TRUE(saved.GetBool("effects.show_info", false));
+
+  // A stop request ends the work between commands.
+  RaceManager::RequestStop(SIGTERM);
+  LogCapture log;
+  EXPECT_FALSE(RunCommands({ParseCommand("next")}, rm_.get()));
+  RaceManager::RequestStop(0);
+  EXPECT_STREQ(rm_->GetCurFile(), "e.tga");
+  EXPECT_FALSE(log.Seen("Load times ("));
 }
 
 TEST(CommandChannelSettings, PortIsANumberFromOneTo65535AndListenAnAddress) {

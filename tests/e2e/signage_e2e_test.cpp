@@ -1,8 +1,13 @@
 // glimra as a sign, from outside on its own 800 x 600 X server: pictures that change by
 // themselves (a bad one skipped, a key restarting the count), a fade that blends and then lets
-// the machine rest, and the remote steps of the command channel.
+// the machine rest, the remote steps of the command channel, a burst of them worked off at the
+// cost of a few, and a stop in the middle of a flood.
+#include <signal.h>
+
+#include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <fstream>
 #include <thread>
 
 #include "support/e2e.h"
@@ -13,6 +18,18 @@ namespace {
 using namespace e2e;
 using Clock = std::chrono::steady_clock;
 
+// The processor time (user and system) `pid` has used so far, in ms; hugely negative when unknown.
+long CpuMs(pid_t pid) {
+  const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+  const size_t close = stat.rfind(')');
+  long user = 0, system = 0;
+  if (close == std::string::npos ||
+      sscanf(stat.c_str() + close + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld",
+             &user, &system) != 2)
+    return -1000000L;
+  return (user + system) * 1000 / sysconf(_SC_CLK_TCK);
+}
+
 // What `pid` does over the next two seconds: its processor time (user and system) in ms, and how
 // often its main thread woke from a sleep.
 struct Activity {
@@ -20,15 +37,9 @@ struct Activity {
 };
 Activity OverTwoSeconds(pid_t pid) {
   const std::string proc = "/proc/" + std::to_string(pid);
-  const auto now = [&proc] {
+  const auto now = [&proc, pid] {
     Activity a{-1000000L, -1000000L};
-    const std::string stat = ReadFile(proc + "/stat");
-    const size_t close = stat.rfind(')');
-    long user = 0, system = 0;
-    if (close != std::string::npos &&
-        sscanf(stat.c_str() + close + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld",
-               &user, &system) == 2)
-      a.cpuMs = (user + system) * 1000 / sysconf(_SC_CLK_TCK);
+    a.cpuMs = CpuMs(pid);
     const std::string status = ReadFile(proc + "/task/" + proc.substr(6) + "/status");
     const size_t at = status.find("\nvoluntary_ctxt_switches:");
     if (at != std::string::npos) a.wakes = atol(status.c_str() + at + 26);
@@ -84,10 +95,15 @@ TEST_F(SignageE2E, AFolderOfBadPicturesIsTriedNoFasterThanTheInterval) {
   EXPECT_EQ(p.Escape(), 0);
 }
 
-// With a fade, the remote steps, effects and rescan, and nothing else.
+// With a fade, the remote steps, effects and rescan, and nothing else; then a burst of them,
+// and a stop during a flood of rescans of a large folder.
 TEST_F(SignageE2E, FadeBlendsThenRestsAndRemoteStepsEffectsAndRescanAndNothingElse) {
   Program p;
   Prepare(&p, "effects.fade_ms", "300");
+  // A photo that takes a while to decode, listed last; and names enough to make each listing
+  // cost something.
+  ASSERT_TRUE(WritePicture(p.Path("p.jpg"), 3000, 2000, Photo));
+  for (int i = 0; i < 5000; ++i) std::ofstream(p.Path("n" + std::to_string(i) + ".txt"));
   ASSERT_TRUE(p.SetKey("effects.show_info", "0") && p.Start() && Shows(kRed, kStartMs)) << p.Log();
   // Sends the command and waits for the colour it brings.
   const auto step = [&](const char* cmd, uint32_t want) { return p.Send(cmd) && Shows(want); };
@@ -138,7 +154,44 @@ TEST_F(SignageE2E, FadeBlendsThenRestsAndRemoteStepsEffectsAndRescanAndNothingEl
   ASSERT_TRUE(step("next", kGreen));
   ASSERT_TRUE(step("prev", kRed));
   ASSERT_TRUE(p.Send("rescan") && step("next", kBlue));
-  EXPECT_EQ(p.Escape(), 0);
+
+  // A burst in one go (fewer than the socket holds): one by one it would decode the photo about
+  // a hundred times. It ends as its last commands ask: green b, in colour, no information line.
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  const long cpuBefore = CpuMs(p.Pid());
+  const char* mix[] = {"next",   "prev",   "bw 1", "load p.jpg", "rescan", "info 1",
+                       "next\n", "bw 0",   "load c.tga", "info 0", "prev", "load p.jpg"};
+  for (int i = 0; i < 20; ++i)
+    for (const char* c : mix) ASSERT_TRUE(p.Send(c));
+  ASSERT_TRUE(p.Send("load b.tga"));
+  EXPECT_TRUE(Shows(kGreen)) << p.Log();
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  EXPECT_TRUE(Is(screen_.At(400, 300), kGreen) && GrabScreen(&screen_) &&
+              Is(screen_.At(400, 300), kGreen));
+  const long burstMs = CpuMs(p.Pid()) - cpuBefore;
+  const long long peakKb = ProcValue(p.Pid(), "status", "VmHWM:");
+  EXPECT_EQ(p.Key("effects.black_and_white"), "0");
+  EXPECT_EQ(p.Key("effects.show_info"), "0");
+  EXPECT_LE(burstMs, 1500) << "processor time for 241 commands";
+  EXPECT_GT(peakKb, 0);
+  EXPECT_LE(peakKb, 400 * 1024) << "peak memory";
+  printf("burst of 241 commands: %ld ms of processor time, peak %lld KB\n", burstMs, peakKb);
+
+  // A stop in a flood of rescans ends the program within a second.
+  std::atomic<bool> flooding{true};
+  std::thread flood([&] {
+    while (flooding) p.Send("rescan");
+  });
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  const auto stop = Clock::now();
+  ASSERT_EQ(kill(p.Pid(), SIGTERM), 0);
+  const int status = p.WaitExit(kStartMs);
+  const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - stop);
+  flooding = false;
+  flood.join();
+  EXPECT_EQ(status, 0);
+  EXPECT_LT(took.count(), 1000) << "stop during a rescan flood";
+  printf("stop during a rescan flood: %lld ms\n", static_cast<long long>(took.count()));
 }
 
 }  // namespace

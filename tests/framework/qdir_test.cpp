@@ -1,5 +1,6 @@
 // QDirectory: listing order, entry information, the path-length check; working directory.
-// QDirWatch: what counts as a change, files being written, the wake of a sleeping loop.
+// QDirWatch: what counts as a change, files being written (links never are), the wake of a
+// sleeping loop, a watched directory replaced under its name.
 #include "framework/qdir.h"
 
 #include <gtest/gtest.h>
@@ -8,7 +9,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <fcntl.h>
+#include <thread>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -174,6 +178,83 @@ TEST_F(QDirTest, WatchHandsChangesOutAtMostOncePerGapAndWakesWhenItIsOver) {
   EXPECT_LT(woke, std::chrono::seconds(4));
   EXPECT_EQ(w.TakeChanges(&changed, nullptr), 1);
   EXPECT_EQ(changed, Names{"b"});
+}
+
+// Takes changes until some came and none is being written (links settle within a moment), at
+// most 3 s; answers the takes' count and every name they gave.
+int TakeSettled(QDirWatch* w, Names* changed, Names* writing) {
+  Names all;
+  int count = 0;
+  for (int i = 0; i < 30; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    count += w->TakeChanges(changed, writing);
+    all.insert(all.end(), changed->begin(), changed->end());
+    if (writing->empty() && count > 0) break;
+  }
+  std::sort(all.begin(), all.end());
+  all.erase(std::unique(all.begin(), all.end()), all.end());
+  *changed = all;
+  return count;
+}
+
+TEST_F(QDirTest, LinksArriveCompleteAndAReplacedDirectoryIsFollowedByItsName) {
+  const std::string s = Tmp("S");
+  ASSERT_EQ(mkdir(s.c_str(), 0755), 0);
+  ASSERT_EQ(mkdir(Tmp("folder").c_str(), 0755), 0);
+  MakeFile("S/timed", "x");
+  QDirWatch w;
+  ASSERT_TRUE(w.Open(s.c_str()));
+  // Nobody writes any of these: links of every kind, a file made for reading only, a new time.
+  const timespec times[2] = {{0, UTIME_OMIT}, {12345, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, (s + "/timed").c_str(), times, 0), 0);
+  const std::string target = MakeFile("target", "x");
+  MakeFile("gone", "y");
+  ASSERT_EQ(symlink(target.c_str(), (s + "/sym").c_str()), 0);
+  ASSERT_EQ(symlink("/nowhere", (s + "/dangling").c_str()), 0);
+  ASSERT_EQ(symlink(Tmp("folder").c_str(), (s + "/folder").c_str()), 0);
+  ASSERT_EQ(link(target.c_str(), (s + "/hard").c_str()), 0);
+  // A hard link whose other name goes at once looks like a new file of one name.
+  ASSERT_EQ(link(Tmp("gone").c_str(), (s + "/moved").c_str()), 0);
+  ASSERT_EQ(unlink(Tmp("gone").c_str()), 0);
+  const int fd = open((s + "/read").c_str(), O_RDONLY | O_CREAT, 0644);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  Names changed, writing;
+  TakeSettled(&w, &changed, &writing);
+  EXPECT_EQ(changed, (Names{"dangling", "folder", "hard", "moved", "read", "sym", "timed"}));
+  EXPECT_TRUE(writing.empty());
+
+  // Worked in, moved away and another put in its place: said once, entered again, followed.
+  qstring before;
+  ASSERT_TRUE(QGetCurrentDirectory(&before));
+  ASSERT_TRUE(QSetCurrentDirectory(s.c_str()));
+  EXPECT_FALSE(QReenterDirectory(s.c_str())) << "still there";
+  ASSERT_EQ(mkdir(Tmp("S.new").c_str(), 0755), 0);
+  ASSERT_EQ(rename(s.c_str(), Tmp("S.old").c_str()), 0);
+  ASSERT_EQ(rename(Tmp("S.new").c_str(), s.c_str()), 0);
+  ASSERT_EQ(system(("rm -rf " + Tmp("S.old")).c_str()), 0);
+  // Nothing of the old one's removal: only that the directory has to be listed again.
+  EXPECT_GE(TakeSettled(&w, &changed, &writing), 1);
+  EXPECT_TRUE(changed.empty());
+  EXPECT_TRUE(QReenterDirectory(s.c_str()));
+  EXPECT_FALSE(QReenterDirectory(s.c_str()));
+  MakeFile("S/new", "x");
+  TakeSettled(&w, &changed, &writing);
+  EXPECT_EQ(changed, Names{"new"});
+
+  // Deleted, and made again only later: followed again once it exists.
+  ASSERT_EQ(system(("rm -rf " + s).c_str()), 0);
+  TakeSettled(&w, &changed, &writing);
+  EXPECT_EQ(changed, Names{"new"});
+  EXPECT_FALSE(QReenterDirectory(s.c_str()));
+  ASSERT_EQ(mkdir(s.c_str(), 0755), 0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  MakeFile("S/again", "x");
+  TakeSettled(&w, &changed, &writing);
+  EXPECT_EQ(changed, Names{"again"});
+  EXPECT_TRUE(QReenterDirectory(s.c_str()));
+  ASSERT_TRUE(QSetCurrentDirectory(before.cstr()));
+  EXPECT_EQ(log_.Count("deleted or moved away"), 2);
 }
 
 }  // namespace
