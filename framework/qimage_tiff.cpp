@@ -110,8 +110,8 @@ bool QImage::ReadTIFF(const uint8_t* data, size_t size, const char* name, int* o
   TIFFOpenOptionsSetMaxSingleMemAlloc(f.options, tmsize_t(kMaxBlockBytes));
   TIFFOpenOptionsSetErrorHandlerExtR(f.options, OnError, &src);
   TIFFOpenOptionsSetWarningHandlerExtR(f.options, OnWarning, &src);
-  // "m": never map the file (it is already in memory), "h": read the first directory only.
-  f.tif = TIFFClientOpenExt(name, "rmh", &src, ReadProc, WriteProc, SeekProc, CloseProc, SizeProc,
+  // "m": never map the file, which is already in memory.
+  f.tif = TIFFClientOpenExt(name, "rm", &src, ReadProc, WriteProc, SeekProc, CloseProc, SizeProc,
                             MapProc, UnmapProc, f.options);
   if (!f.tif) {
     QWARN("QImage::ReadTIFF", "QImage:ReadTIFF(%s); %s", name,
