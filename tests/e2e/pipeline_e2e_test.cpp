@@ -176,12 +176,14 @@ TEST_F(PipelineE2E, HeicAvifWebPGifAndTiffShowUprightAndABrokenOneKeepsThePictur
   Program p;
   Prepare(&p);
   // 64 x 48 quadrants (tests/data/images/make_kinds.sh); the two "o6" files are stored turned a
-  // quarter to the left and ask for orientation 6, the TIFF by its tag, the WebP by its EXIF.
+  // quarter to the left and ask for orientation 6, the TIFF by its tag, the WebP by its EXIF;
+  // the "irot" HEIC is stored so too and turned by its own rotation box.
   // 4:3 in 1920 x 1080: 1440 x 1080 from x = 240, upright.
   const struct {
     const char *name, *source;
     int rotate;
-  } cases[] = {{"quad.heic", "quad.heic", 0},      {"quad.avif", "quad.avif", 0},
+  } cases[] = {{"quad.heic", "quad.heic", 0},      {"quad_irot.heic", "quad_irot.heic", 0},
+               {"quad.avif", "quad.avif", 0},
                {"quad_o6.webp", "quad_o6.webp", 90}, {"anim.gif", "anim.gif[0]", 0},
                {"quad_o6.tif", "quad_o6.tif", 90}};
   const std::string images = std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/";

@@ -111,6 +111,8 @@ TEST_F(QImageKindsTest, EachKindDecodesItsQuadrantsInPlaceFromAFileAndFromMemory
     int orientation, tol;
   } cases[] = {
       {"quad.heic", "quad_heic_ref.png", 0, 12},  {"quad.avif", "quad_avif_ref.png", 0, 12},
+      // Stored turned, with an irot box that libheif applies: upright and reported as such.
+      {"quad_irot.heic", "quad_irot_heic_ref.png", 0, 12},
       {"quad.webp", "quad_webp_ref.png", 0, 12},  {"quad_o6.webp", "quad_o6_webp_ref.png", 6, 12},
       {"anim.webp", nullptr, 0, 0},               {"anim.gif", nullptr, 0, 0},
       // ImageMagick writes the Orientation tag of TIFF files, 1 when upright.
