@@ -117,7 +117,8 @@ bool QImage::ReadGIF(const uint8_t* data, size_t size, const char* name) {
   std::vector<GifPixelType> line(size_t(desc.Width));
   const int passes = desc.Interlace ? 4 : 1;
   for (int pass = 0; pass < passes; ++pass) {
-    const int first = desc.Interlace ? kPassStart[pass] : 0, step = desc.Interlace ? kPassStep[pass] : 1;
+    const int first = desc.Interlace ? kPassStart[pass] : 0;
+    const int step = desc.Interlace ? kPassStep[pass] : 1;
     for (int row = first; row < desc.Height; row += step) {
       if (DGifGetLine(gif, line.data(), desc.Width) == GIF_ERROR) {
         QWARN("QImage::ReadGIF", "QImage:ReadGIF(%s); %s", name, ErrorText(gif->Error));

@@ -25,9 +25,12 @@ using namespace qimage_detail;
 
 namespace {
 
-// The largest block libtiff may allocate at once, a strip or a tile included: one 16384-wide
-// strip of 64 rows at 16 bits per sample of four samples.
-constexpr int64_t kMaxBlockBytes = int64_t(QImage::MAX_SIZE) * 64 * 8;
+// The largest block libtiff may allocate at once, a strip or a tile included: the largest
+// picture at 8 bits of four samples (a file may hold all its rows in one strip).
+constexpr int64_t kMaxBlockBytes = int64_t(QImage::MAX_SIZE) * QImage::MAX_SIZE * 4;
+// The most a strip or tile is taken to grow by decoding (LZW and deflate reach about a thousand):
+// one that asks for more than this times the file's length is a lie.
+constexpr int64_t kMaxBlockRatio = 4096;
 
 struct TiffSource {
   const uint8_t* data = nullptr;
@@ -134,11 +137,12 @@ bool QImage::ReadTIFF(const uint8_t* data, size_t size, const char* name, int* o
     return false;
   }
   // What the library reads at once: one strip or one tile.
-  const int64_t block = TIFFIsTiled(tif) ? int64_t(TIFFTileSize64(tif)) : int64_t(TIFFStripSize64(tif));
-  if (block <= 0 || block > kMaxBlockBytes) {
-    QWARN("QImage::ReadTIFF", "QImage:ReadTIFF(); (%s) has %s of %lld bytes; supported only upto %lld",
-          name, TIFFIsTiled(tif) ? "tiles" : "strips", static_cast<long long>(block),
-          static_cast<long long>(kMaxBlockBytes));
+  const int64_t block =
+      TIFFIsTiled(tif) ? int64_t(TIFFTileSize64(tif)) : int64_t(TIFFStripSize64(tif));
+  if (block <= 0 || block > kMaxBlockBytes || block > int64_t(size) * kMaxBlockRatio) {
+    QWARN("QImage::ReadTIFF",
+          "QImage:ReadTIFF(); (%s) has %s of %lld bytes, more than its %zu bytes can hold",
+          name, TIFFIsTiled(tif) ? "tiles" : "strips", static_cast<long long>(block), size);
     return false;
   }
   char text[1024] = {};

@@ -118,7 +118,8 @@ TEST_F(QImageKindsTest, EachKindDecodesItsQuadrantsInPlaceFromAFileAndFromMemory
       // ImageMagick writes the Orientation tag of TIFF files, 1 when upright.
       {"quad.tif", nullptr, 1, 0},                {"quad_tiled.tif", nullptr, 1, 0},
       {"quad_palette.tif", nullptr, 1, 0},        {"quad_cmyk.tif", nullptr, 1, 3},
-      {"quad_o6.tif", nullptr, 6, 0},             {"quad_grey16.tif", "quad_grey16_tif_ref.png", 1, -1},
+      {"quad_o6.tif", nullptr, 6, 0},
+      {"quad_grey16.tif", "quad_grey16_tif_ref.png", 1, -1},
   };
   for (const auto& c : cases) {
     const Bytes bytes = Fixture(c.file);
@@ -159,7 +160,8 @@ TEST_F(QImageKindsTest, WebPDecodesScaledToTheSizeAskedFor) {
   ASSERT_EQ(img.GetHeight(), 24);
   for (const Spot& s : kQuad) {
     const std::vector<int> got = At(img, s.x / 2, s.y / 2);
-    for (int c = 0; c < 3; ++c) EXPECT_NEAR(got[size_t(c)], s.rgba[size_t(c)], 16) << s.x << "," << s.y;
+    for (int c = 0; c < 3; ++c)
+      EXPECT_NEAR(got[size_t(c)], s.rgba[size_t(c)], 16) << s.x << "," << s.y;
   }
 }
 
