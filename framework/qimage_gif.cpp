@@ -28,7 +28,7 @@ struct GifSource {
 
 int ReadFromMemory(GifFileType* gif, GifByteType* out, int count) {
   GifSource* src = static_cast<GifSource*>(gif->UserData);
-  if (count <= 0) return 0;
+  if (count <= 0 || src->at >= src->size) return 0;
   const size_t n = std::min(size_t(count), src->size - src->at);
   memcpy(out, src->data + src->at, n);
   src->at += n;
