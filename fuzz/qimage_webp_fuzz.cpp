@@ -10,6 +10,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const size_t bytes = size - 2;
   QImage::ReadWebPInfo(webp, bytes, &w, &h, &orientation);
   QImage img;
-  img.ReadWebP(webp, bytes, "f.webp", w * data[0] / 255, h * data[1] / 255);
+  img.ReadWebP(webp, bytes, "f.webp", int(int64_t(w) * data[0] / 255),
+               int(int64_t(h) * data[1] / 255));
   return 0;
 }
