@@ -203,6 +203,24 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
       TargetSize(w, h, needW, needH, limit, &tw, &th);
     }
     read = image->ReadPNG(bytes.get(), size, path.c_str(), tw, th);
+  } else if (QImage::IsWebPName(path.c_str())) {
+    // Decoded by the library straight at the quad's size.
+    int w = 0, h = 0, orientation = 0, tw = 0, th = 0;
+    if (QImage::ReadWebPInfo(bytes.get(), size, &w, &h, &orientation) && w > 0 && h > 0) {
+      out->width = w, out->height = h, out->orientation = orientation;
+      int needW = 0, needH = 0;
+      StoredQuadSize(*out, &needW, &needH);
+      TargetSize(w, h, needW, needH, limit, &tw, &th);
+    }
+    read = image->ReadWebP(bytes.get(), size, path.c_str(), tw, th);
+  } else if (QImage::IsHeifName(path.c_str())) {
+    read = image->ReadHEIF(bytes.get(), size, path.c_str());  // turned by its own transforms
+  } else if (QImage::IsGifName(path.c_str())) {
+    read = image->ReadGIF(bytes.get(), size, path.c_str());
+  } else if (QImage::IsTiffName(path.c_str())) {
+    int orientation = 0;
+    read = image->ReadTIFF(bytes.get(), size, path.c_str(), &orientation);
+    out->orientation = orientation;
   } else {
     read = image->Read(source);
   }
@@ -211,9 +229,8 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
   if (!read || image->GetWidth() <= 0 || image->GetHeight() <= 0 || !image->GetBuffer() ||
       int64_t(image->GetSize()) < int64_t(image->GetWidth()) * image->GetHeight() * 4)
     return;
-  // JPEG and PNG know the picture's own size from their headers; the others decode it whole.
-  if ((!QImage::IsJpegName(path.c_str()) && !QImage::IsPngName(path.c_str())) || out->width <= 0)
-    out->width = image->GetWidth(), out->height = image->GetHeight();
+  // JPEG, PNG and WebP give their full size before decoding scaled; the others decode it whole.
+  if (out->width <= 0) out->width = image->GetWidth(), out->height = image->GetHeight();
   out->decodeMs = MsSince(phase);
 
   // Down to the quad's size (kept in proportion when only one direction is larger), and always

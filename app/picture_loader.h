@@ -1,7 +1,9 @@
 // PictureLoader: turns a picture file into what the screen needs, without OpenGL, so that it
 // can run on a worker thread: the file read once into memory, its EXIF orientation parsed from
 // those bytes, the pixels decoded at screen size (JPEG through the library's DCT scaling, then
-// an area reduction to the size the quad is drawn at) and made grey when asked. The pixels stay
+// an area reduction to the size the quad is drawn at; WebP scaled by its library straight to
+// that size) and made grey when asked. A TIFF's Orientation tag and a WebP's EXIF orientation
+// take the place of the JPEG's; HEIF comes out of its library upright (orientation 0). The pixels stay
 // unturned, in memory order; the quad turns them by its texture coordinates.
 //
 // The quad's size follows the picture's own width and height: it fills the window's height and

@@ -39,15 +39,19 @@ constexpr int kKeyI = 'I';
 // Shortest time between two catalogue rebuilds for a watched folder's changes.
 constexpr int kFollowGapMs = 250;
 
-// Catalogue entries: visible names holding ".jpg", ".jpeg", ".tga" or ".png" anywhere, in any
-// case of the ASCII letters (a camera writes IMG_0001.JPG).
+// Catalogue entries: visible names holding ".jpg", ".jpeg", ".tga", ".png", ".heic", ".heif",
+// ".avif", ".webp", ".gif", ".tif" or ".tiff" anywhere, in any case of the ASCII letters (a
+// camera writes IMG_0001.JPG).
 bool IsPictureName(const char* name) {
+  static const char* const kKinds[] = {".jpg",  ".jpeg", ".tga",  ".png", ".heic",
+                                       ".heif", ".avif", ".webp", ".gif", ".tif"};
   std::string lower(name);
   for (char& c : lower)
     if (c >= 'A' && c <= 'Z') c = char(c + 32);
-  return !lower.empty() && lower[0] != '.' &&
-         (lower.find(".jpg") != std::string::npos || lower.find(".jpeg") != std::string::npos ||
-          lower.find(".tga") != std::string::npos || lower.find(".png") != std::string::npos);
+  if (lower.empty() || lower[0] == '.') return false;
+  for (const char* kind : kKinds)
+    if (lower.find(kind) != std::string::npos) return true;
+  return false;
 }
 
 // `path` split at its last separator: the directory ("." when there is none) and the name.

@@ -1,9 +1,9 @@
 // QImage: a QBitMap that fills itself from a picture file.
 //
 // The reader is chosen by the file name alone, never by the contents: the upper-cased name is
-// searched for ".RGB", ".TGA", ".JPG"/".JPE", ".PSD", ".MIP", ".PNG", ".BMP" in that order and the
-// first hit anywhere in the path wins (a directory "x.tga.d" makes every file below it a Targa
-// file).
+// searched for ".RGB", ".TGA", ".JPG"/".JPE", ".PSD", ".MIP", ".PNG", ".BMP", ".HEIC"/".HEIF"/
+// ".AVIF", ".WEBP", ".GIF", ".TIF" in that order and the first hit anywhere in the path wins (a
+// directory "x.tga.d" makes every file below it a Targa file).
 //
 // Every reader leaves the bitmap at 32 bits per pixel, RGBA, rows bottom-up (see qbitmap.h).
 // PNG alpha is laid over black, so a PNG always reads as opaque.
@@ -25,6 +25,11 @@
 // line by line from a stdio stream (ReadTGASlow); the two paths differ on purpose in messages,
 // checks and run-length handling. JPEG goes through libjpeg and PNG through libpng; a library
 // error ends the read with a warning naming the file and the library's text.
+// HEIF/HEIC and AVIF go through libheif, WebP through libwebp, GIF through giflib and TIFF through
+// libtiff, always from bytes in memory; these four leave the bitmap as it was when they fail
+// (they decode into a picture of their own and take its pixels only at the end), lay alpha over
+// black (GIF's transparent pixels are black with alpha 0) and refuse a picture wider or taller
+// than MAX_SIZE, or larger than its bytes can hold, before the library allocates for it.
 // Not thread-safe (the log and the libraries' state are per call, but the bitmap is not guarded).
 #pragma once
 
@@ -104,10 +109,36 @@ class QImage : public QBitMap {
                int reduceHeight = 0);
   // The width and height a PNG's header declares; false, silently, without signature and header.
   static bool ReadPNGSize(const uint8_t* data, size_t size, int* width, int* height);
+  // The primary picture of a HEIF/HEIC or AVIF file through libheif, turned and mirrored by the
+  // file's own transforms (so its orientation is always 1). False when the library can't read
+  // the file or decode it, or the picture is too large (checked before decoding).
+  bool ReadHEIF(const uint8_t* data, size_t size, const char* name);
+  // WebP through libwebp; an animated one gives its first frame on the canvas. With a target
+  // size (both non-zero, at most the picture's), a still picture is decoded scaled to it. False
+  // for a header the library can't read, a picture too large, or a failed decode.
+  bool ReadWebP(const uint8_t* data, size_t size, const char* name, int targetWidth = 0,
+                int targetHeight = 0);
+  // A WebP's canvas size and its EXIF orientation (0 when it has none); false, silently, when
+  // its header can't be read.
+  static bool ReadWebPInfo(const uint8_t* data, size_t size, int* width, int* height,
+                           int* orientation);
+  // The first frame of a GIF through giflib, laid on its logical screen (what the frame leaves
+  // uncovered, and its transparent colour, are black with alpha 0). False when the library
+  // reports an error before the frame is whole, or the screen is too large.
+  bool ReadGIF(const uint8_t* data, size_t size, const char* name);
+  // The first page of a TIFF through libtiff's RGBA interface (1 to 16 bits, grey, palette, RGB,
+  // CMYK, strips or tiles), rows as stored; its Orientation tag (1..8, 0 when absent) goes to
+  // `orientation` when given, for the caller to turn the picture. False when the library reports
+  // an error, or the picture, a strip or a tile is too large.
+  bool ReadTIFF(const uint8_t* data, size_t size, const char* name, int* orientation = nullptr);
   // Which reader Read would choose for `name`.
   static bool IsJpegName(const char* name);
   static bool IsTargaName(const char* name);
   static bool IsPngName(const char* name);
+  static bool IsHeifName(const char* name);  // HEIF, HEIC and AVIF
+  static bool IsWebPName(const char* name);
+  static bool IsGifName(const char* name);
+  static bool IsTiffName(const char* name);
   // Uncompressed 24-bit and 8-bit (as grey) Windows bitmaps; rows are taken unpadded. False for
   // a short header or memory; other kinds answer true with the pixels unset.
   bool ReadBMP(const char* name);
@@ -133,5 +164,9 @@ class QImage : public QBitMap {
                       const char* name);
 
  private:
+  // Takes the pixels and geometry of `from`, which gets ours (the readers that must leave the
+  // bitmap as it was decode into a picture of their own first).
+  void SwapPixels(QImage* from);
+
   int loadFailed_ = 0;
 };

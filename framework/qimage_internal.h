@@ -62,6 +62,26 @@ inline QBlock ReadWholeStream(FILE* fp, size_t* size) {
   return data;
 }
 
+// The most pixels a byte of a compressed picture is taken to hold. Codecs that code a flat area
+// in a few bits (HEVC, AV1, lossless WebP, LZW) reach a few thousand; a header asking for more
+// than this is a lie, refused before the library allocates for it.
+constexpr int64_t kMaxPixelsPerByte = 1 << 16;
+
+// True when `size` bytes can plausibly hold a `width` x `height` picture.
+inline bool PixelsFitBytes(int64_t width, int64_t height, size_t size) {
+  return width > 0 && height > 0 && width * height <= int64_t(size) * kMaxPixelsPerByte;
+}
+
+// Lays `pixels` RGBA pixels over black: colour * alpha / 255, alpha 255.
+inline void LayOverBlack(uint8_t* p, size_t pixels) {
+  for (size_t i = 0; i < pixels; ++i, p += 4) {
+    const unsigned a = p[3];
+    if (a == 255) continue;
+    for (int c = 0; c < 3; ++c) p[c] = uint8_t((p[c] * a + 127) / 255);
+    p[3] = 255;
+  }
+}
+
 inline uint16_t Le16(const uint8_t* p) { return uint16_t(p[0] | (p[1] << 8)); }
 inline uint32_t Le32(const uint8_t* p) {
   return uint32_t(p[0]) | (uint32_t(p[1]) << 8) | (uint32_t(p[2]) << 16) | (uint32_t(p[3]) << 24);

@@ -3,13 +3,14 @@
 # Sourced by the other scripts; uses apt-get (through sudo when not root).
 glimra_install_deps() {
   local pkgs=(cmake g++ pkg-config make
-    libjpeg62-turbo-dev libpng-dev libenet-dev libsdl2-dev libgl-dev libglu1-mesa-dev
+    libjpeg62-turbo-dev libpng-dev libheif-dev libwebp-dev libgif-dev libtiff-dev
+    libenet-dev libsdl2-dev libgl-dev libglu1-mesa-dev
     libfreetype-dev libfontconfig-dev fonts-dejavu-core zlib1g-dev
     libgtest-dev libgmock-dev libbenchmark-dev hyperfine libx11-dev libxtst-dev
     xvfb xauth xdotool x11-utils x11-apps xfonts-base xserver-xorg-core xserver-xorg-video-dummy
     openbox cage grim xwayland
     clang-14 libclang-rt-14-dev
-    imagemagick netpbm libimage-exiftool-perl
+    imagemagick netpbm libimage-exiftool-perl libheif-examples webp libtiff-tools
     dpkg-dev file lintian systemd man-db groff-base)
   local missing=()
   for p in "${pkgs[@]}"; do

@@ -74,4 +74,22 @@ TEST_F(Resized, ThePrefetcherHandsOverWhatStillCoversAndDecodesAgainWhatDoesNot)
   EXPECT_EQ(p.pixels->GetHeight(), 720);
 }
 
+// A TIFF's Orientation tag and a WebP's EXIF orientation turn the quad as a JPEG's does, and
+// the picture is decoded (WebP by the library) or reduced to the quad's size: 48 x 64 stored,
+// shown 64 x 48 in a 32 x 24 window (16:9 desktop) needs 24 x 32 stored pixels. A HEIC stored
+// turned comes upright from its own rotation (irot) and is not turned again.
+TEST(LoadPicture, TiffAndWebPAreTurnedByTheirOrientationAndShrunkToTheQuad) {
+  const std::string images = std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/";
+  for (const char* name : {"quad_o6.tif", "quad_o6.webp", "quad_irot.heic"}) {
+    LoadedPicture p;
+    LoadPicture(images + name, Window(32, 24), false, &p);
+    ASSERT_TRUE(p.ok && p.pixels) << name;
+    const bool turned = std::string(name).find("o6") != std::string::npos;
+    EXPECT_EQ(p.orientation, turned ? 6 : 0) << name;
+    EXPECT_EQ(p.width, turned ? 48 : 64) << name;
+    EXPECT_EQ(p.pixels->GetWidth(), turned ? 24 : 32) << name;
+    EXPECT_EQ(p.pixels->GetHeight(), turned ? 32 : 24) << name;
+  }
+}
+
 }  // namespace

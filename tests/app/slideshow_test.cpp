@@ -74,26 +74,28 @@ TEST(ShippedIni, ReadsBackWithoutWarningsAndHoldsEveryKeyTheProgramReads) {
 
 TEST_F(InTempDir, ScanKeepsVisiblePictureNamesAsListedAndFindsThemAsciiCaseBlind) {
   for (const char* n : {"b.jpg", "a.tga", ".hidden.jpg", "PHOTO.JPG", "x.tgax", "a.jpg.bak",
-                        "c.jpeg", "notes.txt", "\xC3\xA9t\xC3\xA9.jpg"})
+                        "c.jpeg", "notes.txt", "\xC3\xA9t\xC3\xA9.jpg", "d.HEIC", "e.heif",
+                        "f.Avif", "g.webp", "h.GIF", "i.tif", "j.TIFF", "k.gi", ".l.gif"})
     Touch(n);
   rm_->ScanDir();
-  const std::vector<std::string> want = {"a.jpg.bak", "a.tga",  "b.jpg",
-                                         "c.jpeg",    "PHOTO.JPG", "x.tgax", "\xC3\xA9t\xC3\xA9.jpg"};
+  const std::vector<std::string> want = {
+      "a.jpg.bak", "a.tga", "b.jpg", "c.jpeg", "d.HEIC",    "e.heif", "f.Avif",
+      "g.webp",    "h.GIF", "i.tif", "j.TIFF", "PHOTO.JPG", "x.tgax", "\xC3\xA9t\xC3\xA9.jpg"};
   ASSERT_EQ(rm_->GetImageCount(), int(want.size()));
   for (int i = 0; i < rm_->GetImageCount(); ++i) EXPECT_EQ(rm_->GetImage(i), want[size_t(i)]);
   EXPECT_EQ(rm_->GetCurImage(), -1);
 
-  EXPECT_EQ(rm_->FindImage("Photo.jpg"), 4);
+  EXPECT_EQ(rm_->FindImage("Photo.jpg"), 11);
   EXPECT_EQ(rm_->FindImage("photo"), -1);
   // UTF-8 bytes compare exactly: an upper-case E-acute (C3 89) is another name.
-  EXPECT_EQ(rm_->FindImage("\xC3\xA9T\xC3\xA9.JPG"), 6);
+  EXPECT_EQ(rm_->FindImage("\xC3\xA9T\xC3\xA9.JPG"), 13);
   EXPECT_EQ(rm_->FindImage("\xC3\x89t\xC3\x89.jpg"), -1);
   LogCapture log;
   EXPECT_FALSE(rm_->AddToDir("B.JPG"));
   EXPECT_TRUE(log.Seen("Image 'B.JPG' already found - not inserting"));
   EXPECT_TRUE(rm_->AddToDir("Sub/New.TGA"));
-  EXPECT_EQ(rm_->GetImage(7), std::string("Sub/New.TGA"));
-  EXPECT_EQ(rm_->FindImage("sub/new.tga"), 7);
+  EXPECT_EQ(rm_->GetImage(14), std::string("Sub/New.TGA"));
+  EXPECT_EQ(rm_->FindImage("sub/new.tga"), 14);
 }
 
 TEST_F(InTempDir, APathIntoTheScannedFolderIsItsEntryHoweverItIsWritten) {

@@ -2,7 +2,8 @@
 // like a high-quality resize of the picture (a 24-megapixel photo upright and turned, a large
 // Targa, a 30000-pixel panorama), a step to a prefetched picture reads no file and a picture
 // replaced after its prefetch shows its new content, a flood of junk datagrams does not hold up
-// a real command, and PNG pictures (alpha, grey, interlaced) show.
+// a real command, PNG pictures (alpha, grey, interlaced) show, and so do HEIC, AVIF, WebP, GIF and
+// TIFF pictures written by other encoders, upright.
 #include <chrono>
 #include <cmath>
 #include <thread>
@@ -169,6 +170,43 @@ TEST_F(PipelineE2E, StepsUsePrefetchedPicturesUnlessTheFileChanged) {
   ASSERT_TRUE(WritePicture(p.Path("c.jpg"), 600, 400, [](int, int) { return 0xE6E6E6u; }));
   ASSERT_TRUE(p.Keys("Right") && Shown(&p, "c.jpg")) << p.Log();
   EXPECT_TRUE(Is(screen_.At(kW / 2, kH / 2), kWhite));
+}
+
+TEST_F(PipelineE2E, HeicAvifWebPGifAndTiffShowUprightAndABrokenOneKeepsThePicture) {
+  Program p;
+  Prepare(&p);
+  // 64 x 48 quadrants (tests/data/images/make_kinds.sh); the two "o6" files are stored turned a
+  // quarter to the left and ask for orientation 6, the TIFF by its tag, the WebP by its EXIF;
+  // the "irot" HEIC is stored so too and turned by its own rotation box.
+  // 4:3 in 1920 x 1080: 1440 x 1080 from x = 240, upright.
+  const struct {
+    const char *name, *source;
+    int rotate;
+  } cases[] = {{"quad.heic", "quad.heic", 0},      {"quad_irot.heic", "quad_irot.heic", 0},
+               {"quad.avif", "quad.avif", 0},
+               {"quad_o6.webp", "quad_o6.webp", 90}, {"anim.gif", "anim.gif[0]", 0},
+               {"quad_o6.tif", "quad_o6.tif", 90}};
+  const std::string images = std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/";
+  for (const auto& c : cases) ASSERT_TRUE(WriteFile(p.Path(c.name), ReadBytes(images + c.name)));
+  ASSERT_TRUE(Uniform(p.Path("start.jpg"), kWhite));
+  ASSERT_TRUE(p.Start("start.jpg") && Shown(&p, "start.jpg")) << p.Log();
+  for (const auto& c : cases) {
+    ASSERT_TRUE(p.Send(std::string("load ") + c.name));
+    ASSERT_TRUE(Shown(&p, c.name)) << p.Log();
+    EXPECT_LE(Difference(screen_, 240, 1440, p.Path(c.source), c.rotate), 4.0) << c.name;
+    // Red top left, yellow bottom right.
+    EXPECT_TRUE(Is(screen_.At(240 + 360, 270), 0xDC1E1E, 16)) << c.name;
+    EXPECT_TRUE(Is(screen_.At(240 + 1080, 810), 0xE6D228, 16)) << c.name;
+  }
+  EXPECT_EQ(p.Log().find("Can't load image"), std::string::npos) << p.Log();
+  // A HEIC cut short is refused with the library's words; the TIFF stays.
+  ASSERT_TRUE(WriteFile(p.Path("cut.heic"), p.ReadFile("quad.heic").substr(0, 400)));
+  ASSERT_TRUE(p.Send("load cut.heic"));
+  EXPECT_TRUE(p.WaitForLog("Can't load image (cut.heic)", kStepMs)) << p.Log();
+  EXPECT_NE(p.Log().find("ReadHEIF(cut.heic)"), std::string::npos) << p.Log();
+  Settle();
+  ASSERT_TRUE(GrabScreen(&screen_));
+  EXPECT_TRUE(Is(screen_.At(240 + 360, 270), 0xDC1E1E, 16));
 }
 
 }  // namespace
