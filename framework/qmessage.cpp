@@ -186,9 +186,11 @@ void PrintLine(const char* text) {
 }
 
 void DefaultDbg(const char* /*header*/, const char* text) {
-  fprintf(stderr, "%s", text);
+  // Debug texts come with and without their own line end; every one is a line of its own, and
+  // printed once, also when it goes on to the log.
+  PrintLine(text);
   if (qdbgGetFlags() & QDEBUG_QDBG_TO_QLOG) {
-    qlogwrite(QLOG_DBG, nullptr, "%s", text);
+    qlogwrite(QLOG_DBG | QLOG_ONSTDERR, nullptr, "%s", text);
     return;
   }
   UdpSend(text);
