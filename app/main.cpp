@@ -17,6 +17,7 @@
 #include "app/slideshow.h"
 #include "framework/qapp.h"
 #include "framework/qdir.h"
+#include "framework/qerror.h"
 #include "framework/qevent.h"
 #include "framework/qini.h"
 #include "framework/qmessage.h"
@@ -132,6 +133,8 @@ int g_stopPipe[2] = {-1, -1};
 void OnStopSignal(int sig) {
   const int saved = errno;
   RaceManager::RequestStop(sig);
+  // A fatal error's box may be up, with the main loop waiting for it.
+  qStopMessageBoxes(sig);
   if (g_stopPipe[1] >= 0) {
     const char byte = 0;
     const ssize_t written = write(g_stopPipe[1], &byte, 1);

@@ -104,7 +104,7 @@ TEST_F(UnattendedE2E, StopSignalsAndTheOverLongCommandLeaveThroughTheExitPath) {
 }
 
 // A fatal error with its message box up: the program without its font.
-TEST_F(UnattendedE2E, FatalBoxDiesWithItsProgramClosesItselfWhenAskedAndReadOnlySettingsAreSaid) {
+TEST_F(UnattendedE2E, FatalBoxGoesWithItsProgramEndsOnAStopClosesItselfWhenAskedReadOnlyIniSaid) {
   ScopedEnv boxes("GLIMRA_NO_MESSAGEBOX", nullptr);
 
   Program p;
@@ -117,9 +117,28 @@ TEST_F(UnattendedE2E, FatalBoxDiesWithItsProgramClosesItselfWhenAskedAndReadOnly
   kill(p.Pid(), SIGKILL);
   p.WaitExit(kStepMs);
   // Gone with its parent (at most an ended entry nobody has reaped yet).
-  for (int i = 0; i < 100 && State(box) != "" && State(box) != "Z"; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_TRUE(State(box) == "" || State(box) == "Z") << State(box);
+  const auto gone = [](pid_t pid) {
+    for (int i = 0; i < 100 && State(pid) != "" && State(pid) != "Z"; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return State(pid) == "" || State(pid) == "Z";
+  };
+  EXPECT_TRUE(gone(box)) << State(box);
+
+  // A stop signal to the program alone, while its box waits for a click, ends both as a stop
+  // ends the program anywhere else.
+  for (const int sig : {SIGTERM, SIGINT}) {
+    SCOPED_TRACE(strsignal(sig));
+    ASSERT_TRUE(p.Start());
+    const pid_t waiting = WaitForChild(p.Pid(), kStartMs);
+    ASSERT_NE(waiting, 0) << p.Log();
+    const auto sent = std::chrono::steady_clock::now();
+    kill(p.Pid(), sig);
+    EXPECT_EQ(p.WaitExit(kStepMs), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(1));
+    EXPECT_TRUE(gone(waiting));
+    const std::string said = "Signal " + std::to_string(sig) + " (" + strsignal(sig) + "): ending";
+    EXPECT_EQ(Count(p.Log(), said), 1) << p.Log();
+  }
 
   // So a restart is a real start, not a hand-off to the box. Its glimra.ini is read-only now:
   // an effect key still shows, and the failed write is reported and changes nothing.
@@ -147,6 +166,9 @@ TEST_F(UnattendedE2E, FatalBoxDiesWithItsProgramClosesItselfWhenAskedAndReadOnly
   const auto shown = std::chrono::steady_clock::now();
   EXPECT_NE(p.WaitExit(kStepMs), -1) << "still waiting for a click";
   EXPECT_GE(std::chrono::steady_clock::now() - shown, std::chrono::milliseconds(500));
+  // It was shown, and said so.
+  EXPECT_EQ(p.Log().find("could not be shown"), std::string::npos) << p.Log();
+  EXPECT_NE(p.Log().find("closed itself after 1 s"), std::string::npos) << p.Log();
 }
 
 }  // namespace
