@@ -49,6 +49,14 @@ pid_t WaitForChild(pid_t pid, int ms) {
   return 0;
 }
 
+// The end a stop signal promises. Under AddressSanitizer the leak check at exit alone takes
+// seconds on a busy machine.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr std::chrono::milliseconds kStopWithin(5000);
+#else
+constexpr std::chrono::milliseconds kStopWithin(1000);
+#endif
+
 using UnattendedE2E = ScreenTest<800, 600>;
 
 TEST_F(UnattendedE2E, KillDuringFastEffectKeysNeverLeavesACutSettingsFile) {
@@ -96,7 +104,7 @@ TEST_F(UnattendedE2E, StopSignalsAndTheOverLongCommandLeaveThroughTheExitPath) {
     else
       ASSERT_TRUE(p.Send(std::string(1024, 'x')));
     p.ExpectOrderlyExit(c.status);
-    EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(1));
+    EXPECT_LT(std::chrono::steady_clock::now() - sent, kStopWithin);
     EXPECT_NE(p.Log().find(c.sig ? "Signal " + std::to_string(c.sig) + " ("
                                  : "Command of 1024 bytes from 127.0.0.1:"),
               std::string::npos)
@@ -135,7 +143,7 @@ TEST_F(UnattendedE2E, FatalBoxGoesWithItsProgramEndsOnAStopClosesItselfWhenAsked
     const auto sent = std::chrono::steady_clock::now();
     kill(p.Pid(), sig);
     EXPECT_EQ(p.WaitExit(kStepMs), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(1));
+    EXPECT_LT(std::chrono::steady_clock::now() - sent, kStopWithin);
     EXPECT_TRUE(gone(waiting));
     const std::string said = "Signal " + std::to_string(sig) + " (" + strsignal(sig) + "): ending";
     EXPECT_EQ(Count(p.Log(), said), 1) << p.Log();
