@@ -166,7 +166,19 @@ int OpenInstanceLock() {
   return fd;
 }
 
-bool TakeLock(int fd) { return fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0; }
+// True when the lock is ours now. A file that cannot be locked at all (some network file
+// systems) is given up: `*fd` becomes -1, and the process names decide alone.
+bool TakeLock(int* fd) {
+  if (*fd < 0) return false;
+  if (flock(*fd, LOCK_EX | LOCK_NB) == 0) return true;
+  if (errno != EWOULDBLOCK) {
+    QWARN("main", "Can't take the lock (%s); two starts at once may both hand over",
+          strerror(errno));
+    close(*fd);
+    *fd = -1;
+  }
+  return false;
+}
 
 // True when some socket of this machine is bound to UDP port `port` (IPv4): a datagram sent
 // there is taken, not silently lost.
@@ -383,8 +395,8 @@ int main(int argc, char** argv) {
   if (!dir.empty() && lower.find("source") == std::string::npos) QSetCurrentDirectory(dir.c_str());
 
   // The lock first: process names alone cannot settle a tie, as each start sees the other.
-  const int lock = OpenInstanceLock();
-  bool won = TakeLock(lock);
+  int lock = OpenInstanceLock();
+  bool won = TakeLock(&lock);
   if (lock < 0 ? CountRunningCopies(false) < 2 : won && CountRunningCopies(true) < 2)
     RunSlideshow(arg, won);
 
@@ -408,7 +420,7 @@ int main(int argc, char** argv) {
       QuickNetSend(one ? listen.cstr() : "127.0.0.1", port, text.cstr());
       return 0;
     }
-    if (!won && TakeLock(lock)) won = true;
+    if (!won && TakeLock(&lock)) won = true;
     if (won && CountRunningCopies(true) < 2) RunSlideshow(arg, true);
     if (std::chrono::steady_clock::now() >= until) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
