@@ -1,22 +1,36 @@
 // glimra: the program's entry. Picks the working directory, and either starts the slideshow or,
 // when a copy already runs, hands the argument to it over UDP and ends.
+//
+// Which start runs is decided by an exclusive lock on "glimra.lock" beside glimra.ini, held for
+// the life of the process (the kernel lets go of it however the process ends), so that of
+// several starts at the same moment exactly one wins. Only then are copies elsewhere looked for
+// by name; those count while they hold their own lock. A start that loses hands its argument to
+// the winner once the winner's command port is bound (a datagram to a port nobody has bound is
+// lost without a word), and runs itself when the winner ends without listening or nothing
+// listens after a few seconds: a blank screen is the worst outcome.
 #include <dirent.h>
 #include <fcntl.h>
 #include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <set>
 #include <string>
+#include <thread>
 
 #include "app/command_channel.h"
 #include "app/slideshow.h"
 #include "framework/qapp.h"
 #include "framework/qdir.h"
+#include "framework/qerror.h"
 #include "framework/qevent.h"
 #include "framework/qini.h"
 #include "framework/qmessage.h"
@@ -28,6 +42,8 @@ namespace {
 
 constexpr int kMaxPath = 256;
 constexpr const char* kProgramName = "glimra";
+// How long a start that lost waits for the winner's command port before it runs itself.
+constexpr int kHandOffWaitMs = 5000;
 
 // The executable's file name of process `pid` (its exe link; its comm when the link cannot be
 // read); false when neither can be read.
@@ -82,22 +98,136 @@ bool IsLiveOwnProcess(const char* pid, std::string* parent) {
   return state != 'Z' && state != 'X';
 }
 
+// The processes that hold a whole-file lock (flock), from the kernel's list; waiters are left
+// out. Empty when the list cannot be read.
+std::set<std::string> LockHolders() {
+  std::set<std::string> holders;
+  FILE* f = fopen("/proc/locks", "r");
+  if (!f) return holders;
+  char line[256];
+  while (fgets(line, sizeof(line), f)) {
+    // "1: FLOCK  ADVISORY  WRITE 1234 fd:01:5678 0 EOF"; a waiter reads "1: -> FLOCK ...".
+    char kind[16] = {}, pid[16] = {};
+    if (sscanf(line, "%*d: %15s %*s %*s %15s", kind, pid) == 2 && strcmp(kind, "FLOCK") == 0)
+      holders.insert(pid);
+  }
+  fclose(f);
+  return holders;
+}
+
 // Running processes (this one included) of this user whose executable file name is the
 // program's, compared without regard to case. A child of such a process (the one a message box
-// runs in) is no copy of its own, and neither is an ended one nobody has reaped. 0 when the
-// process list cannot be read, which means a full start.
-int CountRunningCopies() {
+// runs in) is no copy of its own, and neither is an ended one nobody has reaped. With
+// `lockHoldersOnly` a copy counts only while it holds its lock: one that is still deciding, or
+// handing over, does not run. 0 when the process list cannot be read, which means a full start.
+int CountRunningCopies(bool lockHoldersOnly) {
   DIR* d = opendir("/proc");
   if (!d) return 0;
+  const std::set<std::string> holders = lockHoldersOnly ? LockHolders() : std::set<std::string>();
   int count = 0;
   while (dirent* e = readdir(d)) {
     if (e->d_name[0] < '0' || e->d_name[0] > '9') continue;
     std::string parent;
     if (!IsProgram(e->d_name) || !IsLiveOwnProcess(e->d_name, &parent)) continue;
+    if (lockHoldersOnly && !holders.count(e->d_name)) continue;
     if (!IsProgram(parent.c_str())) ++count;
   }
   closedir(d);
   return count;
+}
+
+// Opens (creating it when missing) the lock file `name` for reading, which is all a lock needs;
+// -1 when that fails. A file that is not the user's own is not trusted: another user could
+// hold it for ever.
+int OpenLockFile(const std::string& name, bool ownOnly) {
+  int fd = open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0 && errno == ENOENT)
+    fd = open(name.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+  struct stat st;
+  if (fd >= 0 &&
+      (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || (ownOnly && st.st_uid != getuid()))) {
+    close(fd);
+    fd = -1;
+  }
+  return fd;
+}
+
+// The single-instance lock file: "glimra.lock" in the working directory (beside glimra.ini);
+// where that folder cannot be written, "glimra.lock" in $XDG_RUNTIME_DIR, else
+// "/tmp/glimra-<uid>.lock". -1 when none can be opened: the process names decide alone then.
+int OpenInstanceLock() {
+  int fd = OpenLockFile("glimra.lock", false);
+  if (fd >= 0) return fd;
+  const char* runtime = getenv("XDG_RUNTIME_DIR");
+  if (runtime && *runtime) fd = OpenLockFile(std::string(runtime) + "/glimra.lock", true);
+  if (fd < 0) fd = OpenLockFile("/tmp/glimra-" + std::to_string(getuid()) + ".lock", true);
+  if (fd < 0) QWARN("main", "Can't open a lock file (%s); two starts at once may both hand over",
+                    strerror(errno));
+  return fd;
+}
+
+// True when the lock is ours now. A file that cannot be locked at all (some network file
+// systems) is given up: `*fd` becomes -1, and the process names decide alone.
+bool TakeLock(int* fd) {
+  if (*fd < 0) return false;
+  if (flock(*fd, LOCK_EX | LOCK_NB) == 0) return true;
+  if (errno != EWOULDBLOCK) {
+    QWARN("main", "Can't take the lock (%s); two starts at once may both hand over",
+          strerror(errno));
+    close(*fd);
+    *fd = -1;
+  }
+  return false;
+}
+
+// True when some socket of this machine is bound to UDP port `port` (IPv4): a datagram sent
+// there is taken, not silently lost.
+bool UdpPortBound(int port) {
+  FILE* f = fopen("/proc/net/udp", "r");
+  if (!f) return false;
+  char line[512];
+  bool bound = false;
+  while (!bound && fgets(line, sizeof(line), f)) {
+    // "  12: 0100007F:1388 00000000:0000 07 ..." (local address and port in hex)
+    unsigned address = 0, local = 0;
+    if (sscanf(line, " %*d: %8x:%4x", &address, &local) == 2 && int(local) == port) bound = true;
+  }
+  fclose(f);
+  return bound;
+}
+
+// Removes what a settings write killed in the middle leaves: files beside the glimra.ini that
+// is read (a link followed to its target, where the writer puts them) named like it plus "."
+// and the six letters or digits of the writer's temporary names. Only for the copy that holds
+// the lock, so that no other copy can be writing one right now.
+void RemoveStaleIniTemporaries(const char* iniName) {
+  char* real = realpath(iniName, nullptr);
+  if (!real) return;
+  const std::string path = real;
+  free(real);
+  const size_t slash = path.rfind('/');
+  const std::string dir = path.substr(0, slash == 0 ? 1 : slash);
+  const std::string prefix = path.substr(slash + 1) + ".";
+  DIR* d = opendir(dir.c_str());
+  if (!d) return;
+  while (dirent* e = readdir(d)) {
+    const char* name = e->d_name;
+    if (strncmp(name, prefix.c_str(), prefix.size()) != 0 || strlen(name) != prefix.size() + 6)
+      continue;
+    bool temporary = true;
+    for (const char* c = name + prefix.size(); *c; ++c)
+      temporary = temporary && ((*c >= 'a' && *c <= 'z') || (*c >= 'A' && *c <= 'Z') ||
+                                (*c >= '0' && *c <= '9'));
+    const std::string full = dir + "/" + name;
+    struct stat st;
+    if (!temporary || lstat(full.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+    if (unlink(full.c_str()) == 0)
+      QNOTE("main", "Removed the stale temporary file '%s'", full.c_str());
+    else
+      QWARN("main", "Can't remove the stale temporary file '%s' (%s)", full.c_str(),
+            strerror(errno));
+  }
+  closedir(d);
 }
 
 // The directory of the running executable; empty when it cannot be told.
@@ -132,6 +262,8 @@ int g_stopPipe[2] = {-1, -1};
 void OnStopSignal(int sig) {
   const int saved = errno;
   RaceManager::RequestStop(sig);
+  // A fatal error's box may be up, with the main loop waiting for it.
+  qStopMessageBoxes(sig);
   if (g_stopPipe[1] >= 0) {
     const char byte = 0;
     const ssize_t written = write(g_stopPipe[1], &byte, 1);
@@ -189,6 +321,15 @@ void InstallSignalHandlers() {
   sigemptyset(&crash.sa_mask);
   crash.sa_flags = SA_RESETHAND | SA_NODEFER;
   for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGABRT}) sigaction(sig, &crash, nullptr);
+}
+
+// The full start; never returns. `holdsLock`: no other copy can be at work in this folder.
+[[noreturn]] void RunSlideshow(const char* arg, bool holdsLock) {
+  if (holdsLock) RemoveStaleIniTemporaries("glimra.ini");
+  InstallSignalHandlers();
+  RaceManager* rm = new RaceManager();
+  rm->Setup(arg);
+  rm->Run();
 }
 
 }  // namespace
@@ -254,24 +395,37 @@ int main(int argc, char** argv) {
   qstrlwr(&lower[0]);
   if (!dir.empty() && lower.find("source") == std::string::npos) QSetCurrentDirectory(dir.c_str());
 
-  if (CountRunningCopies() < 2) {
-    InstallSignalHandlers();
-    RaceManager* rm = new RaceManager();
-    rm->Setup(arg);
-    rm->Run();
-  }
+  // The lock first: process names alone cannot settle a tie, as each start sees the other.
+  int lock = OpenInstanceLock();
+  bool won = TakeLock(&lock);
+  if (lock < 0 ? CountRunningCopies(false) < 2 : won && CountRunningCopies(true) < 2)
+    RunSlideshow(arg, won);
 
   QDBG("main", "Already running; pass arg to existing app");
+  if (!arg) return 0;  // nothing to hand over
   QIni* ini = new QIni("glimra.ini");
   qstring text("load ");
-  if (arg) text += HandOffPath(arg, startDir).c_str();
+  text += HandOffPath(arg, startDir).c_str();
   // The running copy may listen on one address only, and with the developer's port offset; it
   // is reached there.
   qstring listen;
   const bool one = CommandListenAddress(ini, &listen);
   const int offset = ini->GetInt("dev.port_offset", 0);
-  QuickNetSend(one ? listen.cstr() : "127.0.0.1", CommandPort(ini) + (offset >= 1 ? offset : 0),
-               text.cstr());
+  const int port = CommandPort(ini) + (offset >= 1 ? offset : 0);
   delete ini;
-  return 0;
+  // A copy that started a moment ago may not listen yet; one that ended, or never came up,
+  // leaves the lock free.
+  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(kHandOffWaitMs);
+  for (;;) {
+    if (UdpPortBound(port)) {
+      QuickNetSend(one ? listen.cstr() : "127.0.0.1", port, text.cstr());
+      return 0;
+    }
+    if (!won && TakeLock(&lock)) won = true;
+    if (won && CountRunningCopies(true) < 2) RunSlideshow(arg, true);
+    if (std::chrono::steady_clock::now() >= until) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  QWARN("main", "No running copy listens on port %d after %d ms; starting", port, kHandOffWaitMs);
+  RunSlideshow(arg, false);
 }

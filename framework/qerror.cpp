@@ -5,10 +5,12 @@
 #include <execinfo.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 
@@ -23,6 +25,23 @@ int g_fatalBoxSeconds = 0;
 // While a box is up: the process that shows it, and how long an OK box may wait.
 volatile pid_t g_boxParent = 0;
 volatile int g_boxSeconds = 0;
+// The stop signal that came, 0 while none did.
+volatile sig_atomic_t g_stopSignal = 0;
+
+// A page shared with the box's process: its id, written there right after the fork (the caller
+// of fork never learns it), and the stop signal, so that whichever of the two comes second sees
+// the other. Read and written with sequentially consistent atomics only.
+struct BoxShared {
+  int child;
+  int stop;
+};
+BoxShared* g_shared = nullptr;
+
+BoxShared* MakeShared() {
+  void* p = mmap(nullptr, sizeof(BoxShared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
+                 -1, 0);
+  return p == MAP_FAILED ? nullptr : static_cast<BoxShared*>(p);
+}
 
 // SDL shows a box from a forked child (X11) or a dialog program it forks and runs (Wayland).
 // That child must not outlive the program, hold its command socket or its display connection,
@@ -32,6 +51,15 @@ void BoxChildAtFork() {
   if (!g_boxParent) return;
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != g_boxParent) _exit(0);  // the parent died before the line above
+  // The parent's stop handler is no use here: a stop sent to the whole group (Ctrl+C) ends the
+  // box at once, and one sent to the parent alone ends it through the shared page.
+  struct sigaction dfl {};
+  dfl.sa_handler = SIG_DFL;
+  for (int sig : {SIGTERM, SIGINT, SIGHUP}) sigaction(sig, &dfl, nullptr);
+  if (g_shared) {
+    __atomic_store_n(&g_shared->child, int(getpid()), __ATOMIC_SEQ_CST);
+    if (__atomic_load_n(&g_shared->stop, __ATOMIC_SEQ_CST)) _exit(0);
+  }
   // Sockets only: the child talks to its parent through a pipe.
   for (int fd = 3; fd < 1024; ++fd) {
     struct stat st;
@@ -57,6 +85,17 @@ bool NotShown(const char* caption, const char* text) {
   return false;
 }
 }  // namespace
+
+void qStopMessageBoxes(int signal) {
+  g_stopSignal = signal;
+  BoxShared* shared = __atomic_load_n(&g_shared, __ATOMIC_SEQ_CST);
+  if (!shared) return;
+  __atomic_store_n(&shared->stop, signal, __ATOMIC_SEQ_CST);
+  const int child = __atomic_load_n(&shared->child, __ATOMIC_SEQ_CST);
+  if (child > 0) kill(child, SIGKILL);
+}
+
+int qMessageBoxStopSignal() { return g_stopSignal; }
 
 void qSetMessageBoxOwner(void* sdlWindow) { g_owner = static_cast<SDL_Window*>(sdlWindow); }
 
@@ -87,13 +126,32 @@ bool qShowMessageBox(const char* caption, const char* text, QMessageBoxKind kind
   data.buttons = buttons;
   static const bool hooked = pthread_atfork(nullptr, nullptr, &BoxChildAtFork) == 0;
   (void)hooked;
-  g_boxSeconds = kind == QMB_OK_EXCLAMATION ? g_fatalBoxSeconds : 0;
+  static BoxShared* const shared = MakeShared();
+  if (shared) {
+    __atomic_store_n(&shared->child, 0, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&shared->stop, int(g_stopSignal), __ATOMIC_SEQ_CST);
+    __atomic_store_n(&g_shared, shared, __ATOMIC_SEQ_CST);
+  }
+  // Nobody is left to answer a box once a stop came.
+  if (g_stopSignal) return false;
+  const int seconds = kind == QMB_OK_EXCLAMATION ? g_fatalBoxSeconds : 0;
+  g_boxSeconds = seconds;
   g_boxParent = getpid();
   int hit = -1;
+  const auto shownAt = std::chrono::steady_clock::now();
   const int rc = SDL_ShowMessageBox(&data, &hit);
   g_boxParent = 0;
-  if (rc != 0) return NotShown(caption, text);
-  return hit == 1;
+  if (shared) __atomic_store_n(&shared->child, 0, __ATOMIC_SEQ_CST);
+  if (rc == 0) return hit == 1;
+  // The box's process ended without an answer: closed by a stop, by its own timer (which
+  // cannot have fired before its time), or it never came up.
+  if (g_stopSignal) return false;
+  if (seconds > 0 && std::chrono::steady_clock::now() - shownAt >= std::chrono::seconds(seconds)) {
+    qlogwrite(QLOG_NOTE, nullptr, "Message box '%s' closed itself after %d s", data.title,
+              seconds);
+    return false;
+  }
+  return NotShown(caption, text);
 }
 
 void QCrash(const char* reason) {

@@ -5,7 +5,8 @@
 // so that a fatal error on a kiosk without X or Wayland still leaves its reason. Button words come
 // from the application's language table ("misc.yes", "misc.no", "misc.ok") when one is loaded.
 // The environment variable GLIMRA_NO_MESSAGEBOX=1 makes every box fail silently that way (tests
-// and unattended runs that must never wait for a click).
+// and unattended runs that must never wait for a click). A stop signal closes the box that is
+// up, as if dismissed, and keeps any later one from showing.
 #pragma once
 
 class qstring;
@@ -23,6 +24,11 @@ void qSetMessageBoxOwner(void* sdlWindow);
 // default, waits for the click. Whatever process shows a box dies with the program, holds none
 // of its sockets, and is never counted as a running copy.
 void qSetFatalBoxSeconds(int seconds);
+// A stop signal: closes the box that is up as if dismissed, and no box is shown after it. Only
+// async-signal-safe calls, for the stop-signal handler.
+void qStopMessageBoxes(int signal);
+// The signal given to qStopMessageBoxes; 0 while none came.
+int qMessageBoxStopSignal();
 
 // Logs "Going to crash, reason: %s" and writes 12345 to address zero.
 void QCrash(const char* reason);

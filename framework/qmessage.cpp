@@ -170,12 +170,17 @@ void Front(QMessageHandler hook, void (*fallback)(const char*, const char*), con
     fallback(shown, text);
 }
 
-// The fatal paths log the text with a box; what follows differs.
+// The fatal paths log the text with a box; what follows differs, unless a stop signal came
+// (while the box was up, say): the program then ends as a stop ends it anywhere else.
 void LogFatal(const char* fmt, va_list ap) {
   char text[kBufSize];
   FormatV(text, fmt, ap);
   std::lock_guard<std::recursive_mutex> lock(qMessageMutex());
   qlogwrite(QLOG_FATAL | QLOG_BOX, nullptr, "%s", text);
+  if (const int sig = qMessageBoxStopSignal()) {
+    qnote("qmessage.cpp", "qfatal", __LINE__, "Signal %d (%s): ending", sig, strsignal(sig));
+    qExitProcess(0);
+  }
 }
 
 // Standard error gets the text on a line of its own, without a second line end.
@@ -186,9 +191,11 @@ void PrintLine(const char* text) {
 }
 
 void DefaultDbg(const char* /*header*/, const char* text) {
-  fprintf(stderr, "%s", text);
+  // Debug texts come with and without their own line end; every one is a line of its own, and
+  // printed once, also when it goes on to the log.
+  PrintLine(text);
   if (qdbgGetFlags() & QDEBUG_QDBG_TO_QLOG) {
-    qlogwrite(QLOG_DBG, nullptr, "%s", text);
+    qlogwrite(QLOG_DBG | QLOG_ONSTDERR, nullptr, "%s", text);
     return;
   }
   UdpSend(text);

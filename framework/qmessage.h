@@ -59,6 +59,8 @@ void qerrbox(const char* file, const char* method, int line, const char* fmt, ..
 // Plain message without file or line: standard error, the log when mask bit 1 is set, UDP.
 void qmessage(const char* fmt, ...) QPRINTF(1, 2);
 // Logs with a box, then crashes on purpose so that the platform's crash handling takes over.
+// A stop signal (qStopMessageBoxes) closes the box; both fatal calls then log "Signal %d (%s):
+// ending" and leave through the orderly exit path with code 0, as a stop does elsewhere.
 [[noreturn]] void qfatal(const char* fmt, ...) QPRINTF(1, 2);
 // Logs with a box, then ends the process through the orderly exit path with code 0.
 [[noreturn]] void qfatalexit(const char* fmt, ...) QPRINTF(1, 2);

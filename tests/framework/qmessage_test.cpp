@@ -76,8 +76,17 @@ TEST_F(LogTest, LineFormatAndOneTrailingNewlineStripped) {
   qmessage("said\n");
   qmessage("said again");
   QERR("LogTest::Newline", "erred\n");
+  // Debug lines too, printed once also when they go on to the log.
+  QDBG("LogTest::Newline", "debugged");
+  const int flags = qdbgGetFlags();
+  qdbgSetFlags(flags | QDEBUG_QDBG_TO_QLOG);
+  QDBG("LogTest::Newline", "logged");
+  QDBG("LogTest::Newline", "logged again\n");
+  qdbgSetFlags(flags);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "warned\nwarned again\nsaid\nsaid again\nerred\n");
+            "warned\nwarned again\nsaid\nsaid again\nerred\n"
+            "debugged\nlogged\nlogged again\n");
+  EXPECT_EQ(CountContaining(Lines(log_), "(DBG  ): [-] logged"), 2);
 }
 
 TEST_F(LogTest, RotatesPastTenMillionBytes) {
