@@ -64,6 +64,22 @@ QImage::QImage(const char* name, int depth, int width, int height, int flags)
   }
 }
 
+bool qimage_detail::AcceptHeaderSize(const char* reader, const char* name, int64_t width,
+                                     int64_t height, size_t size) {
+  if (width <= 0 || height <= 0 || width > QImage::MAX_SIZE || height > QImage::MAX_SIZE) {
+    QWARN("QImage::Read", "QImage:%s(); (%s) is %lldx%lld large; supported only upto %dx%d",
+          reader, name, static_cast<long long>(width), static_cast<long long>(height),
+          QImage::MAX_SIZE, QImage::MAX_SIZE);
+    return false;
+  }
+  if (!PixelsFitBytes(width, height, size)) {
+    QWARN("QImage::Read", "QImage:%s(); (%s) is %lldx%lld, more than its %zu bytes can hold",
+          reader, name, static_cast<long long>(width), static_cast<long long>(height), size);
+    return false;
+  }
+  return true;
+}
+
 bool QImage::IsJpegName(const char* name) { return KindOf(name ? name : "") == KIND_JPG; }
 bool QImage::IsTargaName(const char* name) { return KindOf(name ? name : "") == KIND_TGA; }
 bool QImage::IsPngName(const char* name) { return KindOf(name ? name : "") == KIND_PNG; }

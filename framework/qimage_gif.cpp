@@ -63,16 +63,7 @@ bool QImage::ReadGIF(const uint8_t* data, size_t size, const char* name) {
   }
   GifFileType* gif = f.gif;
   const int width = gif->SWidth, height = gif->SHeight;
-  if (width <= 0 || height <= 0 || width > MAX_SIZE || height > MAX_SIZE) {
-    QWARN("QImage::ReadGIF", "QImage:ReadGIF(); (%s) is %dx%d large; supported only upto %dx%d",
-          name, width, height, MAX_SIZE, MAX_SIZE);
-    return false;
-  }
-  if (!PixelsFitBytes(width, height, size)) {
-    QWARN("QImage::ReadGIF", "QImage:ReadGIF(); (%s) is %dx%d, more than its %zu bytes can hold",
-          name, width, height, size);
-    return false;
-  }
+  if (!AcceptHeaderSize("ReadGIF", name, width, height, size)) return false;
 
   // The records before the first picture: only the transparent colour matters.
   int transparent = -1;

@@ -54,16 +54,7 @@ bool QImage::ReadHEIF(const uint8_t* data, size_t size, const char* name) {
   // The size after the transforms, which is what is decoded.
   const int fileWidth = heif_image_handle_get_width(r.handle);
   const int fileHeight = heif_image_handle_get_height(r.handle);
-  if (fileWidth <= 0 || fileHeight <= 0 || fileWidth > MAX_SIZE || fileHeight > MAX_SIZE) {
-    QWARN("QImage::ReadHEIF", "QImage:ReadHEIF(); (%s) is %dx%d large; supported only upto %dx%d",
-          name, fileWidth, fileHeight, MAX_SIZE, MAX_SIZE);
-    return false;
-  }
-  if (!PixelsFitBytes(fileWidth, fileHeight, size)) {
-    QWARN("QImage::ReadHEIF", "QImage:ReadHEIF(); (%s) is %dx%d, more than its %zu bytes can hold",
-          name, fileWidth, fileHeight, size);
-    return false;
-  }
+  if (!AcceptHeaderSize("ReadHEIF", name, fileWidth, fileHeight, size)) return false;
   err = heif_decode_image(r.handle, &r.image, heif_colorspace_RGB, heif_chroma_interleaved_RGBA,
                           nullptr);
   if (err.code != heif_error_Ok) {

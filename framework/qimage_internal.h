@@ -72,6 +72,12 @@ inline bool PixelsFitBytes(int64_t width, int64_t height, size_t size) {
   return width > 0 && height > 0 && width * height <= int64_t(size) * kMaxPixelsPerByte;
 }
 
+// The readers' check of a header's size, before their library allocates anything: true for a
+// picture of 1 to QImage::MAX_SIZE pixels each way that its `size` bytes can hold; otherwise a
+// warning naming `reader` ("ReadGIF"), the file and the size, and false.
+bool AcceptHeaderSize(const char* reader, const char* name, int64_t width, int64_t height,
+                      size_t size);
+
 // Lays `pixels` RGBA pixels over black: colour * alpha / 255, alpha 255.
 inline void LayOverBlack(uint8_t* p, size_t pixels) {
   for (size_t i = 0; i < pixels; ++i, p += 4) {

@@ -125,17 +125,7 @@ bool QImage::ReadTIFF(const uint8_t* data, size_t size, const char* name, int* o
   uint32_t fileWidth = 0, fileHeight = 0;
   TIFFGetField(tif, TIFFTAG_IMAGEWIDTH, &fileWidth);
   TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &fileHeight);
-  if (fileWidth == 0 || fileHeight == 0 || fileWidth > uint32_t(MAX_SIZE) ||
-      fileHeight > uint32_t(MAX_SIZE)) {
-    QWARN("QImage::ReadTIFF", "QImage:ReadTIFF(); (%s) is %ux%u large; supported only upto %dx%d",
-          name, fileWidth, fileHeight, MAX_SIZE, MAX_SIZE);
-    return false;
-  }
-  if (!PixelsFitBytes(fileWidth, fileHeight, size)) {
-    QWARN("QImage::ReadTIFF", "QImage:ReadTIFF(); (%s) is %ux%u, more than its %zu bytes can hold",
-          name, fileWidth, fileHeight, size);
-    return false;
-  }
+  if (!AcceptHeaderSize("ReadTIFF", name, fileWidth, fileHeight, size)) return false;
   // What the library reads at once: one strip or one tile.
   const int64_t block =
       TIFFIsTiled(tif) ? int64_t(TIFFTileSize64(tif)) : int64_t(TIFFStripSize64(tif));

@@ -96,16 +96,7 @@ bool QImage::ReadWebP(const uint8_t* data, size_t size, const char* name, int ta
     return false;
   }
   const int fileWidth = features.width, fileHeight = features.height;
-  if (fileWidth <= 0 || fileHeight <= 0 || fileWidth > MAX_SIZE || fileHeight > MAX_SIZE) {
-    QWARN("QImage::ReadWebP", "QImage:ReadWebP(); (%s) is %dx%d large; supported only upto %dx%d",
-          name, fileWidth, fileHeight, MAX_SIZE, MAX_SIZE);
-    return false;
-  }
-  if (!PixelsFitBytes(fileWidth, fileHeight, size)) {
-    QWARN("QImage::ReadWebP", "QImage:ReadWebP(); (%s) is %dx%d, more than its %zu bytes can hold",
-          name, fileWidth, fileHeight, size);
-    return false;
-  }
+  if (!AcceptHeaderSize("ReadWebP", name, fileWidth, fileHeight, size)) return false;
   QImage decoded;
   const int flags = int(GetFlags() & ~uint32_t(EXTERNAL));
 
