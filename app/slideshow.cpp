@@ -1,6 +1,8 @@
 // RaceManager: start-up, catalogue, keys and the main loop.
 #include "app/slideshow.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <csignal>
 #include <cstring>
@@ -52,6 +54,14 @@ bool IsPictureName(const char* name) {
   for (const char* kind : kKinds)
     if (lower.find(kind) != std::string::npos) return true;
   return false;
+}
+
+// A link that leads nowhere, round a loop, or to a folder or a device holds no picture and would
+// only fail at every step through the catalogue: it is left out.
+bool IsDeadEndLink(const char* name) {
+  struct stat st;
+  if (lstat(name, &st) != 0 || !S_ISLNK(st.st_mode)) return false;
+  return stat(name, &st) != 0 || !S_ISREG(st.st_mode);
 }
 
 // `path` split at its last separator: the directory ("." when there is none) and the name.
@@ -233,7 +243,9 @@ void RaceManager::ScanDir(const std::vector<std::string>& skip) {
   QDirectory dir(".");
   char name[QDirectory::NAME_SIZE];
   while (dir.ReadNext(name)) {
-    if (!IsPictureName(name) || std::find(skip.begin(), skip.end(), name) != skip.end()) continue;
+    if (!IsPictureName(name) || std::find(skip.begin(), skip.end(), name) != skip.end() ||
+        IsDeadEndLink(name))
+      continue;
     if (imageCount >= MAX_IMAGES) {
       // Once, not at every change of a folder that stays too full.
       if (!overLimit)
