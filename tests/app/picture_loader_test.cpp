@@ -38,32 +38,26 @@ class Resized : public TempDirTest {
   std::string path_;
 };
 
-TEST_F(Resized, APictureForALargerWindowIsShrunkForASmallerOneButNotTheOtherWayRound) {
+// Refit is reached through Take: what covers is shrunk, what does not is decoded again.
+TEST_F(Resized, ThePrefetcherHandsOverWhatStillCoversAndDecodesAgainWhatDoesNot) {
   LoadedPicture p;
   LoadPicture(path_, Window(1280, 720), false, &p);
   ASSERT_TRUE(p.ok);
   // 4:3 on a 16:9 desktop in a 1280 x 720 window: a quad of 960 x 720.
   EXPECT_EQ(p.pixels->GetWidth(), 960);
   EXPECT_EQ(p.pixels->GetHeight(), 720);
-  ASSERT_TRUE(Refit(&p, Window(640, 480)));
+  // A picture smaller than every quad covers each: there is nothing more to decode.
+  EXPECT_TRUE(Covers(p, p.width, p.height, Window(4000, 3000)));
+
+  Prefetcher pre;
+  ASSERT_TRUE(pre.IsRunning());
+  pre.Want({path_}, Window(1280, 720), false);
+  ASSERT_TRUE(Decoded(&pre, path_));
+  ASSERT_TRUE(pre.Take(path_, Window(640, 480), false, &p));
   // The quad is 480 x 480 there; kept in proportion, 640 x 480 covers it.
   EXPECT_EQ(p.pixels->GetWidth(), 640);
   EXPECT_EQ(p.pixels->GetHeight(), 480);
   EXPECT_EQ(p.fit.windowWidth, 640);
-  EXPECT_FALSE(Refit(&p, Window(1280, 720)));
-  EXPECT_EQ(p.pixels->GetWidth(), 640);
-  // A picture smaller than every quad covers each: there is nothing more to decode.
-  EXPECT_TRUE(Covers(p, p.width, p.height, Window(4000, 3000)));
-}
-
-TEST_F(Resized, ThePrefetcherHandsOverWhatStillCoversAndDecodesAgainWhatDoesNot) {
-  Prefetcher pre;
-  ASSERT_TRUE(pre.IsRunning());
-  LoadedPicture p;
-  pre.Want({path_}, Window(1280, 720), false);
-  ASSERT_TRUE(Decoded(&pre, path_));
-  ASSERT_TRUE(pre.Take(path_, Window(640, 480), false, &p));
-  EXPECT_EQ(p.pixels->GetHeight(), 480);
   pre.Want({path_}, Window(640, 480), false);
   ASSERT_TRUE(Decoded(&pre, path_));
   EXPECT_FALSE(pre.Take(path_, Window(1280, 720), false, &p));
