@@ -134,7 +134,12 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
       baselineAt = p.Log().size();
     }
     if (sent % kKeyEvery == 0) {
-      ASSERT_TRUE(p.Keys(keys[(sent / kKeyEvery) % 8]));
+      const std::string key = keys[(sent / kKeyEvery) % 8];
+      ASSERT_TRUE(p.Keys(key));
+      // Every key but I loads a picture; the next command waits for it, as for a command.
+      if (key != "i") {
+        ASSERT_TRUE(tail.WaitFor({"Load times (", "Can't load image ("}, 1)) << key << sent;
+      }
     }
   }
   // Left alone, it steps through the folder by itself while pictures come and go.
