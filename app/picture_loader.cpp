@@ -214,12 +214,29 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
     }
     read = image->ReadWebP(bytes.get(), size, path.c_str(), tw, th);
   } else if (QImage::IsHeifName(path.c_str())) {
-    read = image->ReadHEIF(bytes.get(), size, path.c_str());  // turned by its own transforms
+    // Turned by its own transforms; the library decodes it whole, and its rows are reduced to
+    // the quad's size as they are copied out.
+    int w = 0, h = 0, tw = 0, th = 0;
+    out->orientation = 0;
+    if (QImage::ReadHEIFSize(bytes.get(), size, &w, &h)) {
+      out->width = w, out->height = h;
+      int needW = 0, needH = 0;
+      StoredQuadSize(*out, &needW, &needH);
+      TargetSize(w, h, needW, needH, limit, &tw, &th);
+    }
+    read = image->ReadHEIF(bytes.get(), size, path.c_str(), tw, th);
   } else if (QImage::IsGifName(path.c_str())) {
     read = image->ReadGIF(bytes.get(), size, path.c_str());
   } else if (QImage::IsTiffName(path.c_str())) {
-    int orientation = 0;
-    read = image->ReadTIFF(bytes.get(), size, path.c_str(), &orientation);
+    // Reduced band by band as it is decoded.
+    int w = 0, h = 0, orientation = 0, tw = 0, th = 0;
+    if (QImage::ReadTIFFInfo(bytes.get(), size, &w, &h, &orientation)) {
+      out->width = w, out->height = h, out->orientation = orientation;
+      int needW = 0, needH = 0;
+      StoredQuadSize(*out, &needW, &needH);
+      TargetSize(w, h, needW, needH, limit, &tw, &th);
+    }
+    read = image->ReadTIFF(bytes.get(), size, path.c_str(), &orientation, tw, th);
     out->orientation = orientation;
   } else {
     read = image->Read(source);
@@ -229,7 +246,8 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
   if (!read || image->GetWidth() <= 0 || image->GetHeight() <= 0 || !image->GetBuffer() ||
       int64_t(image->GetSize()) < int64_t(image->GetWidth()) * image->GetHeight() * 4)
     return;
-  // JPEG, PNG and WebP give their full size before decoding scaled; the others decode it whole.
+  // JPEG, PNG, WebP, HEIF and TIFF give their full size before decoding; the others decode it
+  // whole.
   if (out->width <= 0) out->width = image->GetWidth(), out->height = image->GetHeight();
   out->decodeMs = MsSince(phase);
 

@@ -80,6 +80,46 @@ bool qimage_detail::AcceptHeaderSize(const char* reader, const char* name, int64
   return true;
 }
 
+bool qimage_detail::AcceptDecodeBytes(const char* reader, const char* name, int width,
+                                      int height, int64_t need) {
+  if (need <= QImage::MAX_DECODE_BYTES) return true;
+  QWARN("QImage::Read", "QImage:%s(); (%s) is a %dx%d: decoding it needs %lld MB, more than %lld",
+        reader, name, width, height, MegabytesUp(need),
+        static_cast<long long>(QImage::MAX_DECODE_BYTES >> 20));
+  return false;
+}
+
+qimage_detail::RowSink::RowSink(int width, int height, int reduceWidth, int reduceHeight)
+    : width_(width), height_(height), outW_(width), outH_(height) {
+  if (reduceWidth > 0 && reduceHeight > 0 && reduceWidth <= width && reduceHeight <= height &&
+      (reduceWidth < width || reduceHeight < height))
+    outW_ = reduceWidth, outH_ = reduceHeight;
+}
+
+int64_t qimage_detail::RowSink::Bytes() const {
+  const int64_t out = int64_t(outW_) * outH_ * 4;
+  // The reducer keeps a row of column sums and two rows of weighted totals.
+  return outW_ == width_ && outH_ == height_ ? out : out + int64_t(outW_) * 36;
+}
+
+bool qimage_detail::RowSink::Open(QBitMap* into, int flags) {
+  if (!into->Alloc(32, outW_, outH_, flags)) return false;
+  into_ = into;
+  next_ = 0;
+  if (outW_ == width_ && outH_ == height_) return true;
+  reducer_.reset(new QAreaReducer(width_, height_, into));
+  return reducer_->IsReady();
+}
+
+void qimage_detail::RowSink::Push(const uint8_t* row) {
+  if (!into_ || next_ >= height_) return;
+  if (reducer_)
+    reducer_->PushRow(row);
+  else
+    memcpy(into_->GetAddress(0, height_ - 1 - next_), row, size_t(width_) * 4);
+  ++next_;
+}
+
 bool QImage::IsJpegName(const char* name) { return KindOf(name ? name : "") == KIND_JPG; }
 bool QImage::IsTargaName(const char* name) { return KindOf(name ? name : "") == KIND_TGA; }
 bool QImage::IsPngName(const char* name) { return KindOf(name ? name : "") == KIND_PNG; }

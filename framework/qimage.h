@@ -112,7 +112,13 @@ class QImage : public QBitMap {
   // The primary picture of a HEIF/HEIC or AVIF file through libheif, turned and mirrored by the
   // file's own transforms (so its orientation is always 1). False when the library can't read
   // the file or decode it, or the picture is too large (checked before decoding).
-  bool ReadHEIF(const uint8_t* data, size_t size, const char* name);
+  // With a reduced size (as for ReadJPG), the library's rows are area-reduced to it as they are
+  // copied. False also when the decode would need more than MAX_DECODE_BYTES.
+  bool ReadHEIF(const uint8_t* data, size_t size, const char* name, int reduceWidth = 0,
+                int reduceHeight = 0);
+  // The primary picture's size, after its transforms; false, silently, when the container can't
+  // be read.
+  static bool ReadHEIFSize(const uint8_t* data, size_t size, int* width, int* height);
   // WebP through libwebp; an animated one gives its first frame on the canvas. With a target
   // size (both non-zero, at most the picture's), a still picture is decoded scaled to it. False
   // for a header the library can't read, a picture too large, or a failed decode.
@@ -130,7 +136,14 @@ class QImage : public QBitMap {
   // CMYK, strips or tiles), rows as stored; its Orientation tag (1..8, 0 when absent) goes to
   // `orientation` when given, for the caller to turn the picture. False when the library reports
   // an error, or the picture, a strip or a tile is too large.
-  bool ReadTIFF(const uint8_t* data, size_t size, const char* name, int* orientation = nullptr);
+  // With a reduced size (as for ReadJPG), rows are area-reduced to it as bands of strips or
+  // tiles are decoded. False also when the decode would need more than MAX_DECODE_BYTES.
+  bool ReadTIFF(const uint8_t* data, size_t size, const char* name, int* orientation = nullptr,
+                int reduceWidth = 0, int reduceHeight = 0);
+  // The first page's size and Orientation tag (0 when absent); false, silently, when the file
+  // can't be opened or declares no size up to MAX_SIZE.
+  static bool ReadTIFFInfo(const uint8_t* data, size_t size, int* width, int* height,
+                           int* orientation);
   // Which reader Read would choose for `name`.
   static bool IsJpegName(const char* name);
   static bool IsTargaName(const char* name);

@@ -64,6 +64,10 @@ bool QImage::ReadGIF(const uint8_t* data, size_t size, const char* name) {
   GifFileType* gif = f.gif;
   const int width = gif->SWidth, height = gif->SHeight;
   if (!AcceptHeaderSize("ReadGIF", name, width, height, size)) return false;
+  // The file, the frame laid on its screen and a line of indices.
+  if (!AcceptDecodeBytes("ReadGIF", name, width, height,
+                         int64_t(size) + int64_t(width) * height * 4 + width))
+    return false;
 
   // The records before the first picture: only the transparent colour matters.
   int transparent = -1;

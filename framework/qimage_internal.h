@@ -14,6 +14,7 @@
 
 #include <jpeglib.h>
 
+#include "framework/qbitmap.h"
 #include "framework/qfile.h"
 #include "framework/qmem.h"
 
@@ -77,6 +78,32 @@ inline bool PixelsFitBytes(int64_t width, int64_t height, size_t size) {
 // warning naming `reader` ("ReadGIF"), the file and the size, and false.
 bool AcceptHeaderSize(const char* reader, const char* name, int64_t width, int64_t height,
                       size_t size);
+
+// The readers' check of what one decode holds at once, `need` bytes counted from the header
+// before anything is allocated (the file, the library's planes or strips, the pixels): true
+// within QImage::MAX_DECODE_BYTES, otherwise a warning naming `reader`, the file, its size and
+// the need, and false.
+bool AcceptDecodeBytes(const char* reader, const char* name, int width, int height, int64_t need);
+
+// Where a reader's rows go, top row first: straight into a `width` x `height` picture, or through
+// an area reducer into a smaller one (`reduceWidth` x `reduceHeight`, when both are given, not
+// larger either way and smaller in one), so that a library's full-size output is not copied
+// whole a second time.
+class RowSink {
+ public:
+  RowSink(int width, int height, int reduceWidth, int reduceHeight);
+  // What the sink holds: the picture it fills and, when reducing, the reducer's sums.
+  int64_t Bytes() const;
+  // Allocates `into` (32-bit, `flags`); false when memory runs out.
+  bool Open(QBitMap* into, int flags);
+  // One row of `width` RGBA pixels.
+  void Push(const uint8_t* row);
+
+ private:
+  int width_, height_, outW_, outH_, next_ = 0;
+  QBitMap* into_ = nullptr;
+  std::unique_ptr<QAreaReducer> reducer_;
+};
 
 // Lays `pixels` RGBA pixels over black: colour * alpha / 255, alpha 255.
 inline void LayOverBlack(uint8_t* p, size_t pixels) {

@@ -3,8 +3,9 @@
 // The file is read from memory through libtiff's client procedures, and only its first page.
 // libtiff's RGBA interface turns every kind it knows (1 to 16 bits, grey, palettes, RGB, CMYK,
 // YCbCr, strips or tiles) into 8-bit RGBA; its 32-bit pixels are red, green, blue, alpha in
-// memory on the little-endian machines glimra runs on. The rows are taken as stored, bottom row
-// first, whatever the Orientation tag says: the tag is answered to the caller, which turns the
+// memory on the little-endian machines glimra runs on. It is read in bands of whole strips or
+// rows of tiles, each reduced to the size asked for as it comes, so the full-size picture is
+// never held. The rows are taken as stored, whatever the Orientation tag says: the tag is answered to the caller, which turns the
 // picture as it does a JPEG's EXIF orientation, so that each picture is turned exactly once.
 // libtiff's messages go to this read's own handlers (not the process-wide ones), so that
 // pictures decoded on two threads at once keep their texts apart: warnings are debug lines, the
@@ -16,6 +17,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <new>
+#include <vector>
 
 #include "framework/qimage.h"
 #include "framework/qimage_internal.h"
@@ -82,6 +85,16 @@ int OnWarning(TIFF*, void* user, const char* module, const char* fmt, va_list ap
   return 1;
 }
 
+// Sizes `v` without throwing; false when memory runs out.
+bool TryResize(std::vector<uint32_t>* v, size_t n) {
+  try {
+    v->resize(n);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  return true;
+}
+
 // Owners of the library's state.
 struct TiffFile {
   TIFFOpenOptions* options = nullptr;
@@ -97,7 +110,51 @@ struct TiffFile {
 
 }  // namespace
 
-bool QImage::ReadTIFF(const uint8_t* data, size_t size, const char* name, int* orientation) {
+namespace {
+
+// Opens the first page of `src`; the library's text is in src->error when it can't.
+bool OpenTiff(TiffSource* src, TiffFile* f) {
+  f->options = TIFFOpenOptionsAlloc();
+  if (!f->options) {
+    snprintf(src->error, sizeof(src->error), "out of memory");
+    return false;
+  }
+  TIFFOpenOptionsSetMaxSingleMemAlloc(f->options, tmsize_t(kMaxBlockBytes));
+  TIFFOpenOptionsSetErrorHandlerExtR(f->options, OnError, src);
+  TIFFOpenOptionsSetWarningHandlerExtR(f->options, OnWarning, src);
+  // "m": never map the file, which is already in memory.
+  f->tif = TIFFClientOpenExt(src->name, "rm", src, ReadProc, WriteProc, SeekProc, CloseProc,
+                             SizeProc, MapProc, UnmapProc, f->options);
+  if (!f->tif && !src->error[0]) snprintf(src->error, sizeof(src->error), "not a TIFF file");
+  return f->tif != nullptr;
+}
+
+// The first page's Orientation tag, 1..8; 0 when it has none.
+int OrientationOf(TIFF* tif) {
+  uint16_t tag = 0;
+  return TIFFGetField(tif, TIFFTAG_ORIENTATION, &tag) && tag >= 1 && tag <= 8 ? tag : 0;
+}
+
+}  // namespace
+
+bool QImage::ReadTIFFInfo(const uint8_t* data, size_t size, int* width, int* height,
+                          int* orientation) {
+  *width = *height = *orientation = 0;
+  TiffSource src;
+  src.data = data;
+  src.size = data ? size : 0;
+  TiffFile f;
+  if (!OpenTiff(&src, &f)) return false;
+  uint32_t w = 0, h = 0;
+  TIFFGetField(f.tif, TIFFTAG_IMAGEWIDTH, &w);
+  TIFFGetField(f.tif, TIFFTAG_IMAGELENGTH, &h);
+  if (w == 0 || h == 0 || w > uint32_t(MAX_SIZE) || h > uint32_t(MAX_SIZE)) return false;
+  *width = int(w), *height = int(h), *orientation = OrientationOf(f.tif);
+  return true;
+}
+
+bool QImage::ReadTIFF(const uint8_t* data, size_t size, const char* name, int* orientation,
+                      int reduceWidth, int reduceHeight) {
   if (!name) name = "";
   if (orientation) *orientation = 0;
   TiffSource src;
@@ -105,20 +162,8 @@ bool QImage::ReadTIFF(const uint8_t* data, size_t size, const char* name, int* o
   src.size = data ? size : 0;
   src.name = name;
   TiffFile f;
-  f.options = TIFFOpenOptionsAlloc();
-  if (!f.options) {
-    QWARN("QImage::ReadTIFF", "QImage:ReadTIFF(%s); out of memory", name);
-    return false;
-  }
-  TIFFOpenOptionsSetMaxSingleMemAlloc(f.options, tmsize_t(kMaxBlockBytes));
-  TIFFOpenOptionsSetErrorHandlerExtR(f.options, OnError, &src);
-  TIFFOpenOptionsSetWarningHandlerExtR(f.options, OnWarning, &src);
-  // "m": never map the file, which is already in memory.
-  f.tif = TIFFClientOpenExt(name, "rm", &src, ReadProc, WriteProc, SeekProc, CloseProc, SizeProc,
-                            MapProc, UnmapProc, f.options);
-  if (!f.tif) {
-    QWARN("QImage::ReadTIFF", "QImage:ReadTIFF(%s); %s", name,
-          src.error[0] ? src.error : "not a TIFF file");
+  if (!OpenTiff(&src, &f)) {
+    QWARN("QImage::ReadTIFF", "QImage:ReadTIFF(%s); %s", name, src.error);
     return false;
   }
   TIFF* tif = f.tif;
@@ -127,44 +172,61 @@ bool QImage::ReadTIFF(const uint8_t* data, size_t size, const char* name, int* o
   TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &fileHeight);
   if (!AcceptHeaderSize("ReadTIFF", name, fileWidth, fileHeight, size)) return false;
   // What the library reads at once: one strip or one tile.
-  const int64_t block =
-      TIFFIsTiled(tif) ? int64_t(TIFFTileSize64(tif)) : int64_t(TIFFStripSize64(tif));
+  const bool tiled = TIFFIsTiled(tif) != 0;
+  const int64_t block = tiled ? int64_t(TIFFTileSize64(tif)) : int64_t(TIFFStripSize64(tif));
   if (block <= 0 || block > kMaxBlockBytes || block > int64_t(size) * kMaxBlockRatio) {
     QWARN("QImage::ReadTIFF",
           "QImage:ReadTIFF(); (%s) has %s of %lld bytes, more than its %zu bytes can hold",
-          name, TIFFIsTiled(tif) ? "tiles" : "strips", static_cast<long long>(block), size);
+          name, tiled ? "tiles" : "strips", static_cast<long long>(block), size);
     return false;
   }
+  // The picture is read in bands of whole strips or rows of tiles, so that each is decoded
+  // once and only a band of full-size pixels is held beside what the rows go into.
+  uint32_t bandRows = 0;
+  if (tiled ? !TIFFGetField(tif, TIFFTAG_TILELENGTH, &bandRows)
+            : !TIFFGetFieldDefaulted(tif, TIFFTAG_ROWSPERSTRIP, &bandRows))
+    bandRows = fileHeight;
+  bandRows = std::max<uint32_t>(1, std::min(bandRows, fileHeight));
+  const int64_t bandBytes = int64_t(fileWidth) * bandRows * 4;
+  RowSink sink(int(fileWidth), int(fileHeight), reduceWidth, reduceHeight);
+  // The RGBA interface holds a strip, or a tile and its RGBA copy, besides the band.
+  const int64_t need = int64_t(size) + block * (tiled ? 2 : 1) + bandBytes + sink.Bytes();
+  if (!AcceptDecodeBytes("ReadTIFF", name, int(fileWidth), int(fileHeight), need)) return false;
   char text[1024] = {};
   if (!TIFFRGBAImageOK(tif, text) || !TIFFRGBAImageBegin(&f.rgba, tif, 0, text)) {
     QWARN("QImage::ReadTIFF", "QImage:ReadTIFF(%s); %s", name, src.error[0] ? src.error : text);
     return false;
   }
   f.begun = true;
-  uint16_t tag = 0;
-  if (TIFFGetField(tif, TIFFTAG_ORIENTATION, &tag) && tag >= 1 && tag <= 8 && orientation)
-    *orientation = tag;
+  if (orientation) *orientation = OrientationOf(tif);
   QImage decoded;
-  if (!decoded.Alloc(32, int(fileWidth), int(fileHeight), int(GetFlags() & ~uint32_t(EXTERNAL)))) {
+  std::vector<uint32_t> band;
+  if (!sink.Open(&decoded, int(GetFlags() & ~uint32_t(EXTERNAL))) ||
+      !TryResize(&band, size_t(fileWidth) * bandRows)) {
     QWARN("QImage::ReadTIFF", "QImage:ReadTIFF(); (%s) out of memory", name);
     return false;
   }
-  // The stored rows, first row last in memory: the orientation is the caller's to apply.
+  // The stored rows, first row first: the orientation is the caller's to apply.
   f.rgba.orientation = ORIENTATION_TOPLEFT;
-  f.rgba.req_orientation = ORIENTATION_BOTLEFT;
-  if (!TIFFRGBAImageGet(&f.rgba, reinterpret_cast<uint32_t*>(decoded.GetBuffer()), fileWidth,
-                        fileHeight) ||
-      src.error[0]) {
-    QWARN("QImage::ReadTIFF", "QImage:ReadTIFF(%s); %s", name,
-          src.error[0] ? src.error : "the pixels can't be read");
-    return false;
-  }
-  const size_t pixels = size_t(fileWidth) * size_t(fileHeight);
-  if (f.rgba.alpha == EXTRASAMPLE_ASSOCALPHA) {
-    // Already multiplied by alpha, so already over black.
-    for (size_t i = 0; i < pixels; ++i) decoded.GetBuffer()[4 * i + 3] = 255;
-  } else if (f.rgba.alpha) {
-    LayOverBlack(decoded.GetBuffer(), pixels);
+  f.rgba.req_orientation = ORIENTATION_TOPLEFT;
+  for (uint32_t top = 0; top < fileHeight; top += bandRows) {
+    const uint32_t rows = std::min(bandRows, fileHeight - top);
+    f.rgba.row_offset = int(top);
+    if (!TIFFRGBAImageGet(&f.rgba, band.data(), fileWidth, rows) || src.error[0]) {
+      QWARN("QImage::ReadTIFF", "QImage:ReadTIFF(%s); %s", name,
+            src.error[0] ? src.error : "the pixels can't be read");
+      return false;
+    }
+    for (uint32_t y = 0; y < rows; ++y) {
+      uint8_t* row = reinterpret_cast<uint8_t*>(band.data() + size_t(y) * fileWidth);
+      if (f.rgba.alpha == EXTRASAMPLE_ASSOCALPHA) {
+        // Already multiplied by alpha, so already over black.
+        for (uint32_t x = 0; x < fileWidth; ++x) row[4 * x + 3] = 255;
+      } else if (f.rgba.alpha) {
+        LayOverBlack(row, fileWidth);
+      }
+      sink.Push(row);
+    }
   }
   SwapPixels(&decoded);
   return true;

@@ -97,6 +97,18 @@ bool QImage::ReadWebP(const uint8_t* data, size_t size, const char* name, int ta
   }
   const int fileWidth = features.width, fileHeight = features.height;
   if (!AcceptHeaderSize("ReadWebP", name, fileWidth, fileHeight, size)) return false;
+  // Held at once: the file and the output, and for an animation the library's two canvases; a
+  // still decode's own rows (the scaler's and the lossless coder's caches) are a few dozen.
+  const bool scaled = targetWidth > 0 && targetHeight > 0 && targetWidth <= fileWidth &&
+                      targetHeight <= fileHeight &&
+                      (targetWidth < fileWidth || targetHeight < fileHeight);
+  const int64_t canvas = int64_t(fileWidth) * fileHeight * 4;
+  const int64_t need =
+      int64_t(size) + (features.has_animation ? 3 * canvas
+                                              : (scaled ? int64_t(targetWidth) * targetHeight * 4
+                                                        : canvas) +
+                                                    int64_t(fileWidth) * 4 * 40);
+  if (!AcceptDecodeBytes("ReadWebP", name, fileWidth, fileHeight, need)) return false;
   QImage decoded;
   const int flags = int(GetFlags() & ~uint32_t(EXTERNAL));
 
@@ -125,8 +137,7 @@ bool QImage::ReadWebP(const uint8_t* data, size_t size, const char* name, int ta
     WebPDecoderConfig config;
     if (!WebPInitDecoderConfig(&config)) return false;
     int width = fileWidth, height = fileHeight;
-    if (targetWidth > 0 && targetHeight > 0 && targetWidth <= fileWidth &&
-        targetHeight <= fileHeight && (targetWidth < fileWidth || targetHeight < fileHeight)) {
+    if (scaled) {
       config.options.use_scaling = 1;
       config.options.scaled_width = width = targetWidth;
       config.options.scaled_height = height = targetHeight;

@@ -134,17 +134,24 @@ TEST_F(QImageKindsTest, EachKindDecodesItsQuadrantsInPlaceFromAFileAndFromMemory
   ExpectQuadrants(gif, 0, 0, "trns_interlaced.gif", true);
 }
 
-// ReadWebPInfo's size and orientation: tests/app/picture_loader_test.cpp, which needs them.
-TEST_F(QImageKindsTest, WebPDecodesScaledToTheSizeAskedFor) {
-  const Bytes b = Fixture("quad.webp");
-  QImage img;
-  ASSERT_TRUE(img.ReadWebP(b.data(), b.size(), "quad.webp", 32, 24));
-  ASSERT_EQ(img.GetWidth(), 32);
-  ASSERT_EQ(img.GetHeight(), 24);
-  for (const Spot& s : kQuad) {
-    const std::vector<int> got = At(img, s.x / 2, s.y / 2);
-    for (int c = 0; c < 3; ++c)
-      EXPECT_NEAR(got[size_t(c)], s.rgba[size_t(c)], 16) << s.x << "," << s.y;
+// WebP decodes scaled; HEIF and TIFF reduce their rows as they come out of the library (TIFF in
+// bands of strips or tiles). Sizes and orientation before decoding: tests/app/picture_loader_test.
+TEST_F(QImageKindsTest, WebPHeifAndTiffComeOutAtTheSizeAskedFor) {
+  for (const char* name : {"quad.webp", "quad.heic", "quad.avif", "quad.tif", "quad_tiled.tif"}) {
+    const Bytes b = Fixture(name);
+    QImage img;
+    const bool read = QImage::IsWebPName(name) ? img.ReadWebP(b.data(), b.size(), name, 32, 24)
+                      : QImage::IsHeifName(name)
+                          ? img.ReadHEIF(b.data(), b.size(), name, 32, 24)
+                          : img.ReadTIFF(b.data(), b.size(), name, nullptr, 32, 24);
+    ASSERT_TRUE(read) << name;
+    ASSERT_EQ(img.GetWidth(), 32) << name;
+    ASSERT_EQ(img.GetHeight(), 24) << name;
+    for (const Spot& s : kQuad) {
+      const std::vector<int> got = At(img, s.x / 2, s.y / 2);
+      for (int c = 0; c < 3; ++c)
+        EXPECT_NEAR(got[size_t(c)], s.rgba[size_t(c)], 16) << name << " " << s.x << "," << s.y;
+    }
   }
 }
 
@@ -226,6 +233,11 @@ TEST_F(QImageKindsTest, AHeaderClaiming16000SquaredIsRefusedBeforeAnythingLargeI
     EXPECT_TRUE(log_.Seen("16000x16000")) << c.name << ": " << ::testing::PrintToString(log_.Lines());
   }
   EXPECT_LT(PeakKb() - before, 64 * 1024) << "peak memory grew by kB";
+
+  // A size its bytes could hold, whose decode (the library's planes and its RGB copy) would
+  // still need more than one picture may take.
+  ExpectRefused(&log_, "large.heic", HeifSized("quad.heic", 6000), "6000 x 6000");
+  EXPECT_TRUE(log_.Seen("is a 6000x6000: decoding it needs 344 MB, more than 192")) << ::testing::PrintToString(log_.Lines());
 }
 
 }  // namespace
