@@ -31,6 +31,8 @@
 class CommandChannel;
 class QApp;
 class Prefetcher;
+class QAnimation;
+class QBitMap;
 class DBitMapTexture;
 class DMesh;
 class QCanvas;
@@ -142,6 +144,10 @@ class RaceManager {
   void Paint();
   // Lets go of the picture a fade is leaving.
   void EndFade();
+  // The shown animation's next frame into the texture, when it is due; at the end of a loop
+  // the advance takes its due step instead. A frame that fails leaves the last one shown and
+  // the picture still from then on.
+  void NextFrame();
   // Overlay text (UTF-8) with a drop shadow at window pixel (x, y), y downward.
   void DrawText(const char* text, int x, int y);
 
@@ -267,6 +273,13 @@ class RaceManager {
   int quadWindowWidth = 0, quadWindowHeight = 0;
   bool sharpenDue = false;  // FollowWindowSize found the shown picture's pixels too few
   std::chrono::steady_clock::time_point sharpenAt;
+  // The shown picture's animation (null for a still), the bitmap its frames are reduced into,
+  // whether they are made grey, and when the next one is due.
+  std::unique_ptr<QAnimation> animation;
+  std::unique_ptr<QBitMap> animFrame;
+  bool animGrey = false;
+  int animDelayMs = 0;  // the shown frame's
+  std::chrono::steady_clock::time_point animNextAt;
 };
 
 // The process's controller; null before construction and after ExitProc.
