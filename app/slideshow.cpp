@@ -519,7 +519,7 @@ void RaceManager::IdleProc() {
     // On the screen now: the advance and the first frame's time count from here.
     rm->newPicture = false;
     rm->RestartAdvance();
-    rm->animNextAt = rm->frameAt + std::chrono::milliseconds(rm->animDelayMs);
+    rm->animNextAt = std::chrono::steady_clock::now() + std::chrono::milliseconds(rm->animDelayMs);
   }
   if (rm->prefetchDue) {
     rm->prefetchDue = false;

@@ -267,9 +267,9 @@ void RaceManager::NextFrame() {
   qdbg(kSource, "RaceManager::NextFrame", __LINE__, "Frame %d (%d ms) of %s\n",
        animation->FrameIndex(), animDelayMs, curFile.cstr());
   dirty = true;
-  // Kept to the file's times even when a frame comes late, unless it is a whole frame late.
-  animNextAt += std::chrono::milliseconds(animDelayMs);
-  if (animNextAt < now) animNextAt = now + std::chrono::milliseconds(animDelayMs);
+  // Each frame gets its whole time, counted from now, when it is drawn: a late one (a busy
+  // machine, a step) does not shorten the next.
+  animNextAt = now + std::chrono::milliseconds(animDelayMs);
 }
 
 void RaceManager::EndFade() {
