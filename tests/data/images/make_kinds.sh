@@ -111,6 +111,7 @@ cwebp -quiet -q 80 "$tmp/quad_left.png" -o "$tmp/left.webp"
 webpmux -set exif "$tmp/o6.exif" "$tmp/left.webp" -o quad_o6.webp
 img2webp -loop 0 -lossless -d 200 "$tmp/quad.png" -d 200 "$tmp/flop.png" -o anim.webp
 
+convert "$tmp/quad.png" quad.gif
 convert -delay 20 "$tmp/quad.png" "$tmp/flop.png" -loop 0 anim.gif
 # Frames of plain colours whose times and composing the animation tests check. GIF: red (300 ms),
 # a green middle cleared after it (200 ms), a blue corner put back after it (0 ms, shown 100),
