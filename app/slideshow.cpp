@@ -467,7 +467,8 @@ void RaceManager::Run() {
   app->SetExitProc(&RaceManager::ExitProc);
   for (;;) {
     // Asleep until a key, a window event, a datagram or a folder change comes, or until what the
-    // loop does by itself (a frame owed, a fade's next frame, the advance) is due.
+    // loop does by itself (a frame owed, a fade's or an animation's next frame, the advance) is
+    // due.
     QEventWait(SleepMs());
     // Before the keys, so that a step goes to the folder as it now is.
     FollowFolder();

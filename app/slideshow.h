@@ -1,10 +1,11 @@
 // RaceManager: the slideshow's one controller. It reads "glimra.ini", makes the application and
 // its window, opens the command channel, keeps the catalogue of pictures of the working
 // directory and runs the main loop: it sleeps until a key, a window event, a datagram, a change
-// of the watched folder or a stop signal comes, or the automatic advance or a fade's next frame
-// is due (at most "dev.idle_sleep_ms" when that is set); it follows the folder, handles every
-// key and every waiting command, takes a due advance step, then runs the idle cycle, which
-// paints and presents a frame only when something changed.
+// of the watched folder or a stop signal comes, or the automatic advance, a fade's next frame or
+// an animation's next frame is due (at most "dev.idle_sleep_ms" when that is set); it follows
+// the folder, handles every key and every waiting command, puts a due animation frame into the
+// texture, takes a due advance step (for an animation, at the end of the loop the interval ends
+// in), then runs the idle cycle, which paints and presents a frame only when something changed.
 //
 // What stays true: at most one texture and one mesh exist, both owned here and replaced together
 // by each successful load (during a fade the previous pair is kept too, until the fade ends); a
@@ -167,8 +168,8 @@ class RaceManager {
   // no faster than the interval.
   void AdvanceStep();
   // How long the main loop may sleep before the next thing it has to do by itself (a frame
-  // owed, a fade's next frame, the advance); at most the idle pause when one is set; -1 when
-  // nothing is due.
+  // owed, a fade's next frame, an animation's next frame, the advance); at most the idle pause
+  // when one is set; -1 when nothing is due.
   int SleepMs() const;
 
   // ---- Main loop ----

@@ -53,7 +53,8 @@ class PixelReader {
   }
   uint32_t At(int x, int y) {
     if (!display_) return 0xFFFFFFFF;
-    XImage* image = XGetImage(display_, DefaultRootWindow(display_), x, y, 1, 1, AllPlanes, ZPixmap);
+    XImage* image =
+        XGetImage(display_, DefaultRootWindow(display_), x, y, 1, 1, AllPlanes, ZPixmap);
     if (!image) return 0xFFFFFFFF;
     const uint32_t c = uint32_t(XGetPixel(image, 0, 0)) & 0xFFFFFF;
     XDestroyImage(image);
@@ -165,7 +166,8 @@ TEST_F(AnimationE2E, FramesAtTheirTimesAdvanceAtTheLoopsEndAndAStillSleeps) {
 
   // Processor time while the GIF plays (its second and third loop) and while the still shows.
   const auto at = [&samples](double ms) {
-    return *std::find_if(samples.begin(), samples.end(), [ms](const Sample& x) { return x.ms >= ms; });
+    return *std::find_if(samples.begin(), samples.end(),
+                         [ms](const Sample& x) { return x.ms >= ms; });
   };
   const Sample a0 = at(gifFrom + 900), a1 = at(gifFrom + 2600);
   const double playingMsPerS = (a1.cpuMs - a0.cpuMs) * 1000.0 / (a1.ms - a0.ms);
@@ -179,7 +181,8 @@ TEST_F(AnimationE2E, FramesAtTheirTimesAdvanceAtTheLoopsEndAndAStillSleeps) {
   // Steps away from an animation in the middle of its frames, then leaves.
   ASSERT_TRUE(Shows(kRed, kStepMs));
   std::this_thread::sleep_for(std::chrono::milliseconds(350));
-  ASSERT_TRUE(p.Send("next") && Sees([](const e2e::Screen& x) { return ColourOf(x.At(400, 300)) == 'B'; }));
+  ASSERT_TRUE(p.Send("next") &&
+              Sees([](const e2e::Screen& x) { return ColourOf(x.At(400, 300)) == 'B'; }));
   ASSERT_TRUE(p.Send("next") && Shows(kWhite));
   ASSERT_TRUE(p.Keys("Escape"));
   p.ExpectOrderlyExit(0);

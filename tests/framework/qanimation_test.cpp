@@ -82,8 +82,9 @@ TEST(QAnimationFrames, GifFramesComposeAsTheirDisposalSays) {
 }
 
 TEST(QAnimationFrames, WebPFramesWithTheirTimes) {
-  ExpectFrames("frames.webp",
-               {{300, kRed, kRed, kRed}, {200, kGreen, kGreen, kGreen}, {100, kBlue, kBlue, kBlue}});
+  ExpectFrames("frames.webp", {{300, kRed, kRed, kRed},
+                               {200, kGreen, kGreen, kGreen},
+                               {100, kBlue, kBlue, kBlue}});
 }
 
 TEST(QAnimationFrames, StillsDoNotAnimate) {
