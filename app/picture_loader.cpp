@@ -74,6 +74,23 @@ void TargetSize(int w, int h, int needW, int needH, int limit, int* tw, int* th)
   *th = scale < 1.0 ? std::max(1, std::min(h, int(h * scale + 0.5))) : h;
 }
 
+// The first frame of an animation, straight at the quad's size; the animation keeps `bytes`.
+bool LoadAnimation(QBlock bytes, size_t size, int limit, LoadedPicture* out, QImage* image) {
+  int orientation = 0, w = 0, h = 0;
+  if (QImage::IsWebPName(out->path.c_str()))
+    QImage::ReadWebPInfo(bytes.get(), size, &w, &h, &orientation);
+  std::unique_ptr<QAnimation> animation(new QAnimation());
+  if (!animation->Open(std::move(bytes), size, out->path.c_str())) return false;
+  out->width = animation->GetWidth(), out->height = animation->GetHeight();
+  out->orientation = orientation;
+  int needW = 0, needH = 0, tw = 0, th = 0;
+  StoredQuadSize(*out, &needW, &needH);
+  TargetSize(out->width, out->height, needW, needH, limit, &tw, &th);
+  if (!animation->Next(image, tw, th, &out->frameDelayMs)) return false;
+  out->animation = std::move(animation);
+  return true;
+}
+
 }  // namespace
 
 void LoadedPicture::QuadSize(int* w, int* h) const {
@@ -163,7 +180,7 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
 
   auto phase = Clock::now();
   size_t size = 0;
-  const QBlock bytes = ReadWhole(source, exists ? &st : nullptr, &size);
+  QBlock bytes = ReadWhole(source, exists ? &st : nullptr, &size);
   out->readMs = MsSince(phase);
 
   phase = Clock::now();
@@ -179,7 +196,10 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
   std::unique_ptr<QImage> image(new QImage());
   image->SetName(path.c_str());
   bool read = false;
-  if (QImage::IsJpegName(path.c_str())) {
+  if ((QImage::IsGifName(path.c_str()) || QImage::IsWebPName(path.c_str())) &&
+      QAnimation::Animates(bytes.get(), size)) {
+    read = LoadAnimation(std::move(bytes), size, limit, out, image.get());
+  } else if (QImage::IsJpegName(path.c_str())) {
     int w = 0, h = 0, eighths = 8, tw = 0, th = 0;
     if (QImage::ReadJPGSize(bytes.get(), size, &w, &h) && w > 0 && h > 0) {
       out->width = w, out->height = h;

@@ -16,12 +16,17 @@
 // for a stop request (QBitMap::RequestStop) is failed with `stopped` set: the program is ending,
 // and nothing is wrong with the picture. PNG and JPEG rows are reduced as they are decoded, so
 // a picture's memory is what QImage::MAX_DECODE_BYTES allows, the file included.
+//
+// An animated GIF or WebP comes with its animation, which holds the file's bytes and one canvas:
+// `pixels` is its first frame at the quad's size, and the later ones are asked of it at the same
+// size.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <string>
 
+#include "framework/qanimation.h"
 #include "framework/qbitmap.h"
 
 // Where and how big pictures are shown.
@@ -50,6 +55,8 @@ struct LoadedPicture {
   bool grey = false;                // made black and white
   ScreenFit fit;                    // what it was made for
   FileStamp stamp;
+  std::unique_ptr<QAnimation> animation;  // null for a still picture
+  int frameDelayMs = 0;                   // how long the first frame of an animation shows
   // Milliseconds in each phase: reading, decoding, reducing, grey, EXIF.
   double readMs = 0, decodeMs = 0, reduceMs = 0, greyMs = 0, exifMs = 0;
 

@@ -448,8 +448,11 @@ int RaceManager::SleepMs() const {
   const auto now = steady_clock::now();
   if (fadeStarted)
     atMost(std::max<long long>(0, 16 - duration_cast<milliseconds>(now - frameAt).count()));
-  if (advanceMs > 0 && !newPicture)
+  // An animation's advance waits for the end of its loop, which a frame's time brings.
+  if (advanceMs > 0 && !newPicture && !animation)
     atMost(std::max<long long>(0, duration_cast<milliseconds>(advanceAt - now).count() + 1));
+  if (animation && !newPicture)
+    atMost(std::max<long long>(0, duration_cast<milliseconds>(animNextAt - now).count()));
   if (sharpenDue)
     atMost(std::max<long long>(0, duration_cast<milliseconds>(sharpenAt - now).count() + 1));
   return int(ms);
@@ -464,7 +467,8 @@ void RaceManager::Run() {
   app->SetExitProc(&RaceManager::ExitProc);
   for (;;) {
     // Asleep until a key, a window event, a datagram or a folder change comes, or until what the
-    // loop does by itself (a frame owed, a fade's next frame, the advance) is due.
+    // loop does by itself (a frame owed, a fade's or an animation's next frame, the advance) is
+    // due.
     QEventWait(SleepMs());
     // Before the keys, so that a step goes to the folder as it now is.
     FollowFolder();
@@ -481,7 +485,10 @@ void RaceManager::Run() {
     FollowWindowSize();
     if (sharpenDue && std::chrono::steady_clock::now() >= sharpenAt) Sharpen();
     if (commands) commands->Drain();
-    if (advanceMs > 0 && !g_stopSignal && !newPicture && std::chrono::steady_clock::now() >= advanceAt)
+    if (animation && !g_stopSignal && !newPicture && std::chrono::steady_clock::now() >= animNextAt)
+      NextFrame();
+    if (advanceMs > 0 && !g_stopSignal && !newPicture && !animation &&
+        std::chrono::steady_clock::now() >= advanceAt)
       AdvanceStep();
     IdleProc();
     if (const int sig = g_stopSignal) {
@@ -510,9 +517,10 @@ void RaceManager::IdleProc() {
   rm->Paint();
   if (rm->window) rm->window->Swap();
   if (rm->newPicture) {
-    // On the screen now: the advance counts from here.
+    // On the screen now: the advance and the first frame's time count from here.
     rm->newPicture = false;
     rm->RestartAdvance();
+    rm->animNextAt = std::chrono::steady_clock::now() + std::chrono::milliseconds(rm->animDelayMs);
   }
   if (rm->prefetchDue) {
     rm->prefetchDue = false;

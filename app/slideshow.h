@@ -1,10 +1,11 @@
 // RaceManager: the slideshow's one controller. It reads "glimra.ini", makes the application and
 // its window, opens the command channel, keeps the catalogue of pictures of the working
 // directory and runs the main loop: it sleeps until a key, a window event, a datagram, a change
-// of the watched folder or a stop signal comes, or the automatic advance or a fade's next frame
-// is due (at most "dev.idle_sleep_ms" when that is set); it follows the folder, handles every
-// key and every waiting command, takes a due advance step, then runs the idle cycle, which
-// paints and presents a frame only when something changed.
+// of the watched folder or a stop signal comes, or the automatic advance, a fade's next frame or
+// an animation's next frame is due (at most "dev.idle_sleep_ms" when that is set); it follows
+// the folder, handles every key and every waiting command, puts a due animation frame into the
+// texture, takes a due advance step (for an animation, at the end of the loop the interval ends
+// in), then runs the idle cycle, which paints and presents a frame only when something changed.
 //
 // What stays true: at most one texture and one mesh exist, both owned here and replaced together
 // by each successful load (during a fade the previous pair is kept too, until the fade ends); a
@@ -31,6 +32,8 @@
 class CommandChannel;
 class QApp;
 class Prefetcher;
+class QAnimation;
+class QBitMap;
 class DBitMapTexture;
 class DMesh;
 class QCanvas;
@@ -142,6 +145,10 @@ class RaceManager {
   void Paint();
   // Lets go of the picture a fade is leaving.
   void EndFade();
+  // The shown animation's next frame into the texture, when it is due; at the end of a loop
+  // the advance takes its due step instead. A frame that fails leaves the last one shown and
+  // the picture still from then on.
+  void NextFrame();
   // Overlay text (UTF-8) with a drop shadow at window pixel (x, y), y downward.
   void DrawText(const char* text, int x, int y);
 
@@ -161,8 +168,8 @@ class RaceManager {
   // no faster than the interval.
   void AdvanceStep();
   // How long the main loop may sleep before the next thing it has to do by itself (a frame
-  // owed, a fade's next frame, the advance); at most the idle pause when one is set; -1 when
-  // nothing is due.
+  // owed, a fade's next frame, an animation's next frame, the advance); at most the idle pause
+  // when one is set; -1 when nothing is due.
   int SleepMs() const;
 
   // ---- Main loop ----
@@ -267,6 +274,13 @@ class RaceManager {
   int quadWindowWidth = 0, quadWindowHeight = 0;
   bool sharpenDue = false;  // FollowWindowSize found the shown picture's pixels too few
   std::chrono::steady_clock::time_point sharpenAt;
+  // The shown picture's animation (null for a still), the bitmap its frames are reduced into,
+  // whether they are made grey, and when the next one is due.
+  std::unique_ptr<QAnimation> animation;
+  std::unique_ptr<QBitMap> animFrame;
+  bool animGrey = false;
+  int animDelayMs = 0;  // the shown frame's
+  std::chrono::steady_clock::time_point animNextAt;
 };
 
 // The process's controller; null before construction and after ExitProc.

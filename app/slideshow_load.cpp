@@ -132,6 +132,12 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool shar
   shownShape.orientation = picture->orientation;
   mesh = MakeQuad(shownShape, texture.get());
   picture->pixels.reset();
+  // A new picture, or a sharper decode of the shown one, starts again from its first frame.
+  animation = std::move(picture->animation);
+  animFrame.reset();
+  animGrey = picture->grey;
+  animDelayMs = picture->frameDelayMs;
+  animNextAt = start + std::chrono::milliseconds(animDelayMs);
 
   LoadTimes& t = loadTimes;
   t.read = picture->readMs, t.decode = picture->decodeMs, t.reduce = picture->reduceMs;
@@ -239,6 +245,31 @@ void RaceManager::Paint() {
     line.Format("%s (%dx%d)", name.cstr(), shownWidth, shownHeight);
     DrawText(line.cstr(), 10, 30);
   }
+}
+
+void RaceManager::NextFrame() {
+  const auto now = std::chrono::steady_clock::now();
+  if (advanceMs > 0 && now >= advanceAt && animation->AtLoopEnd()) {
+    const int before = shownCount;
+    AdvanceStep();
+    // When no other picture loads, this one plays on.
+    if (shownCount != before || !animation) return;
+  }
+  if (!animFrame) animFrame.reset(new QBitMap());
+  if (!texture || !animation->Next(animFrame.get(), texture->GetWidth(), texture->GetHeight(),
+                                   &animDelayMs)) {
+    animation.reset();
+    animFrame.reset();
+    return;
+  }
+  if (animGrey) animFrame->MakeGray();
+  texture->Update(animFrame.get());
+  qdbg(kSource, "RaceManager::NextFrame", __LINE__, "Frame %d (%d ms) of %s\n",
+       animation->FrameIndex(), animDelayMs, curFile.cstr());
+  dirty = true;
+  // Each frame gets its whole time, counted from now, when it is drawn: a late one (a busy
+  // machine, a step) does not shorten the next.
+  animNextAt = now + std::chrono::milliseconds(animDelayMs);
 }
 
 void RaceManager::EndFade() {

@@ -340,6 +340,28 @@ bool DBitMapTexture::FromBitMap(QBitMap* bitmap) {
   return DGlobal::CheckGLErrors("DBitmapTexture:FromBitMap()") == 0;
 }
 
+bool DBitMapTexture::Update(QBitMap* bitmap) {
+  if (!DGlobal::IsOpenGLAvailable()) return false;
+  if (!id_ || !bitmap || !bitmap->GetBuffer() || bitmap->GetDepth() != 32 ||
+      bitmap->GetWidth() != width_ || bitmap->GetHeight() != height_ ||
+      4LL * width_ * height_ > bitmap->GetSize()) {
+    QWARN("DBitMapTexture::Update", "DBitmapTexture:Update(); bitmap %dx%d for texture %dx%d (%s)",
+          bitmap ? bitmap->GetWidth() : 0, bitmap ? bitmap->GetHeight() : 0, width_, height_,
+          GetName());
+    return false;
+  }
+  Select();
+  glPixelStorei(GL_UNPACK_ROW_LENGTH, 0);
+  glPixelStorei(GL_UNPACK_SKIP_ROWS, 0);
+  glPixelStorei(GL_UNPACK_SKIP_PIXELS, 0);
+  glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
+  glTexSubImage2D(target_, 0, 0, 0, width_, height_, GL_RGBA, GL_UNSIGNED_BYTE,
+                  bitmap->GetBuffer());
+  if ((flags_ & MIPMAP) && DGlobal::Settings().autoMipmap && DGlobal::CanGenerateMipmaps())
+    glGenerateMipmap(target_);
+  return DGlobal::CheckGLErrors("DBitmapTexture:Update()") == 0;
+}
+
 // ---------------------------------------------------------------------------------------------
 // DDrawableTexture
 // ---------------------------------------------------------------------------------------------

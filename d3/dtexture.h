@@ -126,6 +126,10 @@ class DBitMapTexture : public DTexture {
   // block is smaller than the texture; GL errors are reported under
   // "DBitmapTexture:FromBitMap()" and answer false.
   bool FromBitMap(QBitMap* bitmap);
+  // Replaces the pixels of a texture already made by FromBitMap with `bitmap`'s, which must
+  // have the same size: the next frame of an animation. False, with a warning, for another size
+  // or no texture yet; GL errors as for FromBitMap.
+  bool Update(QBitMap* bitmap);
 
   int GetBitMapWidth() const { return bitmapWidth_; }
   int GetBitMapHeight() const { return bitmapHeight_; }

@@ -184,7 +184,7 @@ TEST_F(PipelineE2E, HeicAvifWebPGifAndTiffShowUpright) {
     int rotate;
   } cases[] = {{"quad.heic", "quad.heic", 0},      {"quad_irot.heic", "quad_irot.heic", 0},
                {"quad.avif", "quad.avif", 0},
-               {"quad_o6.webp", "quad_o6.webp", 90}, {"anim.gif", "anim.gif[0]", 0},
+               {"quad_o6.webp", "quad_o6.webp", 90}, {"quad.gif", "quad.gif", 0},
                {"quad_o6.tif", "quad_o6.tif", 90}};
   const std::string images = std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/";
   for (const auto& c : cases) ASSERT_TRUE(WriteFile(p.Path(c.name), ReadBytes(images + c.name)));

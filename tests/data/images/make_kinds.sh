@@ -111,7 +111,19 @@ cwebp -quiet -q 80 "$tmp/quad_left.png" -o "$tmp/left.webp"
 webpmux -set exif "$tmp/o6.exif" "$tmp/left.webp" -o quad_o6.webp
 img2webp -loop 0 -lossless -d 200 "$tmp/quad.png" -d 200 "$tmp/flop.png" -o anim.webp
 
+convert "$tmp/quad.png" quad.gif
 convert -delay 20 "$tmp/quad.png" "$tmp/flop.png" -loop 0 anim.gif
+# Frames of plain colours whose times and composing the animation tests check. GIF: red (300 ms),
+# a green middle cleared after it (200 ms), a blue corner put back after it (0 ms, shown 100),
+# a white corner (300 ms). WebP: red 300, green 200, blue 10 (shown 100).
+convert -dispose None -delay 30 -size 64x48 xc:"rgb(220,30,30)" \
+  -dispose Background -delay 20 \( -size 32x24 xc:"rgb(30,200,60)" -set page 64x48+16+12 \) \
+  -dispose Previous -delay 0 \( -size 16x12 xc:"rgb(40,60,220)" -set page 64x48+0+0 \) \
+  -dispose None -delay 30 \( -size 16x12 xc:"rgb(230,230,230)" -set page 64x48+48+36 \) \
+  -loop 0 frames.gif
+for c in "220,30,30" "30,200,60" "40,60,220"; do convert -size 64x48 xc:"rgb($c)" "$tmp/$c.png"; done
+img2webp -loop 0 -lossless -d 300 "$tmp/220,30,30.png" -d 200 "$tmp/30,200,60.png" \
+  -d 10 "$tmp/40,60,220.png" -o frames.webp
 # Interlaced, with the red quadrant transparent.
 convert "$tmp/quad.png" -transparent "rgb(220,30,30)" -interlace GIF trns_interlaced.gif
 
