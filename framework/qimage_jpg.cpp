@@ -10,6 +10,7 @@
 #include <csetjmp>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -114,8 +115,18 @@ bool ReadHeader(JpegDecoder* dec, const uint8_t* data, size_t size, const char* 
   dec->progress.progress_monitor = Progress;
   cinfo->progress = &dec->progress;
   jpeg_mem_src(cinfo, data, static_cast<unsigned long>(size));
+  if (name) jpeg_save_markers(cinfo, JPEG_APP0 + 2, 0xFFFF);  // the colour profile's chunks
   jpeg_read_header(cinfo, TRUE);
   return true;
+}
+
+// Keeps the colour profile, its APP2 chunks joined in sequence, with `img` (none when absent).
+void TakeProfile(j_decompress_ptr cinfo, QImage* img, const char* name) {
+  JOCTET* icc = nullptr;
+  unsigned int length = 0;
+  if (!jpeg_read_icc_profile(cinfo, &icc, &length)) length = 0;
+  img->SetColourProfile(icc, length, name);
+  free(icc);
 }
 
 // The decode proper, at `eighths` / 8 of the full size. Nothing with a destructor lives in this
@@ -171,6 +182,7 @@ bool Decode(JpegDecoder* dec, QImage* img, const uint8_t* data, size_t size, con
           static_cast<long long>(QImage::MAX_DECODE_BYTES >> 20));
     return false;
   }
+  TakeProfile(cinfo, img, name);
   if (!img->Alloc(32, shrink ? reduceW : width, shrink ? reduceH : height, int(img->GetFlags()))) {
     QWARN("QImage::ReadJPG", "QImage:ReadJPG(); (%s) out of memory", name);
     return false;
