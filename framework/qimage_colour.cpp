@@ -177,25 +177,17 @@ namespace qimage_detail {
 bool DescribedProfile(const ColourDescription& d, const char* name, std::vector<uint8_t>* icc) {
   icc->clear();
   if (!name) name = "";
-  // ISO/IEC 23091-2 codes: primaries 1 is BT.709 (sRGB's), 2 unspecified; transfer 13 is
-  // sRGB's curve, 2 unspecified.
-  const bool srgbPrimaries = d.primaries == 1 || d.primaries == 2;
-  if (srgbPrimaries && (d.transfer == 13 || d.transfer == 2)) return false;
-  // The display's curve, as an lcms2 parametric curve (type 4: sRGB-like, type 1: gamma).
+  // ISO/IEC 23091-2 codes: primaries 1 is BT.709 (sRGB's), 2 unspecified. Transfer 13 is sRGB's
+  // curve; the camera curves of BT.709, BT.601 and BT.2020 (1, 6, 14, 15) are shown with it too,
+  // being meant for displays whose curve is close to it, and so is 2, unspecified.
+  const bool srgbCurve = d.transfer == 1 || d.transfer == 2 || d.transfer == 6 ||
+                         d.transfer == 13 || d.transfer == 14 || d.transfer == 15;
+  if ((d.primaries == 1 || d.primaries == 2) && srgbCurve) return false;
+  // The display's curve, as an lcms2 parametric curve (type 4: sRGB's, type 1: a gamma).
   int type = 4;
-  double curve[5] = {};
-  switch (d.transfer) {
-    case 2:
-    case 13: {
-      const double p[5] = {2.4, 1 / 1.055, 0.055 / 1.055, 1 / 12.92, 0.04045};
-      memcpy(curve, p, sizeof(p));
-      break;
-    }
-    case 1: case 6: case 14: case 15: {  // BT.709, BT.601, BT.2020: the camera curve undone
-      const double p[5] = {1 / 0.45, 1 / 1.099, 0.099 / 1.099, 1 / 4.5, 0.081};
-      memcpy(curve, p, sizeof(p));
-      break;
-    }
+  double curve[5] = {2.4, 1 / 1.055, 0.055 / 1.055, 1 / 12.92, 0.04045};
+  switch (srgbCurve ? 13 : d.transfer) {
+    case 13: break;
     case 4: type = 1, curve[0] = 2.2; break;
     case 5: type = 1, curve[0] = 2.8; break;
     case 8: type = 1, curve[0] = 1.0; break;
@@ -205,18 +197,18 @@ bool DescribedProfile(const ColourDescription& d, const char* name, std::vector<
             d.transfer);
       return false;
   }
+  // Unspecified primaries are BT.709's.
+  const double bt709[8] = {0.64, 0.33, 0.30, 0.60, 0.15, 0.06, 0.3127, 0.3290};
   const double xy[8] = {d.red[0],   d.red[1],   d.green[0], d.green[1],
                         d.blue[0],  d.blue[1],  d.white[0], d.white[1]};
-  for (double v : xy) {
-    if (!(v > 0 && v < 1)) {
+  const double* c = d.primaries == 2 ? bt709 : xy;
+  for (int i = 0; i < 8; ++i) {
+    if (!(c[i] > 0 && c[i] < 1)) {
       QWARN("QImage::ReadHEIF", "QImage:ReadHEIF(%s); its colour primaries '%d' are not usable",
             name, d.primaries);
       return false;
     }
   }
-  // Unspecified primaries are BT.709's.
-  const double bt709[8] = {0.64, 0.33, 0.30, 0.60, 0.15, 0.06, 0.3127, 0.3290};
-  const double* c = d.primaries == 2 ? bt709 : xy;
   cmsContext ctx = Context();
   LcmsErrors errors;
   const cmsCIExyY white = {c[6], c[7], 1.0};
