@@ -95,6 +95,24 @@ TEST_F(QImageColourTest, AProfileThatCantBeUsedIsAWarningAndLeavesThePixels) {
     ASSERT_EQ(log_.Lines().size(), 1u) << c.what;
     EXPECT_TRUE(log_.Seen("shown.png") && log_.Seen(c.words)) << c.what << ": " << log_.Lines()[0];
   }
+
+  // A JPEG whose profile chunks come to more than the limit still shows, without a profile.
+  log_.Clear();
+  const Bytes jpeg = ReadBytes(kImages + "p3_plain.jpg");
+  Bytes big(jpeg.begin(), jpeg.begin() + 2);
+  const std::string tag("ICC_PROFILE", 12);
+  for (int i = 1; i <= 65; ++i) {
+    big.insert(big.end(), {0xFF, 0xE2, 0xFF, 0xFF});
+    big.insert(big.end(), tag.begin(), tag.end());
+    big.insert(big.end(), {uint8_t(i), 65});
+    big.resize(big.size() + 65535 - 16, 0);
+  }
+  big.insert(big.end(), jpeg.begin() + 2, jpeg.end());
+  QImage img;
+  ASSERT_TRUE(img.ReadJPG(big.data(), big.size(), "big.jpg"));
+  EXPECT_TRUE(img.ColourProfile().empty());
+  ASSERT_EQ(log_.Lines().size(), 1u);
+  EXPECT_TRUE(log_.Seen("big.jpg") && log_.Seen("colour profile")) << log_.Lines()[0];
 }
 
 }  // namespace
