@@ -283,6 +283,12 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
   }
   out->reduceMs = MsSince(phase);
 
+  // From the picture's colour profile to sRGB, on the screen-size pixels; a profile that can't
+  // be used was logged and the picture shows as decoded.
+  phase = Clock::now();
+  image->ConvertToSRGB();
+  out->colourMs = MsSince(phase);
+
   phase = Clock::now();
   if (grey) image->MakeGray();
   out->greyMs = MsSince(phase);

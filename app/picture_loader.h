@@ -57,8 +57,8 @@ struct LoadedPicture {
   FileStamp stamp;
   std::unique_ptr<QAnimation> animation;  // null for a still picture
   int frameDelayMs = 0;                   // how long the first frame of an animation shows
-  // Milliseconds in each phase: reading, decoding, reducing, grey, EXIF.
-  double readMs = 0, decodeMs = 0, reduceMs = 0, greyMs = 0, exifMs = 0;
+  // Milliseconds in each phase: reading, decoding, reducing, colour, grey, EXIF.
+  double readMs = 0, decodeMs = 0, reduceMs = 0, colourMs = 0, greyMs = 0, exifMs = 0;
 
   bool Turned() const { return orientation == 6 || orientation == 8; }
   // The quad's size on screen for this picture under `fit`, in whole pixels.

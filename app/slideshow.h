@@ -58,7 +58,7 @@ class RaceManager {
   // reducing to the quad's size, the grey conversion (0 when black-and-white is off), the EXIF
   // parse, and making the texture and quad.
   struct LoadTimes {
-    double read = 0, decode = 0, reduce = 0, grey = 0, exif = 0, upload = 0;
+    double read = 0, decode = 0, reduce = 0, colour = 0, grey = 0, exif = 0, upload = 0;
   };
 
   // Empty catalogue, nothing loaded; becomes the process's controller.

@@ -141,14 +141,14 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool shar
 
   LoadTimes& t = loadTimes;
   t.read = picture->readMs, t.decode = picture->decodeMs, t.reduce = picture->reduceMs;
-  t.grey = picture->greyMs, t.exif = picture->exifMs;
+  t.colour = picture->colourMs, t.grey = picture->greyMs, t.exif = picture->exifMs;
   t.upload =
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   // The texture count shows from outside whether old pictures are given back.
   qdbg(kSource, "RaceManager::LoadNewImage", __LINE__,
-       "Load times (%s): read %.1f ms, decode %.1f ms, reduce %.1f ms, grey %.1f ms, exif %.1f ms, "
-       "upload %.1f ms%s; %d textures\n",
-       path, t.read, t.decode, t.reduce, t.grey, t.exif, t.upload,
+       "Load times (%s): read %.1f ms, decode %.1f ms, reduce %.1f ms, colour %.1f ms, grey %.1f ms, "
+       "exif %.1f ms, upload %.1f ms%s; %d textures\n",
+       path, t.read, t.decode, t.reduce, t.colour, t.grey, t.exif, t.upload,
        prefetched ? " (prefetched)" : "", DTexture::GetLiveCount());
 
   dirty = true;

@@ -135,6 +135,7 @@ void QImage::SwapPixels(QImage* from) {
   std::swap(height_, from->height_);
   std::swap(pixels_, from->pixels_);
   std::swap(size_, from->size_);
+  profile_.swap(from->profile_);
 }
 
 bool QImage::Read(const char* name) {

@@ -30,11 +30,16 @@
 // (they decode into a picture of their own and take its pixels only at the end), lay alpha over
 // black (GIF's transparent pixels are black with alpha 0) and refuse a picture wider or taller
 // than MAX_SIZE, or larger than its bytes can hold, before the library allocates for it.
+//
+// The JPEG, PNG, HEIF, WebP and TIFF readers keep the picture's embedded ICC profile (HEIF's nclx
+// colour description becomes one); ConvertToSRGB (qimage_colour.cpp) takes the pixels from it to
+// sRGB through lcms2. A picture without a profile is taken to be sRGB already.
 // Not thread-safe (the log and the libraries' state are per call, but the bitmap is not guarded).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "framework/qbitmap.h"
 
@@ -51,6 +56,8 @@ class QImage : public QBitMap {
   // over all of its blocks (up to about 35 ms at the memory limit), so a file repeating scans
   // could otherwise hold the decode for minutes.
   static constexpr int MAX_JPEG_SCANS = 100;
+  // Largest colour profile kept: a camera or printer profile with big tables is under 1 MB.
+  static constexpr size_t MAX_PROFILE_BYTES = size_t(4) << 20;
 
   // Empty picture named "qimage".
   QImage();
@@ -144,6 +151,16 @@ class QImage : public QBitMap {
   // can't be opened or declares no size up to MAX_SIZE.
   static bool ReadTIFFInfo(const uint8_t* data, size_t size, int* width, int* height,
                            int* orientation);
+  // The embedded ICC profile of the last successful read; empty when it had none.
+  const std::vector<uint8_t>& ColourProfile() const { return profile_; }
+  // Keeps `size` bytes at `data` as the picture's profile (none when `size` is 0). A profile
+  // larger than MAX_PROFILE_BYTES, shorter than an ICC header, or whose header claims more than
+  // its bytes is a warning naming `name` and none is kept; false then.
+  bool SetColourProfile(const uint8_t* data, size_t size, const char* name);
+  // Converts the pixels (32 bits) from the profile to sRGB, alpha untouched; true at once without
+  // a profile. A profile lcms2 can't open or that is not for RGB pixels is a warning naming the
+  // picture, and false with the pixels untouched. Safe on several pictures at once.
+  bool ConvertToSRGB();
   // Which reader Read would choose for `name`.
   static bool IsJpegName(const char* name);
   static bool IsTargaName(const char* name);
@@ -177,9 +194,10 @@ class QImage : public QBitMap {
                       const char* name);
 
  private:
-  // Takes the pixels and geometry of `from`, which gets ours (the readers that must leave the
-  // bitmap as it was decode into a picture of their own first).
+  // Takes the pixels, geometry and profile of `from`, which gets ours (the readers that must
+  // leave the bitmap as it was decode into a picture of their own first).
   void SwapPixels(QImage* from);
 
   int loadFailed_ = 0;
+  std::vector<uint8_t> profile_;
 };

@@ -32,6 +32,31 @@ struct HeifRead {
   }
 };
 
+// Keeps the picture's colour with `img`: its ICC profile, or one made for its nclx description.
+void TakeColour(const heif_image_handle* handle, QImage* img, const char* name) {
+  std::vector<uint8_t> icc;
+  const heif_color_profile_type type = heif_image_handle_get_color_profile_type(handle);
+  if (type == heif_color_profile_type_prof || type == heif_color_profile_type_rICC) {
+    icc.resize(heif_image_handle_get_raw_color_profile_size(handle));
+    if (!icc.empty() &&
+        heif_image_handle_get_raw_color_profile(handle, icc.data()).code != heif_error_Ok)
+      icc.clear();
+  } else if (type == heif_color_profile_type_nclx) {
+    heif_color_profile_nclx* nclx = nullptr;
+    if (heif_image_handle_get_nclx_color_profile(handle, &nclx).code == heif_error_Ok && nclx) {
+      const ColourDescription d = {
+          {nclx->color_primary_red_x, nclx->color_primary_red_y},
+          {nclx->color_primary_green_x, nclx->color_primary_green_y},
+          {nclx->color_primary_blue_x, nclx->color_primary_blue_y},
+          {nclx->color_primary_white_x, nclx->color_primary_white_y},
+          int(nclx->color_primaries), int(nclx->transfer_characteristics)};
+      DescribedProfile(d, name, &icc);
+    }
+    heif_nclx_color_profile_free(nclx);
+  }
+  img->SetColourProfile(icc.data(), icc.size(), name);
+}
+
 }  // namespace
 
 namespace {
@@ -122,6 +147,7 @@ bool QImage::ReadHEIF(const uint8_t* data, size_t size, const char* name, int re
     }
     sink.Push(row.data());
   }
+  TakeColour(r.handle, &decoded, name);
   SwapPixels(&decoded);
   return true;
 }

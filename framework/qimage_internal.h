@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <vector>
 
 #include <jpeglib.h>
 
@@ -104,6 +105,18 @@ class RowSink {
   QBitMap* into_ = nullptr;
   std::unique_ptr<QAreaReducer> reducer_;
 };
+
+// A colour description by numbers (HEIF's nclx box): the primaries' and white's x, y and the
+// ISO/IEC 23091-2 codes of the primaries and the transfer characteristics.
+struct ColourDescription {
+  double red[2], green[2], blue[2], white[2];
+  int primaries, transfer;
+};
+
+// An ICC profile for `d` in `icc` (qimage_colour.cpp); false with `icc` empty when `d` is sRGB
+// already, or with a warning naming `name` and the value when its transfer or primaries can't be
+// described (HDR curves are not tone-mapped).
+bool DescribedProfile(const ColourDescription& d, const char* name, std::vector<uint8_t>* icc);
 
 // Lays `pixels` RGBA pixels over black: colour * alpha / 255, alpha 255.
 inline void LayOverBlack(uint8_t* p, size_t pixels) {

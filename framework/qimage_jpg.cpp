@@ -10,6 +10,7 @@
 #include <csetjmp>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -98,6 +99,28 @@ void ReportHalt(const JpegDecoder& dec, const char* name) {
     QWARN("QImage::ReadJPG", "QImage:ReadJPG(%s); %s", name, dec.err.text);
 }
 
+// Bytes in the APP2 markers before the first scan, which the library would keep for the colour
+// profile: a file of nothing but such markers would otherwise be held twice.
+size_t App2Bytes(const uint8_t* data, size_t size) {
+  size_t total = 0, at = 2;
+  while (at + 4 <= size && data[at] == 0xFF) {
+    const uint8_t marker = data[at + 1];
+    if (marker == 0xFF) {  // fill byte
+      ++at;
+      continue;
+    }
+    if (marker == 0xDA || marker == 0xD9) break;  // start of scan, end of picture
+    if (marker == 0x01 || (marker >= 0xD0 && marker <= 0xD7)) {  // no length
+      at += 2;
+      continue;
+    }
+    const size_t length = Be16(data + at + 2);
+    if (marker == 0xE2) total += length;
+    at += 2 + length;
+  }
+  return total;
+}
+
 // Sets up the decompressor on the bytes and reads the header; false (after `name`'s warning)
 // when the library reports an error. Nothing with a destructor lives in this frame.
 bool ReadHeader(JpegDecoder* dec, const uint8_t* data, size_t size, const char* name) {
@@ -114,8 +137,27 @@ bool ReadHeader(JpegDecoder* dec, const uint8_t* data, size_t size, const char* 
   dec->progress.progress_monitor = Progress;
   cinfo->progress = &dec->progress;
   jpeg_mem_src(cinfo, data, static_cast<unsigned long>(size));
+  // The colour profile's chunks, of up to 65519 bytes each behind 16 of the marker's own.
+  if (name) {
+    const size_t app2 = App2Bytes(data, size);
+    if (app2 <= QImage::MAX_PROFILE_BYTES + (QImage::MAX_PROFILE_BYTES / 65519 + 1) * 16)
+      jpeg_save_markers(cinfo, JPEG_APP0 + 2, 0xFFFF);
+    else
+      QWARN("QImage::ReadJPG",
+            "QImage:ReadJPG(%s); its colour profile markers of '%zu' bytes are more than %zu: "
+            "ignored", name, app2, QImage::MAX_PROFILE_BYTES);
+  }
   jpeg_read_header(cinfo, TRUE);
   return true;
+}
+
+// Keeps the colour profile, its APP2 chunks joined in sequence, with `img` (none when absent).
+void TakeProfile(j_decompress_ptr cinfo, QImage* img, const char* name) {
+  JOCTET* icc = nullptr;
+  unsigned int length = 0;
+  if (!jpeg_read_icc_profile(cinfo, &icc, &length)) length = 0;
+  img->SetColourProfile(icc, length, name);
+  free(icc);
 }
 
 // The decode proper, at `eighths` / 8 of the full size. Nothing with a destructor lives in this
@@ -171,6 +213,7 @@ bool Decode(JpegDecoder* dec, QImage* img, const uint8_t* data, size_t size, con
           static_cast<long long>(QImage::MAX_DECODE_BYTES >> 20));
     return false;
   }
+  TakeProfile(cinfo, img, name);
   if (!img->Alloc(32, shrink ? reduceW : width, shrink ? reduceH : height, int(img->GetFlags()))) {
     QWARN("QImage::ReadJPG", "QImage:ReadJPG(); (%s) out of memory", name);
     return false;

@@ -174,6 +174,13 @@ bool Decode(PngDecoder* dec, QImage* img, const char* name, int reduceW, int red
           name, fileWidth, fileHeight, dec->size);
     return false;
   }
+  png_charp profileName = nullptr;
+  png_bytep profile = nullptr;
+  png_uint_32 profileSize = 0;
+  int compression = 0;
+  if (!png_get_iCCP(png, info, &profileName, &compression, &profile, &profileSize))
+    profileSize = 0;
+  img->SetColourProfile(profile, profileSize, name);
   const int colorType = png_get_color_type(png, info);
   dec->alpha = (colorType & PNG_COLOR_MASK_ALPHA) || png_get_valid(png, info, PNG_INFO_tRNS);
   png_set_expand(png);  // palettes to RGB, tRNS to alpha, 1..4-bit grey to 8

@@ -206,6 +206,10 @@ bool QImage::ReadTIFF(const uint8_t* data, size_t size, const char* name, int* o
     QWARN("QImage::ReadTIFF", "QImage:ReadTIFF(); (%s) out of memory", name);
     return false;
   }
+  uint32_t profileSize = 0;
+  const void* profile = nullptr;
+  if (TIFFGetField(tif, TIFFTAG_ICCPROFILE, &profileSize, &profile) && profile)
+    decoded.SetColourProfile(static_cast<const uint8_t*>(profile), profileSize, name);
   // The stored rows, first row first: the orientation is the caller's to apply.
   f.rgba.orientation = ORIENTATION_TOPLEFT;
   f.rgba.req_orientation = ORIENTATION_TOPLEFT;

@@ -66,6 +66,18 @@ struct AnimDecoder {
   }
 };
 
+// Keeps the file's ICCP chunk, when it has one, with `img`.
+void TakeProfile(const uint8_t* data, size_t size, QImage* img, const char* name) {
+  const WebPData whole = {data, size};
+  Demux d;
+  d.demux = WebPDemux(&whole);
+  WebPChunkIterator chunk;
+  if (d.demux && WebPDemuxGetChunk(d.demux, "ICCP", 1, &chunk)) {
+    img->SetColourProfile(chunk.chunk.bytes, chunk.chunk.size, name);
+    WebPDemuxReleaseChunkIterator(&chunk);
+  }
+}
+
 }  // namespace
 
 bool QImage::ReadWebPInfo(const uint8_t* data, size_t size, int* width, int* height,
@@ -162,6 +174,7 @@ bool QImage::ReadWebP(const uint8_t* data, size_t size, const char* name, int ta
   }
   if (features.has_alpha)
     LayOverBlack(decoded.GetBuffer(), size_t(decoded.GetWidth()) * size_t(decoded.GetHeight()));
+  TakeProfile(data, size, &decoded, name);
   SwapPixels(&decoded);
   return true;
 }

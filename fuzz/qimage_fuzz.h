@@ -1,7 +1,8 @@
 // Shared by the picture-reader fuzz targets: each input is written to a scratch file (the readers
-// take file names) and read back through QImage::Read. The PNG and JPEG targets also decode the
-// input from memory shrunk while decoding, to a size taken from its first bytes (so the corpus
-// stays plain picture files, and a mutation of the header changes the size too).
+// take file names), read back through QImage::Read and taken to sRGB by its colour profile. The
+// PNG and JPEG targets also decode the input from memory shrunk while decoding, to a size taken
+// from its first bytes (so the corpus stays plain picture files, and a mutation of the header
+// changes the size too).
 #pragma once
 
 #include <cstddef>
@@ -19,7 +20,8 @@ inline void ReadAs(const char* name, const uint8_t* data, size_t size) {
   const std::string path = fuzz_util::WriteInput(name, data, size);
   if (path.empty()) return;
   QImage img;
-  img.Read(path.c_str());
+  // A profile found in the file goes on to lcms2 as it would on screen.
+  if (img.Read(path.c_str())) img.ConvertToSRGB();
 }
 
 // A reduced size of 1..256 each way from the first 32 bytes, and a scale of 1..8 eighths.

@@ -3,7 +3,7 @@
 # Sourced by the other scripts; uses apt-get (through sudo when not root).
 glimra_install_deps() {
   local pkgs=(cmake g++ pkg-config make
-    libjpeg62-turbo-dev libpng-dev libheif-dev libwebp-dev libgif-dev libtiff-dev
+    libjpeg62-turbo-dev libpng-dev libheif-dev libwebp-dev libgif-dev libtiff-dev liblcms2-dev
     libenet-dev libsdl2-dev libgl-dev libglu1-mesa-dev
     libfreetype-dev libfontconfig-dev fonts-dejavu-core zlib1g-dev
     libgtest-dev libgmock-dev libbenchmark-dev hyperfine libx11-dev libxtst-dev
