@@ -12,8 +12,8 @@
 #include <cstring>
 #include <vector>
 
-#include "framework/qimage.h"
-#include "framework/qimage_internal.h"
+#include "framework/image/qimage.h"
+#include "framework/image/qimage_internal.h"
 #include "framework/qmessage.h"
 
 using namespace qimage_detail;

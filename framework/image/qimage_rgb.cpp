@@ -7,8 +7,8 @@
 #include <cstring>
 
 #include "framework/qfile.h"
-#include "framework/qimage.h"
-#include "framework/qimage_internal.h"
+#include "framework/image/qimage.h"
+#include "framework/image/qimage_internal.h"
 #include "framework/qmessage.h"
 
 using namespace qimage_detail;

@@ -5,8 +5,8 @@
 #include <memory>
 
 #include "framework/qfile.h"
-#include "framework/qimage.h"
-#include "framework/qimage_internal.h"
+#include "framework/image/qimage.h"
+#include "framework/image/qimage_internal.h"
 #include "framework/qmessage.h"
 #include "framework/virtualfilesystem.h"
 

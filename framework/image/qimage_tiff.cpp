@@ -17,8 +17,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "framework/qimage.h"
-#include "framework/qimage_internal.h"
+#include "framework/image/qimage.h"
+#include "framework/image/qimage_internal.h"
 #include "framework/qmessage.h"
 
 using namespace qimage_detail;

@@ -13,9 +13,9 @@
 #include <cstring>
 #include <vector>
 
-#include "framework/qexif.h"
-#include "framework/qimage.h"
-#include "framework/qimage_internal.h"
+#include "framework/image/qexif.h"
+#include "framework/image/qimage.h"
+#include "framework/image/qimage_internal.h"
 #include "framework/qmessage.h"
 
 using namespace qimage_detail;

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "framework/qbitmap.h"
-#include "framework/qimage_internal.h"
+#include "framework/image/qimage_internal.h"
 #include "framework/qmessage.h"
 
 using namespace qimage_detail;

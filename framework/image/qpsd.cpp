@@ -1,12 +1,12 @@
 // QPSD: Photoshop layer reader and compositor, and QImage::ReadPSD on top of it.
-#include "framework/qpsd.h"
+#include "framework/image/qpsd.h"
 
 #include <cstring>
 
 #include "framework/qbitmap.h"
 #include "framework/qfile.h"
-#include "framework/qimage.h"
-#include "framework/qimage_internal.h"
+#include "framework/image/qimage.h"
+#include "framework/image/qimage_internal.h"
 #include "framework/qmessage.h"
 
 using namespace qimage_detail;

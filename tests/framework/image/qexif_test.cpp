@@ -1,6 +1,6 @@
 // QExif: the orientation of real pictures written by other programs, and hand-built segments
 // aimed at the bounds checks.
-#include "framework/qexif.h"
+#include "framework/image/qexif.h"
 
 #include <gtest/gtest.h>
 

@@ -3,7 +3,7 @@
 // turn, a mirror or a swapped channel shows. Lossy files are also compared with ImageMagick's
 // decode of the same file. Then what each reader must refuse: empty, cut and random files, and
 // headers that ask for far more pixels than their bytes can hold.
-#include "framework/qimage.h"
+#include "framework/image/qimage.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "framework/qbitmap.h"
-#include "framework/qimage.h"
-#include "support/e2e.h"
+#include "framework/image/qimage.h"
+#include "support/command.h"
 #include "support/logcapture.h"
 #include "support/tempdir.h"
 
