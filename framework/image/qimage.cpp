@@ -1,42 +1,14 @@
 // QImage: construction and the choice of reader by file name.
-#include "framework/qimage.h"
+#include "framework/image/qimage.h"
 
-#include <cstring>
-#include <string>
 #include <utility>
 
-#include "framework/qimage_internal.h"
+#include "framework/image/qimage_internal.h"
+#include "framework/image/qpicturekinds.h"
 
 #include "framework/qmessage.h"
-#include "framework/qstring.h"
 
 namespace {
-
-// Internal codes of the kinds a name can ask for; only the mapping matters.
-enum ImageKind {
-  KIND_RGB = 0, KIND_TGA, KIND_UNKNOWN, KIND_JPG, KIND_BMP, KIND_PSD, KIND_MIP, KIND_PNG,
-  KIND_HEIF, KIND_WEBP, KIND_GIF, KIND_TIFF
-};
-
-ImageKind KindOf(const char* name) {
-  // The whole name: a path may run to 4096 bytes and its extension comes last.
-  std::string copy(name);
-  char* upper = &copy[0];
-  qstrupr(upper);
-  // A substring anywhere in the path, first hit in this order: directories count too.
-  if (strstr(upper, ".RGB")) return KIND_RGB;
-  if (strstr(upper, ".TGA")) return KIND_TGA;
-  if (strstr(upper, ".JPG") || strstr(upper, ".JPE")) return KIND_JPG;
-  if (strstr(upper, ".PSD")) return KIND_PSD;
-  if (strstr(upper, ".MIP")) return KIND_MIP;
-  if (strstr(upper, ".PNG")) return KIND_PNG;
-  if (strstr(upper, ".BMP")) return KIND_BMP;
-  if (strstr(upper, ".HEIC") || strstr(upper, ".HEIF") || strstr(upper, ".AVIF")) return KIND_HEIF;
-  if (strstr(upper, ".WEBP")) return KIND_WEBP;
-  if (strstr(upper, ".GIF")) return KIND_GIF;
-  if (strstr(upper, ".TIF")) return KIND_TIFF;
-  return KIND_UNKNOWN;
-}
 
 // The whole file for the readers that decode from memory (null for an empty one, which the
 // reader then refuses); false, logged, when it can't be opened.
@@ -80,13 +52,22 @@ bool qimage_detail::AcceptHeaderSize(const char* reader, const char* name, int64
   return true;
 }
 
-bool QImage::IsJpegName(const char* name) { return KindOf(name ? name : "") == KIND_JPG; }
-bool QImage::IsTargaName(const char* name) { return KindOf(name ? name : "") == KIND_TGA; }
-bool QImage::IsPngName(const char* name) { return KindOf(name ? name : "") == KIND_PNG; }
-bool QImage::IsHeifName(const char* name) { return KindOf(name ? name : "") == KIND_HEIF; }
-bool QImage::IsWebPName(const char* name) { return KindOf(name ? name : "") == KIND_WEBP; }
-bool QImage::IsGifName(const char* name) { return KindOf(name ? name : "") == KIND_GIF; }
-bool QImage::IsTiffName(const char* name) { return KindOf(name ? name : "") == KIND_TIFF; }
+namespace {
+
+bool IsKind(const char* name, QPictureKind::Id id) {
+  const QPictureKind* kind = qPictureKindOf(name);
+  return kind && kind->id == id;
+}
+
+}  // namespace
+
+bool QImage::IsJpegName(const char* name) { return IsKind(name, QPictureKind::JPEG); }
+bool QImage::IsTargaName(const char* name) { return IsKind(name, QPictureKind::TARGA); }
+bool QImage::IsPngName(const char* name) { return IsKind(name, QPictureKind::PNG); }
+bool QImage::IsHeifName(const char* name) { return IsKind(name, QPictureKind::HEIF); }
+bool QImage::IsWebPName(const char* name) { return IsKind(name, QPictureKind::WEBP); }
+bool QImage::IsGifName(const char* name) { return IsKind(name, QPictureKind::GIF); }
+bool QImage::IsTiffName(const char* name) { return IsKind(name, QPictureKind::TIFF); }
 
 void QImage::SwapPixels(QImage* from) {
   std::swap(flags_, from->flags_);
@@ -99,29 +80,15 @@ void QImage::SwapPixels(QImage* from) {
 
 bool QImage::Read(const char* name) {
   if (!name) name = "";
-  switch (KindOf(name)) {
-    case KIND_RGB: return ReadRGB(name);
-    case KIND_TGA: return ReadTGA(name);
-    case KIND_JPG: return ReadJPG(name);
-    case KIND_BMP: return ReadBMP(name);
-    case KIND_PSD: return ReadPSD(name);
-    case KIND_MIP: return ReadMIP(name);
-    case KIND_PNG: return ReadPNG(name);
-    case KIND_HEIF:
-    case KIND_WEBP:
-    case KIND_GIF:
-    case KIND_TIFF: {
-      size_t size = 0;
-      QBlock data;
-      if (!ReadFile(name, &data, &size)) return false;
-      const ImageKind kind = KindOf(name);
-      if (kind == KIND_HEIF) return ReadHEIF(data.get(), size, name);
-      if (kind == KIND_WEBP) return ReadWebP(data.get(), size, name);
-      if (kind == KIND_GIF) return ReadGIF(data.get(), size, name);
-      return ReadTIFF(data.get(), size, name);
-    }
-    case KIND_UNKNOWN: break;
+  const QPictureKind* kind = qPictureKindOf(name);
+  if (!kind) {
+    QWARN("QImage::Read", "QImage:Read(): image '%s' has unknown file format", name);
+    return false;
   }
-  QWARN("QImage::Read", "QImage:Read(): image '%s' has unknown file format", name);
-  return false;
+  if (kind->readFile) return kind->readFile(this, name);
+  size_t size = 0;
+  QBlock data;
+  if (!ReadFile(name, &data, &size)) return false;
+  int orientation = 0;
+  return kind->readMemory(this, data.get(), size, name, QPictureKind::Target(), &orientation);
 }

@@ -1,6 +1,7 @@
 // QImage: a QBitMap that fills itself from a picture file.
 //
-// The reader is chosen by the file name alone, never by the contents: the upper-cased name is
+// The reader is chosen by the file name alone, never by the contents, through the table of
+// picture kinds (qpicturekinds.h): the upper-cased name is
 // searched for ".RGB", ".TGA", ".JPG"/".JPE", ".PSD", ".MIP", ".PNG", ".BMP", ".HEIC"/".HEIF"/
 // ".AVIF", ".WEBP", ".GIF", ".TIF" in that order and the first hit anywhere in the path wins (a
 // directory "x.tga.d" makes every file below it a Targa file).
