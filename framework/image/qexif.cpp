@@ -1,4 +1,4 @@
-#include "framework/qexif.h"
+#include "framework/image/qexif.h"
 
 #include <cstring>
 #include <string>
@@ -308,4 +308,16 @@ int32_t QExif::ReadExifSegment(const uint8_t* data, size_t length) {
     FinishGps(parts, &geoLocation);
   }
   return OK;
+}
+
+void QExif::WriteOrientationSegment(uint16_t orientation, uint8_t* out) {
+  const uint8_t segment[ORIENTATION_SEGMENT_SIZE] = {
+      0xFF, 0xE1, 0, ORIENTATION_SEGMENT_SIZE - 2,  // APP1; the length counts itself
+      'E', 'x', 'i', 'f', 0, 0,                      // header
+      'M', 'M', 0, 42, 0, 0, 0, 8,                   // TIFF, IFD0 at 8
+      0, 1,                                          // one entry
+      0x01, 0x12, 0, 3, 0, 0, 0, 1,                  // 274, SHORT, 1
+      uint8_t(orientation >> 8), uint8_t(orientation), 0, 0,
+      0, 0, 0, 0};                                   // no IFD1
+  memcpy(out, segment, sizeof(segment));
 }

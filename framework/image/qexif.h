@@ -76,6 +76,14 @@ class QExif {
   // Numbers to 0, strings empty.
   void Clear();
 
+  // Bytes WriteOrientationSegment writes: the APP1 marker, the length and a 32-byte payload.
+  static constexpr size_t ORIENTATION_SEGMENT_SIZE = 36;
+  // Writes the smallest APP1 segment that carries `orientation`: marker and length, then "Exif",
+  // two zero bytes, a big-endian TIFF header and IFD0 with the one Orientation entry and no next
+  // IFD. For the writers of test and demonstration pictures, which put it right after a JPEG's
+  // start marker (a libjpeg writer gives the payload, from byte 4, to jpeg_write_marker).
+  static void WriteOrientationSegment(uint16_t orientation, uint8_t* out);
+
   // ---- IFD0 ----
   uint8_t littleEndian = 0;  // 1 for "II", 0 for "MM"
   qstring description;
