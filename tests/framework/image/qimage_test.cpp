@@ -1,9 +1,8 @@
 // QImage readers: fixtures written by ImageMagick and netpbm (tests/data/images, see
 // make_fixtures.sh) compared pixel for pixel with what those programs encoded (PNG: from a file
-// and from memory, alpha laid over black); hand-made files for the quirks and the faults; every
-// fixture cut at every length, which must never crash (run under AddressSanitizer too; random
-// bytes are the fuzz targets').
-#include "framework/qimage.h"
+// and from memory, alpha laid over black); hand-made files for the quirks and the faults. Cut and
+// random bytes are the fuzz targets', which decode as the program does.
+#include "framework/image/qimage.h"
 
 #include <gtest/gtest.h>
 #include <png.h>
@@ -178,9 +177,6 @@ Bytes Tga(int type, int depth, int w, int h, int descriptor, const Bytes& data, 
 
 TEST_F(QImageTest, ReaderIsChosenByTheFirstSubstringAnywhereInThePath) {
   QImage img;
-  EXPECT_TRUE(img.Read(Put("photo.JPEG", Fixture("photo.jpg")).c_str()));
-  EXPECT_EQ(img.GetWidth(), 16);
-
   // A bitmap name inside a directory named like a Targa file is read as Targa.
   ASSERT_EQ(mkdir(Tmp("x.tga.d").c_str(), 0700), 0);
   EXPECT_TRUE(img.Read(Put("x.tga.d/pic.bmp", Fixture("rgba32_bl.tga")).c_str()));
@@ -232,14 +228,9 @@ TEST_F(QImageTest, TargaPacketAcrossALineRefusalsAndLyingSizes) {
   const std::string pal = Put("pal.tga", Tga(1, 8, 2, 2, 0, Bytes(4 + 768, 0), 1));
   const std::string grey16 = Put("g16.tga", Tga(3, 16, 2, 2, 0, Bytes(8, 7)));
   const std::string wide = Put("wide.tga", Tga(2, 24, 16385, 1, 0, Bytes(16385 * 3, 1)));
-  // 100 bytes claiming 16384 x 16384 at 32 bits (a gigabyte of pixels).
-  const std::string big = Put("big.tga", Tga(2, 32, 16384, 16384, 0, Bytes(82, 0)));
-  const std::string bigRle = Put("bigrle.tga", Tga(10, 32, 16384, 16384, 0, Bytes(82, 0xFF)));
   for (bool inMemory : {false, true}) {
     QSetVirtualFileSystem(inMemory ? &vfs_ : nullptr);
     QImage img;
-    for (const std::string& f : {big, bigRle}) EXPECT_FALSE(img.Read(f.c_str())) << f;
-    EXPECT_EQ(img.GetBuffer(), nullptr);
     for (const std::string& f : {pal, wide}) EXPECT_FALSE(img.Read(f.c_str())) << f;
     // Only the stream path takes 16-bit grey, deliberately with its pixels unset.
     EXPECT_EQ(img.Read(grey16.c_str()), !inMemory);
@@ -365,10 +356,6 @@ TEST_F(QImageTest, BitmapRowsAreReadUnpaddedAndShortOrLyingFilesAreSafe) {
   ASSERT_TRUE(img.Read(Put("short.bmp", bmp).c_str()));
   EXPECT_EQ(At(img, 0, 0), Rgba(0, 0, 0, 255));
   EXPECT_EQ(At(img, 0, 2), Src(0, 2, false));
-
-  Bytes liar = Fixture("rgb24_w4.bmp");
-  liar[18] = 0x30, liar[19] = 0x75, liar[22] = 0x30, liar[23] = 0x75;  // 30000 x 30000
-  EXPECT_FALSE(img.Read(Put("liar.bmp", liar).c_str()));
 
   Bytes rle = Fixture("rgb24_w4.bmp");
   rle[30] = 1;  // compressed: deliberately true with nothing decoded, and black
@@ -524,31 +511,6 @@ TEST_F(QImageTest, MipNibblesThroughThePalette) {
   }
 }
 
-TEST_F(QImageTest, EveryReaderSurvivesEveryCut) {
-  const char* fixtures[] = {"rgba32_bl.tga", "rle32.tga",     "rle24.tga",       "grey8.tga",
-                            "photo.jpg",     "progressive.jpg", "cmyk.jpg",      "rgb24_w5.bmp",
-                            "index8.bmp",    "rgba_be.rgb",   "rgba_be_rle.rgb", "grey_be_rle.rgb",
-                            "layers.psd"};
-  for (bool inMemory : {false, true}) {
-    QSetVirtualFileSystem(inMemory ? &vfs_ : nullptr);
-    for (const char* name : fixtures) {
-      const Bytes whole = Fixture(name);
-      const std::string ext = strrchr(name, '.');
-      const std::string path = Tmp("cut" + ext);
-      for (size_t n = 0; n < whole.size(); ++n) {
-        WriteFile(path, Bytes(whole.begin(), whole.begin() + long(n)));
-        QImage img;
-        const bool ok = img.Read(path.c_str());
-        // Cutting a Targa anywhere in memory leaves too little data.
-        if (inMemory && ext == ".tga") {
-          EXPECT_FALSE(ok) << name << " cut at " << n;
-        }
-      }
-    }
-  }
-  log_.Clear();
-}
-
 // Size bombs: small files whose headers ask for hundreds of megabytes, kept in the fuzz corpora
 // ("bomb_*"). Each reader must refuse them from the header, before allocating, on both paths.
 TEST_F(QImageTest, SizeBombsInTheFuzzCorporaAreRefusedAtOnce) {
@@ -648,21 +610,6 @@ TEST_F(QImageTest, PngCutFilesKeepTheDecodedRowsDamageFailsAndOversizedIsRefused
   QImage img;
   EXPECT_FALSE(img.ReadPNG(damaged.data(), damaged.size(), "damaged.png"));
   EXPECT_TRUE(log_.Seen("QImage:ReadPNG(damaged.png); IDAT: CRC error"));
-
-  // Every cut of every fixture, from a file and from memory: nothing crashes, and a cut before
-  // the first row fails.
-  for (const char* name : {"rgba.png", "rgba_adam7.png", "grey16.png", "palette_trns.png"}) {
-    const Bytes b = Fixture(name);
-    for (size_t n = 0; n < b.size(); ++n) {
-      QImage part;
-      const bool fromMemory = part.ReadPNG(b.data(), n, name);
-      if (n < 40) {
-        EXPECT_FALSE(fromMemory) << name << " cut at " << n;
-      }
-      ASSERT_TRUE(WriteFile(Tmp("cut.png"), Bytes(b.begin(), b.begin() + long(n))));
-      EXPECT_EQ(part.Read(Tmp("cut.png").c_str()), fromMemory) << name << " cut at " << n;
-    }
-  }
 
   // The header's sizes are checked before the library sees them (the checksum is not redone).
   const Bytes wide = MakePng(16384, 2);
