@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 #include <png.h>
-#include <jpeglib.h>
 #include <zlib.h>
 #include <sys/stat.h>
 
@@ -504,8 +503,7 @@ TEST_F(QImageTest, MipNibblesThroughThePalette) {
            {Mip(3, 2, 2, 2, 32, {1, 2, 3, 4}), "MIP with CMAP size!=64; unexpected"},
            {Mip(3, 2, 2, 2, 32, {1, 2, 3, 4}), "Failed to read CMAP in " + Tmp("x.mip")},
            {Mip(3, 2, 2, 3, 64, {1, 2, 3, 4}), "MIP type 3 not yet supported"},
-           {wrong, "MIP image doesn't have correct header"},
-           {Mip(100000, 100000, 50000, 2, 64, {1}), ""}}) {
+           {wrong, "MIP image doesn't have correct header"}}) {
     EXPECT_FALSE(img.Read(Put("x.mip", file).c_str())) << message;
     EXPECT_TRUE(Logged(message)) << message;
   }
@@ -693,30 +691,10 @@ TEST_F(QImageTest, PngNeedingMoreThanTheDecodeLimitIsRefusedUnlessItsRowsAreShru
   EXPECT_TRUE(Logged("(adam7.png) is an interlaced 7100x7100: decoding it needs 195 MB"));
 }
 
-// A progressive JPEG from libjpeg whose first scan is repeated `repeats` times (the library only
-// warns about such a sequence).
+// The progressive fixture (libjpeg's simple progression: 10 scans) with its first scan repeated
+// `repeats` times (the library only warns about such a sequence).
 Bytes ProgressiveJpeg(int repeats) {
-  jpeg_compress_struct c;
-  jpeg_error_mgr err;
-  c.err = jpeg_std_error(&err);
-  jpeg_create_compress(&c);
-  unsigned char* buffer = nullptr;
-  unsigned long length = 0;
-  jpeg_mem_dest(&c, &buffer, &length);
-  c.image_width = 64, c.image_height = 48, c.input_components = 3, c.in_color_space = JCS_RGB;
-  jpeg_set_defaults(&c);
-  jpeg_simple_progression(&c);
-  jpeg_start_compress(&c, TRUE);
-  std::vector<uint8_t> row(64 * 3);
-  while (c.next_scanline < c.image_height) {
-    for (size_t i = 0; i < row.size(); ++i) row[i] = uint8_t(i * 3 + c.next_scanline * 5);
-    JSAMPROW r = row.data();
-    jpeg_write_scanlines(&c, &r, 1);
-  }
-  jpeg_finish_compress(&c);
-  jpeg_destroy_compress(&c);
-  Bytes b(buffer, buffer + length);
-  free(buffer);
+  Bytes b = Fixture("progressive.jpg");
   // The first scan: its header up to the next marker that is not a stuffed byte or a restart.
   const uint8_t sos[] = {0xFF, 0xDA};
   const auto start = std::search(b.begin(), b.end(), sos, sos + 2);
@@ -729,12 +707,12 @@ Bytes ProgressiveJpeg(int repeats) {
 }
 
 TEST_F(QImageTest, JpegScansAreLimited) {
-  // libjpeg's simple progression writes 10 scans: 90 scans decode, 110 are refused.
+  // 90 scans decode, 110 are refused.
   QImage img;
   const Bytes ninety = ProgressiveJpeg(80), more = ProgressiveJpeg(100);
   EXPECT_TRUE(img.ReadJPG(ninety.data(), ninety.size(), "ninety.jpg"));
-  EXPECT_EQ(img.GetWidth() * 1000 + img.GetHeight(), 64048);
-  EXPECT_FALSE(img.ReadJPG(more.data(), more.size(), "more.jpg", 8, 32, 24));
+  EXPECT_EQ(img.GetWidth() * 1000 + img.GetHeight(), 16008);
+  EXPECT_FALSE(img.ReadJPG(more.data(), more.size(), "more.jpg", 8, 8, 4));
   EXPECT_TRUE(Logged("QImage:ReadJPG(); (more.jpg) has more than 100 scans (stopped at scan 101)"));
 }
 
