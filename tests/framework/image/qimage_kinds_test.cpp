@@ -4,6 +4,7 @@
 // decode of the same file. Then what each reader must refuse: empty, cut and random files, and
 // headers that ask for far more pixels than their bytes can hold.
 #include "framework/image/qimage.h"
+#include "framework/image/qpicturekinds.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -28,16 +29,15 @@ Bytes Fixture(const std::string& name) {
   return b;
 }
 
-// The reader QImage::Read would choose, from memory; `orientation` as TIFF and WebP report it.
+// The name's row of the picture table, from memory as the loader reads it: the header first
+// (WebP's orientation), then the reader (TIFF's).
 bool ReadKind(QImage* img, const std::string& name, const Bytes& b, int* orientation) {
   *orientation = 0;
-  const char* n = name.c_str();
-  if (QImage::IsHeifName(n)) return img->ReadHEIF(b.data(), b.size(), n);
-  if (QImage::IsGifName(n)) return img->ReadGIF(b.data(), b.size(), n);
-  if (QImage::IsTiffName(n)) return img->ReadTIFF(b.data(), b.size(), n, orientation);
+  const QPictureKind* kind = qPictureKindOf(name.c_str());
+  if (!kind || !kind->readMemory) return false;
   int w = 0, h = 0;
-  QImage::ReadWebPInfo(b.data(), b.size(), &w, &h, orientation);
-  return img->ReadWebP(b.data(), b.size(), n);
+  if (kind->readSize) kind->readSize(b.data(), b.size(), &w, &h, orientation);
+  return kind->readMemory(img, b.data(), b.size(), name.c_str(), {}, orientation);
 }
 
 // RGBA of the pixel at (x, y from the top).
