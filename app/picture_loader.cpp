@@ -202,7 +202,7 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
     read = kind->readMemory(image.get(), bytes.get(), size, path.c_str(), target, &orientation);
     out->orientation = kind->orients ? orientation : 0;
   } else {
-    // Described as read from the file (BMP, SGI, PSD, MIP), or of no known kind (logged there).
+    // The kinds read only from files (BMP, SGI, PSD, MIP), or of no known kind (logged there).
     read = image->Read(source);
   }
   out->stopped = !read && QBitMap::StopRequested();

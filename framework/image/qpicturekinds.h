@@ -37,8 +37,8 @@ struct QPictureKind {
   // (left alone otherwise); false, silently, when the header can't be read.
   using SizeReader = bool (*)(const uint8_t* data, size_t size, int* width, int* height,
                               int* orientation);
-  // Reads the named file itself (the kinds described as read from the file, and those with a
-  // reader of their own for files).
+  // Reads the named file itself (the kinds read only from files, and those with a reader of
+  // their own for files).
   using FileReader = bool (*)(QImage* image, const char* name);
 
   Id id;
