@@ -25,9 +25,11 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "app/command_channel.h"
 #include "app/slideshow.h"
+#include "framework/image/qpicturekinds.h"
 #include "framework/qapp.h"
 #include "framework/qdir.h"
 #include "framework/qerror.h"
@@ -332,6 +334,38 @@ void InstallSignalHandlers() {
   rm->Run();
 }
 
+// The help's paragraph on what is shown: the kinds the catalogue lists, named by their table,
+// broken at spaces into lines of at most 79 columns.
+std::string ShownKindsText() {
+  size_t count = 0;
+  const QPictureKind* kinds = qPictureKinds(&count);
+  std::vector<const char*> names;
+  for (size_t i = 0; i < count; ++i)
+    if (kinds[i].Listed()) names.push_back(kinds[i].name);
+  std::string text = "Shows the";
+  for (size_t i = 0; i < names.size(); ++i)
+    text += std::string(i == 0 ? " " : i + 1 == names.size() ? " and " : ", ") + names[i];
+  text += " pictures of its folder, or of app.startup_directory in glimra.ini, one at a time and "
+          "fitted to the screen's height; starts with PICTURE when one is given. When a copy "
+          "already runs, hands PICTURE to it (the UDP datagram \"load PICTURE\" to 127.0.0.1, "
+          "port network.port) and ends.";
+  std::string out;
+  size_t lineStart = 0;
+  for (size_t at = 0; at < text.size();) {
+    size_t end = text.find(' ', at);
+    if (end == std::string::npos) end = text.size();
+    if (out.size() > lineStart && out.size() - lineStart + 1 + (end - at) > 79) {
+      out += '\n';
+      lineStart = out.size();
+    } else if (out.size() > lineStart) {
+      out += ' ';
+    }
+    out.append(text, at, end - at);
+    at = end + 1;
+  }
+  return out + "\n";
+}
+
 }  // namespace
 
 // Sends `text` (without its terminating zero) as one datagram to host:port.
@@ -364,16 +398,13 @@ int main(int argc, char** argv) {
         "Usage: glimra [PICTURE]\n"
         "       glimra --help | --version\n"
         "\n"
-        "Shows the JPEG, PNG, Targa, HEIC/HEIF, AVIF, WebP, GIF and TIFF pictures of its\n"
-        "folder, or of app.startup_directory in glimra.ini, one at a time and fitted to the\n"
-        "screen's height; starts with PICTURE when one is given. When a copy already runs,\n"
-        "hands PICTURE to it (the UDP datagram \"load PICTURE\" to 127.0.0.1, port\n"
-        "network.port) and ends.\n"
+        "%s"
         "\n"
         "Keys: Left/Right previous/next picture, B black and white, C colour,\n"
         "      I information line on/off, Escape quit.\n"
         "The configuration glimra.ini and the log QLOG.txt lie beside the program.\n"
-        "See glimra(1).\n");
+        "See glimra(1).\n",
+        ShownKindsText().c_str());
     return 0;
   }
 

@@ -8,9 +8,10 @@
 #include <cstdio>
 #include <memory>
 
-#include "framework/qexif.h"
+#include "framework/image/qexif.h"
 #include "framework/qfile.h"
-#include "framework/qimage.h"
+#include "framework/image/qimage.h"
+#include "framework/image/qpicturekinds.h"
 #include "framework/qmem.h"
 #include "framework/qmessage.h"
 #include "framework/virtualfilesystem.h"
@@ -196,69 +197,31 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
   std::unique_ptr<QImage> image(new QImage());
   image->SetName(path.c_str());
   bool read = false;
-  if ((QImage::IsGifName(path.c_str()) || QImage::IsWebPName(path.c_str())) &&
-      QAnimation::Animates(bytes.get(), size)) {
+  const QPictureKind* kind = qPictureKindOf(path.c_str());
+  if (kind && kind->animates && QAnimation::Animates(bytes.get(), size)) {
     read = LoadAnimation(std::move(bytes), size, limit, out, image.get());
-  } else if (QImage::IsJpegName(path.c_str())) {
-    int w = 0, h = 0, eighths = 8, tw = 0, th = 0;
-    if (QImage::ReadJPGSize(bytes.get(), size, &w, &h) && w > 0 && h > 0) {
-      out->width = w, out->height = h;
-      int needW = 0, needH = 0;
+  } else if (kind && kind->readMemory) {
+    // The kinds that can tell their size first decode straight to the quad's size (through the
+    // library's scaling, the rows' reduction, or both); the others decode whole and are reduced
+    // below. The orientation is the EXIF block's until the kind's header or reader says.
+    int orientation = out->orientation, w = 0, h = 0;
+    QPictureKind::Target target;
+    if (kind->scaled && kind->readSize && kind->readSize(bytes.get(), size, &w, &h, &orientation) &&
+        w > 0 && h > 0) {
+      out->width = w, out->height = h, out->orientation = kind->orients ? orientation : 0;
+      int needW = 0, needH = 0, dw = w, dh = h;
       StoredQuadSize(*out, &needW, &needH);
-      eighths = JpegEighths(w, h, needW, needH, limit);
-      // The library's size at that scale, then shrunk to the quad while decoding.
-      const int dw = int((int64_t(w) * eighths + 7) / 8), dh = int((int64_t(h) * eighths + 7) / 8);
-      TargetSize(dw, dh, needW, needH, limit, &tw, &th);
+      if (kind->eighths) {
+        target.eighths = JpegEighths(w, h, needW, needH, limit);
+        dw = int((int64_t(w) * target.eighths + 7) / 8);
+        dh = int((int64_t(h) * target.eighths + 7) / 8);
+      }
+      TargetSize(dw, dh, needW, needH, limit, &target.width, &target.height);
     }
-    read = image->ReadJPG(bytes.get(), size, path.c_str(), eighths, tw, th);
-  } else if (QImage::IsTargaName(path.c_str())) {
-    read = image->ReadTGA(bytes.get(), size, path.c_str());
-  } else if (QImage::IsPngName(path.c_str())) {
-    // Straight to the quad's size while decoding, as for JPEG.
-    int w = 0, h = 0, tw = 0, th = 0;
-    if (QImage::ReadPNGSize(bytes.get(), size, &w, &h) && w > 0 && h > 0) {
-      out->width = w, out->height = h;
-      int needW = 0, needH = 0;
-      StoredQuadSize(*out, &needW, &needH);
-      TargetSize(w, h, needW, needH, limit, &tw, &th);
-    }
-    read = image->ReadPNG(bytes.get(), size, path.c_str(), tw, th);
-  } else if (QImage::IsWebPName(path.c_str())) {
-    // Decoded by the library straight at the quad's size.
-    int w = 0, h = 0, orientation = 0, tw = 0, th = 0;
-    if (QImage::ReadWebPInfo(bytes.get(), size, &w, &h, &orientation) && w > 0 && h > 0) {
-      out->width = w, out->height = h, out->orientation = orientation;
-      int needW = 0, needH = 0;
-      StoredQuadSize(*out, &needW, &needH);
-      TargetSize(w, h, needW, needH, limit, &tw, &th);
-    }
-    read = image->ReadWebP(bytes.get(), size, path.c_str(), tw, th);
-  } else if (QImage::IsHeifName(path.c_str())) {
-    // Turned by its own transforms; the library decodes it whole, and its rows are reduced to
-    // the quad's size as they are copied out.
-    int w = 0, h = 0, tw = 0, th = 0;
-    out->orientation = 0;
-    if (QImage::ReadHEIFSize(bytes.get(), size, &w, &h)) {
-      out->width = w, out->height = h;
-      int needW = 0, needH = 0;
-      StoredQuadSize(*out, &needW, &needH);
-      TargetSize(w, h, needW, needH, limit, &tw, &th);
-    }
-    read = image->ReadHEIF(bytes.get(), size, path.c_str(), tw, th);
-  } else if (QImage::IsGifName(path.c_str())) {
-    read = image->ReadGIF(bytes.get(), size, path.c_str());
-  } else if (QImage::IsTiffName(path.c_str())) {
-    // Reduced band by band as it is decoded.
-    int w = 0, h = 0, orientation = 0, tw = 0, th = 0;
-    if (QImage::ReadTIFFInfo(bytes.get(), size, &w, &h, &orientation)) {
-      out->width = w, out->height = h, out->orientation = orientation;
-      int needW = 0, needH = 0;
-      StoredQuadSize(*out, &needW, &needH);
-      TargetSize(w, h, needW, needH, limit, &tw, &th);
-    }
-    read = image->ReadTIFF(bytes.get(), size, path.c_str(), &orientation, tw, th);
-    out->orientation = orientation;
+    read = kind->readMemory(image.get(), bytes.get(), size, path.c_str(), target, &orientation);
+    out->orientation = kind->orients ? orientation : 0;
   } else {
+    // The kinds read only from files (BMP, SGI, PSD, MIP), or of no known kind (logged there).
     read = image->Read(source);
   }
   out->stopped = !read && QBitMap::StopRequested();
@@ -266,8 +229,7 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
   if (!read || image->GetWidth() <= 0 || image->GetHeight() <= 0 || !image->GetBuffer() ||
       int64_t(image->GetSize()) < int64_t(image->GetWidth()) * image->GetHeight() * 4)
     return;
-  // JPEG, PNG, WebP, HEIF and TIFF give their full size before decoding; the others decode it
-  // whole.
+  // The kinds that decode scaled gave their full size before; the others decode it whole.
   if (out->width <= 0) out->width = image->GetWidth(), out->height = image->GetHeight();
   out->decodeMs = MsSince(phase);
 

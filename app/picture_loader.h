@@ -26,7 +26,7 @@
 #include <memory>
 #include <string>
 
-#include "framework/qanimation.h"
+#include "framework/image/qanimation.h"
 #include "framework/qbitmap.h"
 
 // Where and how big pictures are shown.

@@ -22,7 +22,8 @@
 #include "framework/qevent.h"
 #include "framework/qfile.h"
 #include "framework/qfont.h"
-#include "framework/qimage.h"
+#include "framework/image/qimage.h"
+#include "framework/image/qpicturekinds.h"
 #include "framework/qini.h"
 #include "framework/qmessage.h"
 #include "framework/qshell.h"
@@ -40,21 +41,6 @@ constexpr int kKeyC = 'C';
 constexpr int kKeyI = 'I';
 // Shortest time between two catalogue rebuilds for a watched folder's changes.
 constexpr int kFollowGapMs = 250;
-
-// Catalogue entries: visible names holding ".jpg", ".jpeg", ".tga", ".png", ".heic", ".heif",
-// ".avif", ".webp", ".gif", ".tif" or ".tiff" anywhere, in any case of the ASCII letters (a
-// camera writes IMG_0001.JPG).
-bool IsPictureName(const char* name) {
-  static const char* const kKinds[] = {".jpg",  ".jpeg", ".tga",  ".png", ".heic",
-                                       ".heif", ".avif", ".webp", ".gif", ".tif"};
-  std::string lower(name);
-  for (char& c : lower)
-    if (c >= 'A' && c <= 'Z') c = char(c + 32);
-  if (lower.empty() || lower[0] == '.') return false;
-  for (const char* kind : kKinds)
-    if (lower.find(kind) != std::string::npos) return true;
-  return false;
-}
 
 // A link that leads nowhere, round a loop, or to a folder or a device holds no picture and would
 // only fail at every step through the catalogue: it is left out.
@@ -219,7 +205,7 @@ void RaceManager::Setup(const char* arg) {
   if (ini->GetBool("app.watch_directory", false)) {
     watch.reset(new QDirWatch());
     // A flood of new files is followed in batches, each costing one listing.
-    if (!watch->Open(home.IsEmpty() ? "." : home.cstr(), IsPictureName, kFollowGapMs))
+    if (!watch->Open(home.IsEmpty() ? "." : home.cstr(), qIsCataloguePictureName, kFollowGapMs))
       watch.reset();
   }
   ScanDir();
@@ -243,8 +229,8 @@ void RaceManager::ScanDir(const std::vector<std::string>& skip) {
   QDirectory dir(".");
   char name[QDirectory::NAME_SIZE];
   while (dir.ReadNext(name)) {
-    if (!IsPictureName(name) || std::find(skip.begin(), skip.end(), name) != skip.end() ||
-        IsDeadEndLink(name))
+    if (!qIsCataloguePictureName(name) ||
+        std::find(skip.begin(), skip.end(), name) != skip.end() || IsDeadEndLink(name))
       continue;
     if (imageCount >= MAX_IMAGES) {
       // Once, not at every change of a folder that stays too full.
@@ -300,7 +286,7 @@ void RaceManager::StartFirstPicture(const char* arg, QApp* app, int width, int h
     QDirectory dir(folder.c_str());
     char name[QDirectory::NAME_SIZE];
     while (path.empty() && dir.ReadNext(name))
-      if (IsPictureName(name)) path = name;
+      if (qIsCataloguePictureName(name)) path = name;
   }
   if (path.empty()) return;
   const std::string file = path[0] == '/' ? path : folder + "/" + path;

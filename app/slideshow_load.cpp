@@ -14,7 +14,7 @@
 #include "framework/qbitmap.h"
 #include "framework/qcanvas.h"
 #include "framework/qfont.h"
-#include "framework/qimage.h"
+#include "framework/image/qimage.h"
 #include "framework/qini.h"
 #include "framework/qmessage.h"
 #include "framework/qshell.h"

@@ -12,6 +12,8 @@
 // After <cstdio>: the library's header needs FILE.
 #include <jpeglib.h>
 
+#include "framework/image/qexif.h"
+
 namespace bench {
 
 // Smooth colour gradients with pixel noise (so the entropy data looks like a photo's), written
@@ -32,10 +34,9 @@ inline bool WritePhoto(const std::string& path, int width, int height, int orien
   jpeg_set_quality(&c, 90, TRUE);
   jpeg_start_compress(&c, TRUE);
   if (orientation) {
-    // "Exif", a little-endian TIFF header and one IFD entry 0x0112 (SHORT) with the value.
-    const uint8_t exif[] = {'E', 'x', 'i', 'f', 0, 0, 'I', 'I', 42, 0, 8, 0, 0, 0, 1, 0, 0x12, 1,
-                            3, 0, 1, 0, 0, 0, uint8_t(orientation), 0, 0, 0, 0, 0, 0, 0};
-    jpeg_write_marker(&c, JPEG_APP0 + 1, exif, sizeof(exif));
+    uint8_t seg[QExif::ORIENTATION_SEGMENT_SIZE];
+    QExif::WriteOrientationSegment(uint16_t(orientation), seg);
+    jpeg_write_marker(&c, JPEG_APP0 + 1, seg + 4, sizeof(seg) - 4);
   }
   std::vector<uint8_t> row(size_t(width) * 3);
   uint32_t seed = 12345;

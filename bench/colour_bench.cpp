@@ -9,7 +9,7 @@
 #include <cstring>
 #include <vector>
 
-#include "framework/qimage.h"
+#include "framework/image/qimage.h"
 #include "framework/qmessage.h"
 
 namespace {

@@ -20,8 +20,8 @@
 
 #include "bench/bench_photo.h"
 #include "framework/qbitmap.h"
-#include "framework/qexif.h"
-#include "framework/qimage.h"
+#include "framework/image/qexif.h"
+#include "framework/image/qimage.h"
 #include "framework/qmessage.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "framework/qimage.h"
+#include "framework/image/qimage.h"
 #include "framework/qini.h"
 #include "framework/qmem.h"
 #include "framework/qmessage.h"

@@ -8,7 +8,7 @@
 #include "d3/dglobal.h"
 #include "d3/dtexture.h"
 #include "framework/qfile.h"
-#include "framework/qimage.h"
+#include "framework/image/qimage.h"
 #include "framework/qmessage.h"
 #include "framework/qthread.h"
 

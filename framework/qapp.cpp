@@ -66,6 +66,7 @@ void QApp::Release() {
     QFontReleaseSystemFonts();
     qSetMessageBoxOwner(nullptr);
     QGLSetAppContextHook(nullptr);
+    QGLSetScaleHook(nullptr);
     if (display_ && cursor_) display_->FreeCursor(cursor_);
     cursor_ = nullptr;
     delete mainWin_;
@@ -174,6 +175,7 @@ bool QApp::CreateMainWindow() {
   if (flags_ & RAISE_ON_CREATE) mainWin_->Raise();
   qSetMessageBoxOwner(mainWin_->GetNativeWindow());
   QGLSetAppContextHook(&QApp::MakeContextCurrent);
+  QGLSetScaleHook(&QGLGluScaleImage);
 
   // ---- System fonts ----
   QFontCreateSystemFonts();

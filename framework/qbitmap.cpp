@@ -1,9 +1,6 @@
 // QBitMap: allocation, copies between bitmaps, rotation, resizing and cropping.
 #include "framework/qbitmap.h"
 
-#include <GL/gl.h>
-#include <GL/glu.h>
-
 #include <algorithm>
 #include <climits>
 #include <cstring>
@@ -113,11 +110,6 @@ bool Inside(int64_t rowLo, int64_t rowHi, int64_t colLo, int64_t colHi, int widt
             int64_t pixels) {
   return rowLo * width + colLo >= 0 && rowHi * width + colHi < pixels;
 }
-
-struct GLPixelStore {
-  GLint packRow, packSkipPixels, packSkipRows, packAlign;
-  GLint unpackRow, unpackSkipPixels, unpackSkipRows, unpackAlign;
-};
 
 }  // namespace
 
@@ -318,42 +310,8 @@ bool QBitMap::Resize(int width, int height, bool scaleContents) {
     const char* failure = nullptr;
     if (depth_ != 32 || int64_t(size_) < int64_t(width_) * height_ * 4) {
       failure = "source is not 32-bit";
-    } else if (!QGLMakeAppContextCurrent()) {
-      failure = "no OpenGL context";
     } else {
-      // GLU reads and writes through the pixel-store state; set it for tight rows, then give
-      // the texture code back what it had.
-      GLPixelStore saved;
-      glGetIntegerv(GL_PACK_ROW_LENGTH, &saved.packRow);
-      glGetIntegerv(GL_PACK_SKIP_PIXELS, &saved.packSkipPixels);
-      glGetIntegerv(GL_PACK_SKIP_ROWS, &saved.packSkipRows);
-      glGetIntegerv(GL_PACK_ALIGNMENT, &saved.packAlign);
-      glGetIntegerv(GL_UNPACK_ROW_LENGTH, &saved.unpackRow);
-      glGetIntegerv(GL_UNPACK_SKIP_PIXELS, &saved.unpackSkipPixels);
-      glGetIntegerv(GL_UNPACK_SKIP_ROWS, &saved.unpackSkipRows);
-      glGetIntegerv(GL_UNPACK_ALIGNMENT, &saved.unpackAlign);
-      glPixelStorei(GL_PACK_ROW_LENGTH, width);
-      glPixelStorei(GL_PACK_SKIP_PIXELS, 0);
-      glPixelStorei(GL_PACK_SKIP_ROWS, 0);
-      glPixelStorei(GL_PACK_ALIGNMENT, 1);
-      glPixelStorei(GL_UNPACK_ROW_LENGTH, width_);
-      glPixelStorei(GL_UNPACK_SKIP_ROWS, 0);
-      glPixelStorei(GL_UNPACK_SKIP_PIXELS, 0);
-      glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
-      const GLint rc = gluScaleImage(GL_RGBA, width_, height_, GL_UNSIGNED_BYTE, pixels_, width,
-                                     height, GL_UNSIGNED_BYTE, block);
-      glPixelStorei(GL_PACK_ROW_LENGTH, saved.packRow);
-      glPixelStorei(GL_PACK_SKIP_PIXELS, saved.packSkipPixels);
-      glPixelStorei(GL_PACK_SKIP_ROWS, saved.packSkipRows);
-      glPixelStorei(GL_PACK_ALIGNMENT, saved.packAlign);
-      glPixelStorei(GL_UNPACK_ROW_LENGTH, saved.unpackRow);
-      glPixelStorei(GL_UNPACK_SKIP_PIXELS, saved.unpackSkipPixels);
-      glPixelStorei(GL_UNPACK_SKIP_ROWS, saved.unpackSkipRows);
-      glPixelStorei(GL_UNPACK_ALIGNMENT, saved.unpackAlign);
-      if (rc != 0) {
-        const GLubyte* text = gluErrorString(GLenum(rc));
-        failure = text ? reinterpret_cast<const char*>(text) : "gluScaleImage failed";
-      }
+      failure = QGLScaleImage(width_, height_, pixels_, width, height, block);
     }
     if (failure) {
       QWARN("QBitMap::Resize", "QBitMap:Resize() failed; %s", failure);

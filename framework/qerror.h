@@ -16,6 +16,16 @@ enum QMessageBoxKind {
   QMB_YESNO_QUESTION = 1,  // Yes / No
 };
 
+// The platform's box, installed by the window layer (qerror_box.cpp) before main wherever it is
+// linked in; without one, every box is "could not be shown". `show` answers 1 for OK or Yes, 0
+// for a dismissed or closed box, -1 when none could be shown; `stop` closes the box that is up
+// with async-signal-safe calls only.
+struct QMessageBoxPlatform {
+  int (*show)(const char* caption, const char* text, QMessageBoxKind kind);
+  void (*stop)(int signal);
+};
+void qSetMessageBoxPlatform(const QMessageBoxPlatform* platform);
+
 // Shows a task-modal box; true when it was shown and answered OK or Yes.
 bool qShowMessageBox(const char* caption, const char* text, QMessageBoxKind kind);
 // The window that owns the boxes (an SDL_Window*), or null.
@@ -24,6 +34,7 @@ void qSetMessageBoxOwner(void* sdlWindow);
 // default, waits for the click. Whatever process shows a box dies with the program, holds none
 // of its sockets, and is never counted as a running copy.
 void qSetFatalBoxSeconds(int seconds);
+int qFatalBoxSeconds();
 // A stop signal: closes the box that is up as if dismissed, and no box is shown after it. Only
 // async-signal-safe calls, for the stop-signal handler.
 void qStopMessageBoxes(int signal);

@@ -5,6 +5,7 @@
 
 namespace {
 bool (*g_contextHook)() = nullptr;
+const char* (*g_scaleHook)(int, int, const void*, int, int, void*) = nullptr;
 int g_contextSerial = 0;
 std::thread::id g_contextThread;
 }
@@ -25,4 +26,14 @@ int QGLGetAppContextSerial() { return g_contextSerial; }
 
 bool QGLIsContextThread() {
   return g_contextHook && g_contextThread == std::this_thread::get_id();
+}
+
+void QGLSetScaleHook(const char* (*scale)(int w, int h, const void* src, int tw, int th,
+                                          void* dst)) {
+  g_scaleHook = scale;
+}
+
+const char* QGLScaleImage(int w, int h, const void* src, int tw, int th, void* dst) {
+  if (!g_scaleHook || !QGLMakeAppContextCurrent()) return "no OpenGL context";
+  return g_scaleHook(w, h, src, tw, th, dst);
 }

@@ -20,3 +20,13 @@ int QGLGetAppContextSerial();
 bool QGLIsContextThread();
 // The calling thread's current OpenGL context, or null when it has none (window layer).
 void* QGLGetCurrentContext();
+
+// Scales a tightly packed `w` x `h` RGBA block into `tw` x `th` at `dst` in the application's
+// context; null when done, else why not ("no OpenGL context" while no scaler is installed, or
+// the library's text). Keeps the pixel-store state it found.
+const char* QGLScaleImage(int w, int h, const void* src, int tw, int th, void* dst);
+// Installed with the context hook by the window layer; null removes it.
+void QGLSetScaleHook(const char* (*scale)(int w, int h, const void* src, int tw, int th,
+                                          void* dst));
+// The window layer's scaler: GLU's, under the context that must be current.
+const char* QGLGluScaleImage(int w, int h, const void* src, int tw, int th, void* dst);

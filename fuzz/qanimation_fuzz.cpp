@@ -2,7 +2,7 @@
 // written out at a reduced size taken from the input's first bytes, as the slideshow asks for it.
 #include <cstring>
 
-#include "framework/qanimation.h"
+#include "framework/image/qanimation.h"
 #include "framework/qbitmap.h"
 #include "fuzz/qimage_fuzz.h"
 

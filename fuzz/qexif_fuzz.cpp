@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "framework/qexif.h"
+#include "framework/image/qexif.h"
 #include "framework/qstring.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

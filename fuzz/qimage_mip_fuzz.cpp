@@ -1,7 +1,7 @@
-// "PIM " palette-format bytes, read as a file.
+// "PIM " palette-format bytes, read from a file as the loader does, then reduced.
 #include "fuzz/qimage_fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  qimage_fuzz::ReadAs("f.mip", data, size);
+  qimage_fuzz::LoadAs("f.mip", data, size);
   return 0;
 }

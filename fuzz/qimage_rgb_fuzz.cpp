@@ -1,7 +1,8 @@
-// SGI RGB bytes, either byte order, uncompressed or run-length, read as a file.
+// SGI RGB bytes, either byte order, uncompressed or run-length, read from a file as the loader
+// does, then reduced.
 #include "fuzz/qimage_fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  qimage_fuzz::ReadAs("f.rgb", data, size);
+  qimage_fuzz::LoadAs("f.rgb", data, size);
   return 0;
 }

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "framework/image/qexif.h"
 #include "framework/qbitmap.h"
 
 namespace {
@@ -629,21 +630,6 @@ void Winter(Canvas& c) {
 // Output
 // ---------------------------------------------------------------------------------------------
 
-// The smallest EXIF APP1 segment that carries an orientation: the header, a big-endian TIFF
-// header and IFD0 with the one SHORT entry (tag 274), no further IFD.
-std::vector<uint8_t> OrientationSegment(uint16_t orientation) {
-  const uint8_t body[] = {'E', 'x', 'i', 'f', 0, 0,                          // header
-                          'M', 'M', 0, 42, 0, 0, 0, 8,                       // TIFF, IFD0 at 8
-                          0, 1,                                              // one entry
-                          0x01, 0x12, 0, 3, 0, 0, 0, 1,                      // 274, SHORT, 1
-                          uint8_t(orientation >> 8), uint8_t(orientation), 0, 0,
-                          0, 0, 0, 0};                                       // no IFD1
-  const size_t len = sizeof(body) + 2;  // the length counts itself
-  std::vector<uint8_t> seg{0xFF, 0xE1, uint8_t(len >> 8), uint8_t(len)};
-  seg.insert(seg.end(), body, body + sizeof(body));
-  return seg;
-}
-
 bool ReadWhole(const std::string& path, std::vector<uint8_t>* out) {
   std::unique_ptr<FILE, int (*)(FILE*)> f(fopen(path.c_str(), "rb"), fclose);
   if (!f) return false;
@@ -667,8 +653,9 @@ bool InsertOrientation(const std::string& path, uint16_t orientation) {
     fprintf(stderr, "glimra-demopics: '%s' is not a JPEG file\n", path.c_str());
     return false;
   }
-  const std::vector<uint8_t> seg = OrientationSegment(orientation);
-  jpg.insert(jpg.begin() + 2, seg.begin(), seg.end());
+  uint8_t seg[QExif::ORIENTATION_SEGMENT_SIZE];
+  QExif::WriteOrientationSegment(orientation, seg);
+  jpg.insert(jpg.begin() + 2, seg, seg + sizeof(seg));
   if (!WriteWhole(path, jpg)) {
     fprintf(stderr, "glimra-demopics: can't write '%s'\n", path.c_str());
     return false;

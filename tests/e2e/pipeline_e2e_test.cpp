@@ -207,7 +207,7 @@ TEST_F(PipelineE2E, HeicAvifWebPGifAndTiffShowUpright) {
     EXPECT_TRUE(Is(screen_.At(240 + 360, 270), 0xDC1E1E, 16)) << c.name;
     EXPECT_TRUE(Is(screen_.At(240 + 1080, 810), 0xE6D228, 16)) << c.name;
   }
-  // A cut file of these kinds is refused keeping the picture: tests/framework/qimage_kinds_test.cpp
+  // A cut file of these kinds is refused keeping the picture: tests/framework/image/qimage_kinds_test.cpp
   // for the readers, tests/e2e/slideshow_e2e_test.cpp for the screen.
   EXPECT_EQ(p.Log().find("Can't load image"), std::string::npos) << p.Log();
 }

@@ -24,6 +24,7 @@
 #include <sstream>
 #include <thread>
 
+#include "framework/image/qexif.h"
 #include "framework/qbitmap.h"
 #include "framework/qini.h"
 #include "support/tempdir.h"
@@ -74,21 +75,6 @@ std::vector<std::string> OwnLeaks(const std::string& out) {
 }
 
 }  // namespace
-
-bool Have(const char* tool) {
-  return system((std::string("command -v ") + tool + " >/dev/null 2>&1").c_str()) == 0;
-}
-
-std::string Capture(const std::string& cmd) {
-  std::string out;
-  FILE* p = popen(cmd.c_str(), "r");
-  if (!p) return out;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) out.append(buf, n);
-  pclose(p);
-  return out;
-}
 
 bool HaveTools() { return Have("Xvfb") && Have("xdotool") && Have("xwd"); }
 
@@ -226,11 +212,8 @@ bool SetJpegOrientation(const std::string& path, int orientation) {
   std::string data = ReadFile(path);
   if (data.size() < 4 || (unsigned char)data[0] != 0xFF || (unsigned char)data[1] != 0xD8)
     return false;
-  // APP1 of length 34: "Exif\0\0", a little-endian TIFF header, IFD0 with one entry (0x0112,
-  // SHORT, count 1, the value) and no next IFD.
-  const unsigned char seg[] = {0xFF, 0xE1, 0, 34, 'E', 'x', 'i', 'f', 0, 0, 'I', 'I', 0x2A, 0, 8, 0,
-                               0, 0, 1, 0, 0x12, 0x01, 3, 0, 1, 0, 0, 0, (unsigned char)orientation,
-                               0, 0, 0, 0, 0, 0, 0};
+  uint8_t seg[QExif::ORIENTATION_SEGMENT_SIZE];
+  QExif::WriteOrientationSegment(uint16_t(orientation), seg);
   data.insert(2, reinterpret_cast<const char*>(seg), sizeof(seg));
   return WriteFile(path, data);
 }

@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "support/command.h"
+
 namespace e2e {
 
 // Time-outs: software GL under the sanitizers is slow to come up.
@@ -28,9 +30,6 @@ bool StartXvfb(int w, int h);
 void StopX();
 // True when Xvfb, xdotool and xwd are installed.
 bool HaveTools();
-bool Have(const char* tool);  // on PATH
-// What the shell command writes to its standard output ("" when it cannot run).
-std::string Capture(const std::string& cmd);
 
 struct Screen {
   int width = 0;

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "framework/qbitmap.h"
-#include "framework/qexif.h"
-#include "framework/qimage.h"
+#include "framework/image/qexif.h"
+#include "framework/image/qimage.h"
 #include "support/tempdir.h"
 
 namespace {

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Records how the picture fixtures of tests/framework/qimage_test.cpp were made. The tests do not
+# Records how the picture fixtures of tests/framework/image/qimage_test.cpp were made. The tests do not
 # run it; run it by hand (ImageMagick 6 and netpbm) to remake them, then check the diff.
 #
 # Every lossless fixture encodes src.pam: 5 x 3 pixels, RGBA, pixel (x, y from the top)

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Records how the fixtures of tests/framework/qimage_kinds_test.cpp (and the pictures of the kinds
+# Records how the fixtures of tests/framework/image/qimage_kinds_test.cpp (and the pictures of the kinds
 # end-to-end test) were made, each by an encoder that is not ours: heif-enc (libheif-examples) for
 # HEIC and AVIF, cwebp, img2webp and webpmux (webp) for WebP, ImageMagick 6 for GIF and TIFF and
 # tiffcp (libtiff-tools) for the tiled TIFF. The tests do not run it; run it by hand to remake
