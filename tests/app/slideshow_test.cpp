@@ -1,7 +1,5 @@
-// The slideshow controller in-process: the shipped glimra.ini, the catalogue (filter, order,
-// duplicates, the 2000 limit), stepping from "nothing shown", files that are no pictures, the
-// command channel's settings and how it works off a burst. Loads on screen are the end-to-end
-// tests' business.
+// The slideshow controller in-process: the shipped glimra.ini, the catalogue, stepping, files
+// that are no pictures, the command channel's settings and how it works off a burst.
 #include "app/slideshow.h"
 
 #include <sys/stat.h>
@@ -22,7 +20,6 @@
 #include "framework/qini.h"
 #include "support/e2e.h"
 #include "support/logcapture.h"
-#include "support/tempdir.h"
 
 namespace fs = std::filesystem;
 
@@ -49,7 +46,6 @@ TEST(ShippedIni, ReadsBackWithoutWarningsAndHoldsEveryKeyTheProgramReads) {
   LogCapture log;
   QIni ini(GLIMRA_SOURCE_DIR "/data/glimra.ini");
   ASSERT_TRUE(ini.IsFound());
-  // Every key the program reads is listed (the values are the manual page's business).
   for (const char* key :
        {"dev.terminal", "network.port", "network.listen", "effects.show_info",
         "effects.black_and_white", "app.startup_directory", "window.manage", "resolution.width",
@@ -122,8 +118,7 @@ TEST_F(InTempDir, CatalogueStopsAtTwoThousandWithAWarning) {
   EXPECT_EQ(rm_->GetImageCount(), RaceManager::MAX_IMAGES);
   EXPECT_EQ(rm_->GetImage(RaceManager::MAX_IMAGES - 1), std::string("p11999.jpg"));
   EXPECT_TRUE(log.Seen("No space for new image (p12000.jpg) anymore - not registering"));
-  // Listed again while still too full (a watched folder at each change): not said again, but
-  // again once it fitted in between.
+  // Listed again while still too full: not said again, but again once it fitted in between.
   log.Clear();
   rm_->Rescan();
   EXPECT_FALSE(log.Seen("No space for new image"));
@@ -174,8 +169,6 @@ TEST_F(InTempDir, OnlyRegularFilesAreOpenedAsPicturesAndNothingBlocks) {
   EXPECT_STREQ(rm_->GetCurFile(), "");
 }
 
-// A burst of commands ends as one after another would, with one picture loaded and
-// glimra.ini written once.
 TEST_F(InTempDir, CommandsTakenTogetherEndAsOneByOneWithOnlyTheLastPictureLoaded) {
   for (const char* n : {"a.tga", "b.tga", "c.tga", "d.tga", "e.tga"})
     ASSERT_TRUE(e2e::Uniform(n, e2e::kRed));

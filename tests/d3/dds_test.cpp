@@ -1,5 +1,4 @@
-// DDS files made byte by byte: header checks with their messages, hostile sizes refused before
-// allocation, and the level layout.
+// DDS files made byte by byte: header checks, hostile sizes refused, the level layout.
 #include "d3/dds.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,5 @@
-// Hostile but legal pictures from outside: a 16000 x 16000 PNG of about a megabyte is shown
-// within the memory the README gives, and a stop signal while such a picture is being decoded,
-// by the main loop or by the prefetch worker, ends the program within a second with status 0.
+// Huge but legal PNGs: shown within the README's memory figure, and a stop during their decode
+// (main loop or prefetch worker) ends the program within a second with status 0.
 #include <signal.h>
 #include <sys/stat.h>
 #include <zlib.h>
@@ -11,7 +10,6 @@
 #include <vector>
 
 #include "support/e2e.h"
-#include "support/tempdir.h"
 
 namespace {
 
@@ -30,8 +28,7 @@ void Chunk(std::string* png, const char* type, const std::string& data) {
   Put32(png, uint32_t(crc32(0, reinterpret_cast<const Bytef*>(body.data()), uInt(body.size()))));
 }
 
-// A w x h RGBA PNG of `depth` bits whose rows all repeat the first (filter "up"), so that
-// gigabytes of pixels pack into a megabyte or two.
+// A w x h RGBA PNG of `depth` bits whose rows repeat the first: gigabytes in a megabyte or two.
 std::string RepeatedRowsPng(int w, int h, int depth) {
   std::string png = "\x89PNG\r\n\x1a\n", ihdr;
   Put32(&ihdr, uint32_t(w)), Put32(&ihdr, uint32_t(h));
@@ -63,9 +60,8 @@ std::string RepeatedRowsPng(int w, int h, int depth) {
 
 class DecodeE2E : public ScreenTest<800, 600> {
  protected:
-  // Sends SIGTERM and expects the slideshow released (the prefetch worker stopped) within a
-  // second, then the exit with status 0. The time stops at the release: under the sanitizers
-  // the leak scan at exit alone takes about half a second.
+  // SIGTERM: the slideshow released within a second (timed there, as the sanitizers' leak scan
+  // at exit alone takes half a second), then status 0.
   static void ExpectStopWithinASecond(Program* p) {
     const auto sent = std::chrono::steady_clock::now();
     ASSERT_EQ(kill(p->Pid(), SIGTERM), 0);
@@ -83,8 +79,7 @@ TEST_F(DecodeE2E, HugePngsStayInTheMemoryLimitAndAStopDuringTheirDecodeEndsWithi
   const std::string slow = RepeatedRowsPng(16384, 16384, 16);
   ASSERT_LT(big.size() + slow.size(), 4u << 20);
 
-  // The main loop's decode: a.jpg alone in the catalogue (nothing to prefetch), the others
-  // loaded from a folder beside it.
+  // The main loop's decode: a.jpg alone in the catalogue (nothing to prefetch).
   Program p;
   ASSERT_TRUE(p.Prepare() && Uniform(p.Path("a.jpg"), kRed));
   ASSERT_EQ(mkdir(p.Path("sub").c_str(), 0755), 0);

@@ -1,12 +1,9 @@
-// glimra in a full-screen mode of another shape than the monitor's: a 4:3 mode on a 16:9 screen.
-// Xvfb offers one mode only, so this runs on an X server with the dummy video driver and a
-// monitor of two modes, 1600x900 and 1200x900; skipped where that server cannot be started.
+// A 4:3 full-screen mode on a 16:9 screen, on Xorg's dummy driver (Xvfb has one mode only).
 #include <signal.h>
 
 #include <cstdio>
 
 #include "support/e2e.h"
-#include "support/tempdir.h"
 
 namespace {
 
@@ -50,8 +47,7 @@ class DisplayModesE2E : public ::testing::Test {
     const bool started =
         StartX("Xorg", {"-config", conf, "-configdir", dir_->Path(), "-noreset", "-nolisten",
                              "tcp", "-novtswitch", "-logfile", dir_->File("x.log")});
-    // A server that has announced itself may still not answer (seen under load, now and then
-    // for good): that is this machine's trouble, not glimra's, so the test is skipped then.
+    // A server that announced itself may still never answer under load: skipped, not failed.
     Screen s;
     up_ = started && WaitForScreen([](const Screen& g) { return g.width == 1600; }, kStartMs, &s);
     if (!up_)

@@ -1,7 +1,5 @@
-// glimra as a sign, from outside on its own 800 x 600 X server: pictures that change by
-// themselves (a bad one skipped, a key restarting the count), a fade that blends and then lets
-// the machine rest, the remote steps of the command channel, a burst of them worked off at the
-// cost of a few, and a stop in the middle of a flood.
+// glimra as a sign: automatic advance, a fade that blends and then rests, the remote steps, a
+// burst of them worked off at the cost of a few, and a stop in the middle of a flood.
 #include <signal.h>
 
 #include <atomic>
@@ -11,7 +9,6 @@
 #include <thread>
 
 #include "support/e2e.h"
-#include "support/tempdir.h"
 
 namespace {
 
@@ -30,8 +27,7 @@ long CpuMs(pid_t pid) {
   return (user + system) * 1000 / sysconf(_SC_CLK_TCK);
 }
 
-// What `pid` does over the next two seconds: its processor time (user and system) in ms, and how
-// often its main thread woke from a sleep.
+// What `pid` does over the next two seconds: processor time in ms, and its main thread's wakes.
 struct Activity {
   long cpuMs = 0, wakes = 0;
 };
@@ -71,8 +67,7 @@ TEST_F(SignageE2E, AdvanceCyclesThePicturesSkipsABadOneAndAKeyRestartsTheCount) 
   for (uint32_t next : {kGreen, kBlue, kRed}) ASSERT_TRUE(Shows(next, 5000)) << p.Log();
   EXPECT_TRUE(p.WaitForLog("Can't load image (b_bad.jpg)", kStepMs));
 
-  // Red just came: a key half-way through its second starts the count again, so red is still
-  // there 1.2 s after it came (without the key, green would be).
+  // A key half-way through red's second starts the count again: red still shows 1.2 s after.
   const auto came = Clock::now();
   std::this_thread::sleep_for(std::chrono::milliseconds(400));
   ASSERT_TRUE(p.Keys("x", 0));
@@ -95,13 +90,10 @@ TEST_F(SignageE2E, AFolderOfBadPicturesIsTriedNoFasterThanTheInterval) {
   EXPECT_EQ(p.Escape(), 0);
 }
 
-// With a fade, the remote steps, effects and rescan, and nothing else; then a burst of them,
-// and a stop during a flood of rescans of a large folder.
 TEST_F(SignageE2E, FadeBlendsThenRestsAndRemoteStepsEffectsAndRescanAndNothingElse) {
   Program p;
   Prepare(&p, "effects.fade_ms", "300");
-  // A photo that takes a while to decode, listed last; and names enough to make each listing
-  // cost something.
+  // A photo slow to decode, listed last; names enough to make each listing cost something.
   ASSERT_TRUE(WritePicture(p.Path("p.jpg"), 3000, 2000, Photo));
   for (int i = 0; i < 5000; ++i) std::ofstream(p.Path("n" + std::to_string(i) + ".txt"));
   ASSERT_TRUE(p.SetKey("effects.show_info", "0") && p.Start() && Shows(kRed, kStartMs)) << p.Log();
@@ -119,8 +111,8 @@ TEST_F(SignageE2E, FadeBlendsThenRestsAndRemoteStepsEffectsAndRescanAndNothingEl
   };
   EXPECT_TRUE(Sees(blend, 3000)) << "seen: " << seen;
   ASSERT_TRUE(Shows(kGreen));
-  // After the fade nothing is drawn and the loop sleeps until something happens: well under 1 %
-  // of a core over two seconds, and no wake without a cause (a periodic one would be 20).
+  // After the fade the loop sleeps until something happens: no wake without a cause (a periodic
+  // one would make 20 in two seconds).
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   const Activity rest = OverTwoSeconds(p.Pid());
   EXPECT_LE(rest.cpuMs, 20);
@@ -155,8 +147,8 @@ TEST_F(SignageE2E, FadeBlendsThenRestsAndRemoteStepsEffectsAndRescanAndNothingEl
   ASSERT_TRUE(step("prev", kRed));
   ASSERT_TRUE(p.Send("rescan") && step("next", kBlue));
 
-  // A burst in one go (fewer than the socket holds): one by one it would decode the photo about
-  // a hundred times. It ends as its last commands ask: green b, in colour, no information line.
+  // A burst (fewer than the socket holds) that one by one would decode the photo about a hundred
+  // times; it ends as its last commands ask: green b, in colour, no information line.
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
   const long cpuBefore = CpuMs(p.Pid());
   const char* mix[] = {"next",   "prev",   "bw 1", "load p.jpg", "rescan", "info 1",

@@ -1,10 +1,6 @@
-// glimra over a long unattended stretch, compressed into about a minute: 2,000 "load" commands
-// alternating between good pictures (JPEG and Targa, some stored turned) and broken ones (cut
-// in the header, empty, noise, missing, deleted after the scan), with Left, Right, B, C and I
-// pressed in between, while a picture comes into the watched folder and goes again. Afterwards
-// the program must still answer, its resident memory and its texture count must not have grown
-// since the first hundred commands, and its log may hold only the expected complaints about the
-// broken files. Under the sanitizer build LeakSanitizer also looks at exit.
+// Months unattended in a minute: 2,000 loads of good and broken pictures, keys in between, a
+// watched folder churning; then it still answers, memory and textures have not grown since the
+// first hundred commands, and the log complains of the broken files only.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -17,7 +13,6 @@
 #include <utility>
 
 #include "support/e2e.h"
-#include "support/tempdir.h"
 
 namespace {
 
@@ -32,8 +27,7 @@ const char* const kComplaints[] = {"(ERR", "(WARN", "(CRIT", "(FATAL"};
 
 using SlideshowSoak = ScreenTest<800, 600>;
 
-// The log read on from where the last look ended, so that waiting after each command costs
-// only what was added since.
+// The log read on from where the last look ended: a wait costs only what was added since.
 class LogTail {
  public:
   explicit LogTail(std::string path) : path_(std::move(path)) {}
@@ -68,9 +62,8 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   // Commands keep restarting the count; the show steps by itself in the pauses and at the end.
   ASSERT_TRUE(p.Prepare() && p.SetKey("dev.idle_sleep_ms", "2") &&
               p.SetKey("app.watch_directory", "1") && p.SetKey("effects.advance_seconds", "1"));
-  // The sanitizer build holds freed blocks back (256 MB by default) before it reuses them, which
-  // would read as growth; a small hold fills within the first hundred commands. Other builds
-  // ignore the variable.
+  // The sanitizers hold 256 MB of freed blocks back, which would read as growth; a small hold
+  // fills within the first hundred commands.
   const std::string asan = getenv("ASAN_OPTIONS") ? getenv("ASAN_OPTIONS") : "";
   ScopedEnv hold("ASAN_OPTIONS", (asan + ":quarantine_size_mb=16").c_str());
 
@@ -87,9 +80,8 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
               WritePicture(p.Path("more/m.tga"), 300, 64, Photo) &&
               WriteQuadrants(p.Path("more/final.jpg"), 8));
 
-  // Broken ones: cut inside its header (a JPEG cut in its pixel data shows what decoded), empty,
-  // noise with a picture's name, never there, deleted after the scan (so also reached with the
-  // arrow keys).
+  // Broken ones: cut in its header, empty, noise, never there, deleted after the scan (so also
+  // reached with the arrow keys).
   const std::vector<std::string> broken = {"cut.jpg", "empty.jpg", "noise.jpg", "gone.jpg",
                                            "deleted.tga"};
   ASSERT_TRUE(WritePicture(p.Path("cut.jpg"), 320, 240, Photo));
@@ -110,8 +102,7 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   const char* keys[] = {"Right", "b", "Left", "i", "c", "Right", "i", "Left"};
   long baselineKb = -1;
   size_t baselineAt = 0;  // the log's length then
-  // Commands that wait together are worked off together, the last load alone; each one is sent
-  // once the one before has been loaded or refused, so that every one is loaded.
+  // Waiting loads are merged, so each is sent once the one before was loaded or refused.
   LogTail tail(p.Path("QLOG.txt"));
   for (int sent = 0; sent < kCommands;) {
     for (int k = 0; k < kBurst; ++k, ++sent) {
@@ -156,8 +147,7 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   const long endKb = ProcValue(p.Pid(), "status", "VmRSS:");
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-  // Good loads with the texture count each reports: the last before the baseline, the highest
-  // after it.
+  // Textures each good load reports: the last before the baseline, the highest after it.
   const std::string text = p.Log();
   int loads = 0, baselineTextures = -1, maxTextures = -1, textures = 0;
   std::istringstream lines(text);
@@ -186,16 +176,14 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   EXPECT_GT(baselineTextures, 0);
   EXPECT_EQ(maxTextures, baselineTextures) << "textures are not given back";
 
-  // Still answering: a last load shows the turned quadrants (orientation 8, a quarter turn
-  // anticlockwise: green top-left, white top-right, red bottom-left, blue bottom-right).
+  // Still answering: the quadrants turned a quarter anticlockwise (orientation 8).
   ASSERT_TRUE(p.Send("load more/final.jpg"));
   EXPECT_TRUE(Sees([](const Screen& s) {
     return Is(s.At(287, 150), kGreen) && Is(s.At(512, 150), kWhite) && Is(s.At(287, 450), kRed) &&
            Is(s.At(512, 450), kBlue);
   }));
 
-  // Only the broken files were complained about, each with the loader's error or its reader's
-  // warning; besides them just the two start-up notes of a test run.
+  // Complaints name a broken file, by the loader or its reader; else just a test run's two notes.
   int cantLoad = 0;
   std::istringstream all(p.Log());
   for (std::string line; std::getline(all, line);) {
@@ -213,8 +201,7 @@ TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   }
   EXPECT_GE(cantLoad, kCommands / 2);
 
-  // And it ends cleanly. Under the sanitizers nothing was reported on the way, and nothing of
-  // ours was left behind (WaitExit looks at the leak report).
+  // It ends cleanly, with nothing reported by the sanitizers on the way.
   EXPECT_EQ(p.Escape(), 0);
   const std::string out = p.ReadFile("out.txt");
   for (const char* report : {"ERROR: AddressSanitizer", "runtime error"}) {

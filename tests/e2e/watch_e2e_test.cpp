@@ -1,9 +1,5 @@
-// glimra with app.watch_directory=1, on its own 800 x 600 X server, from an empty folder: the
-// first picture to arrive shows by itself, one being written slowly is neither listed nor loaded
-// before its writer closes it, copied ones join at their listing place with the information
-// line's count following, a rewritten neighbour shows its new content, removed ones (the
-// shown one too) are stepped over without an error, links join complete, and the folder
-// replaced or made again under its name is followed.
+// glimra watching a folder: pictures join once complete, at their place, and leave without an
+// error; a rewritten neighbour, links, and the folder replaced or made again are followed.
 #include <unistd.h>
 
 #include <chrono>
@@ -12,7 +8,6 @@
 #include <thread>
 
 #include "support/e2e.h"
-#include "support/tempdir.h"
 
 namespace fs = std::filesystem;
 
@@ -82,8 +77,7 @@ TEST_F(WatchE2E, PicturesJoinWhenCompleteAndLeaveWithoutAnError) {
   ASSERT_TRUE(p.Keys("Right"));
   EXPECT_TRUE(Shows(kGreen));
 
-  // z, b's neighbour, was prefetched blue; replaced by a white one of the same size and time
-  // (moved over it, so that it never leaves the list), the step shows white.
+  // z, prefetched blue, replaced by a white one of the same size and time: the step shows white.
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   ASSERT_TRUE(Uniform(in("z.white"), kWhite));
   fs::last_write_time(in("z.white"), fs::last_write_time(in("z.tga")));
@@ -102,9 +96,8 @@ TEST_F(WatchE2E, PicturesJoinWhenCompleteAndLeaveWithoutAnError) {
   std::string log = p.Log();
   EXPECT_EQ(log.find("Can't load image"), std::string::npos) << log;
 
-  // Links are complete when they come: a symbolic one to blue z, a hard one to a copy of red a
-  // whose first name went at once. A dangling one and one to a folder are never being written,
-  // and no pictures.
+  // Links are complete when they come (a symbolic one to blue z, a hard one to red whose first
+  // name went); a dangling one and one to a folder are no pictures.
   const int threes = Count(p.Log(), ": 3 pictures, 0 being written");
   ASSERT_EQ(symlink(spare.File("z.tga").c_str(), in("c.tga").c_str()), 0);
   fs::copy_file(spare.File("a.tga"), spare.File("h.tga"));

@@ -1,8 +1,5 @@
-// The framework's window on a real X server: glimra-wintest opens it, and these tests check the
-// window's size, a frame read back, keys injected with xdotool as the current-event record sees
-// them, the control+alt+F11 screenshot, full screen, and a close request from outside ending the
-// program through its exit and clean-up procedures. They run on the end-to-end harness's private
-// Xvfb (so injected keys never reach another program's window) and are skipped without it.
+// The framework's window as glimra-wintest opens it on a private Xvfb (keys injected there reach
+// no other window): size, a frame read back, keys, the screenshot, full screen, a close request.
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -14,7 +11,6 @@
 #include <vector>
 
 #include "support/e2e.h"
-#include "support/tempdir.h"
 
 namespace {
 
@@ -116,9 +112,7 @@ TEST_F(WinTest, WindowFrameKeysScreenshotAndCloseRequest) {
   // Centred on the 1280 x 1024 screen by the -1 rectangle.
   EXPECT_EQ(Geometry(wid, "Absolute upper-left X:"), (1280 - 320) / 2);
 
-  // Shift + F11 carries the shift bit and is therefore no screenshot key. Alt + back-quote is a
-  // dead grave: the next E composes to 0x107, the one after stays E. V resizes, and the shell's
-  // viewport follows.
+  // Shift+F11 is no screenshot key; alt+grave is a dead grave (E composes to 0x107); V resizes.
   const std::pair<const char*, Lines> keys[] = {
       {"shift+F11", {"key 65552", "key 65658"}},
       {"alt+grave e e", {"key 524306", "key 524480", "key 263", "key 69"}},
@@ -147,8 +141,7 @@ TEST_F(WinTest, WindowFrameKeysScreenshotAndCloseRequest) {
     at = log.find(text, at);
     ASSERT_NE(at, std::string::npos) << text << "\n" << log;
   }
-  // The context's format is a note, numbered as the driver counts its formats (small numbers,
-  // not a packed pixel-layout constant).
+  // The context's format is a note with the driver's small format number, not a layout constant.
   const size_t pixfmt = log.find("Pixfmt ");
   ASSERT_NE(pixfmt, std::string::npos) << log;
   const size_t start = log.rfind('\n', pixfmt) + 1;  // npos + 1 is 0: the first line

@@ -1,6 +1,5 @@
-// QBitMap: allocation and ownership, the two coordinate conventions (rotations and top-down
-// copies), pixel operations with their exact arithmetic, and the quirks that run past a rectangle
-// (which must still stay inside the block: run under AddressSanitizer).
+// QBitMap: allocation, rotations and top-down copies, pixel arithmetic, and the quirks that run
+// past a rectangle but must stay inside the block (run under AddressSanitizer).
 #include "framework/qbitmap.h"
 
 #include <gtest/gtest.h>
@@ -116,7 +115,6 @@ TEST_F(BitmapTest, RotateRefusesOtherAnglesAndDropsWhatRunsPastTheBlock) {
   EXPECT_FALSE(src.Rotate(45, nullptr, &dst, nullptr));
   EXPECT_TRUE(log_.Seen("QBitMap:Rotate(); angle 45 not supported"));
   EXPECT_EQ(Px(dst, 1, 2), 0x11223344u);
-  // Rectangles and destinations of any size staying inside the blocks is qbitmap_fuzz's.
 
   // A source rect one column right of the picture reads on into the next memory row, and the
   // pixel past the block is dropped: its destination keeps what it had.
@@ -136,8 +134,7 @@ TEST_F(BitmapTest, AreaReduceAveragesTheCoveredAreaAndKeepsTheTopRowOnTop) {
   ASSERT_TRUE(bm.AreaReduce(2, 1));
   EXPECT_EQ(Screen(bm), (Rows{{0x03040506, 0x2C384450}}));
 
-  // 3 -> 2 across: the middle pixel is split half and half; rows stay where they were (a red
-  // top row over a blue bottom row, 3 x 2 -> 2 x 2).
+  // 3 -> 2 across: the middle pixel is split half and half; rows stay where they were.
   QBitMap odd(32, 3, 2);
   for (int x = 0; x < 3; ++x) Put(odd, x, 1, x == 1 ? 0x000000FF : 0xF00000FF), Put(odd, x, 0, 0x0000F0FF);
   ASSERT_TRUE(odd.AreaReduce(2, 2));

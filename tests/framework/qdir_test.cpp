@@ -1,6 +1,5 @@
 // QDirectory: listing order, entry information, the path-length check; working directory.
-// QDirWatch: what counts as a change, files being written (links never are), the wake of a
-// sleeping loop, a watched directory replaced under its name.
+// QDirWatch: changes, files being written (links never are), wakes, a directory replaced.
 #include "framework/qdir.h"
 
 #include <gtest/gtest.h>
@@ -180,8 +179,7 @@ TEST_F(QDirTest, WatchHandsChangesOutAtMostOncePerGapAndWakesWhenItIsOver) {
   EXPECT_EQ(changed, Names{"b"});
 }
 
-// Takes changes until some came and none is being written (links settle within a moment), at
-// most 3 s; answers the takes' count and every name they gave.
+// Takes changes for at most 3 s until some came and none is being written; the takes' count.
 int TakeSettled(QDirWatch* w, Names* changed, Names* writing) {
   Names all;
   int count = 0;
@@ -241,7 +239,6 @@ TEST_F(QDirTest, LinksArriveCompleteAndAReplacedDirectoryIsFollowedByItsName) {
   MakeFile("S/new", "x");
   TakeSettled(&w, &changed, &writing);
   EXPECT_EQ(changed, Names{"new"});
-  // Deleted and made again later is followed the same way (tests/e2e/watch_e2e_test.cpp).
   ASSERT_TRUE(QSetCurrentDirectory(before.cstr()));
   EXPECT_EQ(log_.Count("deleted or moved away"), 1);
 }

@@ -1,5 +1,4 @@
-// Pixel filters: the amounts' clamping and edge values, the control read on every Do, and short
-// blocks.
+// Pixel filters: clamped amounts, edge values, the control read on every Do, short blocks.
 #include "framework/qfilter.h"
 
 #include <gtest/gtest.h>
@@ -57,8 +56,8 @@ TEST(QFilter, AmountsAreClampedAndReadOnEveryDo) {
     Picture pic(c.in0, c.in1);
     amount.SetValue(c.amount);
     c.filter->Do(&pic.bm);
-    EXPECT_EQ(pic.Get(0), c.out0) << c.filter->ClassName() << " " << c.amount;
-    EXPECT_EQ(pic.Get(1), c.out1) << c.filter->ClassName() << " " << c.amount;
+    EXPECT_EQ((std::pair{pic.Get(0), pic.Get(1)}), (std::pair{c.out0, c.out1}))
+        << c.filter->ClassName() << " " << c.amount;
   }
 }
 

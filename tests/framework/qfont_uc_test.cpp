@@ -1,5 +1,4 @@
-// System-font display lists on the framework's window (skipped without a display): a code the
-// face lacks draws the face's missing-glyph box, in the full builder's fast path as well.
+// System-font display lists: a code the face lacks draws its missing-glyph box, on both paths.
 #include "framework/qfont_uc.h"
 
 #include <GL/gl.h>

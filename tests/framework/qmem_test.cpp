@@ -1,5 +1,4 @@
-// Memory accounting: the counter on every entry point, tracked or not, and requests too large
-// to represent.
+// Memory accounting: the counter on every entry point, tracked or not; unrepresentable sizes.
 #include "framework/qmem.h"
 
 #include <gtest/gtest.h>

@@ -94,8 +94,7 @@ TEST(QMutexLocking, RecursiveFromOneThreadExclusiveForOthers) {
   }
 }
 
-// Ownership taken at construction holds the mutex but is not a counted lock, so the first Unlock
-// is reported as one too many; the count errors of the other kinds read the same way.
+// Ownership taken at construction is not a counted lock: the first Unlock is one too many.
 TEST(QMutexLocking, OwnershipFromConstructionIsNotCountedAndSurplusUnlocksAreReported) {
   LogCapture log;
   QMutex owned("owned", QMutex::MUTEX, true);

@@ -11,8 +11,7 @@
 
 namespace {
 
-// Makes an int per name (refusing names that start with "fail"), matches names without regard
-// to case, and remembers what it destroyed.
+// An int per name (refusing "fail..."), names matched case-blind; remembers what it destroyed.
 class IntManager : public QObjectManager {
  public:
   explicit IntManager(int capacity) : QObjectManager("ints", capacity) {}

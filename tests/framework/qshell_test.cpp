@@ -1,5 +1,4 @@
-// The developer console: with a terminal program it shows standard output at once; without
-// one it reports nothing and the streams stay where they were.
+// The developer console: shown standard output at once with a terminal program, else nothing.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -17,14 +16,12 @@
 namespace {
 
 struct Console : TempDirTest {
-  // Runs the console in a child whose standard output goes to `stdoutFile` (not a terminal)
-  // and whose PATH is `path`; answers the child's exit status.
+  // Runs the console in a child with PATH `path`, output into `stdoutFile`; its exit status.
   int RunChild(const std::string& path, const std::string& stdoutFile) {
     pid_t pid = fork();
     if (pid == 0) {
       int out = open(stdoutFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      dup2(out, 1);
-      dup2(out, 2);
+      dup2(out, 1), dup2(out, 2);
       setenv("PATH", path.c_str(), 1);
       QOpenDeveloperConsole();
       printf("hello console\n");  // no flush: the console makes the stream unbuffered

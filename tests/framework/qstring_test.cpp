@@ -31,8 +31,8 @@ TEST(QStringPath, CutsAnswerWhetherTheyChangedTheString) {
 }
 
 TEST(QStringUtf8, Latin1KeepsInvalidBytesAndMarksOtherCodePoints) {
-  // For 8-bit drawing: Latin-1 code points stay, every other one is one '?', and a byte that
-  // starts no valid sequence (stray, cut short, overlong, surrogate, past U+10FFFF) is itself.
+  // Latin-1 code points stay, others are one '?', and a byte starting no valid sequence (stray,
+  // cut short, overlong, surrogate, past U+10FFFF) is itself.
   const std::pair<const char*, const char*> latin[] = {
       {"\xC3\xA9t\xC3\xA9.jpg", "\xE9t\xE9.jpg"},
       {"\xE2\x82\xAC 5 \xF0\x9F\x98\x80", "? 5 ?"},

@@ -90,8 +90,8 @@ TEST(QThreadRun, FiftyFirstThreadRunsButIsNotListed) {
   EXPECT_EQ(QThread::ListedCount(), QTHREAD_MAX - free);
 }
 
-// Kill ends a thread at once, even one that never reaches a cancellation point inside a noexcept
-// frame (unwinding through it would abort), and the process goes on.
+// Kill ends a thread that never reaches a cancellation point in a noexcept frame (unwinding
+// through it would abort), and the process goes on.
 TEST(QThreadRun, KillEndsASpinningThreadAndTheProcessGoesOn) {
   static Spinner spinner;
   QThread spin(Spinner::Run, &spinner, "spin");

@@ -55,8 +55,7 @@ TEST_F(VfsTest, ArchiveServesOnlyItsOwnDirectoryWithinCapacityUntilDetachedOrDes
   EXPECT_EQ(Contents(vfs.OpenFile("images/pic.tga", QFile::READ)), "from images");
   EXPECT_TRUE(log_.Logged("NOTE", "Directory does not match"));
   EXPECT_EQ(Contents(vfs.OpenFile("pic.tga", QFile::READ)), "from top");
-  // Directories compare upper-cased, with either separator; names are found exactly but
-  // opened case-blind.
+  // Directories compare upper-cased, either separator; names are found exactly, opened case-blind.
   EXPECT_EQ(Contents(vfs.OpenFile("IMAGES\\PIC.TGA", QFile::READ)), "from images");
   EXPECT_TRUE(vfs.FileExists("Images/pic.tga"));
   EXPECT_FALSE(vfs.FileExists("images/PIC.TGA"));

@@ -8,8 +8,7 @@
 #include "net/global.h"
 #include "support/logcapture.h"
 
-// Dotted text needs no lookup and keeps the port; a host and port are split and the host looked
-// up; null or empty warns and fails, leaving the address.
+// Dotted text needs no lookup; "host:port" is split and looked up; null or empty fails.
 TEST(QNAddressParse, DottedTextHostAndPortAndNothing) {
   LogCapture log;
   QNAddress a;

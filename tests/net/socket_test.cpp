@@ -21,8 +21,7 @@
 
 namespace {
 
-// Binds `s` to a high random port (a taken one is reported and skipped); answers the port it
-// got, offset included, or 0.
+// Binds `s` to a free high random port; answers it, offset included, or 0.
 int OpenOnFreePort(QNSocket& s) {
   static std::mt19937 rng(static_cast<unsigned>(getpid() * 7919 + time(nullptr)));
   for (int i = 0; i < 50; ++i)
@@ -194,8 +193,7 @@ class UdpOut : public TempDirTest {
   const std::string oldLog_ = qlogGetFileName();
 };
 
-// A lookup that fails and a send that fails say so once, without looping through the log; a
-// working target gets each line as one datagram.
+// Failed lookups and sends say so once, not looping through the log; a target gets datagrams.
 TEST_F(UdpOut, FailuresAreReportedOnceAndAWarningArrivesAsADatagram) {
   Setup(":7000");  // an empty host name is never found
   std::string log = ReadFile(Tmp("QLOG.txt"));

@@ -1,13 +1,11 @@
-// The Debian package, built by CPack from this build folder once for all cases and unpacked with
-// dpkg-deb: its file list, conffile and control fields, what lintian says of it, the systemd
-// units and the manual page it carries, and the unpacked program showing a picture under Xvfb.
+// The Debian package, built once by CPack: files, conffile, control fields, lintian, the systemd
+// units, the manual page, and the unpacked program showing a picture.
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <set>
 #include <sstream>
 #include <string>
@@ -15,7 +13,6 @@
 
 #include "framework/qini.h"
 #include "support/e2e.h"
-#include "support/tempdir.h"
 
 namespace fs = std::filesystem;
 
@@ -144,16 +141,14 @@ TEST_F(Package, LintianFindsNoError) {
 
 TEST_F(Package, SystemdAcceptsTheUnits) {
   if (!Have("systemd-analyze")) GTEST_SKIP() << "systemd-analyze is missing";
-  // A root of the machine's system units and the package, where ExecStart's /usr/bin/glimra
-  // exists. The desktop unit is checked there as a system unit: the user manager takes no other
-  // root, and the syntax is the same.
+  // The machine's units and the package's in one root, where /usr/bin/glimra exists; the desktop
+  // unit checked as a system unit, since the user manager takes no other root.
   const std::string root = Root("");
   std::string out;
   ASSERT_EQ(Shell("cp -rn /lib/systemd/system " + Quote(Root("/lib/systemd/")) + " && cp " +
                       Quote(Root("/usr/lib/systemd/user/glimra-desktop.service")) + " " +
                       Quote(Root("/lib/systemd/system/")), &out), 0) << out;
   for (const char* unit : {"glimra.service", "glimra-desktop.service"}) {
-    // The manual page is checked below; here it is not installed.
     EXPECT_EQ(Shell("systemd-analyze verify --man=no --root=" + Quote(root) +
                         " /lib/systemd/system/" + unit,
                     &out),

@@ -7,11 +7,8 @@
 #include <signal.h>
 #include <strings.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
@@ -27,7 +24,6 @@
 #include "framework/image/qexif.h"
 #include "framework/qbitmap.h"
 #include "framework/qini.h"
-#include "support/tempdir.h"
 
 namespace fs = std::filesystem;
 
@@ -37,15 +33,6 @@ namespace {
 
 pid_t g_xvfb = -1;
 int g_displayFd = -1;
-
-// Asks `done` every 50 ms until it holds or `ms` pass; answers its last verdict.
-bool Poll(int ms, const std::function<bool()>& done) {
-  for (const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);;) {
-    if (done()) return true;
-    if (std::chrono::steady_clock::now() >= end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-}
 
 uint32_t Be32(const std::string& d, size_t at) {
   const auto* p = reinterpret_cast<const unsigned char*>(d.data() + at);
@@ -75,6 +62,14 @@ std::vector<std::string> OwnLeaks(const std::string& out) {
 }
 
 }  // namespace
+
+bool Poll(int ms, const std::function<bool()>& done) {
+  for (const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);;) {
+    if (done()) return true;
+    if (std::chrono::steady_clock::now() >= end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+}
 
 bool HaveTools() { return Have("Xvfb") && Have("xdotool") && Have("xwd"); }
 
@@ -290,8 +285,8 @@ Program::~Program() {
 }
 
 bool Program::MakeDir() {
-  // Mixed case on purpose: the program must enter its own folder by its real name. Made by
-  // mkdtemp, since test runs in PID namespaces of their own share the process numbers.
+  // Mixed case: the program must enter its own folder by its real name. mkdtemp, not the pid:
+  // test runs in PID namespaces of their own share process numbers.
   char name[] = "/tmp/Glimra-E2E-XXXXXX";
   if (!mkdtemp(name)) return false;
   dir_ = name;

@@ -1,9 +1,5 @@
-// End-to-end harness: runs the real glimra program on a private X server and looks at it from
-// outside, the way a person or another program would: UDP datagrams to its command port, keys
-// through xdotool, the screen read back with xwd, its log and configuration files.
-//
-// Each Program gets its own temporary folder with a copy of the build's runnable folder, its own
-// command port and an 800 x 600 window that logs into QLOG.txt; both go with the Program.
+// End-to-end harness: the real glimra on a private X server, driven from outside (datagrams,
+// xdotool keys, xwd grabs, its log and glimra.ini), each Program in a temporary folder of its own.
 #pragma once
 
 #include <sys/types.h>
@@ -11,25 +7,34 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "support/command.h"
+#include "support/tempdir.h"
 
 namespace e2e {
 
 // Time-outs: software GL under the sanitizers is slow to come up.
 constexpr int kStartMs = 30000, kStepMs = 10000;
+// The end a stop promises; the sanitizers' leak check at exit alone takes seconds.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr std::chrono::milliseconds kStopWithin(5000);
+#else
+constexpr std::chrono::milliseconds kStopWithin(1000);
+#endif
 
 // Starts the X server `exe` with `args` on a free display and points DISPLAY at it.
 bool StartX(const char* exe, const std::vector<std::string>& args);
-// Xvfb at w x h x 24.
 bool StartXvfb(int w, int h);
 void StopX();
 // True when Xvfb, xdotool and xwd are installed.
 bool HaveTools();
+// Asks `done` every 50 ms until it holds or `ms` pass; answers its last verdict.
+bool Poll(int ms, const std::function<bool()>& done);
 
 struct Screen {
   int width = 0;
@@ -52,8 +57,7 @@ bool GrabScreen(Screen* out);
 // Grabs until `ok` holds or `ms` pass; answers the last grab's verdict (the grab stays in `out`).
 bool WaitForScreen(const std::function<bool(const Screen&)>& ok, int ms, Screen* out);
 
-// Writes a w x h picture whose pixel (x, y from the top) is `color(x, y)` (0xRRGGBB) as a JPEG
-// (quality 95; ".jpg" or ".jpeg" in any case) or a 32-bit Targa, chosen by the name's extension.
+// A w x h picture of `color(x, y)` (y from the top): JPEG for .jpg/.jpeg, else 32-bit Targa.
 bool WritePicture(const std::string& path, int w, int h,
                   const std::function<uint32_t(int x, int y)>& color);
 // Photo-like: smooth colour fields with fine detail and some grain.
@@ -62,8 +66,7 @@ uint32_t Photo(int x, int y);
 bool Uniform(const std::string& path, uint32_t c);
 // Puts a minimal EXIF segment carrying only `orientation` right after a JPEG's start marker.
 bool SetJpegOrientation(const std::string& path, int orientation);
-// A 400 x 300 JPEG of stored quadrants (red top-left, green top-right, blue bottom-left, white
-// bottom-right) that asks for `orientation`.
+// 400 x 300 JPEG, stored red/green over blue/white, that asks for `orientation`.
 bool WriteQuadrants(const std::string& path, int orientation);
 
 // Times `text` occurs in `in`.
@@ -86,8 +89,7 @@ class Program {
 
   // Makes the empty folder alone; false when mkdir fails.
   bool MakeDir();
-  // Makes the folder and its glimra.ini (command port `port`) from the build's runnable folder.
-  // False when that folder is incomplete or a copy fails.
+  // The folder with a copy of the build's runnable folder, listening on `port`; false on failure.
   bool Prepare(int port = FreeUdpPort());
   const std::string& Dir() const { return dir_; }
   std::string Path(const std::string& name) const { return dir_ + "/" + name; }
@@ -99,19 +101,15 @@ class Program {
   // Waits until glimra.ini holds key=value.
   bool WaitForKey(const char* key, const std::string& value, int ms = kStepMs) const;
 
-  // Runs the folder's glimra, started from "/", with the optional argument; output goes to
-  // "out.txt" in the folder.
+  // Runs the folder's glimra from "/" with the optional argument; output into "out.txt".
   bool Start(const char* arg = nullptr);
   // Runs `exe` with `args` in `cwd` (empty: the folder); false when fork fails.
   bool Run(const std::string& exe, const std::vector<std::string>& args,
            const std::string& cwd = "");
   pid_t Pid() const { return pid_; }
-  // The exit status once it ended within `ms`; -1 on time-out, -2 when a signal ended it. Under
-  // AddressSanitizer every leak reported at exit whose allocation passed through our own code
-  // fails the test (the GL driver's and the system's blocks are theirs).
+  // Exit status within `ms`; -1 on time-out, -2 on a signal. Leaks through our code fail the test.
   int WaitExit(int ms);
-  // Expects the program to end with `status` through the orderly exit path, which releases the
-  // slideshow.
+  // Expects an end with `status` through the exit path that releases the slideshow.
   void ExpectOrderlyExit(int status = 0);
   // The program's window, once it exists (within `ms`); "" otherwise.
   std::string WindowId(int ms);
@@ -133,9 +131,7 @@ class Program {
   pid_t pid_ = -1;
 };
 
-// A test suite on its own W x H Xvfb: skipped when the tools (or `also`, a further program the
-// suite needs) are missing, glimra is not built, or another copy runs, which would turn every
-// start into a hand-off.
+// A suite on its own W x H Xvfb; skipped without the tools, the program, or when another copy runs.
 template <int W, int H>
 class ScreenTest : public ::testing::Test {
  protected:

@@ -1,6 +1,5 @@
-// TestGLWindow: the framework's application window for tests that draw with OpenGL. One window
-// per test program, opened on first use and kept until the program ends; tests skip when no
-// display is there (ctest runs under Xvfb, where Mesa renders in software).
+// The framework's window for tests that draw with OpenGL: one per test program, opened on first
+// use; tests skip when there is no display.
 #pragma once
 
 #include <cstdint>
@@ -9,8 +8,7 @@ class QShell;
 
 namespace testgl {
 
-// The main window at `wid` x `hgt` (the first call decides), or null when there is no display
-// or the window cannot be made.
+// The main window at `wid` x `hgt` (the first call decides); null without a display.
 QShell* Window(int wid = 800, int hgt = 600);
 // The back buffer's pixel at column x and row y counted from the top: red, green, blue, alpha.
 uint32_t Pixel(int x, int yFromTop);

@@ -1,6 +1,5 @@
-// LogCapture: for one test, collects what the framework reports (warnings, errors, plain and
-// debug messages) and sends the log file, which takes the info lines, to a temporary directory.
-// The previous handlers and log file come back when it is destroyed.
+// LogCapture: collects what the framework reports for one test, the log file in a temporary
+// directory; the previous handlers and log file come back when it goes.
 #pragma once
 
 #include <string>

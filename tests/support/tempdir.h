@@ -1,6 +1,5 @@
-// TempDir: a private directory under /tmp for one test, removed with everything below it when
-// the object goes. TempDirTest is the fixture form: each test gets a fresh `dir_`.
-// The file helpers read and write whole files in binary; they work on any path.
+// TempDir: a private directory under /tmp, removed with everything below it when it goes;
+// TempDirTest gives each test a fresh `dir_`. The file helpers work on whole files, any path.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -22,8 +21,7 @@ class TempDir {
   const std::string& Path() const { return path_; }
   // `name` below the directory.
   std::string File(const std::string& name) const { return path_ + "/" + name; }
-  // Writes `content` to `name` below the directory and answers the full path; a failed write
-  // fails the running test.
+  // Writes `name` below the directory and answers its path; a failed write fails the test.
   std::string Write(const std::string& name, const std::string& content) const;
 
  private:

@@ -1,5 +1,4 @@
-// glimra-demopics: the pictures it writes decode, carry their orientations, and stand upright
-// once turned the way the slideshow turns them.
+// glimra-demopics: its pictures decode, carry their orientations and stand upright once turned.
 #include <sys/wait.h>
 
 #include <cstdlib>
@@ -64,8 +63,7 @@ TEST_F(DemoPics, WritesEveryPictureDecodableWithItsOrientation) {
     EXPECT_EQ(code, tga ? QExif::NOT_JPEG : e.orientation ? QExif::OK : QExif::NO_EXIF);
     EXPECT_EQ(exif.orientation, e.orientation);
 
-    // Turn the stored pixels as the slideshow does: 3 a half turn, 6 a quarter clockwise,
-    // 8 a quarter anticlockwise.
+    // Turned as the slideshow does: 3 a half turn, 6 a quarter clockwise, 8 anticlockwise.
     const int angle = e.orientation == 3 ? 180 : e.orientation == 6 ? 90 : e.orientation == 8 ? 270 : 0;
     const bool quarter = angle == 90 || angle == 270;
     EXPECT_EQ(image.GetWidth(), quarter ? e.height : e.width);

@@ -1,5 +1,4 @@
-// glimra-ar: edits replace the archive only when whole, so a kill or a failure in the middle of
-// one leaves the old archive readable.
+// glimra-ar: a kill or a failure in the middle of an edit leaves the old archive readable.
 #include <signal.h>
 
 #include <chrono>
@@ -9,7 +8,6 @@
 
 #include "framework/qarchive.h"
 #include "support/e2e.h"
-#include "support/tempdir.h"
 
 namespace {
 
@@ -70,7 +68,6 @@ TEST_F(GlimraAr, FailedEditsChangeNothingAndGoodOnesLeaveNoCopyBehind) {
 
   MakeFile("second.txt", "two\n");
   EXPECT_EQ(RunTool(dir_, {"add", "data.ar", "second.txt"}), 0);
-  EXPECT_EQ(Member(Tmp("data.ar"), "second.txt", Tmp("out2.txt")), "two\n");
   EXPECT_EQ(RunTool(dir_, {"remove", "data.ar", "first.txt"}), 0);
   EXPECT_EQ(Member(Tmp("data.ar"), "first.txt", Tmp("out3.txt")), "");
   EXPECT_EQ(Member(Tmp("data.ar"), "second.txt", Tmp("out4.txt")), "two\n");
