@@ -1,5 +1,5 @@
-// QExif: the orientation of real pictures written by other programs, and hand-built segments
-// aimed at the bounds checks.
+// QExif: the orientation of pictures written by other programs; hand-built segments for the bounds.
+
 #include "framework/image/qexif.h"
 
 #include <gtest/gtest.h>
@@ -68,12 +68,8 @@ TEST(QExifJpeg, FixturesGiveTheirOrientationOrTheirFault) {
   QExif x;
   for (const auto& c : cases) {
     EXPECT_EQ(ReadFile(&x, c.file), c.result) << c.file;
-    if (c.orientation >= 0) {
-      EXPECT_EQ(x.orientation, c.orientation) << c.file;
-    }
-    if (c.littleEndian >= 0) {
-      EXPECT_EQ(x.littleEndian, c.littleEndian) << c.file;
-    }
+    if (c.orientation >= 0) EXPECT_EQ(x.orientation, c.orientation) << c.file;
+    if (c.littleEndian >= 0) EXPECT_EQ(x.littleEndian, c.littleEndian) << c.file;
   }
   EXPECT_EQ(x.ReadFromJpeg(nullptr, 100), QExif::NOT_JPEG);
   const uint8_t tiny[] = {0xFF, 0xD8, 0xFF};
@@ -83,30 +79,23 @@ TEST(QExifJpeg, FixturesGiveTheirOrientationOrTheirFault) {
   EXPECT_EQ(x.ReadFromJpeg(empty, sizeof(empty)), QExif::NO_EXIF);
   // A segment length running past the end marker.
   Bytes b = Fixture("orient6_ii.jpg");
-  ASSERT_EQ(b[20], 0xFF);
-  ASSERT_EQ(b[21], 0xE1);
+  ASSERT_TRUE(b[20] == 0xFF && b[21] == 0xE1);
   b[22] = 0x7F;
   EXPECT_EQ(x.ReadFromJpeg(b.data(), b.size()), QExif::CORRUPT);
 }
 
-TEST(QExifSegment, HeaderChecks) {
+TEST(QExifSegment, HeaderAndDirectoryBounds) {
   QExif x;
   EXPECT_EQ(x.ReadExifSegment(nullptr, 20), QExif::NO_EXIF);
   const uint8_t xmp[] = "http://ns.adobe.com/xap/1.0/";
   EXPECT_EQ(x.ReadExifSegment(xmp, sizeof(xmp)), QExif::NO_EXIF);
+  SegmentBuilder h;
+  EXPECT_EQ(x.ReadExifSegment(h.b.data(), 13), QExif::CORRUPT);
+  h.b[7] = 'M';
+  EXPECT_EQ(h.Parse(&x), QExif::BAD_BYTE_ORDER);
+  h.b[7] = 'I', h.b[8] = 43;
+  EXPECT_EQ(h.Parse(&x), QExif::CORRUPT);
 
-  SegmentBuilder s;
-  EXPECT_EQ(x.ReadExifSegment(s.b.data(), 13), QExif::CORRUPT);
-  s.b[6] = 'I';
-  s.b[7] = 'M';
-  EXPECT_EQ(s.Parse(&x), QExif::BAD_BYTE_ORDER);
-  s.b[7] = 'I';
-  s.b[8] = 43;
-  EXPECT_EQ(s.Parse(&x), QExif::CORRUPT);
-}
-
-TEST(QExifSegment, DirectoryBounds) {
-  QExif x;
   SegmentBuilder s;
   s.U16(1);
   s.Entry(274, kShort, 1, 6);
@@ -159,8 +148,8 @@ TEST(QExifSegment, HostileEntryValuesAreIgnored) {
   EXPECT_EQ(x.sampleBits, 8);
 }
 
+// Tag 37385 is the flash of the EXIF directory; a value there shows it was read that way.
 TEST(QExifSegment, SubDirectoryPointersBackToTheFirstDirectoryEnd) {
-  // Tag 37385 is the flash of the EXIF directory; a value there shows it was read that way.
   QExif x;
   SegmentBuilder s;
   s.U16(6);
