@@ -99,38 +99,13 @@ TEST_F(PipelineE2E, WhatIsShownLooksLikeAHighQualityResizeAndJunkDoesNotHoldUpAC
   EXPECT_TRUE(Is(screen_.At(kW - 5, kH / 2), 0x3232C8));
   EXPECT_EQ(p.Log().find("Can't load image"), std::string::npos) << p.Log();
 
-  // PNG: half-transparent over black, grey, and interlaced (left red, right blue), 40 x 30 each.
-  const std::pair<const char*, const char*> made[] = {
-      {"a.png", "-size 40x30 xc:'rgba(200,100,40,0.5)' PNG32:"},
-      {"b.png", "-size 40x30 xc:'gray(60%)' -define png:color-type=0 -define png:bit-depth=8 "},
-      {"c.png", "-size 20x30 xc:'rgb(220,20,20)' -size 20x30 xc:'rgb(20,20,220)' +append "
-                "-interlace PNG PNG24:"}};
-  for (const auto& [name, args] : made)
-    ASSERT_EQ(Capture("convert " + std::string(args) + "'" + p.Path(name) + "' 2>&1"), "");
-  const struct {
-    const char* name;
-    int x;
-    uint32_t colour;
-  } pngs[] = {{"a.png", kW / 2, 0x643214}, {"b.png", kW / 2, 0x999999}, {"c.png", 600, 0xDC1414}};
-  for (const auto& png : pngs) {
-    ASSERT_TRUE(p.Send(std::string("load ") + png.name) && Shown(&p, png.name)) << p.Log();
-    EXPECT_TRUE(Is(screen_.At(png.x, kH / 2), png.colour, 8)) << png.name;
-  }
-  EXPECT_TRUE(Is(screen_.At(1320, kH / 2), 0x1414DC, 8));
-  EXPECT_EQ(screen_.At(200, kH / 2), 0u) << "40 x 30 at the full height is 1440 wide";
-  // A PNG cut before its pixels fails like any other picture and leaves the shown one.
-  ASSERT_TRUE(WriteFile(p.Path("cut.png"), p.ReadFile("c.png").substr(0, 60)));
-  ASSERT_TRUE(p.Send("load cut.png"));
-  EXPECT_TRUE(p.WaitForLog("Can't load image (cut.png)", kStepMs)) << p.Log();
-  Settle();
-  ASSERT_TRUE(GrabScreen(&screen_));
-  EXPECT_TRUE(Is(screen_.At(600, kH / 2), 0xDC1414, 8));
-
+  // A flood of junk datagrams does not hold up a real command.
+  ASSERT_TRUE(Uniform(p.Path("white.jpg"), kWhite));
   for (int i = 0; i < 10000; ++i) ASSERT_TRUE(p.Send("junk " + std::to_string(i)));
   std::this_thread::sleep_for(std::chrono::seconds(1));
-  ASSERT_TRUE(p.Send("load a.png"));
+  ASSERT_TRUE(p.Send("load white.jpg"));
   const auto sent = std::chrono::steady_clock::now();
-  ASSERT_TRUE(Sees([](const Screen& s) { return Is(s.At(kW / 2, kH / 2), 0x643214, 8); }));
+  ASSERT_TRUE(Shows(kWhite));
   // Generous for a loaded machine; the channel used to stay jammed for half a minute.
   EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(5));
 }

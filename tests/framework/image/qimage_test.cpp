@@ -624,6 +624,8 @@ TEST_F(QImageTest, PngCutFilesKeepTheDecodedRowsDamageFailsAndOversizedIsRefused
   QImage img;
   EXPECT_FALSE(img.ReadPNG(damaged.data(), damaged.size(), "damaged.png"));
   EXPECT_TRUE(log_.Seen("QImage:ReadPNG(damaged.png); IDAT: CRC error"));
+  // Cut after its header, before any pixel data.
+  EXPECT_FALSE(img.ReadPNG(Fixture("rgba.png").data(), 33, "head.png"));
 
   // The header's sizes are checked before the library sees them (the checksum is not redone).
   const Bytes wide = MakePng(16384, 2);
