@@ -68,8 +68,13 @@ TEST(QExifJpeg, FixturesGiveTheirOrientationOrTheirFault) {
   QExif x;
   for (const auto& c : cases) {
     EXPECT_EQ(ReadFile(&x, c.file), c.result) << c.file;
-    if (c.orientation >= 0) EXPECT_EQ(x.orientation, c.orientation) << c.file;
-    if (c.littleEndian >= 0) EXPECT_EQ(x.littleEndian, c.littleEndian) << c.file;
+    if (c.orientation >= 0) {
+      EXPECT_EQ(x.orientation, c.orientation) << c.file;
+    }
+    if (c.littleEndian >= 0) {
+      EXPECT_EQ(x.littleEndian, c.littleEndian) << c.file;
+    }
+
   }
   EXPECT_EQ(x.ReadFromJpeg(nullptr, 100), QExif::NOT_JPEG);
   const uint8_t tiny[] = {0xFF, 0xD8, 0xFF};
