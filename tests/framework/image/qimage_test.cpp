@@ -509,7 +509,7 @@ TEST_F(QImageTest, MipNibblesThroughThePalette) {
   }
 }
 
-// The corpora's "bomb_*" files ask for hundreds of megabytes: refused from the header, on both paths.
+// The corpora's "bomb_*" files ask for hundreds of megabytes: refused from the header at once.
 TEST_F(QImageTest, SizeBombsInTheFuzzCorporaAreRefusedAtOnce) {
   namespace fs = std::filesystem;
   int bombs = 0;
