@@ -136,7 +136,7 @@ TEST(QExifSegment, HeaderAndDirectoryBounds) {
   EXPECT_EQ(x.orientation, 8);
 }
 
-TEST(QExifSegment, HostileEntryValuesAreIgnored) {
+TEST(QExifSegment, HostileEntryValuesAreIgnoredAndDirectoryLoopsEnd) {
   QExif x;
   SegmentBuilder s;
   s.U16(5);
@@ -151,25 +151,23 @@ TEST(QExifSegment, HostileEntryValuesAreIgnored) {
   EXPECT_STREQ(x.cameraModel.cstr(), "abcd");
   EXPECT_EQ(x.orientation, 0);
   EXPECT_EQ(x.sampleBits, 8);
-}
 
-// Tag 37385 is the flash of the EXIF directory; a value there shows it was read that way.
-TEST(QExifSegment, SubDirectoryPointersBackToTheFirstDirectoryEnd) {
-  QExif x;
-  SegmentBuilder s;
-  s.U16(6);
-  s.Entry(274, kShort, 1, 3);
-  s.Entry(37385, kShort, 1, 1);
-  s.Entry(34665, kLong, 1, 8);  // both pointers lead back to IFD0
-  s.Entry(34853, kLong, 1, 8);
+  // Sub-directory pointers back to the first directory end; tag 37385 is the EXIF directory's
+  // flash, so a value there shows it was read that way.
+  SegmentBuilder loop;
+  loop.U16(6);
+  loop.Entry(274, kShort, 1, 3);
+  loop.Entry(37385, kShort, 1, 1);
+  loop.Entry(34665, kLong, 1, 8);  // both pointers lead back to IFD0
+  loop.Entry(34853, kLong, 1, 8);
   // The same 1/4 as a rational and as a signed one, which is taken but carries no decoded value.
   constexpr uint16_t kRational = 5, kSignedRational = 10;
   const uint32_t quarter = 8 + 2 + 6 * 12 + 4;
-  s.Entry(33434, kRational, 1, quarter);
-  s.Entry(37380, kSignedRational, 1, quarter);
-  s.U32(0);
-  s.U32(1), s.U32(4);
-  ASSERT_EQ(s.Parse(&x), 0);
+  loop.Entry(33434, kRational, 1, quarter);
+  loop.Entry(37380, kSignedRational, 1, quarter);
+  loop.U32(0);
+  loop.U32(1), loop.U32(4);
+  ASSERT_EQ(loop.Parse(&x), 0);
   EXPECT_EQ(x.orientation, 3);
   EXPECT_EQ(x.flash, 1);
   EXPECT_DOUBLE_EQ(x.exposureTime, 0.25);
