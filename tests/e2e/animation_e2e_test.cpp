@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -37,27 +38,16 @@ long Wakes(pid_t pid) {
   return long(ProcValue(pid, status.c_str(), "voluntary_ctxt_switches:"));
 }
 
-
 // One pixel (0xRRGGBB) straight from the X server, as xwd is too slow to time 100 ms frames.
-class PixelReader {
- public:
-  PixelReader() : display_(XOpenDisplay(nullptr)) {}
-  ~PixelReader() {
-    if (display_) XCloseDisplay(display_);
-  }
-  uint32_t At(int x, int y) {
-    if (!display_) return 0xFFFFFFFF;
-    XImage* image =
-        XGetImage(display_, DefaultRootWindow(display_), x, y, 1, 1, AllPlanes, ZPixmap);
-    if (!image) return 0xFFFFFFFF;
-    const uint32_t c = uint32_t(XGetPixel(image, 0, 0)) & 0xFFFFFF;
-    XDestroyImage(image);
-    return c;
-  }
-
- private:
-  Display* display_;
-};
+uint32_t PixelAt(Display* display, int x, int y) {
+  XImage* image = display ? XGetImage(display, DefaultRootWindow(display), x, y, 1, 1, AllPlanes,
+                                      ZPixmap)
+                          : nullptr;
+  if (!image) return 0xFFFFFFFF;
+  const uint32_t c = uint32_t(XGetPixel(image, 0, 0)) & 0xFFFFFF;
+  XDestroyImage(image);
+  return c;
+}
 
 // One look at the screen: what its middle showed, when, and the program's counters then.
 struct Sample {
@@ -112,10 +102,10 @@ TEST_F(AnimationE2E, FramesAtTheirTimesAdvanceAtTheLoopsEndAndAStillSleeps) {
   // The middle of the screen, as often as it can be read, until the still has had its turn.
   std::vector<Sample> samples;
   const auto start = Clock::now();
-  PixelReader screen;
+  const std::unique_ptr<Display, int (*)(Display*)> display(XOpenDisplay(nullptr), XCloseDisplay);
   double stillFrom = -1;
   for (;;) {
-    const uint32_t middle = screen.At(400, 300);
+    const uint32_t middle = PixelAt(display.get(), 400, 300);
     ASSERT_NE(middle, 0xFFFFFFFF);
     const double ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
     samples.push_back({ms, ColourOf(middle), CpuMs(p.Pid()), Wakes(p.Pid())});
