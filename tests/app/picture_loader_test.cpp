@@ -68,10 +68,9 @@ TEST_F(Resized, ThePrefetcherHandsOverWhatStillCoversAndDecodesAgainWhatDoesNot)
   EXPECT_EQ(p.pixels->GetHeight(), 720);
 }
 
-// A TIFF's Orientation tag and a WebP's EXIF orientation turn the quad as a JPEG's does, and
-// the picture is decoded (WebP by the library) or reduced to the quad's size: 48 x 64 stored,
-// shown 64 x 48 in a 32 x 24 window (16:9 desktop) needs 24 x 32 stored pixels. A HEIC stored
-// turned comes upright from its own rotation (irot) and is not turned again.
+// 48 x 64 stored, shown 64 x 48 in a 32 x 24 window (16:9 desktop), needs 24 x 32 stored pixels;
+// a HEIC stored turned comes upright from its own rotation (irot) and is not turned again.
+
 TEST(LoadPicture, TiffAndWebPAreTurnedByTheirOrientationAndShrunkToTheQuad) {
   const std::string images = std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/";
   for (const char* name : {"quad_o6.tif", "quad_o6.webp", "quad_irot.heic"}) {

@@ -1,13 +1,10 @@
-// Animated pictures from outside, on an 800 x 600 X server: an animated GIF (ImageMagick) and an
-// animated WebP (img2webp) each show their frames at the files' times, the automatic advance
-// waits for the end of the loop it ends in, the processor time an animation costs is measured,
-// and a still picture afterwards lets the program sleep. The fixtures are described in
-// tests/data/images/make_kinds.sh: the GIF's middle shows red 300 ms, green 200 ms, then black
-// 400 ms (a 0 ms frame shown 100 ms and a 300 ms one); the WebP's red 300, green 200 and blue
-// 100 ms (given as 10).
+// Animations on an 800 x 600 X server: frames at their times, the advance at the loop's end, the
+// processor time they cost, and a still afterwards that lets the program sleep. The GIF's middle
+// shows red 300 ms, green 200, black 400 (100 + 300); the WebP's red 300, green 200, blue 100.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -37,33 +34,20 @@ long CpuMs(pid_t pid) {
 
 // Times the main thread of `pid` went to sleep so far.
 long Wakes(pid_t pid) {
-  const std::string status =
-      ReadFile("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/status");
-  const size_t at = status.find("\nvoluntary_ctxt_switches:");
-  return at == std::string::npos ? -1000000L : atol(status.c_str() + at + 26);
+  const std::string status = "task/" + std::to_string(pid) + "/status";
+  return long(ProcValue(pid, status.c_str(), "voluntary_ctxt_switches:"));
 }
 
-// The colour (0xRRGGBB) of one pixel of the screen, read straight from the X server: xwd reads
-// the whole screen, too slowly to time 100 ms frames. 0xFFFFFFFF when it cannot be read.
-class PixelReader {
- public:
-  PixelReader() : display_(XOpenDisplay(nullptr)) {}
-  ~PixelReader() {
-    if (display_) XCloseDisplay(display_);
-  }
-  uint32_t At(int x, int y) {
-    if (!display_) return 0xFFFFFFFF;
-    XImage* image =
-        XGetImage(display_, DefaultRootWindow(display_), x, y, 1, 1, AllPlanes, ZPixmap);
-    if (!image) return 0xFFFFFFFF;
-    const uint32_t c = uint32_t(XGetPixel(image, 0, 0)) & 0xFFFFFF;
-    XDestroyImage(image);
-    return c;
-  }
-
- private:
-  Display* display_;
-};
+// One pixel (0xRRGGBB) straight from the X server, as xwd is too slow to time 100 ms frames.
+uint32_t PixelAt(Display* display, int x, int y) {
+  XImage* image = display ? XGetImage(display, DefaultRootWindow(display), x, y, 1, 1, AllPlanes,
+                                      ZPixmap)
+                          : nullptr;
+  if (!image) return 0xFFFFFFFF;
+  const uint32_t c = uint32_t(XGetPixel(image, 0, 0)) & 0xFFFFFF;
+  XDestroyImage(image);
+  return c;
+}
 
 // One look at the screen: what its middle showed, when, and the program's counters then.
 struct Sample {
@@ -82,8 +66,7 @@ char ColourOf(uint32_t c) {
   return '?';
 }
 
-// A run of samples of one colour: from its first sample to the next run's first. Each end is
-// known to within the time since the sample before it (`slackFrom`, `slackTo`).
+// A run of samples of one colour; each end is known within the time since the sample before it.
 struct Stretch {
   char colour;
   double from, to, slackFrom, slackTo;
@@ -119,10 +102,10 @@ TEST_F(AnimationE2E, FramesAtTheirTimesAdvanceAtTheLoopsEndAndAStillSleeps) {
   // The middle of the screen, as often as it can be read, until the still has had its turn.
   std::vector<Sample> samples;
   const auto start = Clock::now();
-  PixelReader screen;
+  const std::unique_ptr<Display, int (*)(Display*)> display(XOpenDisplay(nullptr), XCloseDisplay);
   double stillFrom = -1;
   for (;;) {
-    const uint32_t middle = screen.At(400, 300);
+    const uint32_t middle = PixelAt(display.get(), 400, 300);
     ASSERT_NE(middle, 0xFFFFFFFF);
     const double ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
     samples.push_back({ms, ColourOf(middle), CpuMs(p.Pid()), Wakes(p.Pid())});
@@ -156,9 +139,9 @@ TEST_F(AnimationE2E, FramesAtTheirTimesAdvanceAtTheLoopsEndAndAStillSleeps) {
   }
   EXPECT_GE(checked, 8) << seen;
 
-  // The GIF's loop is 900 ms: the 2 s interval ends in its third loop, which plays to its end
-  // (2700 ms); the WebP's first blue then comes 500 ms later. Each frame's few ms of drawing
-  // add up over the loops; an advance that did not wait would come 700 ms sooner.
+  // The 2 s interval ends in the GIF's third 900 ms loop, played to its end; the WebP's first
+  // blue comes 500 ms later. An advance that did not wait would come 700 ms sooner.
+
   const double gifFrom = runs[gifStart].from;
   EXPECT_NEAR(runs[firstBlue].from - gifFrom, 3200, 150) << seen;
   const double webpLoops = runs[stillAt].from - runs[webpFrom].from;

@@ -1,10 +1,5 @@
-// The picture pipeline from outside, on a 1920 x 1080 X server: what reaches the screen looks
-// like a high-quality resize of the picture (a 24-megapixel photo upright and turned, a large
-// Targa, a 30000-pixel panorama), a step to a prefetched picture reads no file and a picture
-// replaced after its prefetch shows its new content, a flood of junk datagrams does not hold up
-// a real command, PNG pictures (alpha, grey, interlaced) show, and so do HEIC, AVIF, WebP, GIF and
-// TIFF pictures written by other encoders, upright, and a JPEG and a PNG with a Display P3 profile
-// in sRGB.
+// The picture pipeline from outside, on a 1920 x 1080 X server: the screen against ImageMagick's
+// resize for every kind of picture, prefetched steps, replaced files and a junk flood.
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -22,8 +17,7 @@ constexpr int kW = 1920, kH = 1080;
 constexpr int kStepMs = 20000;  // a 24-megapixel decode under the sanitizers is slow
 
 // Mean absolute difference per channel between the screen's w x kH rectangle from column x0 and
-// ImageMagick's resize of `picture` (turned first by `rotate` degrees) to that size; a large
-// number when ImageMagick fails.
+// ImageMagick's resize of `picture`, turned by `rotate` degrees; huge when ImageMagick fails.
 double Difference(const Screen& s, int x0, int w, const std::string& picture, int rotate) {
   const std::string px = Capture("convert '" + picture + "' -rotate " + std::to_string(rotate) +
                                  " -resize " + std::to_string(w) + "x" + std::to_string(kH) +
@@ -73,8 +67,7 @@ TEST_F(PipelineE2E, WhatIsShownLooksLikeAHighQualityResizeAndJunkDoesNotHoldUpAC
   Program p;
   Prepare(&p);
   ASSERT_TRUE(WritePicture(p.Path("photo.jpg"), 6000, 4000, Photo));
-  // A large Targa; ImageMagick resizes the same pixels from a plain PPM (it reads the origin
-  // of a Targa's rows its own way).
+  // ImageMagick resizes the Targa's pixels from a PPM: it reads a Targa's row origin its own way.
   ASSERT_TRUE(WritePicture(p.Path("big.tga"), 3000, 2000, Photo));
   ASSERT_TRUE(WritePpm(p.Path("big.ppm"), 3000, 2000));
   // The same photo stored turned: EXIF orientation 6 asks for a quarter turn clockwise.
@@ -106,40 +99,13 @@ TEST_F(PipelineE2E, WhatIsShownLooksLikeAHighQualityResizeAndJunkDoesNotHoldUpAC
   EXPECT_TRUE(Is(screen_.At(kW - 5, kH / 2), 0x3232C8));
   EXPECT_EQ(p.Log().find("Can't load image"), std::string::npos) << p.Log();
 
-  // PNG takes the same way as any other picture: a half-transparent one shows over black, a grey
-  // and an interlaced one (left red, right blue) as they are, each 40 x 30 filling the height; a
-  // damaged one is refused. Then a flood of junk datagrams does not hold up a real command.
-  const std::pair<const char*, const char*> made[] = {
-      {"a.png", "-size 40x30 xc:'rgba(200,100,40,0.5)' PNG32:"},
-      {"b.png", "-size 40x30 xc:'gray(60%)' -define png:color-type=0 -define png:bit-depth=8 "},
-      {"c.png", "-size 20x30 xc:'rgb(220,20,20)' -size 20x30 xc:'rgb(20,20,220)' +append "
-                "-interlace PNG PNG24:"}};
-  for (const auto& [name, args] : made)
-    ASSERT_EQ(Capture("convert " + std::string(args) + "'" + p.Path(name) + "' 2>&1"), "");
-  const struct {
-    const char* name;
-    int x;
-    uint32_t colour;
-  } pngs[] = {{"a.png", kW / 2, 0x643214}, {"b.png", kW / 2, 0x999999}, {"c.png", 600, 0xDC1414}};
-  for (const auto& png : pngs) {
-    ASSERT_TRUE(p.Send(std::string("load ") + png.name) && Shown(&p, png.name)) << p.Log();
-    EXPECT_TRUE(Is(screen_.At(png.x, kH / 2), png.colour, 8)) << png.name;
-  }
-  EXPECT_TRUE(Is(screen_.At(1320, kH / 2), 0x1414DC, 8));
-  EXPECT_EQ(screen_.At(200, kH / 2), 0u) << "40 x 30 at the full height is 1440 wide";
-  // A PNG cut before its pixels fails like any other picture and leaves the shown one.
-  ASSERT_TRUE(WriteFile(p.Path("cut.png"), p.ReadFile("c.png").substr(0, 60)));
-  ASSERT_TRUE(p.Send("load cut.png"));
-  EXPECT_TRUE(p.WaitForLog("Can't load image (cut.png)", kStepMs)) << p.Log();
-  Settle();
-  ASSERT_TRUE(GrabScreen(&screen_));
-  EXPECT_TRUE(Is(screen_.At(600, kH / 2), 0xDC1414, 8));
-
+  // A flood of junk datagrams does not hold up a real command.
+  ASSERT_TRUE(Uniform(p.Path("white.jpg"), kWhite));
   for (int i = 0; i < 10000; ++i) ASSERT_TRUE(p.Send("junk " + std::to_string(i)));
   std::this_thread::sleep_for(std::chrono::seconds(1));
-  ASSERT_TRUE(p.Send("load a.png"));
+  ASSERT_TRUE(p.Send("load white.jpg"));
   const auto sent = std::chrono::steady_clock::now();
-  ASSERT_TRUE(Sees([](const Screen& s) { return Is(s.At(kW / 2, kH / 2), 0x643214, 8); }));
+  ASSERT_TRUE(Shows(kWhite));
   // Generous for a loaded machine; the channel used to stay jammed for half a minute.
   EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(5));
 }
@@ -155,8 +121,7 @@ TEST_F(PipelineE2E, StepsUsePrefetchedPicturesUnlessTheFileChanged) {
                              [c = c](int x, int y) { return c ^ (Photo(x, y) & 0x0F0F0F); }));
   ASSERT_GT(p.ReadFile("b.jpg").size(), 1000000u);
   ASSERT_TRUE(p.Start() && Shown(&p, "a.jpg")) << p.Log();
-  // Give the worker time to decode b and c, then step: only the upload is left. a goes, so that
-  // the prefetch of the new neighbours after the step has nothing to read either.
+  // Time to decode b and c; a goes, so that the prefetch after the step has nothing to read.
   std::this_thread::sleep_for(std::chrono::seconds(3));
   ASSERT_EQ(unlink(p.Path("a.jpg").c_str()), 0);
   // Bytes the program has read through read() so far.
@@ -177,10 +142,8 @@ TEST_F(PipelineE2E, StepsUsePrefetchedPicturesUnlessTheFileChanged) {
 TEST_F(PipelineE2E, HeicAvifWebPGifAndTiffShowUpright) {
   Program p;
   Prepare(&p);
-  // 64 x 48 quadrants (tests/data/images/make_kinds.sh); the two "o6" files are stored turned a
-  // quarter to the left and ask for orientation 6, the TIFF by its tag, the WebP by its EXIF;
-  // the "irot" HEIC is stored so too and turned by its own rotation box.
-  // 4:3 in 1920 x 1080: 1440 x 1080 from x = 240, upright.
+  // 64 x 48 quadrants, 1440 x 1080 from x = 240; "o6" files are stored turned and ask for
+  // orientation 6 (TIFF tag, WebP EXIF), the "irot" HEIC turns by its own rotation box.
   const struct {
     const char *name, *source;
     int rotate;
@@ -188,14 +151,13 @@ TEST_F(PipelineE2E, HeicAvifWebPGifAndTiffShowUpright) {
                {"quad.avif", "quad.avif", 0},
                {"quad_o6.webp", "quad_o6.webp", 90}, {"quad.gif", "quad.gif", 0},
                {"quad_o6.tif", "quad_o6.tif", 90},
-               // Display P3 (make_colour.sh): as ImageMagick converts it to sRGB; the same bytes
-               // without their profile as stored.
+               // Display P3 as ImageMagick converts it; without its profile as stored.
                {"p3.jpg", "p3_jpg_ref.png", 0},      {"p3.png", "p3_png_ref.png", 0},
                {"p3_plain.jpg", "p3_plain.jpg", 0}};
   const std::string images = std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/";
   for (const auto& c : cases)
     for (const char* f : {c.name, c.source})
-      ASSERT_TRUE(strchr(f, '[') || WriteFile(p.Path(f), ReadBytes(images + f)));
+      ASSERT_TRUE(WriteFile(p.Path(f), ReadBytes(images + f)));
   ASSERT_TRUE(Uniform(p.Path("start.jpg"), kWhite));
   ASSERT_TRUE(p.Start("start.jpg") && Shown(&p, "start.jpg")) << p.Log();
   for (const auto& c : cases) {
@@ -207,9 +169,8 @@ TEST_F(PipelineE2E, HeicAvifWebPGifAndTiffShowUpright) {
     EXPECT_TRUE(Is(screen_.At(240 + 360, 270), 0xDC1E1E, 16)) << c.name;
     EXPECT_TRUE(Is(screen_.At(240 + 1080, 810), 0xE6D228, 16)) << c.name;
   }
-  // A cut file of these kinds is refused keeping the picture: tests/framework/image/qimage_kinds_test.cpp
-  // for the readers, tests/e2e/slideshow_e2e_test.cpp for the screen.
-  EXPECT_EQ(p.Log().find("Can't load image"), std::string::npos) << p.Log();
+  EXPECT_EQ
+(p.Log().find("Can't load image"), std::string::npos) << p.Log();
 }
 
 }  // namespace

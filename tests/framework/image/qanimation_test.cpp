@@ -1,6 +1,5 @@
-// QAnimation on animations written by ImageMagick and img2webp (tests/data/images/make_kinds.sh):
-// each frame's colours, composed as the GIF's disposal methods say, its time (a 0 or 10 ms delay
-// shows 100 ms), the loop's end and the start again; then a cut file and lying headers.
+// QAnimation on the make_kinds.sh animations: frames composed as the GIF's disposal says, their
+// times (a 0 or 10 ms delay shows 100 ms), the loop's end and the start again; then refusals.
 #include "framework/image/qanimation.h"
 
 #include <gtest/gtest.h>
@@ -72,29 +71,23 @@ void ExpectFrames(const char* name, const std::vector<Frame>& want) {
   EXPECT_FALSE(anim.Next(&out, 65, 48, &delay)) << "larger than the picture";
 }
 
-TEST(QAnimationFrames, GifFramesComposeAsTheirDisposalSays) {
-  // Red; a green middle, cleared after it (background); a blue corner, taken away after it
+TEST(QAnimationFrames, FramesComposeAsTheirDisposalSaysAndStillsDoNotAnimate) {
+  // GIF: red; a green middle cleared after it (background); a blue corner taken away after it
   // (previous); a white corner.
   ExpectFrames("frames.gif", {{300, kRed, kRed, kRed},
                               {200, kGreen, kRed, kRed},
                               {100, 0x000000, kBlue, kRed},
                               {300, 0x000000, kRed, kWhite}});
-}
-
-TEST(QAnimationFrames, WebPFramesWithTheirTimes) {
   ExpectFrames("frames.webp", {{300, kRed, kRed, kRed},
                                {200, kGreen, kGreen, kGreen},
                                {100, kBlue, kBlue, kBlue}});
-}
-
-TEST(QAnimationFrames, StillsDoNotAnimate) {
   for (const char* name : {"quad.webp", "trns_interlaced.gif", "photo.jpg"}) {
     const Bytes b = Fixture(name);
     EXPECT_FALSE(QAnimation::Animates(b.data(), b.size())) << name;
   }
 }
 
-TEST(QAnimationRefusals, CutFileStopsOnItsLastGoodFrame) {
+TEST(QAnimationRefusals, ACutFileStopsOnItsLastGoodFrameLyingHeadersAndJunkDoNotOpen) {
   Bytes b = Fixture("frames.gif");
   // Into the third frame's pixels: past its control block (8 bytes) and descriptor (10).
   size_t gce = 0;
@@ -108,29 +101,23 @@ TEST(QAnimationRefusals, CutFileStopsOnItsLastGoodFrame) {
   ASSERT_TRUE(anim.Open(Block(b), b.size(), "cut.gif"));
   QBitMap out;
   int delay = 0;
-  ASSERT_TRUE(anim.Next(&out, 64, 48, &delay));
-  ASSERT_TRUE(anim.Next(&out, 64, 48, &delay));
-  EXPECT_FALSE(anim.Next(&out, 64, 48, &delay));
-  EXPECT_FALSE(anim.Next(&out, 64, 48, &delay));
+  for (bool more : {true, true, false, false}) ASSERT_EQ(anim.Next(&out, 64, 48, &delay), more);
   EXPECT_TRUE(anim.Ended());
   EXPECT_EQ(log.Count("cut.gif"), 1) << "warned once";
   EXPECT_EQ(At(out, 32, 24), kGreen) << "the last good frame stays";
-}
 
-TEST(QAnimationRefusals, HeadersThatLieAndJunk) {
-  LogCapture log;
+  // Headers that lie, and junk.
   Bytes huge = Fixture("frames.gif");
   huge[6] = huge[8] = 0x80, huge[7] = huge[9] = 0x3E;  // 16000 x 16000
   Bytes junk(300, 0x5A);
   Bytes notGif = junk;
   memcpy(notGif.data(), "GIF89a", 6);
-  for (const Bytes* b : {&huge, &junk, &notGif}) {
-    QAnimation anim;
-    EXPECT_FALSE(anim.Open(Block(*b), b->size(), "bad.gif"));
-    QBitMap out;
-    int delay = 0;
-    EXPECT_FALSE(anim.Next(&out, 1, 1, &delay));
+  for (const Bytes* bad : {&huge, &junk, &notGif}) {
+    QAnimation refused;
+    EXPECT_FALSE(refused.Open(Block(*bad), bad->size(), "bad.gif"));
+    EXPECT_FALSE(refused.Next(&out, 1, 1, &delay));
   }
+
   EXPECT_EQ(log.Count("bad.gif"), 3);
   EXPECT_TRUE(log.Seen("16000x16000"));
 }

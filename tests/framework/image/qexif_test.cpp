@@ -1,5 +1,5 @@
-// QExif: the orientation of real pictures written by other programs, and hand-built segments
-// aimed at the bounds checks.
+// QExif: the orientation of pictures written by other programs; hand-built segments for the bounds.
+
 #include "framework/image/qexif.h"
 
 #include <gtest/gtest.h>
@@ -74,6 +74,7 @@ TEST(QExifJpeg, FixturesGiveTheirOrientationOrTheirFault) {
     if (c.littleEndian >= 0) {
       EXPECT_EQ(x.littleEndian, c.littleEndian) << c.file;
     }
+
   }
   EXPECT_EQ(x.ReadFromJpeg(nullptr, 100), QExif::NOT_JPEG);
   const uint8_t tiny[] = {0xFF, 0xD8, 0xFF};
@@ -83,30 +84,23 @@ TEST(QExifJpeg, FixturesGiveTheirOrientationOrTheirFault) {
   EXPECT_EQ(x.ReadFromJpeg(empty, sizeof(empty)), QExif::NO_EXIF);
   // A segment length running past the end marker.
   Bytes b = Fixture("orient6_ii.jpg");
-  ASSERT_EQ(b[20], 0xFF);
-  ASSERT_EQ(b[21], 0xE1);
+  ASSERT_TRUE(b[20] == 0xFF && b[21] == 0xE1);
   b[22] = 0x7F;
   EXPECT_EQ(x.ReadFromJpeg(b.data(), b.size()), QExif::CORRUPT);
 }
 
-TEST(QExifSegment, HeaderChecks) {
+TEST(QExifSegment, HeaderAndDirectoryBounds) {
   QExif x;
   EXPECT_EQ(x.ReadExifSegment(nullptr, 20), QExif::NO_EXIF);
   const uint8_t xmp[] = "http://ns.adobe.com/xap/1.0/";
   EXPECT_EQ(x.ReadExifSegment(xmp, sizeof(xmp)), QExif::NO_EXIF);
+  SegmentBuilder h;
+  EXPECT_EQ(x.ReadExifSegment(h.b.data(), 13), QExif::CORRUPT);
+  h.b[7] = 'M';
+  EXPECT_EQ(h.Parse(&x), QExif::BAD_BYTE_ORDER);
+  h.b[7] = 'I', h.b[8] = 43;
+  EXPECT_EQ(h.Parse(&x), QExif::CORRUPT);
 
-  SegmentBuilder s;
-  EXPECT_EQ(x.ReadExifSegment(s.b.data(), 13), QExif::CORRUPT);
-  s.b[6] = 'I';
-  s.b[7] = 'M';
-  EXPECT_EQ(s.Parse(&x), QExif::BAD_BYTE_ORDER);
-  s.b[7] = 'I';
-  s.b[8] = 43;
-  EXPECT_EQ(s.Parse(&x), QExif::CORRUPT);
-}
-
-TEST(QExifSegment, DirectoryBounds) {
-  QExif x;
   SegmentBuilder s;
   s.U16(1);
   s.Entry(274, kShort, 1, 6);
@@ -142,7 +136,7 @@ TEST(QExifSegment, DirectoryBounds) {
   EXPECT_EQ(x.orientation, 8);
 }
 
-TEST(QExifSegment, HostileEntryValuesAreIgnored) {
+TEST(QExifSegment, HostileEntryValuesAreIgnoredAndDirectoryLoopsEnd) {
   QExif x;
   SegmentBuilder s;
   s.U16(5);
@@ -157,25 +151,23 @@ TEST(QExifSegment, HostileEntryValuesAreIgnored) {
   EXPECT_STREQ(x.cameraModel.cstr(), "abcd");
   EXPECT_EQ(x.orientation, 0);
   EXPECT_EQ(x.sampleBits, 8);
-}
 
-TEST(QExifSegment, SubDirectoryPointersBackToTheFirstDirectoryEnd) {
-  // Tag 37385 is the flash of the EXIF directory; a value there shows it was read that way.
-  QExif x;
-  SegmentBuilder s;
-  s.U16(6);
-  s.Entry(274, kShort, 1, 3);
-  s.Entry(37385, kShort, 1, 1);
-  s.Entry(34665, kLong, 1, 8);  // both pointers lead back to IFD0
-  s.Entry(34853, kLong, 1, 8);
+  // Sub-directory pointers back to the first directory end; tag 37385 is the EXIF directory's
+  // flash, so a value there shows it was read that way.
+  SegmentBuilder loop;
+  loop.U16(6);
+  loop.Entry(274, kShort, 1, 3);
+  loop.Entry(37385, kShort, 1, 1);
+  loop.Entry(34665, kLong, 1, 8);  // both pointers lead back to IFD0
+  loop.Entry(34853, kLong, 1, 8);
   // The same 1/4 as a rational and as a signed one, which is taken but carries no decoded value.
   constexpr uint16_t kRational = 5, kSignedRational = 10;
   const uint32_t quarter = 8 + 2 + 6 * 12 + 4;
-  s.Entry(33434, kRational, 1, quarter);
-  s.Entry(37380, kSignedRational, 1, quarter);
-  s.U32(0);
-  s.U32(1), s.U32(4);
-  ASSERT_EQ(s.Parse(&x), 0);
+  loop.Entry(33434, kRational, 1, quarter);
+  loop.Entry(37380, kSignedRational, 1, quarter);
+  loop.U32(0);
+  loop.U32(1), loop.U32(4);
+  ASSERT_EQ(loop.Parse(&x), 0);
   EXPECT_EQ(x.orientation, 3);
   EXPECT_EQ(x.flash, 1);
   EXPECT_DOUBLE_EQ(x.exposureTime, 0.25);

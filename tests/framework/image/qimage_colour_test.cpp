@@ -1,7 +1,6 @@
-// Colour profiles: pictures carrying Display P3 written by other programs
-// (tests/data/images/make_colour.sh) come out as ImageMagick converts them to sRGB, the same
-// bytes without their profile come out as stored, and a profile that can't be used is a warning
-// that leaves the pixels as decoded.
+// Colour profiles: Display P3 pictures (make_colour.sh) come out as ImageMagick converts them to
+// sRGB, without their profile as stored; a profile that can't be used is one warning.
+
 #include "framework/image/qimage.h"
 
 #include <gtest/gtest.h>

@@ -1,8 +1,5 @@
-// QImage's library readers (HEIF/AVIF, WebP, GIF, TIFF) on fixtures written by other encoders
-// (tests/data/images/make_kinds.sh): 64 x 48 quadrants red, green, blue, yellow, so that a
-// turn, a mirror or a swapped channel shows. Lossy files are also compared with ImageMagick's
-// decode of the same file. Then what each reader must refuse: empty, cut and random files, and
-// headers that ask for far more pixels than their bytes can hold.
+// QImage's library readers on fixtures from make_kinds.sh: 64 x 48 quadrants red, green, blue,
+// yellow, so that a turn, a mirror or a swapped channel shows; then cut files and lying headers.
 #include "framework/image/qimage.h"
 #include "framework/image/qpicturekinds.h"
 
@@ -29,15 +26,15 @@ Bytes Fixture(const std::string& name) {
   return b;
 }
 
-// The name's row of the picture table, from memory as the loader reads it: the header first
-// (WebP's orientation), then the reader (TIFF's).
-bool ReadKind(QImage* img, const std::string& name, const Bytes& b, int* orientation) {
+// As the loader reads from memory: the header first (WebP's orientation), then the reader (TIFF's).
+bool ReadKind(QImage* img, const std::string& name, const Bytes& b, int* orientation,
+              const QPictureKind::Target& target = {}) {
   *orientation = 0;
   const QPictureKind* kind = qPictureKindOf(name.c_str());
   if (!kind || !kind->readMemory) return false;
   int w = 0, h = 0;
   if (kind->readSize) kind->readSize(b.data(), b.size(), &w, &h, orientation);
-  return kind->readMemory(img, b.data(), b.size(), name.c_str(), {}, orientation);
+  return kind->readMemory(img, b.data(), b.size(), name.c_str(), target, orientation);
 }
 
 // RGBA of the pixel at (x, y from the top).
@@ -47,7 +44,6 @@ std::vector<int> At(const QBitMap& bm, int x, int y) {
   return {p[0], p[1], p[2], p[3]};
 }
 
-// The quadrants' centres on the upright 64 x 48 picture and their colours.
 struct Spot {
   int x, y;
   std::vector<int> rgba;
@@ -57,8 +53,7 @@ const Spot kQuad[] = {{16, 12, {220, 30, 30, 255}},
                       {16, 36, {40, 60, 220, 255}},
                       {48, 36, {230, 210, 40, 255}}};
 
-// Largest channel difference from `want` at each quadrant's centre. Orientation 6 (a quarter
-// turn clockwise shows it) stores the upright pixel (u, v) at (v, 63 - u).
+// Orientation 6 stores the upright pixel (u, v) at (v, 63 - u).
 void ExpectQuadrants(const QImage& img, int orientation, int tol, const std::string& what,
                      bool redTransparent = false) {
   for (const Spot& s : kQuad) {
@@ -125,6 +120,7 @@ TEST_F(QImageKindsTest, EachKindDecodesItsQuadrantsInPlaceFromAFileAndFromMemory
     if (c.ref) {
       EXPECT_LE(MeanDifference(fromMemory, c.ref), c.tol > 0 ? 4.0 : 0.5) << c.file;
     }
+
   }
   EXPECT_EQ(log_.Lines(), std::vector<std::string>{});
 
@@ -134,17 +130,14 @@ TEST_F(QImageKindsTest, EachKindDecodesItsQuadrantsInPlaceFromAFileAndFromMemory
   ExpectQuadrants(gif, 0, 0, "trns_interlaced.gif", true);
 }
 
-// WebP decodes scaled; HEIF and TIFF reduce their rows as they come out of the library (TIFF in
-// bands of strips or tiles). Sizes and orientation before decoding: tests/app/picture_loader_test.
+// WebP decodes scaled; HEIF and TIFF reduce their rows as the library hands them over.
 TEST_F(QImageKindsTest, WebPHeifAndTiffComeOutAtTheSizeAskedFor) {
   for (const char* name : {"quad.webp", "quad.heic", "quad.avif", "quad.tif", "quad_tiled.tif"}) {
     const Bytes b = Fixture(name);
     QImage img;
-    const bool read = QImage::IsWebPName(name) ? img.ReadWebP(b.data(), b.size(), name, 32, 24)
-                      : QImage::IsHeifName(name)
-                          ? img.ReadHEIF(b.data(), b.size(), name, 32, 24)
-                          : img.ReadTIFF(b.data(), b.size(), name, nullptr, 32, 24);
-    ASSERT_TRUE(read) << name;
+    int orientation = 0;
+    ASSERT_TRUE(ReadKind(&img, name, b, &orientation, {8, 32, 24})) << name;
+
     ASSERT_EQ(img.GetWidth(), 32) << name;
     ASSERT_EQ(img.GetHeight(), 24) << name;
     for (const Spot& s : kQuad) {
@@ -155,8 +148,7 @@ TEST_F(QImageKindsTest, WebPHeifAndTiffComeOutAtTheSizeAskedFor) {
   }
 }
 
-// What a broken file of `name`'s kind must do: answer false, warn naming the file, and leave
-// the picture it was read into as it was.
+// A broken file answers false, warns naming the file, and leaves the picture as it was.
 void ExpectRefused(LogCapture* log, const std::string& name, const Bytes& b, const char* why) {
   QImage img;
   ASSERT_TRUE(img.Alloc(32, 2, 2));
@@ -170,7 +162,7 @@ void ExpectRefused(LogCapture* log, const std::string& name, const Bytes& b, con
   for (int i = 0; i < 16; ++i) ASSERT_EQ(img.GetBuffer()[i], 0x5A) << name << " " << why;
 }
 
-// One cut file per reader; their fuzz targets (fuzz/qimage_*_fuzz.cpp) try every other damage.
+// One cut file per reader; the fuzz targets try every other damage.
 TEST_F(QImageKindsTest, ACutFileFailsWithAWarningAndKeepsThePicture) {
   for (const char* name : {"quad.heic", "quad.webp", "anim.gif", "quad.tif"}) {
     const Bytes whole = Fixture(name);
@@ -178,15 +170,10 @@ TEST_F(QImageKindsTest, ACutFileFailsWithAWarningAndKeepsThePicture) {
   }
 }
 
-// Peak resident memory of the process in kilobytes.
 long PeakKb() {
   rusage u{};
   getrusage(RUSAGE_SELF, &u);
   return u.ru_maxrss;
-}
-
-void PutBe32(Bytes* b, size_t at, uint32_t v) {
-  for (int i = 0; i < 4; ++i) (*b)[at + size_t(i)] = uint8_t(v >> (24 - 8 * i));
 }
 
 // quad.tif with its width and length tags (SHORT or LONG, little-endian) set to `v`.
@@ -208,7 +195,8 @@ Bytes TiffSized(uint32_t v) {
 Bytes HeifSized(const char* name, uint32_t v) {
   Bytes b = Fixture(name);
   for (size_t at = 4; at + 16 <= b.size(); ++at)
-    if (memcmp(&b[at], "ispe", 4) == 0) PutBe32(&b, at + 8, v), PutBe32(&b, at + 12, v);
+    if (memcmp(&b[at], "ispe", 4) == 0)
+      for (int i = 0; i < 8; ++i) b[at + 8 + size_t(i)] = uint8_t(v >> (24 - 8 * (i % 4)));
   return b;
 }
 
@@ -234,8 +222,8 @@ TEST_F(QImageKindsTest, AHeaderClaiming16000SquaredIsRefusedBeforeAnythingLargeI
   }
   EXPECT_LT(PeakKb() - before, 64 * 1024) << "peak memory grew by kB";
 
-  // A size its bytes could hold, whose decode (the library's planes and its RGB copy) would
-  // still need more than one picture may take.
+  // A size its bytes could hold, whose decode (planes and RGB copy) needs more than allowed.
+
   ExpectRefused(&log_, "large.heic", HeifSized("quad.heic", 6000), "6000 x 6000");
   EXPECT_TRUE(log_.Seen("is a 6000x6000: decoding it needs 344 MB, more than 192")) << ::testing::PrintToString(log_.Lines());
 }
