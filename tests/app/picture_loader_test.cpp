@@ -72,10 +72,9 @@ TEST_F(Resized, ThePrefetcherHandsOverWhatStillCoversAndDecodesAgainWhatDoesNot)
 // a HEIC stored turned comes upright from its own rotation (irot) and is not turned again.
 
 TEST(LoadPicture, TiffAndWebPAreTurnedByTheirOrientationAndShrunkToTheQuad) {
-  const std::string images = std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/";
   for (const char* name : {"quad_o6.tif", "quad_o6.webp", "quad_irot.heic"}) {
     LoadedPicture p;
-    LoadPicture(images + name, Window(32, 24), false, &p);
+    LoadPicture(kTestImages + name, Window(32, 24), false, &p);
     ASSERT_TRUE(p.ok && p.pixels) << name;
     const bool turned = std::string(name).find("o6") != std::string::npos;
     EXPECT_EQ(p.orientation, turned ? 6 : 0) << name;

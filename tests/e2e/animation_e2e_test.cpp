@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "support/e2e.h"
-#include "support/tempdir.h"
 // After the test framework, whose names X's macros (None) would spoil.
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
@@ -19,24 +18,6 @@ namespace {
 
 using namespace e2e;
 using Clock = std::chrono::steady_clock;
-
-// The processor time (user and system) `pid` has used so far, in ms.
-long CpuMs(pid_t pid) {
-  const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
-  const size_t close = stat.rfind(')');
-  long user = 0, system = 0;
-  if (close == std::string::npos ||
-      sscanf(stat.c_str() + close + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld",
-             &user, &system) != 2)
-    return -1000000L;
-  return (user + system) * 1000 / sysconf(_SC_CLK_TCK);
-}
-
-// Times the main thread of `pid` went to sleep so far.
-long Wakes(pid_t pid) {
-  const std::string status = "task/" + std::to_string(pid) + "/status";
-  return long(ProcValue(pid, status.c_str(), "voluntary_ctxt_switches:"));
-}
 
 // One pixel (0xRRGGBB) straight from the X server, as xwd is too slow to time 100 ms frames.
 uint32_t PixelAt(Display* display, int x, int y) {
@@ -92,9 +73,8 @@ using AnimationE2E = ScreenTest<800, 600>;
 TEST_F(AnimationE2E, FramesAtTheirTimesAdvanceAtTheLoopsEndAndAStillSleeps) {
   Program p;
   ASSERT_TRUE(p.Prepare() && p.SetKey("effects.advance_seconds", "2"));
-  const std::string images = std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/";
-  ASSERT_TRUE(WriteFile(p.Path("a.gif"), ReadFile(images + "frames.gif")));
-  ASSERT_TRUE(WriteFile(p.Path("b.webp"), ReadFile(images + "frames.webp")));
+  ASSERT_TRUE(WriteFile(p.Path("a.gif"), ReadFile(kTestImages + "frames.gif")));
+  ASSERT_TRUE(WriteFile(p.Path("b.webp"), ReadFile(kTestImages + "frames.webp")));
   ASSERT_TRUE(Uniform(p.Path("c.tga"), kWhite));
   ASSERT_TRUE(p.Start());
   ASSERT_FALSE(p.WindowId(kStartMs).empty()) << p.Log();

@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "support/e2e.h"
-#include "support/tempdir.h"
 
 namespace {
 
@@ -154,10 +153,9 @@ TEST_F(PipelineE2E, HeicAvifWebPGifAndTiffShowUpright) {
                // Display P3 as ImageMagick converts it; without its profile as stored.
                {"p3.jpg", "p3_jpg_ref.png", 0},      {"p3.png", "p3_png_ref.png", 0},
                {"p3_plain.jpg", "p3_plain.jpg", 0}};
-  const std::string images = std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/";
   for (const auto& c : cases)
     for (const char* f : {c.name, c.source})
-      ASSERT_TRUE(WriteFile(p.Path(f), ReadBytes(images + f)));
+      ASSERT_TRUE(WriteFile(p.Path(f), ReadBytes(kTestImages + f)));
   ASSERT_TRUE(Uniform(p.Path("start.jpg"), kWhite));
   ASSERT_TRUE(p.Start("start.jpg") && Shown(&p, "start.jpg")) << p.Log();
   for (const auto& c : cases) {

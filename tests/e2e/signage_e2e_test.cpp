@@ -15,36 +15,14 @@ namespace {
 using namespace e2e;
 using Clock = std::chrono::steady_clock;
 
-// The processor time (user and system) `pid` has used so far, in ms; hugely negative when unknown.
-long CpuMs(pid_t pid) {
-  const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
-  const size_t close = stat.rfind(')');
-  long user = 0, system = 0;
-  if (close == std::string::npos ||
-      sscanf(stat.c_str() + close + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld",
-             &user, &system) != 2)
-    return -1000000L;
-  return (user + system) * 1000 / sysconf(_SC_CLK_TCK);
-}
-
 // What `pid` does over the next two seconds: processor time in ms, and its main thread's wakes.
 struct Activity {
   long cpuMs = 0, wakes = 0;
 };
 Activity OverTwoSeconds(pid_t pid) {
-  const std::string proc = "/proc/" + std::to_string(pid);
-  const auto now = [&proc, pid] {
-    Activity a{-1000000L, -1000000L};
-    a.cpuMs = CpuMs(pid);
-    const std::string status = ReadFile(proc + "/task/" + proc.substr(6) + "/status");
-    const size_t at = status.find("\nvoluntary_ctxt_switches:");
-    if (at != std::string::npos) a.wakes = atol(status.c_str() + at + 26);
-    return a;
-  };
-  const Activity before = now();
+  const Activity before{CpuMs(pid), Wakes(pid)};
   std::this_thread::sleep_for(std::chrono::seconds(2));
-  const Activity after = now();
-  return {after.cpuMs - before.cpuMs, after.wakes - before.wakes};
+  return {CpuMs(pid) - before.cpuMs, Wakes(pid) - before.wakes};
 }
 
 class SignageE2E : public ScreenTest<800, 600> {

@@ -236,6 +236,22 @@ long long ProcValue(pid_t pid, const char* file, const char* key) {
   return -1;
 }
 
+long CpuMs(pid_t pid) {
+  const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+  const size_t close = stat.rfind(')');
+  long user = 0, system = 0;
+  if (close == std::string::npos ||
+      sscanf(stat.c_str() + close + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld",
+             &user, &system) != 2)
+    return -1000000L;
+  return (user + system) * 1000 / sysconf(_SC_CLK_TCK);
+}
+
+long Wakes(pid_t pid) {
+  const std::string status = "task/" + std::to_string(pid) + "/status";
+  return long(ProcValue(pid, status.c_str(), "voluntary_ctxt_switches:"));
+}
+
 int RunningCopies() {
   int count = 0;
   std::error_code ec;

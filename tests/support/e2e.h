@@ -73,6 +73,10 @@ bool WriteQuadrants(const std::string& path, int orientation);
 int Count(const std::string& in, const std::string& text);
 // The number after `key` ("VmRSS:", "rchar:") in /proc/<pid>/<file>; -1 when unknown.
 long long ProcValue(pid_t pid, const char* file, const char* key);
+// Processor time (user and system) `pid` has used so far in ms; hugely negative when unknown.
+long CpuMs(pid_t pid);
+// Times the main thread of `pid` went to sleep so far; -1 when unknown.
+long Wakes(pid_t pid);
 // Processes on the machine whose executable is named glimra.
 int RunningCopies();
 // A UDP port of 127.0.0.1 that was free a moment ago.

@@ -46,6 +46,13 @@ bool WriteFile(const std::string& path, const std::vector<uint8_t>& bytes);
 // The whole file; empty when it cannot be read.
 std::string ReadFile(const std::string& path);
 std::vector<uint8_t> ReadBytes(const std::string& path);
+// The committed test pictures, and one of them whole (a failure when it is missing or empty).
+const std::string kTestImages = std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/";
+inline std::vector<uint8_t> ImageFixture(const std::string& name) {
+  std::vector<uint8_t> b = ReadBytes(kTestImages + name);
+  EXPECT_FALSE(b.empty()) << name;
+  return b;
+}
 // Removes a file or a directory with everything below it; false when anything stays.
 bool RemoveTree(const std::string& path);
 

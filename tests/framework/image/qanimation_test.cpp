@@ -16,12 +16,6 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-Bytes Fixture(const std::string& name) {
-  Bytes b = ReadBytes(std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/" + name);
-  EXPECT_FALSE(b.empty()) << name;
-  return b;
-}
-
 QBlock Block(const Bytes& b) {
   QBlock block(static_cast<uint8_t*>(qmalloc(b.size() + 1)));
   if (!b.empty()) memcpy(block.get(), b.data(), b.size());
@@ -44,7 +38,7 @@ struct Frame {
 };
 
 void ExpectFrames(const char* name, const std::vector<Frame>& want) {
-  const Bytes b = Fixture(name);
+  const Bytes b = ImageFixture(name);
   EXPECT_TRUE(QAnimation::Animates(b.data(), b.size())) << name;
   QAnimation anim;
   ASSERT_TRUE(anim.Open(Block(b), b.size(), name));
@@ -82,13 +76,13 @@ TEST(QAnimationFrames, FramesComposeAsTheirDisposalSaysAndStillsDoNotAnimate) {
                                {200, kGreen, kGreen, kGreen},
                                {100, kBlue, kBlue, kBlue}});
   for (const char* name : {"quad.webp", "trns_interlaced.gif", "photo.jpg"}) {
-    const Bytes b = Fixture(name);
+    const Bytes b = ImageFixture(name);
     EXPECT_FALSE(QAnimation::Animates(b.data(), b.size())) << name;
   }
 }
 
 TEST(QAnimationRefusals, ACutFileStopsOnItsLastGoodFrameLyingHeadersAndJunkDoNotOpen) {
-  Bytes b = Fixture("frames.gif");
+  Bytes b = ImageFixture("frames.gif");
   // Into the third frame's pixels: past its control block (8 bytes) and descriptor (10).
   size_t gce = 0;
   for (int n = 0; n < 3; ++n)
@@ -107,7 +101,7 @@ TEST(QAnimationRefusals, ACutFileStopsOnItsLastGoodFrameLyingHeadersAndJunkDoNot
   EXPECT_EQ(At(out, 32, 24), kGreen) << "the last good frame stays";
 
   // Headers that lie, and junk.
-  Bytes huge = Fixture("frames.gif");
+  Bytes huge = ImageFixture("frames.gif");
   huge[6] = huge[8] = 0x80, huge[7] = huge[9] = 0x3E;  // 16000 x 16000
   Bytes junk(300, 0x5A);
   Bytes notGif = junk;

@@ -17,14 +17,12 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-const std::string kImages = std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/";
-
 Bytes Pixels(const QImage& img) { return Bytes(img.GetBuffer(), img.GetBuffer() + img.GetSize()); }
 
 // Largest difference of any byte (alpha included) from the same-sized picture in `refName`.
 int MaxDifference(const QImage& img, const std::string& refName) {
   QImage ref;
-  if (!ref.Read((kImages + refName).c_str()) || ref.GetWidth() != img.GetWidth() ||
+  if (!ref.Read((kTestImages + refName).c_str()) || ref.GetWidth() != img.GetWidth() ||
       ref.GetHeight() != img.GetHeight())
     return 1000;
   int most = 0;
@@ -48,14 +46,14 @@ TEST_F(QImageColourTest, EmbeddedProfilesConvertAsImageMagickDoesAndProfileFreeB
                {"p3.heic", "p3_heic_ref.png", nullptr}};
   for (const auto& c : cases) {
     QImage img;
-    ASSERT_TRUE(img.Read((kImages + c.file).c_str())) << c.file;
+    ASSERT_TRUE(img.Read((kTestImages + c.file).c_str())) << c.file;
     EXPECT_GT(img.ColourProfile().size(), 128u) << c.file;
     const Bytes decoded = Pixels(img);
     ASSERT_TRUE(img.ConvertToSRGB()) << c.file;
     EXPECT_LE(MaxDifference(img, c.ref), 4) << c.file;
     if (!c.plain) continue;
     QImage plain;
-    ASSERT_TRUE(plain.Read((kImages + c.plain).c_str())) << c.plain;
+    ASSERT_TRUE(plain.Read((kTestImages + c.plain).c_str())) << c.plain;
     EXPECT_TRUE(plain.ColourProfile().empty()) << c.plain;
     ASSERT_TRUE(plain.ConvertToSRGB()) << c.plain;
     EXPECT_EQ(Pixels(plain), decoded) << c.plain;
@@ -65,7 +63,7 @@ TEST_F(QImageColourTest, EmbeddedProfilesConvertAsImageMagickDoesAndProfileFreeB
 
 TEST_F(QImageColourTest, AProfileThatCantBeUsedIsAWarningAndLeavesThePixels) {
   QImage p3;
-  ASSERT_TRUE(p3.Read((kImages + "p3.png").c_str()));
+  ASSERT_TRUE(p3.Read((kTestImages + "p3.png").c_str()));
   const Bytes good = p3.ColourProfile();
   ASSERT_GT(good.size(), 132u);
   Bytes garbled = good, grey = good;
@@ -84,7 +82,7 @@ TEST_F(QImageColourTest, AProfileThatCantBeUsedIsAWarningAndLeavesThePixels) {
   for (const auto& c : cases) {
     log_.Clear();
     QImage img;
-    ASSERT_TRUE(img.Read((kImages + "p3_plain.png").c_str()));
+    ASSERT_TRUE(img.Read((kTestImages + "p3_plain.png").c_str()));
     img.SetName("shown.png");
     const Bytes before = Pixels(img);
     EXPECT_EQ(img.SetColourProfile(c.profile.data(), c.profile.size(), "shown.png"), c.kept)
@@ -97,7 +95,7 @@ TEST_F(QImageColourTest, AProfileThatCantBeUsedIsAWarningAndLeavesThePixels) {
 
   // A JPEG whose profile chunks come to more than the limit still shows, without a profile.
   log_.Clear();
-  const Bytes jpeg = ReadBytes(kImages + "p3_plain.jpg");
+  const Bytes jpeg = ReadBytes(kTestImages + "p3_plain.jpg");
   Bytes big(jpeg.begin(), jpeg.begin() + 2);
   const std::string tag("ICC_PROFILE", 12);
   for (int i = 1; i <= 65; ++i) {

@@ -19,13 +19,6 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-const std::string kImages = std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/";
-Bytes Fixture(const std::string& name) {
-  Bytes b = ReadBytes(kImages + name);
-  EXPECT_FALSE(b.empty()) << name;
-  return b;
-}
-
 // As the loader reads from memory: the header first (WebP's orientation), then the reader (TIFF's).
 bool ReadKind(QImage* img, const std::string& name, const Bytes& b, int* orientation,
               const QPictureKind::Target& target = {}) {
@@ -71,7 +64,7 @@ void ExpectQuadrants(const QImage& img, int orientation, int tol, const std::str
 // Mean absolute difference per channel from a PNG of the same size.
 double MeanDifference(const QImage& img, const std::string& refName) {
   QImage ref;
-  const Bytes b = Fixture(refName);
+  const Bytes b = ImageFixture(refName);
   if (!ref.ReadPNG(b.data(), b.size(), refName.c_str()) || ref.GetWidth() != img.GetWidth() ||
       ref.GetHeight() != img.GetHeight())
     return 1e9;
@@ -104,12 +97,12 @@ TEST_F(QImageKindsTest, EachKindDecodesItsQuadrantsInPlaceFromAFileAndFromMemory
       {"quad_grey16.tif", "quad_grey16_tif_ref.png", 1, -1},
   };
   for (const auto& c : cases) {
-    const Bytes bytes = Fixture(c.file);
+    const Bytes bytes = ImageFixture(c.file);
     QImage fromMemory, fromFile;
     int orientation = -1;
     ASSERT_TRUE(ReadKind(&fromMemory, c.file, bytes, &orientation)) << c.file;
     EXPECT_EQ(orientation, c.orientation) << c.file;
-    ASSERT_TRUE(fromFile.Read((kImages + c.file).c_str())) << c.file;
+    ASSERT_TRUE(fromFile.Read((kTestImages + c.file).c_str())) << c.file;
     const bool turned = c.orientation == 6;
     EXPECT_EQ(fromMemory.GetWidth(), turned ? 48 : 64) << c.file;
     EXPECT_EQ(fromMemory.GetHeight(), turned ? 64 : 48) << c.file;
@@ -126,14 +119,14 @@ TEST_F(QImageKindsTest, EachKindDecodesItsQuadrantsInPlaceFromAFileAndFromMemory
 
   // An interlaced GIF whose red is its transparent colour: black with alpha 0 there.
   QImage gif;
-  ASSERT_TRUE(gif.Read((kImages + "trns_interlaced.gif").c_str()));
+  ASSERT_TRUE(gif.Read((kTestImages + "trns_interlaced.gif").c_str()));
   ExpectQuadrants(gif, 0, 0, "trns_interlaced.gif", true);
 }
 
 // WebP decodes scaled; HEIF and TIFF reduce their rows as the library hands them over.
 TEST_F(QImageKindsTest, WebPHeifAndTiffComeOutAtTheSizeAskedFor) {
   for (const char* name : {"quad.webp", "quad.heic", "quad.avif", "quad.tif", "quad_tiled.tif"}) {
-    const Bytes b = Fixture(name);
+    const Bytes b = ImageFixture(name);
     QImage img;
     int orientation = 0;
     ASSERT_TRUE(ReadKind(&img, name, b, &orientation, {8, 32, 24})) << name;
@@ -165,7 +158,7 @@ void ExpectRefused(LogCapture* log, const std::string& name, const Bytes& b, con
 // One cut file per reader; the fuzz targets try every other damage.
 TEST_F(QImageKindsTest, ACutFileFailsWithAWarningAndKeepsThePicture) {
   for (const char* name : {"quad.heic", "quad.webp", "anim.gif", "quad.tif"}) {
-    const Bytes whole = Fixture(name);
+    const Bytes whole = ImageFixture(name);
     ExpectRefused(&log_, name, Bytes(whole.begin(), whole.begin() + whole.size() / 2), "cut");
   }
 }
@@ -178,7 +171,7 @@ long PeakKb() {
 
 // quad.tif with its width and length tags (SHORT or LONG, little-endian) set to `v`.
 Bytes TiffSized(uint32_t v) {
-  Bytes b = Fixture("quad.tif");
+  Bytes b = ImageFixture("quad.tif");
   if (b.size() < 8 || b[0] != 'I') return {};
   const uint32_t ifd = b[4] | b[5] << 8 | b[6] << 16 | uint32_t(b[7]) << 24;
   const int count = b[ifd] | b[ifd + 1] << 8;
@@ -193,7 +186,7 @@ Bytes TiffSized(uint32_t v) {
 
 // `name` with every ispe box (HEIF's picture size) saying `v` x `v`.
 Bytes HeifSized(const char* name, uint32_t v) {
-  Bytes b = Fixture(name);
+  Bytes b = ImageFixture(name);
   for (size_t at = 4; at + 16 <= b.size(); ++at)
     if (memcmp(&b[at], "ispe", 4) == 0)
       for (int i = 0; i < 8; ++i) b[at + 8 + size_t(i)] = uint8_t(v >> (24 - 8 * (i % 4)));
@@ -201,9 +194,9 @@ Bytes HeifSized(const char* name, uint32_t v) {
 }
 
 TEST_F(QImageKindsTest, AHeaderClaiming16000SquaredIsRefusedBeforeAnythingLargeIsAllocated) {
-  Bytes gif = Fixture("anim.gif");
+  Bytes gif = ImageFixture("anim.gif");
   gif[6] = gif[8] = 16000 & 255, gif[7] = gif[9] = 16000 >> 8;
-  Bytes webp = Fixture("quad.webp");
+  Bytes webp = ImageFixture("quad.webp");
   ASSERT_EQ(memcmp(&webp[12], "VP8 ", 4), 0);  // the lossy frame's 14-bit sizes at 26 and 28
   webp[26] = webp[28] = 16000 & 255, webp[27] = webp[29] = 16000 >> 8;
   const struct {

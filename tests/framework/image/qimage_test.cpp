@@ -23,13 +23,6 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-const std::string kImages = std::string(GLIMRA_SOURCE_DIR) + "/tests/data/images/";
-Bytes Fixture(const char* name) {
-  Bytes b = ReadBytes(kImages + name);
-  EXPECT_FALSE(b.empty()) << name;
-  return b;
-}
-
 // Pixel as 0xRRGGBBAA at column x, y counted from the top of the picture.
 uint32_t At(const QBitMap& bm, int x, int y) {
   const uint8_t* p = bm.GetAddress(x, bm.GetHeight() - 1 - y);
@@ -57,7 +50,7 @@ struct Pnm {
   Bytes px;
 };
 Pnm ReadPnm(const char* name) {
-  Bytes b = Fixture(name);
+  Bytes b = ImageFixture(name);
   Pnm p;
   char magic[3] = {};
   int maxval = 0, used = 0;
@@ -143,7 +136,7 @@ class QImageTest : public TempDirTest {
     EXPECT_TRUE(WriteFile(Tmp(name), b)) << name;
     return Tmp(name);
   }
-  static bool ReadFixture(QImage* img, const char* name) { return img->Read((kImages + name).c_str()); }
+  static bool ReadFixture(QImage* img, const char* name) { return img->Read((kTestImages + name).c_str()); }
   // A JPEG from our writer under `name`: flat grey, or with `busy` a pattern that changes from
   // pixel to pixel.
   Bytes Jpeg(const std::string& name, int w, int h, bool busy = false) const {
@@ -246,7 +239,7 @@ TEST_F(QImageTest, JpegMatchesTheReferenceDecode) {
   // Adobe CMYK stores inverted samples; the first three become R, G, B as they lie.
   ASSERT_TRUE(ReadFixture(&img, "cmyk.jpg"));
   int c = 0, m = 0, y = 0, k = 0;
-  Bytes ref = Fixture("cmyk_ref.txt");
+  Bytes ref = ImageFixture("cmyk_ref.txt");
   ASSERT_EQ(sscanf(reinterpret_cast<const char*>(ref.data()), "0,0: (%d,%d,%d,%d)", &c, &m, &y, &k), 4);
   const uint32_t v = At(img, 3, 3);
   const int want[4] = {255 - c, 255 - m, 255 - y, 255};
@@ -255,7 +248,7 @@ TEST_F(QImageTest, JpegMatchesTheReferenceDecode) {
 
 // The 10-scan progressive fixture with its first scan repeated `repeats` times.
 Bytes ProgressiveJpeg(int repeats) {
-  Bytes b = Fixture("progressive.jpg");
+  Bytes b = ImageFixture("progressive.jpg");
   // Up to the next marker that is not a stuffed byte or a restart.
   const uint8_t sos[] = {0xFF, 0xDA};
   const auto start = std::search(b.begin(), b.end(), sos, sos + 2);
@@ -346,20 +339,20 @@ TEST_F(QImageTest, BitmapRowsAreReadUnpaddedAndShortOrLyingFilesAreSafe) {
 
   // 8 bits: the palette index itself is the grey level.
   ASSERT_TRUE(ReadFixture(&img, "index8.bmp"));
-  const Bytes index8 = Fixture("index8.bmp");
+  const Bytes index8 = ImageFixture("index8.bmp");
   const size_t offset = index8[10] | (index8[11] << 8);
   for (int i = 0; i < 15; ++i) {
     const uint8_t v = index8[offset + size_t(i)];
     EXPECT_EQ(At(img, i % 5, 2 - i / 5), Rgba(v, v, v, 255)) << i;
   }
 
-  Bytes bmp = Fixture("rgb24_w4.bmp");
+  Bytes bmp = ImageFixture("rgb24_w4.bmp");
   bmp.resize(bmp.size() - 12);  // the top row is missing
   ASSERT_TRUE(img.Read(Put("short.bmp", bmp).c_str()));
   EXPECT_EQ(At(img, 0, 0), Rgba(0, 0, 0, 255));
   EXPECT_EQ(At(img, 0, 2), Src(0, 2, false));
 
-  Bytes rle = Fixture("rgb24_w4.bmp");
+  Bytes rle = ImageFixture("rgb24_w4.bmp");
   rle[30] = 1;  // compressed: deliberately true with nothing decoded, and black
   // The short picture's block (same geometry) is freed and likely handed straight back.
   EXPECT_TRUE(img.Read(Put("rle.bmp", rle).c_str()));
@@ -378,7 +371,7 @@ TEST_F(QImageTest, SgiByteOrdersRunLengthLyingTablesAndOverlongRows) {
   ASSERT_TRUE(ReadFixture(&img, "grey_be_rle.rgb"));
   ExpectPicture(img, 5, 3, Ref("grey_be_rle_ref.pgm"), "grey_be_rle.rgb", 0);
 
-  Bytes rle = Fixture("rgba_be_rle.rgb");
+  Bytes rle = ImageFixture("rgba_be_rle.rgb");
   Bytes far = rle;
   far[512] = 0x7F;  // first row starts 2 GB into the file
   EXPECT_FALSE(img.Read(Put("far.rgb", far).c_str()));
@@ -396,7 +389,7 @@ TEST_F(QImageTest, SgiByteOrdersRunLengthLyingTablesAndOverlongRows) {
   ASSERT_TRUE(img.Read(Put("runs.rgb", runs).c_str()));
   EXPECT_EQ(At(img, 4, 0) >> 24, 0x55u);
 
-  Bytes wide = Fixture("rgba_be.rgb");
+  Bytes wide = ImageFixture("rgba_be.rgb");
   wide[6] = 0x40, wide[7] = 0x01;  // 16385
   EXPECT_FALSE(img.Read(Put("wide.rgb", wide).c_str()));
   EXPECT_TRUE(Logged(Tmp("wide.rgb") + " width 16385 out of bounds"));
@@ -558,7 +551,7 @@ TEST_F(QImageTest, PngEveryKindReadsFromFileAndMemoryWithAlphaOverBlack) {
     QImage fromFile, fromMemory;
     ASSERT_TRUE(ReadFixture(&fromFile, c.file)) << c.file;
     ExpectPicture(fromFile, c.w, c.h, c.want, c.file);
-    const Bytes b = Fixture(c.file);
+    const Bytes b = ImageFixture(c.file);
     ASSERT_TRUE(fromMemory.ReadPNG(b.data(), b.size(), c.file)) << c.file;
     ExpectPicture(fromMemory, c.w, c.h, c.want, std::string(c.file) + " in memory");
   }
@@ -625,13 +618,13 @@ TEST_F(QImageTest, PngCutFilesKeepTheDecodedRowsDamageFailsAndOversizedIsRefused
   EXPECT_FALSE(img.ReadPNG(damaged.data(), damaged.size(), "damaged.png"));
   EXPECT_TRUE(log_.Seen("QImage:ReadPNG(damaged.png); IDAT: CRC error"));
   // Cut after its header, before any pixel data.
-  EXPECT_FALSE(img.ReadPNG(Fixture("rgba.png").data(), 33, "head.png"));
+  EXPECT_FALSE(img.ReadPNG(ImageFixture("rgba.png").data(), 33, "head.png"));
 
   // The header's sizes are checked before the library sees them (the checksum is not redone).
   const Bytes wide = MakePng(16384, 2);
   ASSERT_TRUE(img.ReadPNG(wide.data(), wide.size(), "edge.png") && img.GetWidth() == 16384);
   for (auto [w, h] : {std::pair{16385u, 2u}, std::pair{2u, 0x7FFFFFFFu}}) {
-    Bytes b = Fixture("rgba.png");
+    Bytes b = ImageFixture("rgba.png");
     for (int k = 0; k < 4; ++k)
       b[16 + k] = uint8_t(w >> (24 - 8 * k)), b[20 + k] = uint8_t(h >> (24 - 8 * k));
     QImage fresh;
