@@ -14,10 +14,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size) memcpy(bytes.get(), data, size);
   QAnimation anim;
   if (!anim.Open(std::move(bytes), size, "f")) return 0;
-  int w = 0, h = 0, eighths = 0;
-  qimage_fuzz::ShrinkFrom(data, size, &w, &h, &eighths);
-  w = w < anim.GetWidth() ? w : anim.GetWidth();
-  h = h < anim.GetHeight() ? h : anim.GetHeight();
+  int share = 256, eighths = 8;
+  qimage_fuzz::ShrinkFrom(data, size, &share, &eighths);
+  const int w = qimage_fuzz::Share(anim.GetWidth(), share);
+  const int h = qimage_fuzz::Share(anim.GetHeight(), share);
   QBitMap out;
   int delay = 0, loops = 0;
   // A bounded number of frames: a file may hold thousands of tiny ones.
