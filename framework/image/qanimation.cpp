@@ -13,6 +13,7 @@
 
 #include "framework/qbitmap.h"
 #include "framework/image/qimage.h"
+#include "framework/image/qgif_memory.h"
 #include "framework/image/qimage_internal.h"
 #include "framework/qmessage.h"
 
@@ -28,30 +29,10 @@ bool IsWebP(const uint8_t* data, size_t size) {
   return data && size >= 12 && memcmp(data, "RIFF", 4) == 0 && memcmp(data + 8, "WEBP", 4) == 0;
 }
 
-struct GifSource {
-  const uint8_t* data;
-  size_t size;
-  size_t at;
-};
-
-int ReadFromMemory(GifFileType* gif, GifByteType* out, int count) {
-  GifSource* src = static_cast<GifSource*>(gif->UserData);
-  if (count <= 0 || src->at >= src->size) return 0;
-  const size_t n = std::min(size_t(count), src->size - src->at);
-  memcpy(out, src->data + src->at, n);
-  src->at += n;
-  return int(n);
-}
-
 void CloseGif(GifFileType** gif) {
   int err = 0;
   if (*gif) DGifCloseFile(*gif, &err);
   *gif = nullptr;
-}
-
-const char* GifText(int code) {
-  const char* text = GifErrorString(code);
-  return text ? text : "unknown error";
 }
 
 // giflib keeps a record of every image descriptor it has read; a file that loops for ever would
@@ -106,7 +87,7 @@ struct QAnimation::Gif {
     CloseGif(&file);
     src.at = 0;
     int err = 0;
-    file = DGifOpen(&src, ReadFromMemory, &err);
+    file = DGifOpen(&src, GifReadFromMemory, &err);
     return file ? 0 : (err ? err : D_GIF_ERR_READ_FAILED);
   }
 
@@ -167,7 +148,7 @@ bool QAnimation::Animates(const uint8_t* data, size_t size) {
   // The images are counted without decoding them: their data blocks are only skipped.
   GifSource src = {data, size, 0};
   int err = 0;
-  GifFileType* gif = DGifOpen(&src, ReadFromMemory, &err);
+  GifFileType* gif = DGifOpen(&src, GifReadFromMemory, &err);
   if (!gif) return false;
   int images = 0;
   for (;;) {
@@ -208,7 +189,7 @@ bool QAnimation::Open(QBlock bytes, size_t size, const char* name) {
     gif.reset(new Gif());
     gif->src = {data, size_, 0};
     if (const int err = gif->Open()) {
-      QWARN("QAnimation::Open", "QAnimation::Open(%s); giflib: '%s'", name_, GifText(err));
+      QWARN("QAnimation::Open", "QAnimation::Open(%s); giflib: '%s'", name_, GifErrorText(err));
       return false;
     }
     w = gif->file->SWidth, h = gif->file->SHeight;
@@ -273,7 +254,7 @@ bool QAnimation::NextGif(int* delayMs) {
   const bool restart = index_ < 0 || g.end;
   if (restart) {
     if (const int err = g.Open()) {
-      Fail(GifText(err));
+      Fail(GifErrorText(err));
       return false;
     }
     g.canvas.assign(size_t(width_) * height_ * 4, 0);
@@ -281,7 +262,7 @@ bool QAnimation::NextGif(int* delayMs) {
     g.ReadAhead();
   }
   if (!g.image) {
-    Fail(g.error ? GifText(g.error) : "no picture in the file");
+    Fail(g.error ? GifErrorText(g.error) : "no picture in the file");
     return false;
   }
   const size_t stride = size_t(width_) * 4;
@@ -328,7 +309,7 @@ bool QAnimation::NextGif(int* delayMs) {
     const int step = desc.Interlace ? kPassStep[pass] : 1;
     for (int row = first; row < desc.Height; row += step) {
       if (DGifGetLine(g.file, g.line.data(), desc.Width) == GIF_ERROR) {
-        Fail(GifText(g.file->Error));
+        Fail(GifErrorText(g.file->Error));
         return false;
       }
       const int y = desc.Top + row;

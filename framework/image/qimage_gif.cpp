@@ -13,27 +13,13 @@
 #include <vector>
 
 #include "framework/image/qimage.h"
+#include "framework/image/qgif_memory.h"
 #include "framework/image/qimage_internal.h"
 #include "framework/qmessage.h"
 
 using namespace qimage_detail;
 
 namespace {
-
-struct GifSource {
-  const uint8_t* data;
-  size_t size;
-  size_t at;
-};
-
-int ReadFromMemory(GifFileType* gif, GifByteType* out, int count) {
-  GifSource* src = static_cast<GifSource*>(gif->UserData);
-  if (count <= 0 || src->at >= src->size) return 0;
-  const size_t n = std::min(size_t(count), src->size - src->at);
-  memcpy(out, src->data + src->at, n);
-  src->at += n;
-  return int(n);
-}
 
 // Owner of giflib's state.
 struct GifFile {
@@ -44,11 +30,6 @@ struct GifFile {
   }
 };
 
-const char* ErrorText(int code) {
-  const char* text = GifErrorString(code);
-  return text ? text : "unknown error";
-}
-
 }  // namespace
 
 bool QImage::ReadGIF(const uint8_t* data, size_t size, const char* name) {
@@ -56,9 +37,9 @@ bool QImage::ReadGIF(const uint8_t* data, size_t size, const char* name) {
   GifSource src = {data, data ? size : 0, 0};
   int err = 0;
   GifFile f;
-  f.gif = DGifOpen(&src, ReadFromMemory, &err);
+  f.gif = DGifOpen(&src, GifReadFromMemory, &err);
   if (!f.gif) {
-    QWARN("QImage::ReadGIF", "QImage:ReadGIF(%s); %s", name, ErrorText(err));
+    QWARN("QImage::ReadGIF", "QImage:ReadGIF(%s); %s", name, GifErrorText(err));
     return false;
   }
   GifFileType* gif = f.gif;
@@ -90,7 +71,7 @@ bool QImage::ReadGIF(const uint8_t* data, size_t size, const char* name) {
   }
   if (record != IMAGE_DESC_RECORD_TYPE || DGifGetImageDesc(gif) == GIF_ERROR) {
     QWARN("QImage::ReadGIF", "QImage:ReadGIF(%s); %s", name,
-          gif->Error ? ErrorText(gif->Error) : "no picture in the file");
+          gif->Error ? GifErrorText(gif->Error) : "no picture in the file");
     return false;
   }
   const GifImageDesc& desc = gif->Image;
@@ -116,7 +97,7 @@ bool QImage::ReadGIF(const uint8_t* data, size_t size, const char* name) {
     const int step = desc.Interlace ? kPassStep[pass] : 1;
     for (int row = first; row < desc.Height; row += step) {
       if (DGifGetLine(gif, line.data(), desc.Width) == GIF_ERROR) {
-        QWARN("QImage::ReadGIF", "QImage:ReadGIF(%s); %s", name, ErrorText(gif->Error));
+        QWARN("QImage::ReadGIF", "QImage:ReadGIF(%s); %s", name, GifErrorText(gif->Error));
         return false;
       }
       const int y = desc.Top + row;
