@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -88,5 +89,27 @@ inline bool RawDecode(const char* path, int eighths = 8) {
   fclose(f);
   return true;
 }
+
+// The console table, keeping each run's mean real time so that a benchmark can print ratios
+// against its yardstick after it.
+class MeanReporter : public benchmark::ConsoleReporter {
+ public:
+  MeanReporter() : ConsoleReporter(OO_None) {}
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& r : runs)
+      if (r.run_type == Run::RT_Iteration && r.iterations > 0 && !r.error_occurred)
+        seconds_[r.benchmark_name()] =
+            r.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(r.time_unit);
+    ConsoleReporter::ReportRuns(runs);
+  }
+  // Seconds of the run named `name`; 0 when it did not run.
+  double Seconds(const std::string& name) const {
+    auto it = seconds_.find(name);
+    return it == seconds_.end() ? 0 : it->second;
+  }
+
+ private:
+  std::map<std::string, double> seconds_;
+};
 
 }  // namespace bench

@@ -17,7 +17,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -122,29 +121,6 @@ void BM_Load(benchmark::State& state, const Kind* k) {
   }
 }
 
-// Keeps the mean time of each run so that the ratios can be printed after the table.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  RatioReporter() : ConsoleReporter(OO_None) {}
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs)
-      if (r.run_type == Run::RT_Iteration && r.iterations > 0 && !r.error_occurred)
-        seconds_[r.benchmark_name()] = r.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(r.time_unit);
-    ConsoleReporter::ReportRuns(runs);
-  }
-  void PrintRatios() const {
-    for (const Kind& k : kKinds) {
-      auto plain = seconds_.find(std::string("Plain/") + k.label);
-      auto load = seconds_.find(std::string("Load/") + k.label);
-      if (plain != seconds_.end() && load != seconds_.end())
-        printf("%s load / plain decode = %.3g\n", k.label, load->second / plain->second);
-    }
-  }
-
- private:
-  std::map<std::string, double> seconds_;
-};
-
 void Quiet(const char*, const char*) {}
 
 }  // namespace
@@ -163,9 +139,13 @@ int main(int argc, char** argv) {
         ->Unit(benchmark::kMillisecond);
   }
   benchmark::Initialize(&argc, argv);
-  RatioReporter reporter;
+  bench::MeanReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.PrintRatios();
+  for (const Kind& k : kKinds) {
+    const double plain = reporter.Seconds(std::string("Plain/") + k.label);
+    const double load = reporter.Seconds(std::string("Load/") + k.label);
+    if (plain > 0 && load > 0) printf("%s load / plain decode = %.3g\n", k.label, load / plain);
+  }
   benchmark::Shutdown();
   return 0;
 }

@@ -14,7 +14,6 @@
 #include <cstdio>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -81,33 +80,6 @@ void BM_ExifParse(benchmark::State& state, const Photo* p) {
   }
 }
 
-// Keeps the mean time of each run so that the ratios can be printed after the table.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  RatioReporter() : ConsoleReporter(OO_None) {}
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs)
-      if (r.run_type == Run::RT_Iteration && r.iterations > 0 && !r.error_occurred)
-        seconds_[r.benchmark_name()] = r.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(r.time_unit);
-    ConsoleReporter::ReportRuns(runs);
-  }
-  void PrintRatios() const {
-    for (const Photo& p : kPhotos) {
-      const std::string raw = std::string("RawDecode/") + p.label;
-      auto base = seconds_.find(raw);
-      if (base == seconds_.end()) continue;
-      for (const char* step : {"QImageRead", "MakeGray", "Rotate90", "ExifParse"}) {
-        auto it = seconds_.find(std::string(step) + "/" + p.label);
-        if (it != seconds_.end())
-          printf("%s %s / raw decode = %.4g\n", p.label, step, it->second / base->second);
-      }
-    }
-  }
-
- private:
-  std::map<std::string, double> seconds_;
-};
-
 void Quiet(const char*, const char*) {}
 
 }  // namespace
@@ -129,9 +101,15 @@ int main(int argc, char** argv) {
         ->Unit(benchmark::kMicrosecond);
   }
   benchmark::Initialize(&argc, argv);
-  RatioReporter reporter;
+  bench::MeanReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.PrintRatios();
+  for (const Photo& p : kPhotos) {
+    const double raw = reporter.Seconds(std::string("RawDecode/") + p.label);
+    for (const char* step : {"QImageRead", "MakeGray", "Rotate90", "ExifParse"}) {
+      const double t = reporter.Seconds(std::string(step) + "/" + p.label);
+      if (raw > 0 && t > 0) printf("%s %s / raw decode = %.4g\n", p.label, step, t / raw);
+    }
+  }
   for (const Photo& p : kPhotos) remove(PhotoPath(p).c_str());
   benchmark::Shutdown();
   return 0;
