@@ -41,14 +41,8 @@ constexpr int kKeyC = 'C';
 constexpr int kKeyI = 'I';
 // Shortest time between two catalogue rebuilds for a watched folder's changes.
 constexpr int kFollowGapMs = 250;
-
-// A link that leads nowhere, round a loop, or to a folder or a device holds no picture and would
-// only fail at every step through the catalogue: it is left out.
-bool IsDeadEndLink(const char* name) {
-  struct stat st;
-  if (lstat(name, &st) != 0 || !S_ISLNK(st.st_mode)) return false;
-  return stat(name, &st) != 0 || !S_ISREG(st.st_mode);
-}
+// The longest a start waits for a library's walk to find its first picture.
+constexpr int kFirstWaitMs = 2000;
 
 // `path` split at its last separator: the directory ("." when there is none) and the name.
 void SplitPath(const char* path, qstring* dir, const char** name) {
@@ -72,16 +66,15 @@ RaceManager* QGetRaceManager() { return g_raceManager; }
 // Construction and destruction
 // ---------------------------------------------------------------------------------------------
 
-RaceManager::RaceManager() { g_raceManager = this; }
+RaceManager::RaceManager() : catalogue(new Catalogue()) { g_raceManager = this; }
 
 RaceManager::~RaceManager() {
   watch.reset();
+  catalogue.reset();
   ini.reset();
   EndFade();
   texture.reset();
   mesh.reset();
-  for (qstring& s : images) s.Clear();
-  imageCount = 0;
   curFile.Clear();
   canvas.reset();
   font.reset();
@@ -155,6 +148,8 @@ void RaceManager::Setup(const char* arg) {
   // takes about as long. Its catalogue scan and load still come in their place below. Full
   // screen, the desktop's proportions are the window's; a window has to wait for the display.
   const bool fullScreen = ini->GetInt("resolution.fullscreen", 0) != 0;
+  // A library's walk begins now, so that its first picture is found while the window is made.
+  OpenCatalogue();
   prefetcher.reset(new Prefetcher());
   if (fullScreen) StartFirstPicture(arg, nullptr, rect.wid, rect.hgt);
 
@@ -205,17 +200,106 @@ void RaceManager::Setup(const char* arg) {
   if (ini->GetBool("app.watch_directory", false)) {
     watch.reset(new QDirWatch());
     // A flood of new files is followed in batches, each costing one listing.
-    if (!watch->Open(home.IsEmpty() ? "." : home.cstr(), qIsCataloguePictureName, kFollowGapMs))
+    if (!watch->Open(home.IsEmpty() ? "." : home.cstr(), qIsCataloguePictureName, kFollowGapMs,
+                     catalogue->GetOptions().recursive))
       watch.reset();
   }
-  ScanDir();
-
-  if (!arg) {
-    if (imageCount < 1) return;
-    qstring first(images[0]);
-    LoadNewImage(first.cstr());
+  // A library is being walked already: what it found so far is taken in.
+  if (catalogue->GetOptions().recursive) {
+    QGetRealPath(".", &folder);
+    catalogue->Merge();
   } else {
+    ScanDir();
+  }
+
+  if (arg) {
     LoadNewImage(arg);
+    return;
+  }
+  const std::string first = FirstPicture();
+  if (!first.empty()) LoadNewImage(first.c_str());
+}
+
+void RaceManager::OpenCatalogue() {
+  Catalogue::Options options;
+  options.recursive = ini->GetBool("app.recursive", false);
+  options.maxPictures = ini->GetInt("app.max_pictures", MAX_IMAGES);
+  if (options.maxPictures < 0) {
+    QWARN("RaceManager::OpenCatalogue", "app.max_pictures '%d' is negative; %d used",
+          options.maxPictures, MAX_IMAGES);
+    options.maxPictures = MAX_IMAGES;
+  }
+  qstring order;
+  ini->GetString("app.order", &order, "name");
+  if (order == "date") {
+    options.order = Catalogue::BY_DATE;
+  } else if (order == "shuffle") {
+    options.order = Catalogue::SHUFFLE;
+  } else if (order != "name") {
+    QWARN("RaceManager::OpenCatalogue", "app.order '%s' is none of name, date, shuffle; name used",
+          order.cstr());
+  }
+  options.resume = ini->GetBool("app.resume", false);
+  rescanMinutes = ini->GetFloat("app.rescan_minutes", RESCAN_MINUTES);
+  if (!(rescanMinutes > 0.0 && rescanMinutes < 1e6)) rescanMinutes = RESCAN_MINUTES;
+  // The index is kept only for what needs it, so a plain folder leaves no file behind.
+  qstring cwd;
+  QGetCurrentDirectory(&cwd);
+  if (options.recursive || options.order != Catalogue::BY_NAME || options.resume) {
+    qstring file;
+    ini->GetString("app.index_file", &file, "");
+    if (file.IsEmpty())
+      file.Format("%s/glimra.index", cwd.cstr());
+    else if (file.cstr()[0] != '/')
+      file.Format("%s/%s", cwd.cstr(), qstring(file).cstr());
+    options.indexFile = file.cstr();
+  }
+  qstring startDir, root;
+  ini->GetString("app.startup_directory", &startDir, "");
+  startDir.ReplaceAll("\\", "/");
+  if (!QGetRealPath(startDir.IsEmpty() ? "." : startDir.cstr(), &root)) root = cwd;
+  catalogue->Open(options, root.cstr());
+  if (options.recursive) catalogue->Scan();
+}
+
+std::string RaceManager::FirstPicture() {
+  // Where the show stood before this start, while that picture is still there.
+  const std::string& resume = catalogue->ResumeName();
+  if (!resume.empty() &&
+      QFileExists(resume[0] == '/' ? resume.c_str() : (catalogue->Root() + "/" + resume).c_str()))
+    return resume;
+  if (catalogue->GetOptions().recursive) return catalogue->WaitFirst(kFirstWaitMs);
+  return catalogue->Count() > 0 ? catalogue->Name(0) : std::string();
+}
+
+void RaceManager::FollowLibrary() {
+  if (!watch || !catalogue->GetOptions().recursive) return;
+  using namespace std::chrono;
+  const auto now = steady_clock::now();
+  if (rescanMs == 0) {
+    // The watch said once why it is not complete; from now on the library is looked at by time.
+    if (watch->Complete()) return;
+    rescanMs = std::max(1000, int(rescanMinutes * 60000.0));
+    rescanAt = now + milliseconds(rescanMs);
+    QNOTE("RaceManager::FollowLibrary", "Library listed again every %.1f minutes", rescanMinutes);
+    return;
+  }
+  if (now < rescanAt) return;
+  rescanAt = now + milliseconds(rescanMs);
+  std::vector<std::string> writing;
+  watch->Writing(&writing);
+  catalogue->Scan(writing);
+}
+
+void RaceManager::TakeFound() {
+  const int before = catalogue->Count();
+  if (!catalogue->Merge()) return;
+  if (flags & SHOW_INFO) dirty = true;  // the counts in the overlay
+  prefetchDue = true;
+  // A library that was empty until now: its first picture is shown.
+  if (before == 0 && !texture && !g_stopSignal && catalogue->Count() > 0) {
+    const std::string first = catalogue->Name(0);
+    LoadNewImage(first.c_str());
   }
 }
 
@@ -224,49 +308,35 @@ void RaceManager::Setup(const char* arg) {
 // ---------------------------------------------------------------------------------------------
 
 void RaceManager::ScanDir(const std::vector<std::string>& skip) {
-  imageCount = 0;
-  bool over = false;
-  QDirectory dir(".");
-  char name[QDirectory::NAME_SIZE];
-  while (dir.ReadNext(name)) {
-    if (!qIsCataloguePictureName(name) ||
-        std::find(skip.begin(), skip.end(), name) != skip.end() || IsDeadEndLink(name))
-      continue;
-    if (imageCount >= MAX_IMAGES) {
-      // Once, not at every change of a folder that stays too full.
-      if (!overLimit)
-        QWARN("RaceManager::ScanDir", "No space for new image (%s) anymore - not registering",
-              name);
-      over = true;
-      break;
-    }
-    QDBG("RaceManager::ScanDir", "- image %s\n", name);
-    // Kept as listed: it is opened by this name, and file names are case-sensitive bytes here.
-    images[imageCount++] = name;
-  }
-  dir.Close();
-  overLimit = over;
+  // The folder is "." unless the catalogue was given its library's folder.
+  if (catalogue->Root().empty()) catalogue->Open(catalogue->GetOptions(), ".");
+  catalogue->Scan(skip);
   QGetRealPath(".", &folder);
-  curImage = -1;
 }
 
 void RaceManager::Rescan(const std::vector<std::string>& skip) {
+  if (catalogue->GetOptions().recursive) {
+    // Walked behind the show; the position follows its picture as the changes come in.
+    catalogue->Scan(skip);
+    return;
+  }
   // The pictures after the shown one, in order, for when it has gone.
+  const int count = catalogue->Count(), shown = catalogue->Current();
   std::vector<std::string> after;
-  for (int k = 1; curImage >= 0 && k < imageCount; ++k)
-    after.push_back(images[(curImage + k) % imageCount].cstr());
+  for (int k = 1; shown >= 0 && k < count; ++k) after.push_back(catalogue->Name((shown + k) % count));
   ScanDir(skip);
   if (!curFile.IsEmpty()) {
-    curImage = CatalogueIndex(curFile.cstr());
+    int cur = CatalogueIndex(curFile.cstr());
     // Not listed but still there: a picture loaded from elsewhere.
-    if (curImage < 0 && imageCount < MAX_IMAGES && QFileExists(curFile.cstr()) &&
+    if (cur < 0 && QFileExists(curFile.cstr()) &&
         std::find(skip.begin(), skip.end(), curFile.cstr()) == skip.end() &&
         AddToDir(curFile.cstr()))
-      curImage = imageCount - 1;
-    for (size_t k = 0; curImage < 0 && k < after.size(); ++k) {
+      cur = catalogue->Count() - 1;
+    for (size_t k = 0; cur < 0 && k < after.size(); ++k) {
       const int i = CatalogueIndex(after[k].c_str());
-      if (i >= 0) curImage = i > 0 ? i - 1 : imageCount - 1;
+      if (i >= 0) cur = i > 0 ? i - 1 : catalogue->Count() - 1;
     }
+    catalogue->SetCurrent(cur);
   }
   // The counts in the overlay changed, and so may the neighbours.
   dirty = true;
@@ -281,7 +351,9 @@ void RaceManager::StartFirstPicture(const char* arg, QApp* app, int width, int h
   std::string path;
   if (arg) {
     path = arg;
-  } else {
+  } else if (catalogue->GetOptions().recursive || !catalogue->ResumeName().empty()) {
+    path = FirstPicture();
+  } else if (catalogue->GetOptions().order == Catalogue::BY_NAME) {
     // What ScanDir will list first, found without a word in the log.
     QDirectory dir(folder.c_str());
     char name[QDirectory::NAME_SIZE];
@@ -299,25 +371,9 @@ void RaceManager::StartFirstPicture(const char* arg, QApp* app, int width, int h
   prefetcher->WantFile(path, file, fit, ini->GetBool("effects.black_and_white", false));
 }
 
-bool RaceManager::AddToDir(const char* name) {
-  if (FindImage(name) >= 0) {
-    QDBG("RaceManager::AddToDir", "Image '%s' already found - not inserting", name);
-    return false;
-  }
-  QDBG("RaceManager::AddToDir", "Adding '%s' to dir contents", name);
-  if (imageCount < MAX_IMAGES) {
-    images[imageCount++] = name;
-    return true;
-  }
-  QWARN("RaceManager::AddToDir", "No space for new image (%s) anymore - not registering", name);
-  return false;
-}
+bool RaceManager::AddToDir(const char* name) { return catalogue->Add(name); }
 
-int RaceManager::FindImage(const char* name) const {
-  for (int i = 0; i < imageCount; ++i)
-    if (qnamecmp(images[i].cstr(), name) == 0) return i;
-  return -1;
-}
+int RaceManager::FindImage(const char* name) const { return catalogue->Find(name); }
 
 int RaceManager::CatalogueIndex(const char* path) const {
   if (!path) return -1;
@@ -326,28 +382,27 @@ int RaceManager::CatalogueIndex(const char* path) const {
   SplitPath(path, &dir, &name);
   // A file of the scanned folder, however the path reaches it, is its listed entry: the exact
   // name first, since two names may differ only in case.
-  if (*name && !folder.IsEmpty() && QGetRealPath(dir.cstr(), &realDir) &&
-      realDir == folder.cstr()) {
-    for (int i = 0; i < imageCount; ++i)
-      if (images[i] == name) return i;
-    const int i = FindImage(name);
-    if (i >= 0) return i;
+  if (*name && !folder.IsEmpty() && QGetRealPath(dir.cstr(), &realDir)) {
+    std::string listed;
+    if (realDir == folder.cstr())
+      listed = name;
+    else if (catalogue->GetOptions().recursive && realDir.Length() > folder.Length() &&
+             strncmp(realDir.cstr(), folder.cstr(), size_t(folder.Length())) == 0 &&
+             realDir.cstr()[folder.Length()] == '/')
+      listed = std::string(realDir.cstr() + folder.Length() + 1) + "/" + name;  // a subfolder's
+    if (!listed.empty()) {
+      const int i = catalogue->Find(listed.c_str());
+      if (i >= 0) return i;
+    }
   }
   return FindImage(path);
 }
 
 void RaceManager::Step(int steps, bool show) {
-  if (imageCount < 1) {
-    curImage = -1;
-    return;
-  }
-  if (steps == 0) return;
-  // One at a time: from -1 the first step back lands on imageCount - 2, as C++ keeps the
-  // dividend's sign (wanted); after it the index is valid and the rest wraps plainly.
-  curImage = (curImage + (steps > 0 ? 1 : -1) + imageCount) % imageCount;
-  const int rest = (steps > 0 ? steps - 1 : steps + 1) % imageCount;
-  curImage = (curImage + rest + imageCount) % imageCount;
-  curFile = images[curImage];
+  if (steps == 0 && catalogue->Count() > 0) return;
+  const int cur = catalogue->Step(steps);
+  if (cur < 0) return;
+  curFile = catalogue->Name(cur);
   if (show) LoadCurImage();
 }
 
@@ -356,11 +411,11 @@ void RaceManager::SelectImage(const char* path) {
   const std::string p(path);  // may point into the catalogue
   const int i = CatalogueIndex(p.c_str());
   if (i >= 0) {
-    curImage = i;
+    catalogue->SetCurrent(i);
   } else if (!QFileExists(p.c_str()) || !AddToDir(p.c_str())) {
     return;  // as a failed load: nothing changes
   } else {
-    curImage = imageCount - 1;
+    catalogue->SetCurrent(catalogue->Count() - 1);
   }
   curFile = p.c_str();
 }
@@ -419,7 +474,7 @@ void RaceManager::RestartAdvance() {
 
 void RaceManager::AdvanceStep() {
   const int before = shownCount;
-  for (int tries = 0; tries < imageCount && shownCount == before; ++tries) NextImage();
+  for (int tries = 0; tries < catalogue->Count() && shownCount == before; ++tries) NextImage();
   RestartAdvance();
 }
 
@@ -441,6 +496,8 @@ int RaceManager::SleepMs() const {
     atMost(std::max<long long>(0, duration_cast<milliseconds>(animNextAt - now).count()));
   if (sharpenDue)
     atMost(std::max<long long>(0, duration_cast<milliseconds>(sharpenAt - now).count() + 1));
+  if (rescanMs > 0)
+    atMost(std::max<long long>(0, duration_cast<milliseconds>(rescanAt - now).count() + 1));
   return int(ms);
 }
 
@@ -458,6 +515,8 @@ void RaceManager::Run() {
     QEventWait(SleepMs());
     // Before the keys, so that a step goes to the folder as it now is.
     FollowFolder();
+    TakeFound();
+    FollowLibrary();
     while (QEventPending()) {
       QEvent* e = app->GetCurrentEvent();
       QEventNext(e);

@@ -9,9 +9,9 @@
 //
 // What stays true: at most one texture and one mesh exist, both owned here and replaced together
 // by each successful load (during a fade the previous pair is kept too, until the fade ends); a
-// failed load leaves the picture, `curFile` and `curImage` as they were. The catalogue holds at
-// most MAX_IMAGES names, each exactly as the directory listing (or the load) gave it, since
-// pictures are opened by that name; `curImage` is -1 or an index below `imageCount`. The
+// failed load leaves the picture, `curFile` and the catalogue's position as they were. The
+// catalogue (app/catalogue.h) holds the names, each exactly as the listing (or the load) gave
+// it, since pictures are opened by that name, their order and the position in it. The
 // configuration is owned and stays open for the whole run, so the keys B, C and I can write
 // their choice back at once. The window and the application are borrowed (the application owns
 // them); everything else is owned here (the texture through its reference count).
@@ -26,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "app/catalogue.h"
 #include "app/picture_loader.h"
 #include "framework/qstring.h"
 
@@ -46,7 +47,11 @@ class QNSocket;
 
 class RaceManager {
  public:
-  static constexpr int MAX_IMAGES = 2000;
+  // The catalogue's limit unless "app.max_pictures" sets another.
+  static constexpr int MAX_IMAGES = Catalogue::DEFAULT_MAX;
+  // Default of "app.rescan_minutes": how often a library too large for the kernel's watches is
+  // listed again.
+  static constexpr int RESCAN_MINUTES = 10;
   // `flags` bit: the information overlay is shown.
   static constexpr uint32_t SHOW_INFO = 2;
   // Default of "dev.idle_sleep_ms", the longest the main loop sleeps when nothing happens: 0
@@ -79,11 +84,12 @@ class RaceManager {
 
   // ---- Catalogue ----
   // Rebuilds the catalogue from the working directory; stops, with the AddToDir warning, at
-  // MAX_IMAGES (warned once until a listing fits again). Leaves `curImage` -1. Names in `skip`
-  // are left out.
+  // the limit (warned once until a listing fits again). Leaves the position -1. Names in `skip`
+  // are left out. A library ("app.recursive") is walked again behind the show instead, the
+  // position kept.
   void ScanDir(const std::vector<std::string>& skip = {});
   // Builds the catalogue again from the scanned folder (as ScanDir, leaving out `skip`: names
-  // still being written) while the picture stays on the screen: `curImage` follows the shown
+  // still being written) while the picture stays on the screen: the position follows the shown
   // file to its new place; when that file has gone, it stands just before the first later
   // picture that is still there, so that Right shows that one. A shown picture from outside the
   // folder stays listed, at the end, while its file exists.
@@ -108,7 +114,7 @@ class RaceManager {
   // the shown one is there too.
   void RescanFolder();
   // Step through the catalogue with wrap-around and load the new current picture; an empty
-  // catalogue only sets `curImage` to -1. From -1, PrevImage lands on imageCount - 2.
+  // catalogue only sets the position to -1. From -1, PrevImage lands on the count - 2.
   void NextImage() { Step(1); }
   void PrevImage() { Step(-1); }
   // `steps` Right (negative: Left) presses, one after another, but only the picture it ends on
@@ -194,9 +200,10 @@ class RaceManager {
   bool NeedsPaint() const { return dirty; }
 
   // ---- State, for the overlay and for tests ----
-  int GetImageCount() const { return imageCount; }
-  int GetCurImage() const { return curImage; }
-  const char* GetImage(int i) const { return i >= 0 && i < imageCount ? images[i].cstr() : ""; }
+  int GetImageCount() const { return catalogue->Count(); }
+  int GetCurImage() const { return catalogue->Current(); }
+  const char* GetImage(int i) const { return catalogue->Name(i); }
+  Catalogue* GetCatalogue() { return catalogue.get(); }
   const char* GetCurFile() const { return curFile.cstr(); }
   uint32_t GetFlags() const { return flags; }
   int GetNetPort() const { return netPort; }
@@ -219,6 +226,16 @@ class RaceManager {
   void SaveIni();
   // Lets go of the texture: deleted when this was its last holder (or it never got a GL name).
   void ReleaseTexture();
+  // The catalogue's options from the configuration and the library's folder, and the index opened.
+  void OpenCatalogue();
+  // What the library's walk found joins the catalogue; the first picture is shown when nothing is.
+  void TakeFound();
+  // A library the kernel could not watch whole is listed again every "app.rescan_minutes".
+  void FollowLibrary();
+  // The picture a start shows without an argument: the one it resumes at while it exists, else
+  // the library's first found (waiting a moment for the walk) or the folder's first; empty when
+  // there is none.
+  std::string FirstPicture();
   // Enters `home` again when it was replaced (QReenterDirectory); true when it did.
   bool ReturnHome();
   // Once the folder entered again lists pictures: the shown name read again from it, else its
@@ -237,12 +254,13 @@ class RaceManager {
   std::unique_ptr<DBitMapTexture, TextureRelease> texture;  // shared by reference count
   std::unique_ptr<DMesh> mesh;
   std::unique_ptr<QFont> font;
-  qstring images[MAX_IMAGES];
-  int32_t imageCount = 0;
-  int32_t curImage = -1;
+  std::unique_ptr<Catalogue> catalogue;  // the names, their order and the position
   qstring folder;  // the scanned folder's real path, empty before a scan
   qstring home;    // the start-up folder's absolute path, entered again when replaced
-  bool overLimit = false;  // the last listing passed MAX_IMAGES (warned once)
+  // A library the kernel could not watch whole is listed again at `rescanAt` ("app.rescan_minutes").
+  int rescanMs = 0;  // 0 while every folder is watched
+  double rescanMinutes = RESCAN_MINUTES;
+  std::chrono::steady_clock::time_point rescanAt;
   bool returned = false;   // `home` was entered again and nothing of it is shown yet
 
   std::unique_ptr<QCanvas> canvas;  // the window canvas, made with the window

@@ -47,7 +47,7 @@ int TurnAngle(int orientation) {
 
 void RaceManager::LoadCurImage() {
   if (curFile.IsEmpty()) return;
-  qdbg(kSource, "RaceManager::LoadCurImage", __LINE__, "Load image %d\n", curImage);
+  qdbg(kSource, "RaceManager::LoadCurImage", __LINE__, "Load image %d\n", catalogue->Current());
   // LoadNewImage replaces curFile; it must not read from the string it overwrites.
   qstring path(curFile);
   LoadNewImage(path.cstr());
@@ -84,10 +84,11 @@ void RaceManager::LoadNewImage(const char* pathArg) {
 void RaceManager::PrefetchNeighbours() {
   if (!prefetcher) return;
   std::vector<std::string> wanted;
-  if (curImage >= 0 && imageCount > 1) {
-    wanted.push_back(images[(curImage + 1) % imageCount].cstr());
-    const int prev = (curImage - 1 + imageCount) % imageCount;
-    if (prev != (curImage + 1) % imageCount) wanted.push_back(images[prev].cstr());
+  const int cur = catalogue->Current(), count = catalogue->Count();
+  if (cur >= 0 && count > 1) {
+    wanted.push_back(catalogue->Name((cur + 1) % count));
+    const int prev = (cur - 1 + count) % count;
+    if (prev != (cur + 1) % count) wanted.push_back(catalogue->Name(prev));
   }
   prefetcher->Want(wanted, CurrentFit(), ini && ini->GetBool("effects.black_and_white", false));
 }
@@ -156,8 +157,10 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool shar
   sharpenDue = false;
   newPicture = true;
   ++shownCount;
-  curImage = CatalogueIndex(path);
-  if (curImage == -1 && AddToDir(path)) curImage = imageCount - 1;
+  int index = CatalogueIndex(path);
+  if (index == -1 && AddToDir(path)) index = catalogue->Count() - 1;
+  catalogue->SetCurrent(index);
+  catalogue->Shown(path);
 }
 
 std::unique_ptr<DMesh> RaceManager::MakeQuad(const LoadedPicture& shape,
@@ -237,7 +240,7 @@ void RaceManager::Paint() {
   canvas->Set2D();
   canvas->SetFont(font.get());
   qstring line;
-  line.Format("File %d of %d", curImage + 1, imageCount);
+  line.Format("File %d of %d", catalogue->Current() + 1, catalogue->Count());
   DrawText(line.cstr(), 10, 10);
   if (texture) {
     qstring name(curFile);

@@ -21,20 +21,20 @@ bool RaceManager::ReturnHome() {
   if (home.IsEmpty() || !QReenterDirectory(home.cstr())) return false;
   // Every name may stand for another file now.
   if (prefetcher)
-    for (int i = 0; i < imageCount; ++i) prefetcher->Forget(images[i].cstr());
+    for (int i = 0; i < catalogue->Count(); ++i) prefetcher->Forget(catalogue->Name(i));
   returned = true;
   return true;
 }
 
 void RaceManager::ShowReturned() {
-  if (!returned || imageCount < 1) return;
+  if (!returned || catalogue->Count() < 1) return;
   returned = false;
   // A name of the old folder found in the new one is another file by now: read again.
   if (!curFile.IsEmpty() && CatalogueIndex(curFile.cstr()) >= 0) {
     LoadCurImage();
     return;
   }
-  const std::string first = images[0].cstr();
+  const std::string first = catalogue->Name(0);
   LoadNewImage(first.c_str());
 }
 
@@ -48,7 +48,7 @@ void RaceManager::FollowFolder() {
   if (ReturnHome()) watch->Writing(&writing);
   const bool nothingShown = !texture;
   std::vector<std::string> before;
-  for (int i = 0; nothingShown && i < imageCount; ++i) before.push_back(images[i].cstr());
+  for (int i = 0; nothingShown && i < catalogue->Count(); ++i) before.push_back(catalogue->Name(i));
   // A file whose writing began while the folder was being listed may be listed half-written;
   // the folder is then listed again without it.
   Rescan(writing);
@@ -61,16 +61,16 @@ void RaceManager::FollowFolder() {
   }
   qnote(kSource, "RaceManager::FollowFolder", __LINE__,
         "Folder changed (%d names): %d pictures, %d being written", int(changed.size()),
-        imageCount, int(writing.size()));
+        catalogue->Count(), int(writing.size()));
   if (returned) {
     ShowReturned();
     return;
   }
   if (!nothingShown) return;
   // An empty (or unreadable) start: the first picture that came is shown.
-  for (int i = 0; i < imageCount; ++i) {
-    if (std::find(before.begin(), before.end(), images[i].cstr()) == before.end()) {
-      const std::string first = images[i].cstr();
+  for (int i = 0; i < catalogue->Count(); ++i) {
+    if (std::find(before.begin(), before.end(), catalogue->Name(i)) == before.end()) {
+      const std::string first = catalogue->Name(i);
       LoadNewImage(first.c_str());
       return;
     }

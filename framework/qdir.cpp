@@ -15,6 +15,7 @@
 #include <cstring>
 #include <vector>
 
+#include "framework/qdir_list.h"
 #include "framework/qevent.h"
 #include "framework/qmessage.h"
 #include "framework/qstring.h"
@@ -28,8 +29,10 @@ int DotRank(const std::string& s) {
   return 2;
 }
 
+}  // namespace
+
 // The platform of origin lists names this way; keeping it makes a slideshow's order portable.
-bool ListsBefore(const std::string& a, const std::string& b) {
+bool QNameListsBefore(const std::string& a, const std::string& b) {
   int ra = DotRank(a), rb = DotRank(b);
   if (ra != rb) return ra < rb;
   size_t n = std::min(a.size(), b.size());
@@ -41,8 +44,6 @@ bool ListsBefore(const std::string& a, const std::string& b) {
   if (a.size() != b.size()) return a.size() < b.size();
   return a < b;
 }
-
-}  // namespace
 
 QDirectory::QDirectory(const char* directory) { Open(directory); }
 
@@ -70,7 +71,7 @@ bool QDirectory::Open(const char* directory) {
   // Every directory lists its two links on the platform of origin.
   if (!sawDot) entries_.emplace_back(".");
   if (!sawDotDot) entries_.emplace_back("..");
-  std::sort(entries_.begin(), entries_.end(), ListsBefore);
+  std::sort(entries_.begin(), entries_.end(), QNameListsBefore);
   open_ = true;
   return true;
 }

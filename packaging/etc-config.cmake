@@ -7,3 +7,7 @@ endif()
 file(MAKE_DIRECTORY "${stage}/etc/glimra")
 file(RENAME "${stage}/opt/glimra/glimra.ini" "${stage}/etc/glimra/glimra.ini")
 file(CREATE_LINK /etc/glimra/glimra.ini "${stage}/opt/glimra/glimra.ini" SYMBOLIC)
+# The index of a library is state, not configuration: it lives under /var/lib/glimra.
+file(READ "${stage}/etc/glimra/glimra.ini" ini)
+string(REPLACE "  index_file=\n" "  index_file=/var/lib/glimra/glimra.index\n" ini "${ini}")
+file(WRITE "${stage}/etc/glimra/glimra.ini" "${ini}")
