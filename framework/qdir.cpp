@@ -172,6 +172,19 @@ std::string ParentOf(const std::string& path) {
   return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
 }
 
+// Whether `path` lies below the folder `folder` (both relative).
+bool IsBelow(const std::string& path, const std::string& folder) {
+  return path.size() > folder.size() && path[folder.size()] == '/' &&
+         path.compare(0, folder.size(), folder) == 0;
+}
+
+// Forgets every key below the folder `folder`; they sort together after its name and a '/'.
+template <typename T>
+void EraseBelow(std::map<std::string, T>* names, const std::string& folder) {
+  auto it = names->lower_bound(folder + "/");
+  while (it != names->end() && IsBelow(it->first, folder)) it = names->erase(it);
+}
+
 // Ends the watcher's sleep; `fd` is its event counter.
 void Kick(int fd, const std::string& name) {
   const uint64_t one = 1;
@@ -195,7 +208,7 @@ QDirWatch::~QDirWatch() {
   if (kickFd_ >= 0) close(kickFd_);
 }
 
-bool QDirWatch::Open(const char* directory, NameFilter filter, int gapMs) {
+bool QDirWatch::Open(const char* directory, NameFilter filter, int gapMs, bool tree) {
   if (!directory || fd_ >= 0) {
     QWARN("QDirWatch::Open", "QDirWatch(%s): already watching or no directory; '%s' refused",
           name_.c_str(), directory ? directory : "");
@@ -223,6 +236,12 @@ bool QDirWatch::Open(const char* directory, NameFilter filter, int gapMs) {
   kickFd_ = kickFd;
   filter_ = filter;
   gapMs_ = gapMs > 0 ? gapMs : 0;
+  tree_ = tree;
+  if (tree_) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    folders_[wd] = "";
+    AddTreeLocked("", false);
+  }
   running_ = true;
   watcher_.reset(new QThread(&QDirWatch::Watch, this, "glimra_dirwatch"));
   if (!watcher_->Create()) {
@@ -230,7 +249,11 @@ bool QDirWatch::Open(const char* directory, NameFilter filter, int gapMs) {
     std::lock_guard<std::mutex> lock(mutex_);
     running_ = false;
   }
-  QNOTE("QDirWatch::Open", "Watching '%s' for changes", directory);
+  if (tree_)
+    QNOTE("QDirWatch::Open", "Watching '%s' and %d folders below it for changes", directory,
+          int(folderWds_.size()));
+  else
+    QNOTE("QDirWatch::Open", "Watching '%s' for changes", directory);
   return true;
 }
 
@@ -314,6 +337,7 @@ void QDirWatch::GoneLocked() {
   // A folder moved away is still watched where it went.
   inotify_rm_watch(fd_, dirWd_);
   dirWd_ = -1;
+  DropTreeLocked();
   writing_.clear();
   opens_.clear();
   ++lost_;
@@ -335,6 +359,10 @@ void QDirWatch::ReturnLocked() {
   dirWd_ = wd;
   writing_.clear();
   ++lost_;
+  if (tree_) {
+    folders_[wd] = "";
+    AddTreeLocked("", false);
+  }
   QNOTE("QDirWatch::ReadEvents", "QDirWatch(%s): a folder of that name is there again; watching it",
         name_.c_str());
 }
@@ -355,6 +383,11 @@ void QDirWatch::ReadEventsLocked() {
         writing_.clear();
         opens_.clear();
         ++lost_;
+        // New folders may be among what was lost.
+        if (tree_ && dirWd_ >= 0) {
+          DropTreeLocked();
+          AddTreeLocked("", false);
+        }
         continue;
       }
       if (e->wd == parentWd_ && parentWd_ >= 0) {
@@ -368,13 +401,28 @@ void QDirWatch::ReadEventsLocked() {
         continue;
       }
       // What a watch given up on still had queued.
-      if (e->wd != dirWd_ || dirWd_ < 0) continue;
-      if (e->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) {
+      if (dirWd_ < 0) continue;
+      std::string folder;  // relative; "" for the directory
+      if (e->wd != dirWd_) {
+        const auto f = tree_ ? folders_.find(e->wd) : folders_.end();
+        if (f == folders_.end()) continue;
+        folder = f->second;
+        // Deleted, or its file system went. One moved is dropped on its parent's word.
+        if (e->mask & (IN_DELETE_SELF | IN_IGNORED)) {
+          DropFolderLocked(folder);
+          changed_.insert(folder);
+        }
+        if (e->mask & (IN_DELETE_SELF | IN_IGNORED | IN_MOVE_SELF)) continue;
+      } else if (e->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) {
         GoneLocked();
         continue;
       }
-      if (!e->len || (e->mask & IN_ISDIR) || (filter_ && !filter_(e->name))) continue;
-      const std::string name(e->name);
+      if (!e->len) continue;
+      const std::string name = folder.empty() ? std::string(e->name) : folder + "/" + e->name;
+      if (tree_ && (e->mask & (IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM)) &&
+          TreeNameLocked(name, e->name, e->mask))
+        continue;
+      if ((e->mask & IN_ISDIR) || (filter_ && !filter_(e->name))) continue;
       const auto w = writing_.find(name);
       if (e->mask & IN_CREATE) {
         // Only a regular file of one name may have been made by an open; a link, a device, a
@@ -414,6 +462,107 @@ void QDirWatch::ReadEventsLocked() {
     }
   }
   SettleCreatedLocked();
+}
+
+bool QDirWatch::TreeNameLocked(const std::string& name, const char* last, uint32_t mask) {
+  bool folder = mask & IN_ISDIR;
+  if (mask & (IN_DELETE | IN_MOVED_FROM)) {
+    // A link to a folder goes as a file does, taking the folder followed through it along.
+    folder = DropFolderLocked(name) || folder;
+  } else if (!folder) {
+    // And it comes as a file does.
+    struct stat st;
+    const std::string path = name_ + "/" + name;
+    folder = lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode) &&
+             stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  }
+  if (!folder) return false;
+  if (last[0] == '.') return true;
+  if (mask & (IN_CREATE | IN_MOVED_TO)) AddTreeLocked(name, true);
+  changed_.insert(name);
+  return true;
+}
+
+void QDirWatch::AddTreeLocked(const std::string& top, bool report) {
+  std::vector<std::string> pending{top};
+  while (!pending.empty()) {
+    const std::string folder = std::move(pending.back());
+    pending.pop_back();
+    if (!folder.empty()) {
+      if (AddFolderLocked(folder) < 0) continue;
+      if (report) changed_.insert(folder);
+    }
+    const std::string path = folder.empty() ? name_ : name_ + "/" + folder;
+    const std::string prefix = folder.empty() ? folder : folder + "/";
+    // Gone again or unreadable: the owner's listing finds nothing there either.
+    DIR* dir = opendir(path.c_str());
+    if (!dir) continue;
+    while (const dirent* d = readdir(dir)) {
+      if (!strcmp(d->d_name, ".") || !strcmp(d->d_name, "..")) continue;
+      // Only links and file systems that do not tell the type cost a look.
+      bool isFolder = d->d_type == DT_DIR;
+      if (d->d_type == DT_LNK || d->d_type == DT_UNKNOWN) {
+        struct stat st;
+        isFolder = stat((path + "/" + d->d_name).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+      }
+      if (isFolder) {
+        if (d->d_name[0] != '.') pending.push_back(prefix + d->d_name);
+      } else if (report && (!filter_ || filter_(d->d_name))) {
+        changed_.insert(prefix + d->d_name);
+      }
+    }
+    closedir(dir);
+  }
+}
+
+int QDirWatch::AddFolderLocked(const std::string& folder) {
+  const std::string path = name_ + "/" + folder;
+  const int wd = inotify_add_watch(fd_, path.c_str(), kDirMask);
+  if (wd < 0) {
+    const int error = errno;
+    if (error == ENOSPC || error == EMFILE || error == ENOMEM) {
+      if (complete_.exchange(false))
+        QWARN("QDirWatch::AddFolder",
+              "QDirWatch(%s): no room to follow folder '%s' (%s); the limit is "
+              "/proc/sys/fs/inotify/max_user_watches, folders not followed are seen only when "
+              "listed again",
+              name_.c_str(), folder.c_str(), strerror(error));
+    } else if (error != ENOENT && error != ENOTDIR) {  // not a folder (any more)
+      QWARN("QDirWatch::AddFolder", "QDirWatch(%s): can't follow folder '%s': %s",
+            name_.c_str(), folder.c_str(), strerror(error));
+    }
+    return -1;
+  }
+  // Reached before by another way: through a link, or round a loop of them.
+  if (wd == parentWd_ || folders_.count(wd)) return -1;
+  folders_[wd] = folder;
+  folderWds_[folder] = wd;
+  return wd;
+}
+
+bool QDirWatch::DropFolderLocked(const std::string& folder) {
+  const auto drop = [this](std::map<std::string, int>::iterator it) {
+    // Answers nothing when the kernel dropped the watch with its folder already.
+    inotify_rm_watch(fd_, it->second);
+    folders_.erase(it->second);
+    return folderWds_.erase(it);
+  };
+  const auto it = folderWds_.find(folder);
+  if (it == folderWds_.end()) return false;
+  drop(it);
+  for (auto below = folderWds_.lower_bound(folder + "/");
+       below != folderWds_.end() && IsBelow(below->first, folder);)
+    below = drop(below);
+  EraseBelow(&writing_, folder);
+  EraseBelow(&opens_, folder);
+  return true;
+}
+
+void QDirWatch::DropTreeLocked() {
+  for (const auto& f : folderWds_) inotify_rm_watch(fd_, f.second);
+  folderWds_.clear();
+  folders_.clear();
+  if (dirWd_ >= 0) folders_[dirWd_] = "";
 }
 
 int QDirWatch::TakeChanges(std::vector<std::string>* changed, std::vector<std::string>* writing) {

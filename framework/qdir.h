@@ -8,6 +8,7 @@
 // directory's changes as they happen.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -76,6 +77,17 @@ bool QReenterDirectory(const char* path);
 // can be taken again when something in it changed instead of on a timer. Only names that pass
 // the filter count; subdirectories and their contents are not followed.
 //
+// As a tree it follows every folder below the directory too, except those whose name starts
+// with '.', each real folder once: a link to a folder is followed where it is first reached,
+// so a loop of links ends. Names are then paths relative to the directory ("2019/Trip/a.jpg"),
+// the filter judging their last part; a folder that came or went is a change by its own path,
+// whatever the filter says. A folder made or moved in later is followed from then on, and the
+// files it holds when its watch begins count as changed. A folder renamed within the tree is
+// one that went and one that came. The system limits how many folders a user may follow
+// (/proc/sys/fs/inotify/max_user_watches): past it, a warning says so once, the folders
+// followed already stay followed, and Complete answers false, so that the owner lists again on
+// a timer. Only the folders are remembered, never the files.
+//
 // A file is "being written" while a writer has it open: from its creation by an open, or its
 // first change, until that writer closes it. A file renamed or moved into the directory, a
 // symbolic link, a hard link and anything else that is not an opened regular file arrive
@@ -107,11 +119,15 @@ class QDirWatch {
   QDirWatch& operator=(const QDirWatch&) = delete;
 
   // Starts following `directory` (once per object) and notes it in the log; changes are handed
-  // out at most every `gapMs` milliseconds. False, with a warning naming the directory and the
-  // system's reason, when it cannot be followed; the object then stays closed. A file whose
-  // writing began before is not known to be written.
-  bool Open(const char* directory, NameFilter filter = nullptr, int gapMs = 0);
+  // out at most every `gapMs` milliseconds; with `tree`, the folders below it are followed too.
+  // False, with a warning naming the directory and the system's reason, when it cannot be
+  // followed; the object then stays closed. A file whose writing began before is not known to
+  // be written.
+  bool Open(const char* directory, NameFilter filter = nullptr, int gapMs = 0, bool tree = false);
   bool IsOpen() const { return fd_ >= 0; }
+  // False once a folder of the tree could not be followed for want of the system's room; it
+  // stays false.
+  bool Complete() const { return complete_; }
   // Takes the changes since the last take: the names that changed into `changed` (sorted, may be
   // null) and every name being written now into `writing` (sorted, may be null). Answers how
   // many names changed, plus one when notifications were lost or the directory itself went
@@ -147,12 +163,32 @@ class QDirWatch {
   void GoneLocked();
   // Watches the directory again when it exists; under `mutex_`.
   void ReturnLocked();
+  // Follows the folder `top` (relative; "" for the directory, which is followed already) and
+  // every folder below it not followed yet; with `report`, they and their files count as
+  // changed. Under `mutex_`.
+  void AddTreeLocked(const std::string& top, bool report);
+  // Watches one folder below the directory; -1 when it is followed already or cannot be (said
+  // once when the system has no room). Under `mutex_`.
+  int AddFolderLocked(const std::string& folder);
+  // Stops following `folder` and everything below it, and forgets their writers; false when it
+  // was not followed. Under `mutex_`.
+  bool DropFolderLocked(const std::string& folder);
+  // Stops following every folder below the directory; under `mutex_`.
+  void DropTreeLocked();
+  // The name `name` (relative; `last` its last part) came or went, as `mask` tells: a folder, or
+  // a link to one, is followed or dropped with what is below it and counts as changed. False
+  // when the name is no folder. Under `mutex_`.
+  bool TreeNameLocked(const std::string& name, const char* last, uint32_t mask);
 
   std::string name_;  // the directory, for messages
   int fd_ = -1;       // the notification descriptor
   int dirWd_ = -1;     // its watch on the directory; -1 while the directory is gone
   int parentWd_ = -1;  // its watch on the parent, for the name's return; -1 when not needed
   int kickFd_ = -1;   // an event counter that ends the watcher's sleep (to stop or to look again)
+  bool tree_ = false;
+  std::map<int, std::string> folders_;   // tree: each watch's folder, relative ("" the directory)
+  std::map<std::string, int> folderWds_;  // tree: the same by folder, to drop one with its tree
+  std::atomic<bool> complete_{true};
   NameFilter filter_ = nullptr;
   int gapMs_ = 0;
   std::chrono::steady_clock::time_point lastTake_;  // of the last take that answered changes

@@ -11,6 +11,8 @@ namespace {
 
 // The TIFF header sits 6 bytes into the APP1 payload; file offsets count from there.
 constexpr size_t kTiffStart = 6;
+// "YYYY:MM:DD HH:MM:SS" and its final zero.
+constexpr size_t kDateBytes = 20;
 constexpr uint8_t kInvalidFormat = 255;
 
 enum Format : uint16_t {
@@ -33,6 +35,7 @@ struct Segment {
   const uint8_t* data;
   size_t length;
   bool little;
+  size_t base;  // where the TIFF header lies, which the offsets count from
 
   uint16_t U16(size_t at) const {
     return little ? static_cast<uint16_t>(data[at] | data[at + 1] << 8)
@@ -69,7 +72,7 @@ Entry DecodeEntry(const Segment& s, size_t at) {
     return e;
   }
   uint64_t bytes = static_cast<uint64_t>(e.count) * unit;  // at most 2^35: no overflow
-  uint64_t pos = bytes <= 4 ? at + 8 : static_cast<uint64_t>(e.raw) + kTiffStart;
+  uint64_t pos = bytes <= 4 ? at + 8 : static_cast<uint64_t>(e.raw) + s.base;
   if (pos > s.length || bytes > s.length - pos) return e;
   e.hasValue = true;
   e.valueAt = static_cast<size_t>(pos);
@@ -112,8 +115,9 @@ void TakeText(const Segment& s, const Entry& e, qstring* out) {
 }
 
 // Where an IFD's entries begin, or 0 when the directory does not fit the segment. A directory
-// overlapping the TIFF header is read like any other: only the bounds matter. `pos` is at least
-// kTiffStart, so 0 never names a directory.
+// overlapping the TIFF header is read like any other: only the bounds matter. In an EXIF segment
+// `pos` is at least kTiffStart, so 0 never names a directory; in a bare TIFF block a directory
+// at offset 0 would be its own header, and is refused.
 size_t CheckIfd(const Segment& s, uint64_t pos) {
   if (pos >= s.length || pos + 2 > s.length) return 0;
   uint64_t n = s.U16(static_cast<size_t>(pos));
@@ -141,10 +145,10 @@ void TakeMainEntry(const Segment& s, const Entry& e, QExif* x, Links* links) {
     case 306: if (IsText(e)) TakeText(s, e, &x->dateTime); break;
     case 33432: if (IsText(e)) TakeText(s, e, &x->rightsNotice); break;
     case 34665:
-      if (IsUnsigned(e)) links->exifIfd = uint64_t{UnsignedAt(s, e, 0)} + kTiffStart;
+      if (IsUnsigned(e)) links->exifIfd = uint64_t{UnsignedAt(s, e, 0)} + s.base;
       break;
     case 34853:
-      if (IsUnsigned(e)) links->gpsIfd = uint64_t{UnsignedAt(s, e, 0)} + kTiffStart;
+      if (IsUnsigned(e)) links->gpsIfd = uint64_t{UnsignedAt(s, e, 0)} + s.base;
       break;
     default: break;
   }
@@ -231,6 +235,22 @@ void ForEachEntry(const Segment& s, size_t ifd, Take take) {
   for (uint16_t k = 0; k < n; ++k) take(DecodeEntry(s, ifd + 2 + static_cast<size_t>(k) * 12));
 }
 
+// Reads the TIFF header at `s->base` (its byte order into `s->little`) and finds IFD0; the
+// caller has checked that the header's 8 bytes lie in the segment.
+int32_t OpenTiff(Segment* s, size_t* ifd0) {
+  const uint8_t* h = s->data + s->base;
+  if (h[0] == 'I' && h[1] == 'I') {
+    s->little = true;
+  } else if (h[0] == 'M' && h[1] == 'M') {
+    s->little = false;
+  } else {
+    return QExif::BAD_BYTE_ORDER;
+  }
+  if (s->U16(s->base + 2) != 42) return QExif::CORRUPT;
+  *ifd0 = CheckIfd(*s, static_cast<uint64_t>(s->U32(s->base + 4)) + s->base);
+  return *ifd0 ? QExif::OK : QExif::CORRUPT;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -277,18 +297,12 @@ int32_t QExif::ReadExifSegment(const uint8_t* data, size_t length) {
   if (memcmp(data, "Exif\0\0", 6) != 0) return NO_EXIF;
   if (length < 14) return CORRUPT;
 
-  if (data[6] == 'I' && data[7] == 'I') {
-    littleEndian = 1;
-  } else if (data[6] == 'M' && data[7] == 'M') {
-    littleEndian = 0;
-  } else {
-    return BAD_BYTE_ORDER;
-  }
-  Segment s{data, length, littleEndian != 0};
-  if (s.U16(8) != 42) return CORRUPT;
-
-  size_t ifd0 = CheckIfd(s, static_cast<uint64_t>(s.U32(10)) + kTiffStart);
-  if (!ifd0) return CORRUPT;
+  Segment s{data, length, false, kTiffStart};
+  size_t ifd0 = 0;
+  const int32_t opened = OpenTiff(&s, &ifd0);
+  if (opened == BAD_BYTE_ORDER) return opened;
+  littleEndian = s.little ? 1 : 0;
+  if (opened != OK) return opened;
   Links links;
   ForEachEntry(s, ifd0, [&](const Entry& e) { TakeMainEntry(s, e, this, &links); });
 
@@ -307,6 +321,34 @@ int32_t QExif::ReadExifSegment(const uint8_t* data, size_t length) {
     ForEachEntry(s, gps, [&](const Entry& e) { TakeGpsEntry(s, e, &geoLocation, &parts); });
     FinishGps(parts, &geoLocation);
   }
+  return OK;
+}
+
+int32_t QExif::ReadTaken(const uint8_t* tiff, size_t length, Taken* taken) {
+  *taken = Taken();
+  if (!tiff || length < 8) return CORRUPT;
+  Segment s{tiff, length, false, 0};
+  size_t ifd0 = 0;
+  const int32_t opened = OpenTiff(&s, &ifd0);
+  if (opened != OK) return opened;
+  uint64_t exifIfd = 0;
+  ForEachEntry(s, ifd0, [&](const Entry& e) {
+    if (e.tag == 274 && IsShort(e)) taken->orientation = static_cast<uint16_t>(UnsignedAt(s, e, 0));
+    if (e.tag == 34665 && IsUnsigned(e)) exifIfd = UnsignedAt(s, e, 0);
+  });
+  if (!exifIfd) return OK;
+  const size_t camera = CheckIfd(s, exifIfd);
+  if (!camera) return CORRUPT;
+  ForEachEntry(s, camera, [&](const Entry& e) {
+    if (e.tag != 36867 || !IsText(e)) return;
+    // As a text field: up to the first zero. A longer text is no date this reader knows.
+    const char* p = reinterpret_cast<const char*>(s.data + e.valueAt);
+    size_t n = 0;
+    while (n < e.count && p[n]) ++n;
+    if (n >= kDateBytes) return;
+    memcpy(taken->dateTimeOriginal, p, n);
+    taken->dateTimeOriginal[n] = 0;
+  });
   return OK;
 }
 

@@ -76,6 +76,16 @@ class QExif {
   // Numbers to 0, strings empty.
   void Clear();
 
+  // The two fields a picture index reads for every file, found without allocating.
+  struct Taken {
+    uint16_t orientation = 0;       // as the record's `orientation`
+    char dateTimeOriginal[20] = {}; // the text up to its first zero; "" when absent or longer
+  };
+  // Reads them from a bare TIFF structure: `tiff` is its byte-order mark (an EXIF segment's
+  // byte 6, a TIFF file's first byte) and offsets count from there. Checks bounds as
+  // ReadExifSegment does and answers its codes; `taken` keeps what was read before a failure.
+  static int32_t ReadTaken(const uint8_t* tiff, size_t length, Taken* taken);
+
   // Bytes WriteOrientationSegment writes: the APP1 marker, the length and a 32-byte payload.
   static constexpr size_t ORIENTATION_SEGMENT_SIZE = 36;
   // Writes the smallest APP1 segment that carries `orientation`: marker and length, then "Exif",

@@ -98,8 +98,9 @@ class QImage : public QBitMap {
   // decoded picture is never held whole.
   bool ReadJPG(const uint8_t* data, size_t size, const char* name, int eighths = 8,
                int reduceWidth = 0, int reduceHeight = 0);
-  // The full width and height a JPEG stream declares; false, silently, when its header can't
-  // be read.
+  // The full width and height a JPEG stream's frame header declares, found by walking the
+  // markers before it (nothing is allocated); false, silently, when a marker is broken or no
+  // frame header lies whole within the bytes.
   static bool ReadJPGSize(const uint8_t* data, size_t size, int* width, int* height);
   // PNG through libpng, the file read whole into memory first: every colour type and depth,
   // palettes with transparency, interlaced files; alpha is laid over black (colour * alpha /
@@ -127,6 +128,9 @@ class QImage : public QBitMap {
   // The primary picture's size, after its transforms; false, silently, when the container can't
   // be read.
   static bool ReadHEIFSize(const uint8_t* data, size_t size, int* width, int* height);
+  // The primary picture's first EXIF block, from its TIFF header on, into `tiff`; false,
+  // silently, when the container can't be read or carries none.
+  static bool ReadHEIFExif(const uint8_t* data, size_t size, std::vector<uint8_t>* tiff);
   // WebP through libwebp; an animated one gives its first frame on the canvas. With a target
   // size (both non-zero, at most the picture's), a still picture is decoded scaled to it. False
   // for a header the library can't read, a picture too large, or a failed decode.

@@ -86,6 +86,24 @@ bool QImage::ReadHEIFSize(const uint8_t* data, size_t size, int* width, int* hei
   return *width > 0 && *height > 0;
 }
 
+bool QImage::ReadHEIFExif(const uint8_t* data, size_t size, std::vector<uint8_t>* tiff) {
+  tiff->clear();
+  HeifRead r;
+  const char* error = nullptr;
+  if (!data || size == 0 || !OpenPrimary(data, size, &r, &error)) return false;
+  heif_item_id id = 0;
+  if (heif_image_handle_get_list_of_metadata_block_IDs(r.handle, "Exif", &id, 1) < 1) return false;
+  std::vector<uint8_t> block(heif_image_handle_get_metadata_size(r.handle, id));
+  if (block.size() < 4 ||
+      heif_image_handle_get_metadata(r.handle, id, block.data()).code != heif_error_Ok)
+    return false;
+  // The block opens with the big-endian distance from its fifth byte to the TIFF header.
+  const uint64_t start = 4 + uint64_t(Be32(block.data()));
+  if (start >= block.size()) return false;
+  tiff->assign(block.begin() + std::ptrdiff_t(start), block.end());
+  return true;
+}
+
 bool QImage::ReadHEIF(const uint8_t* data, size_t size, const char* name, int reduceWidth,
                       int reduceHeight) {
   if (!name) name = "";

@@ -323,9 +323,34 @@ bool QImage::ReadJPG(const uint8_t* data, size_t size, const char* name, int eig
 }
 
 bool QImage::ReadJPGSize(const uint8_t* data, size_t size, int* width, int* height) {
-  JpegDecoder dec;
-  if (!data || !ReadHeader(&dec, data, size, nullptr)) return false;
-  if (width) *width = int(dec.cinfo.image_width);
-  if (height) *height = int(dec.cinfo.image_height);
-  return true;
+  // Walked here rather than by the library, which allocates for every call: an index asks this
+  // of every file.
+  if (!data || size < 4 || data[0] != 0xFF || data[1] != 0xD8) return false;
+  size_t at = 2;
+  while (at + 4 <= size) {
+    if (data[at] != 0xFF) return false;
+    const uint8_t marker = data[at + 1];
+    if (marker == 0xFF) {  // fill byte
+      ++at;
+      continue;
+    }
+    if (marker == 0x01 || (marker >= 0xD0 && marker <= 0xD7)) {  // no length
+      at += 2;
+      continue;
+    }
+    if (marker == 0xDA || marker == 0xD9) return false;  // a scan or the end before any frame
+    const size_t length = Be16(data + at + 2);
+    if (length < 2) return false;
+    // The frame headers: C0-CF but for DHT (C4), JPG (C8) and DAC (CC).
+    if (marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC) {
+      if (length < 8 || at + 2 + length > size) return false;
+      const int h = Be16(data + at + 5), w = Be16(data + at + 7);
+      if (w == 0 || h == 0) return false;  // a height given later (DNL) is not supported
+      if (width) *width = w;
+      if (height) *height = h;
+      return true;
+    }
+    at += 2 + length;
+  }
+  return false;
 }

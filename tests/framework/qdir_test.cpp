@@ -1,11 +1,14 @@
 // QDirectory: listing order, entry information, the path-length check; working directory.
-// QDirWatch: changes, files being written (links never are), wakes, a directory replaced.
+// QDirWatch: changes, files being written (links never are), wakes, a directory replaced; a tree
+// of folders with links and loops, and one larger than the system lets a user follow.
 #include "framework/qdir.h"
 
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sched.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +16,7 @@
 #include <fcntl.h>
 #include <thread>
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -241,6 +245,102 @@ TEST_F(QDirTest, LinksArriveCompleteAndAReplacedDirectoryIsFollowedByItsName) {
   EXPECT_EQ(changed, Names{"new"});
   ASSERT_TRUE(QSetCurrentDirectory(before.cstr()));
   EXPECT_EQ(log_.Count("deleted or moved away"), 1);
+}
+
+bool Jpg(const char* n) { return strlen(n) > 4 && strcmp(n + strlen(n) - 4, ".jpg") == 0; }
+
+TEST_F(QDirTest, TreeFollowsEachFolderOnceNewAndMovedOnesTooByRelativeNames) {
+  const std::string t = Tmp("T");
+  ASSERT_EQ(system(("mkdir -p " + t + "/2019/Trip/Oslo " + t + "/.cache " + Tmp("In/d")).c_str()), 0);
+  ASSERT_EQ(symlink("../..", (t + "/2019/Trip/up").c_str()), 0);  // a loop back to the top
+  MakeFile("In/c.jpg", "x");
+  MakeFile("In/d/e.jpg", "x");
+  MakeFile("In/d/e.txt", "x");
+  QDirWatch w;
+  ASSERT_TRUE(w.Open(t.c_str(), Jpg, 0, true));
+  EXPECT_TRUE(w.Complete());
+  MakeFile("T/2019/Trip/Oslo/a.jpg", "x");
+  MakeFile("T/2019/Trip/t.jpg", "x");
+  MakeFile("T/.cache/hidden.jpg", "x");
+  ASSERT_EQ(mkdir((t + "/2020").c_str(), 0755), 0);
+  MakeFile("T/2020/b.jpg", "x");
+  ASSERT_EQ(rename(Tmp("In").c_str(), (t + "/In").c_str()), 0);
+  Names changed, writing;
+  TakeSettled(&w, &changed, &writing);
+  EXPECT_EQ(changed, (Names{"2019/Trip/Oslo/a.jpg", "2019/Trip/t.jpg", "2020", "2020/b.jpg", "In",
+                            "In/c.jpg", "In/d", "In/d/e.jpg"}));
+
+  // Renamed within the tree, moved out of it: followed by the new name only, then not at all.
+  ASSERT_EQ(rename((t + "/2020").c_str(), (t + "/2021").c_str()), 0);
+  ASSERT_EQ(rename((t + "/In").c_str(), Tmp("Out").c_str()), 0);
+  TakeSettled(&w, &changed, &writing);
+  EXPECT_EQ(changed, (Names{"2020", "2021", "2021/b.jpg", "In"}));
+  MakeFile("Out/d/g.jpg", "x");
+  MakeFile("T/2021/f.jpg", "x");
+  TakeSettled(&w, &changed, &writing);
+  EXPECT_EQ(changed, Names{"2021/f.jpg"});
+}
+
+// Writes a whole small file in one call, as the proc files ask.
+bool Put(const std::string& path, const std::string& text) {
+  const int fd = open(path.c_str(), O_WRONLY);
+  const bool ok = fd >= 0 && write(fd, text.data(), text.size()) == ssize_t(text.size());
+  if (fd >= 0) close(fd);
+  return ok;
+}
+
+TEST_F(QDirTest, TreeBeyondTheWatchLimitSaysSoOnceAndKeepsWhatItFollows) {
+  const char* folders[] = {"a", "b", "c", "d", "e", "f", "g", "h"};
+  for (const char* f : folders) ASSERT_EQ(mkdir(Tmp(f).c_str(), 0755), 0);
+  int out[2];
+  ASSERT_EQ(pipe(out), 0);
+  const uid_t uid = geteuid();
+  const gid_t gid = getegid();
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    // The limit is the user namespace's own: lowered in a new one, it holds for this child alone.
+    std::ostringstream said;
+    if (unshare(CLONE_NEWUSER) != 0) {
+      said << (errno == EPERM ? "skip " : "failed ") << "unshare: " << strerror(errno);
+    } else if (!Put("/proc/self/setgroups", "deny") ||
+               !Put("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
+               !Put("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1") ||
+               !Put("/proc/sys/user/max_inotify_watches", "4")) {  // the top, its parent, 2 more
+      said << "skip no lower watch limit here: " << strerror(errno);
+    } else {
+      QDirWatch w;
+      said << w.Open(dir_.c_str(), nullptr, 0, true) << w.Complete() << "\n";
+      said << log_.Count("/proc/sys/fs/inotify/max_user_watches") << "\n";
+      MakeFile("top", "x");
+      for (const char* f : folders) MakeFile(std::string(f) + "/new", "x");
+      Names changed, writing;
+      TakeSettled(&w, &changed, &writing);
+      for (const std::string& n : changed) said << n << "\n";
+    }
+    const std::string text = said.str();
+    _exit(write(out[1], text.data(), text.size()) == ssize_t(text.size()) ? 0 : 1);
+  }
+  close(out[1]);
+  std::string text;
+  char buf[512];
+  for (ssize_t n; (n = read(out[0], buf, sizeof(buf))) > 0;) text.append(buf, size_t(n));
+  close(out[0]);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  if (text.compare(0, 5, "skip ") == 0) GTEST_SKIP() << text;
+  std::istringstream lines(text);
+  std::string openComplete, warnings, name;
+  std::getline(lines, openComplete);
+  std::getline(lines, warnings);
+  EXPECT_EQ(openComplete, "10") << text;
+  EXPECT_EQ(warnings, "1");
+  Names changed;
+  while (std::getline(lines, name)) changed.push_back(name);
+  // The top's file and one in each of the 2 folders followed.
+  EXPECT_EQ(std::count(changed.begin(), changed.end(), "top"), 1) << text;
+  EXPECT_EQ(changed.size(), 3u) << text;
 }
 
 }  // namespace
