@@ -395,7 +395,9 @@ void Catalogue::ApplyFound(std::vector<Item>& found, bool ordered) {
   if (add.empty() && dropped == 0) return;
 
   std::vector<Item> lib, extras, next;
-  int curInLib = -1;  // the last kept picture of the round so far
+  // The last kept picture of the round so far. Before anything is shown, the first picture
+  // found stays first: the start shows it while the rest is still being found.
+  int curInLib = current_ < 0 && shuffle && !items_.empty() && !drop[0] && !items_[0].extra ? 0 : -1;
   for (size_t i = 0; i < items_.size(); ++i) {
     if (drop[i]) continue;
     if (items_[i].extra) {
