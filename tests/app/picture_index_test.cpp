@@ -16,7 +16,7 @@
 namespace {
 
 IndexedPicture Pic(const std::string& path, int64_t n) {
-  return {path, n, n * 1000000007, n * 3600, int(n % 9), int(n % 5000), int(n % 3000)};
+  return {path, n, n * 1000000007, n * 3600 + 1, int(n % 8) + 1, int(4000 + n), int(3000 + n)};
 }
 
 // Rows as text sorted by path, so that the index's order does not matter.
