@@ -62,7 +62,8 @@ class PictureIndex {
   bool OpenLocked();
   void CloseLocked();
   // Says what went wrong with `what` and acts on it: damage sets the file aside and begins
-  // anew, anything else closes the index. Always false, for the caller to answer.
+  // anew, a file held busy by another process is tried again by the next call, anything else
+  // closes the index. Always false, for the caller to answer.
   bool Fail(const char* method, const char* what, int code);
 
   mutable std::mutex mutex_;
