@@ -155,6 +155,9 @@ bool QReadPictureFacts(const char* path, QPictureFacts* facts) {
   const size_t got = ReadAt(file.fd, head, sizeof(head), 0);
   if (got == 0) return true;  // an empty file: nothing to know
   if (ReadFacts(*kind, head, got, facts) || got < sizeof(head)) return true;
+  // The HEIF library parses only a whole container, and reads all of it even through its
+  // reader interface: a phone's photo would cost its megabytes. Such files go by their time.
+  if (kind->id == QPictureKind::HEIF) return true;
   // The size header lies further in (large EXIF or colour profile segments, a TIFF directory at
   // the end): read on, doubling.
   std::unique_ptr<uint8_t[]> more;
