@@ -236,10 +236,12 @@ bool QDirWatch::Open(const char* directory, NameFilter filter, int gapMs, bool t
   filter_ = filter;
   gapMs_ = gapMs > 0 ? gapMs : 0;
   tree_ = tree;
+  int below = 0;  // folders followed below the directory
   if (tree_) {
     std::lock_guard<std::mutex> lock(mutex_);
     folders_[wd] = "";
     AddTreeLocked("", false);
+    below = int(folderWds_.size());
   }
   running_ = true;
   watcher_.reset(new QThread(&QDirWatch::Watch, this, "glimra_dirwatch"));
@@ -250,7 +252,7 @@ bool QDirWatch::Open(const char* directory, NameFilter filter, int gapMs, bool t
   }
   if (tree_)
     QNOTE("QDirWatch::Open", "Watching '%s' and %d folders below it for changes", directory,
-          int(folderWds_.size()));
+          below);
   else
     QNOTE("QDirWatch::Open", "Watching '%s' for changes", directory);
   return true;
