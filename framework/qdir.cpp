@@ -570,6 +570,8 @@ int QDirWatch::TakeChanges(std::vector<std::string>* changed, std::vector<std::s
   std::lock_guard<std::mutex> lock(mutex_);
   if (fd_ >= 0) ReadEventsLocked();
   if (fd_ >= 0 && dirWd_ < 0) ReturnLocked();
+  // What was read here may hold a new name to settle, of which the watcher, asleep, knows nothing.
+  if (fd_ >= 0 && OwnLookLocked() >= 0) Kick(kickFd_, name_);
   WritingLocked(writing);
   if (changed) changed->clear();
   if (!PendingLocked()) return 0;
@@ -591,7 +593,7 @@ void QDirWatch::Writing(std::vector<std::string>* writing) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (fd_ >= 0) ReadEventsLocked();
   // Changes read here would otherwise wait for the owner's next occasion.
-  if (PendingLocked() && !woken_) Kick(kickFd_, name_);
+  if ((PendingLocked() && !woken_) || (fd_ >= 0 && OwnLookLocked() >= 0)) Kick(kickFd_, name_);
   WritingLocked(writing);
 }
 
