@@ -237,10 +237,12 @@ bool QDirWatch::Open(const char* directory, NameFilter filter, int gapMs, bool t
   filter_ = filter;
   gapMs_ = gapMs > 0 ? gapMs : 0;
   tree_ = tree;
+  int below = 0;  // folders followed below the directory
   if (tree_) {
     std::lock_guard<std::mutex> lock(mutex_);
     folders_[wd] = "";
     AddTreeLocked("", false);
+    below = int(folderWds_.size());
   }
   running_ = true;
   watcher_.reset(new QThread(&QDirWatch::Watch, this, "glimra_dirwatch"));
@@ -251,7 +253,7 @@ bool QDirWatch::Open(const char* directory, NameFilter filter, int gapMs, bool t
   }
   if (tree_)
     QNOTE("QDirWatch::Open", "Watching '%s' and %d folders below it for changes", directory,
-          int(folderWds_.size()));
+          below);
   else
     QNOTE("QDirWatch::Open", "Watching '%s' for changes", directory);
   return true;
@@ -569,6 +571,8 @@ int QDirWatch::TakeChanges(std::vector<std::string>* changed, std::vector<std::s
   std::lock_guard<std::mutex> lock(mutex_);
   if (fd_ >= 0) ReadEventsLocked();
   if (fd_ >= 0 && dirWd_ < 0) ReturnLocked();
+  // What was read here may hold a new name to settle, of which the watcher, asleep, knows nothing.
+  if (fd_ >= 0 && OwnLookLocked() >= 0) Kick(kickFd_, name_);
   WritingLocked(writing);
   if (changed) changed->clear();
   if (!PendingLocked()) return 0;
@@ -590,7 +594,7 @@ void QDirWatch::Writing(std::vector<std::string>* writing) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (fd_ >= 0) ReadEventsLocked();
   // Changes read here would otherwise wait for the owner's next occasion.
-  if (PendingLocked() && !woken_) Kick(kickFd_, name_);
+  if ((PendingLocked() && !woken_) || (fd_ >= 0 && OwnLookLocked() >= 0)) Kick(kickFd_, name_);
   WritingLocked(writing);
 }
 

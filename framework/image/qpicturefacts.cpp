@@ -116,16 +116,15 @@ bool ReadFacts(const QPictureKind& kind, const uint8_t* data, size_t size, QPict
   return sized || !kind.readSize;
 }
 
-// Reads up to `want` bytes at `offset`; the count read, short only at the end of the file.
+// Reads up to `want` bytes at `offset`; the count read, short at the end of the file. A regular
+// file reads whole unless it ends, so a short read is not retried: that would cost a second
+// call for every small file.
 size_t ReadAt(int fd, uint8_t* to, size_t want, size_t offset) {
-  size_t got = 0;
-  while (got < want) {
-    const ssize_t n = pread(fd, to + got, want - got, off_t(offset + got));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    got += size_t(n);
-  }
-  return got;
+  ssize_t n;
+  do {
+    n = pread(fd, to, want, off_t(offset));
+  } while (n < 0 && errno == EINTR);
+  return n > 0 ? size_t(n) : 0;
 }
 
 struct Descriptor {
@@ -156,6 +155,9 @@ bool QReadPictureFacts(const char* path, QPictureFacts* facts) {
   const size_t got = ReadAt(file.fd, head, sizeof(head), 0);
   if (got == 0) return true;  // an empty file: nothing to know
   if (ReadFacts(*kind, head, got, facts) || got < sizeof(head)) return true;
+  // The HEIF library parses only a whole container, and reads all of it even through its
+  // reader interface: a phone's photo would cost its megabytes. Such files go by their time.
+  if (kind->id == QPictureKind::HEIF) return true;
   // The size header lies further in (large EXIF or colour profile segments, a TIFF directory at
   // the end): read on, doubling.
   std::unique_ptr<uint8_t[]> more;
