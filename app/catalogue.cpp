@@ -486,6 +486,7 @@ bool Catalogue::DropGoneExtras() {
 }
 
 bool Catalogue::Add(const char* name) {
+  if (!name) return false;
   if (Find(name) >= 0) {
     QDBG("RaceManager::AddToDir", "Image '%s' already found - not inserting", name);
     return false;
@@ -522,13 +523,6 @@ int Catalogue::FindExact(const std::string& name) const {
 
 int Catalogue::Find(const char* name) const {
   if (!name) return -1;
-  const int exact = FindExact(name);
-  if (exact >= 0) {
-    // The first entry equal with letters folded, as a plain search from the start would find.
-    for (int i = 0; i < exact; ++i)
-      if (qnamecmp(items_[size_t(i)].name.c_str(), name) == 0) return i;
-    return exact;
-  }
   for (int i = 0; i < Count(); ++i)
     if (qnamecmp(items_[size_t(i)].name.c_str(), name) == 0) return i;
   return -1;

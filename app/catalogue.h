@@ -81,8 +81,10 @@ class Catalogue {
   // ---- Reading ----
   int Count() const { return int(items_.size()); }
   const char* Name(int i) const { return i >= 0 && i < Count() ? items_[size_t(i)].name.c_str() : ""; }
-  // Index of `name`: the exact name first, then with ASCII letters folded (qnamecmp); -1.
+  // Index of the first entry equal to `name` with ASCII letters folded (qnamecmp), or -1.
   int Find(const char* name) const;
+  // Index of the entry exactly `name`, or -1.
+  int FindExact(const std::string& name) const;
   int Current() const { return current_; }
   void SetCurrent(int i) { current_ = i >= -1 && i < Count() ? i : -1; }
   // `steps` steps forward (negative: back) from the current position, one at a time, with
@@ -126,7 +128,6 @@ class Catalogue {
   // The list's comparison in the name and date orders.
   bool Before(const Item& a, const Item& b) const;
   void Reindex();
-  int FindExact(const std::string& name) const;
   int Library() const;  // how many items are not from elsewhere
   // A new shuffled round; `avoid` is not first.
   void NewRound(const std::string& avoid);

@@ -245,9 +245,9 @@ void RaceManager::OpenCatalogue() {
   // The index is kept only for what needs it, so a plain folder leaves no file behind.
   qstring cwd;
   QGetCurrentDirectory(&cwd);
+  qstring file;
+  ini->GetString("app.index_file", &file, "");
   if (options.recursive || options.order != Catalogue::BY_NAME || options.resume) {
-    qstring file;
-    ini->GetString("app.index_file", &file, "");
     if (file.IsEmpty())
       file.Format("%s/glimra.index", cwd.cstr());
     else if (file.cstr()[0] != '/')
@@ -390,8 +390,10 @@ int RaceManager::CatalogueIndex(const char* path) const {
              strncmp(realDir.cstr(), folder.cstr(), size_t(folder.Length())) == 0 &&
              realDir.cstr()[folder.Length()] == '/')
       listed = std::string(realDir.cstr() + folder.Length() + 1) + "/" + name;  // a subfolder's
+    // The exact name first, since two names may differ only in case.
     if (!listed.empty()) {
-      const int i = catalogue->Find(listed.c_str());
+      int i = catalogue->FindExact(listed);
+      if (i < 0) i = catalogue->Find(listed.c_str());
       if (i >= 0) return i;
     }
   }
