@@ -1,6 +1,6 @@
 // Months unattended in a minute: 2,000 loads of good and broken pictures, keys in between, a
-// watched folder churning; then it still answers, memory and textures have not grown since the
-// first hundred commands, and the log complains of the broken files only.
+// watched and shuffled library churning; then it still answers, memory and textures have not
+// grown since the first hundred commands, and the log complains of the broken files only.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -59,9 +59,11 @@ class LogTail {
 
 TEST_F(SlideshowSoak, TwoThousandLoadsWithKeysLeaveItAnsweringWithoutGrowth) {
   Program p;
-  // Commands keep restarting the count; the show steps by itself in the pauses and at the end.
+  // Commands keep restarting the count; the show steps by itself in the pauses and at the end,
+  // through a library (folders below included, watched, shuffled, kept in an index).
   ASSERT_TRUE(p.Prepare() && p.SetKey("dev.idle_sleep_ms", "2") &&
-              p.SetKey("app.watch_directory", "1") && p.SetKey("effects.advance_seconds", "1"));
+              p.SetKey("app.watch_directory", "1") && p.SetKey("effects.advance_seconds", "1") &&
+              p.SetKey("app.recursive", "1") && p.SetKey("app.order", "shuffle"));
   // The sanitizers hold 256 MB of freed blocks back, which would read as growth; a small hold
   // fills within the first hundred commands.
   const std::string asan = getenv("ASAN_OPTIONS") ? getenv("ASAN_OPTIONS") : "";
