@@ -1,0 +1,95 @@
+// The catalogue of a library: walked below, ordered by name, date or shuffled, following changes
+// with its position, and stopping at its limit.
+#include "app/catalogue.h"
+
+#include <gtest/gtest.h>
+#include <sys/time.h>
+
+#include <filesystem>
+#include <set>
+
+#include "support/logcapture.h"
+#include "support/tempdir.h"
+
+namespace {
+
+class Library : public TempDirTest {
+ protected:
+  // Walks the library again and waits until the catalogue has taken in all of it.
+  void Walk(Catalogue* c) {
+    c->Scan();
+    while (c->Walking() || c->Merge()) c->Merge();
+  }
+  void Open(Catalogue* c, Catalogue::Order order, int max = 0) {
+    Catalogue::Options o;
+    o.recursive = true, o.order = order, o.maxPictures = max;
+    c->Open(o, dir_);
+    Walk(c);
+  }
+  // A picture whose file time is `seconds`.
+  void Picture(const std::string& name, long seconds = 1000) {
+    std::filesystem::create_directories(std::filesystem::path(Tmp(name)).parent_path());
+    MakeFile(name, "x");
+    const timeval t[2] = {{seconds, 0}, {seconds, 0}};
+    ASSERT_EQ(utimes(Tmp(name).c_str(), t), 0);
+  }
+  std::vector<std::string> Names(const Catalogue& c) {
+    std::vector<std::string> out;
+    for (int i = 0; i < c.Count(); ++i) out.push_back(c.Name(i));
+    return out;
+  }
+};
+
+TEST_F(Library, FollowsChangesWithItsPositionAndStopsAtItsLimit) {
+  for (const char* n : {"a.jpg", "s/b.jpg", "s/c.jpg", "d.jpg", ".h/x.jpg", "s/note.txt"})
+    Picture(n);
+  {
+    Catalogue c;
+    Open(&c, Catalogue::BY_NAME);
+    EXPECT_EQ(Names(c), (std::vector<std::string>{"a.jpg", "d.jpg", "s/b.jpg", "s/c.jpg"}));
+    c.SetCurrent(c.FindExact("s/b.jpg"));
+    // One picture joins ahead of the shown one and the shown one goes: the position stands just
+    // before the next, so that a step forward shows it.
+    Picture("0.jpg");
+    std::filesystem::remove(Tmp("s/b.jpg"));
+    Walk(&c);
+    EXPECT_EQ(Names(c), (std::vector<std::string>{"0.jpg", "a.jpg", "d.jpg", "s/c.jpg"}));
+    EXPECT_STREQ(c.Name(c.Step(1)), "s/c.jpg");
+  }
+  LogCapture log;
+  Catalogue limited;
+  Open(&limited, Catalogue::BY_NAME, 3);
+  Walk(&limited);
+  EXPECT_EQ(limited.Count(), 3);
+  EXPECT_EQ(log.Count("No space for new image (s/c.jpg) anymore"), 1);
+}
+
+TEST_F(Library, OrdersByDateAndShufflesEachPictureOnceARound) {
+  Picture("new.jpg", 3000), Picture("d/old.jpg", 1000), Picture("mid.jpg", 2000);
+  Catalogue dated;
+  Open(&dated, Catalogue::BY_DATE);
+  EXPECT_EQ(Names(dated), (std::vector<std::string>{"d/old.jpg", "mid.jpg", "new.jpg"}));
+  Picture("d/old.jpg", 4000);  // a changed file is read again and moves
+  Walk(&dated);
+  EXPECT_EQ(Names(dated), (std::vector<std::string>{"mid.jpg", "new.jpg", "d/old.jpg"}));
+
+  for (int i = 0; i < 17; ++i) Picture("r/" + std::to_string(i) + ".jpg");
+  Catalogue c;
+  Open(&c, Catalogue::SHUFFLE);
+  ASSERT_EQ(c.Count(), 20);
+  std::set<std::string> seen;
+  for (int i = 0; i < 8; ++i) seen.insert(c.Name(c.Step(1)));
+  // Pictures that join mid-round come later in it.
+  for (int i = 0; i < 5; ++i) Picture("late" + std::to_string(i) + ".jpg");
+  Walk(&c);
+  for (int i = 0; i < 5; ++i) EXPECT_GT(c.FindExact("late" + std::to_string(i) + ".jpg"), c.Current());
+  for (int i = 8; i < 25; ++i) seen.insert(c.Name(c.Step(1)));
+  EXPECT_EQ(seen.size(), 25u);
+  // The next round is another order, and does not start with the picture just shown.
+  const std::vector<std::string> before = Names(c);
+  const std::string last = c.Name(c.Current());
+  EXPECT_NE(c.Name(c.Step(1)), last);
+  EXPECT_NE(Names(c), before);
+}
+
+}  // namespace
