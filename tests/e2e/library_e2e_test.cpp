@@ -28,9 +28,10 @@ const char* const kByDate[] = {"a.jpg", "z.jpg", "2019/Holidays/Norway/c.jpg", "
 bool MakeLibrary(const std::string& root, int more = 0) {
   fs::create_directories(root + "/2019/Holidays/Norway");
   fs::create_directories(root + "/.hidden");
-  const std::pair<const char*, const char*> dated[] = {{"2019/b.jpg", "2019:06:01 12:00:00"},
-                                                       {"2019/Holidays/Norway/c.jpg", "2017:03:04 05:06:07"},
-                                                       {"a.jpg", "2015:01:02 03:04:05"}};
+  const std::pair<const char*, const char*> dated[] = {
+      {"2019/b.jpg", "2019:06:01 12:00:00"},
+      {"2019/Holidays/Norway/c.jpg", "2017:03:04 05:06:07"},
+      {"a.jpg", "2015:01:02 03:04:05"}};
   for (const auto& d : dated) {
     const std::string file = root + "/" + d.first;
     if (!Uniform(file, kRed)) return false;
@@ -138,13 +139,18 @@ TEST_F(LibraryE2E, RestartResumesAtThePictureShownLast) {
   if (!Have("exiftool")) GTEST_SKIP() << "needs exiftool";
   for (const char* order : {"name", "date"}) {
     Program p;
-    ASSERT_TRUE(Prepare(&p, {{"app.order", order}, {"app.resume", "1"}}));
+    ASSERT_TRUE(Prepare(
+        &p, {{"app.order", order}, {"app.resume", "1"}, {"app.watch_directory", "1"}}));
     const std::vector<std::string> before = Show(&p, 4, 2);
     ASSERT_EQ(before.size(), 3u) << p.Log();
     ASSERT_EQ(p.Escape(), 0);
     const std::vector<std::string> after = Show(&p, 4, 1);
     ASSERT_EQ(after.size(), 2u) << p.Log();
     EXPECT_EQ(after[0], before.back()) << order;
+    // Watched: a picture in a folder made now joins.
+    fs::create_directories(p.Path("L/2020/new"));
+    ASSERT_TRUE(Uniform(p.Path("L/2020/new/n.jpg"), kBlue));
+    EXPECT_TRUE(p.WaitForLog("Library listed: 5 pictures", kStepMs)) << p.Log();
     EXPECT_EQ(p.Escape(), 0);
   }
 }
