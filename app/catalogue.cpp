@@ -267,8 +267,7 @@ void Catalogue::Walk(const std::vector<std::string>& skipIn, bool flat) {
     // New or changed: its facts read again.
     int64_t key = Seconds(e.modified);
     QPictureFacts facts;
-    const bool haveFacts =
-        wantFacts && QReadPictureFacts((root_ + "/" + rel).c_str(), &facts);
+    const bool haveFacts = wantFacts && QReadPictureFacts((root_ + "/" + rel).c_str(), &facts);
     if (haveFacts && facts.taken) key = facts.taken;
     if (index_) {
       IndexedPicture row;
@@ -306,11 +305,13 @@ void Catalogue::Walk(const std::vector<std::string>& skipIn, bool flat) {
     else
       gone.names.push_back(std::move(known_[i].path));
   }
-  std::sort(fresh.begin(), fresh.end(), [](const Known& a, const Known& b) { return a.path < b.path; });
+  std::sort(fresh.begin(), fresh.end(),
+            [](const Known& a, const Known& b) { return a.path < b.path; });
   known_.clear();
   std::merge(std::make_move_iterator(kept.begin()), std::make_move_iterator(kept.end()),
              std::make_move_iterator(fresh.begin()), std::make_move_iterator(fresh.end()),
-             std::back_inserter(known_), [](const Known& a, const Known& b) { return a.path < b.path; });
+             std::back_inserter(known_),
+             [](const Known& a, const Known& b) { return a.path < b.path; });
   if (index_ && !gone.names.empty()) index_->Remove(gone.names);
   if (!gone.names.empty()) Hand(std::move(gone), flat);
   Batch end;
@@ -397,7 +398,8 @@ void Catalogue::ApplyFound(std::vector<Item>& found, bool ordered) {
   std::vector<Item> lib, extras, next;
   // The last kept picture of the round so far. Before anything is shown, the first picture
   // found stays first: the start shows it while the rest is still being found.
-  int curInLib = current_ < 0 && shuffle && !items_.empty() && !drop[0] && !items_[0].extra ? 0 : -1;
+  int curInLib =
+      current_ < 0 && shuffle && !items_.empty() && !drop[0] && !items_[0].extra ? 0 : -1;
   for (size_t i = 0; i < items_.size(); ++i) {
     if (drop[i]) continue;
     if (items_[i].extra) {
@@ -411,10 +413,12 @@ void Catalogue::ApplyFound(std::vector<Item>& found, bool ordered) {
   if (!shuffle) {
     if (!std::is_sorted(add.begin(), add.end(),
                         [this](const Item& a, const Item& b) { return Before(a, b); }))
-      std::sort(add.begin(), add.end(), [this](const Item& a, const Item& b) { return Before(a, b); });
+      std::sort(add.begin(), add.end(),
+                [this](const Item& a, const Item& b) { return Before(a, b); });
     std::merge(std::make_move_iterator(lib.begin()), std::make_move_iterator(lib.end()),
                std::make_move_iterator(add.begin()), std::make_move_iterator(add.end()),
-               std::back_inserter(next), [this](const Item& a, const Item& b) { return Before(a, b); });
+               std::back_inserter(next),
+               [this](const Item& a, const Item& b) { return Before(a, b); });
   } else if (ordered) {
     // A round kept from before: in its order, ahead of anything else.
     for (Item& a : add) next.push_back(std::move(a));
@@ -476,9 +480,10 @@ void Catalogue::ApplyGone(const std::vector<std::string>& names) {
 bool Catalogue::DropGoneExtras() {
   const std::string curName = current_ >= 0 ? items_[size_t(current_)].name : std::string();
   const size_t before = items_.size();
-  items_.erase(std::remove_if(items_.begin(), items_.end(),
-                              [](const Item& i) { return i.extra && !QFileExists(i.name.c_str()); }),
-               items_.end());
+  items_.erase(
+      std::remove_if(items_.begin(), items_.end(),
+                     [](const Item& i) { return i.extra && !QFileExists(i.name.c_str()); }),
+      items_.end());
   if (items_.size() == before) return false;
   Reindex();
   current_ = curName.empty() ? -1 : FindExact(curName);

@@ -80,7 +80,9 @@ class Catalogue {
 
   // ---- Reading ----
   int Count() const { return int(items_.size()); }
-  const char* Name(int i) const { return i >= 0 && i < Count() ? items_[size_t(i)].name.c_str() : ""; }
+  const char* Name(int i) const {
+    return i >= 0 && i < Count() ? items_[size_t(i)].name.c_str() : "";
+  }
   // Index of the first entry equal to `name` with ASCII letters folded (qnamecmp), or -1.
   int Find(const char* name) const;
   // Index of the entry exactly `name`, or -1.
@@ -107,8 +109,8 @@ class Catalogue {
   // What the walk hands the main loop.
   struct Batch {
     enum Kind { ROUND, FOUND, GONE, END } kind = FOUND;
-    std::vector<Item> items;          // ROUND, FOUND
-    std::vector<std::string> names;   // GONE
+    std::vector<Item> items;         // ROUND, FOUND
+    std::vector<std::string> names;  // GONE
   };
   // The worker's memory of a file: what the index (or the last walk) knew of it.
   struct Known {
@@ -153,7 +155,7 @@ class Catalogue {
   bool walkWanted_ = false, walking_ = false, stop_ = false, running_ = false;
   std::atomic<bool> stopping_{false};  // stop_, read by the walk without the lock
   std::vector<std::string> walkSkip_;
-  std::string first_;     // the first picture any walk found
+  std::string first_;       // the first picture any walk found
   bool firstDone_ = false;  // a walk ended or found one
   std::vector<std::string> roundToSave_;
   bool roundDue_ = false;

@@ -323,7 +323,8 @@ void RaceManager::Rescan(const std::vector<std::string>& skip) {
   // The pictures after the shown one, in order, for when it has gone.
   const int count = catalogue->Count(), shown = catalogue->Current();
   std::vector<std::string> after;
-  for (int k = 1; shown >= 0 && k < count; ++k) after.push_back(catalogue->Name((shown + k) % count));
+  for (int k = 1; shown >= 0 && k < count; ++k)
+    after.push_back(catalogue->Name((shown + k) % count));
   ScanDir(skip);
   if (!curFile.IsEmpty()) {
     int cur = CatalogueIndex(curFile.cstr());

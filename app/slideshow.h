@@ -257,7 +257,8 @@ class RaceManager {
   std::unique_ptr<Catalogue> catalogue;  // the names, their order and the position
   qstring folder;  // the scanned folder's real path, empty before a scan
   qstring home;    // the start-up folder's absolute path, entered again when replaced
-  // A library the kernel could not watch whole is listed again at `rescanAt` ("app.rescan_minutes").
+  // A library the kernel could not watch whole is listed again at `rescanAt`
+  // ("app.rescan_minutes").
   int rescanMs = 0;  // 0 while every folder is watched
   double rescanMinutes = RESCAN_MINUTES;
   std::chrono::steady_clock::time_point rescanAt;

@@ -15,9 +15,9 @@
 
 struct QFolderEntry {
   std::string name;
-  bool folder = false;     // a folder (else a regular file)
-  int64_t size = 0;        // bytes (files)
-  int64_t modified = 0;    // nanoseconds since 1970
+  bool folder = false;   // a folder (else a regular file)
+  int64_t size = 0;      // bytes (files)
+  int64_t modified = 0;  // nanoseconds since 1970
   uint64_t device = 0, inode = 0;
 };
 

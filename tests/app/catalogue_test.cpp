@@ -82,7 +82,8 @@ TEST_F(Library, OrdersByDateAndShufflesEachPictureOnceARound) {
   // Pictures that join mid-round come later in it.
   for (int i = 0; i < 5; ++i) Picture("late" + std::to_string(i) + ".jpg");
   Walk(&c);
-  for (int i = 0; i < 5; ++i) EXPECT_GT(c.FindExact("late" + std::to_string(i) + ".jpg"), c.Current());
+  for (int i = 0; i < 5; ++i)
+    EXPECT_GT(c.FindExact("late" + std::to_string(i) + ".jpg"), c.Current());
   for (int i = 8; i < 25; ++i) seen.insert(c.Name(c.Step(1)));
   EXPECT_EQ(seen.size(), 25u);
   // The next round is another order, and does not start with the picture just shown.

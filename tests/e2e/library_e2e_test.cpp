@@ -70,8 +70,8 @@ int IndexWarnings(const std::string& log) {
 bool Prepare(Program* p, const std::vector<std::pair<const char*, const char*>>& keys,
              int more = 0) {
   if (!p->Prepare() || !MakeLibrary(p->Path("L"), more)) return false;
-  bool ok = p->SetKey("app.startup_directory", p->Path("L").c_str()) &&
-            p->SetKey("app.recursive", "1");
+  bool ok =
+      p->SetKey("app.startup_directory", p->Path("L").c_str()) && p->SetKey("app.recursive", "1");
   for (const auto& k : keys) ok = ok && p->SetKey(k.first, k.second);
   return ok;
 }
@@ -139,8 +139,8 @@ TEST_F(LibraryE2E, RestartResumesAtThePictureShownLast) {
   if (!Have("exiftool")) GTEST_SKIP() << "needs exiftool";
   for (const char* order : {"name", "date"}) {
     Program p;
-    ASSERT_TRUE(Prepare(
-        &p, {{"app.order", order}, {"app.resume", "1"}, {"app.watch_directory", "1"}}));
+    ASSERT_TRUE(
+        Prepare(&p, {{"app.order", order}, {"app.resume", "1"}, {"app.watch_directory", "1"}}));
     const std::vector<std::string> before = Show(&p, 4, 2);
     ASSERT_EQ(before.size(), 3u) << p.Log();
     ASSERT_EQ(p.Escape(), 0);
