@@ -21,9 +21,6 @@
 
 namespace {
 
-// The controller's log lines carry its main source name wherever its code lives, so that log
-// filters on the controller keep working.
-constexpr const char* kSource = "slideshow.cpp";
 // How long a new window size stands before the shown picture is decoded again for it.
 constexpr int kSharpenAfterMs = 250;
 
@@ -47,7 +44,7 @@ int TurnAngle(int orientation) {
 
 void RaceManager::LoadCurImage() {
   if (curFile.IsEmpty()) return;
-  qdbg(kSource, "RaceManager::LoadCurImage", __LINE__, "Load image %d\n", curImage);
+  QDBG("RaceManager::LoadCurImage", "Load image %d\n", curImage);
   // LoadNewImage replaces curFile; it must not read from the string it overwrites.
   qstring path(curFile);
   LoadNewImage(path.cstr());
@@ -97,9 +94,9 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool shar
   if (!picture->ok) {
     // A load given up because the program is ending is no fault of the picture.
     if (picture->stopped)
-      qdbg(kSource, "RaceManager::LoadNewImage", __LINE__, "Load of %s given up: stopping\n", path);
+      QDBG("RaceManager::LoadNewImage", "Load of %s given up: stopping\n", path);
     else
-      qerr(kSource, "RaceManager::LoadNewImage", __LINE__, "Can't load image (%s)", path);
+      QERR("RaceManager::LoadNewImage", "Can't load image (%s)", path);
     return;
   }
   curFile = path;
@@ -114,8 +111,8 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool shar
     ReleaseTexture();
     mesh.reset();
   }
-  qdbg(kSource, "RaceManager::LoadNewImage", __LINE__, "Code %d, Orientation: %d\n",
-       picture->exifCode, picture->orientation);
+  QDBG("RaceManager::LoadNewImage", "Code %d, Orientation: %d\n", picture->exifCode,
+       picture->orientation);
 
   const auto start = std::chrono::steady_clock::now();
   QBitMap* pixels = picture->pixels.get();
@@ -145,7 +142,7 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool shar
   t.upload =
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   // The texture count shows from outside whether old pictures are given back.
-  qdbg(kSource, "RaceManager::LoadNewImage", __LINE__,
+  QDBG("RaceManager::LoadNewImage",
        "Load times (%s): read %.1f ms, decode %.1f ms, reduce %.1f ms, colour %.1f ms, grey %.1f ms, "
        "exif %.1f ms, upload %.1f ms%s; %d textures\n",
        path, t.read, t.decode, t.reduce, t.colour, t.grey, t.exif, t.upload,
@@ -184,8 +181,7 @@ void RaceManager::FollowWindowSize() {
   if (fadeMesh) fadeMesh = MakeQuad(fadeShape, fadeTexture.get());
   quadWindowWidth = window->GetWidth();
   quadWindowHeight = window->GetHeight();
-  qdbg(kSource, "RaceManager::FollowWindowSize", __LINE__, "Window now %dx%d\n", quadWindowWidth,
-       quadWindowHeight);
+  QDBG("RaceManager::FollowWindowSize", "Window now %dx%d\n", quadWindowWidth, quadWindowHeight);
   dirty = true;
   // Prefetched pictures that no longer cover their place are decoded again for it.
   prefetchDue = true;
@@ -264,8 +260,8 @@ void RaceManager::NextFrame() {
   }
   if (animGrey) animFrame->MakeGray();
   texture->Update(animFrame.get());
-  qdbg(kSource, "RaceManager::NextFrame", __LINE__, "Frame %d (%d ms) of %s\n",
-       animation->FrameIndex(), animDelayMs, curFile.cstr());
+  QDBG("RaceManager::NextFrame", "Frame %d (%d ms) of %s\n", animation->FrameIndex(), animDelayMs,
+       curFile.cstr());
   dirty = true;
   // Each frame gets its whole time, counted from now, when it is drawn: a late one (a busy
   // machine, a step) does not shorten the next.

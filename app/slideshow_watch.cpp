@@ -10,8 +10,6 @@
 
 namespace {
 
-// The controller's log lines carry its main source name wherever its code lives.
-constexpr const char* kSource = "slideshow.cpp";
 // Listings in a row while files keep starting to be written during them.
 constexpr int kMaxRounds = 4;
 
@@ -59,9 +57,8 @@ void RaceManager::FollowFolder() {
     if (!listed) break;
     Rescan(writing);
   }
-  qnote(kSource, "RaceManager::FollowFolder", __LINE__,
-        "Folder changed (%d names): %d pictures, %d being written", int(changed.size()),
-        imageCount, int(writing.size()));
+  QNOTE("RaceManager::FollowFolder", "Folder changed (%d names): %d pictures, %d being written",
+        int(changed.size()), imageCount, int(writing.size()));
   if (returned) {
     ShowReturned();
     return;
