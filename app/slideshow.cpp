@@ -78,8 +78,7 @@ RaceManager::~RaceManager() {
   watch.reset();
   ini.reset();
   EndFade();
-  texture.reset();
-  mesh.reset();
+  slide.Clear();
   for (qstring& s : images) s.Clear();
   imageCount = 0;
   curFile.Clear();
@@ -105,7 +104,11 @@ void RaceManager::TextureRelease::operator()(DBitMapTexture* t) const {
   if (t->GetRefCount() <= 0 || t->Detach()) delete t;
 }
 
-void RaceManager::ReleaseTexture() { texture.reset(); }
+void RaceManager::Slide::Clear() {
+  mesh.reset();
+  texture.reset();
+  shape = LoadedPicture();
+}
 
 void RaceManager::SaveIni() {
   // No question about a changed file: the display runs unattended.

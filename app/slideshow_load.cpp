@@ -100,34 +100,30 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool shar
     return;
   }
   curFile = path;
-  if (!sharper && fadeMs > 0 && window && texture && mesh) {
+  if (!sharper && fadeMs > 0 && window && slide.mesh) {
     // The shown picture stays under the new one until the fade ends; a fade still running
     // ends here.
-    fadeTexture = std::move(texture);
-    fadeMesh = std::move(mesh);
-    fadeShape = std::move(shownShape);
+    fadeSlide.Clear();
+    fadeSlide = std::move(slide);
     fadeStarted = false;
-  } else {
-    ReleaseTexture();
-    mesh.reset();
   }
+  slide.Clear();
   QDBG("RaceManager::LoadNewImage", "Code %d, Orientation: %d\n", picture->exifCode,
        picture->orientation);
 
   const auto start = std::chrono::steady_clock::now();
   QBitMap* pixels = picture->pixels.get();
   // Uploaded as decoded: the quad turns it, and no mipmaps are needed at about 1:1.
-  texture.reset(new DBitMapTexture());
-  texture->SetName(path);
-  texture->UsePictureFiltering();
-  texture->FromBitMap(pixels);
+  slide.texture.reset(new DBitMapTexture());
+  slide.texture->SetName(path);
+  slide.texture->UsePictureFiltering();
+  slide.texture->FromBitMap(pixels);
   shownWidth = picture->Turned() ? picture->height : picture->width;
   shownHeight = picture->Turned() ? picture->width : picture->height;
-  shownShape = LoadedPicture();
-  shownShape.path = picture->path;
-  shownShape.width = picture->width, shownShape.height = picture->height;
-  shownShape.orientation = picture->orientation;
-  mesh = MakeQuad(shownShape, texture.get());
+  slide.shape.path = picture->path;
+  slide.shape.width = picture->width, slide.shape.height = picture->height;
+  slide.shape.orientation = picture->orientation;
+  slide.mesh = MakeQuad(slide);
   picture->pixels.reset();
   // A new picture, or a sharper decode of the shown one, starts again from its first frame.
   animation = std::move(picture->animation);
@@ -157,8 +153,9 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool shar
   if (curImage == -1 && AddToDir(path)) curImage = imageCount - 1;
 }
 
-std::unique_ptr<DMesh> RaceManager::MakeQuad(const LoadedPicture& shape,
-                                            DBitMapTexture* pixels) {
+std::unique_ptr<DMesh> RaceManager::MakeQuad(const Slide& picture) {
+  const LoadedPicture& shape = picture.shape;
+  DBitMapTexture* pixels = picture.texture.get();
   if (!window || !pixels) return nullptr;
   quadWindowWidth = window->GetWidth();
   quadWindowHeight = window->GetHeight();
@@ -177,8 +174,8 @@ std::unique_ptr<DMesh> RaceManager::MakeQuad(const LoadedPicture& shape,
 void RaceManager::FollowWindowSize() {
   if (!window || (window->GetWidth() == quadWindowWidth && window->GetHeight() == quadWindowHeight))
     return;
-  if (mesh) mesh = MakeQuad(shownShape, texture.get());
-  if (fadeMesh) fadeMesh = MakeQuad(fadeShape, fadeTexture.get());
+  if (slide.mesh) slide.mesh = MakeQuad(slide);
+  if (fadeSlide.mesh) fadeSlide.mesh = MakeQuad(fadeSlide);
   quadWindowWidth = window->GetWidth();
   quadWindowHeight = window->GetHeight();
   QDBG("RaceManager::FollowWindowSize", "Window now %dx%d\n", quadWindowWidth, quadWindowHeight);
@@ -187,7 +184,8 @@ void RaceManager::FollowWindowSize() {
   prefetchDue = true;
   // A window that is being dragged larger changes many times a second: the picture is decoded
   // again only once its size has stood still for a moment.
-  if (texture && !Covers(shownShape, texture->GetWidth(), texture->GetHeight(), CurrentFit())) {
+  if (slide && !Covers(slide.shape, slide.texture->GetWidth(), slide.texture->GetHeight(),
+                       CurrentFit())) {
     sharpenDue = true;
     sharpenAt = std::chrono::steady_clock::now() + std::chrono::milliseconds(kSharpenAfterMs);
   }
@@ -195,9 +193,9 @@ void RaceManager::FollowWindowSize() {
 
 void RaceManager::Sharpen() {
   sharpenDue = false;
-  if (!texture || curFile.IsEmpty()) return;
+  if (!slide || curFile.IsEmpty()) return;
   const ScreenFit fit = CurrentFit();
-  if (Covers(shownShape, texture->GetWidth(), texture->GetHeight(), fit)) return;
+  if (Covers(slide.shape, slide.texture->GetWidth(), slide.texture->GetHeight(), fit)) return;
   const std::string path(curFile.cstr());
   const bool grey = ini && ini->GetBool("effects.black_and_white", false);
   LoadedPicture picture;
@@ -211,22 +209,22 @@ void RaceManager::Paint() {
   if (!canvas) return;
   canvas->SetClearColor(0, 0, 0, 0);
   canvas->Clear(QCanvas::CLEAR_COLOR | QCanvas::CLEAR_DEPTH);
-  if (mesh) {
+  if (slide.mesh) {
     canvas->Set3D(QCanvas::DEFAULT_DISTANCE);
     // During a fade, a cross-fade over black: old * (1 - w) + new * w, wherever either quad lies.
     double w = 1.0;
-    if (fadeMesh) {
+    if (fadeSlide.mesh) {
       const auto now = std::chrono::steady_clock::now();
       if (!fadeStarted) fadeStart = now, fadeStarted = true;
       w = std::chrono::duration<double, std::milli>(now - fadeStart).count() / fadeMs;
       if (w >= 1.0) EndFade();
     }
     if (w < 1.0) {
-      fadeMesh->Paint(float(1.0 - w));
-      mesh->Paint(float(w), true);
+      fadeSlide.mesh->Paint(float(1.0 - w));
+      slide.mesh->Paint(float(w), true);
       dirty = true;  // the next frame of the fade
     } else {
-      mesh->Paint();
+      slide.mesh->Paint();
     }
   }
   if (!(flags & SHOW_INFO)) return;
@@ -235,7 +233,7 @@ void RaceManager::Paint() {
   qstring line;
   line.Format("File %d of %d", curImage + 1, imageCount);
   DrawText(line.cstr(), 10, 10);
-  if (texture) {
+  if (slide) {
     qstring name(curFile);
     name.CutPath();
     line.Format("%s (%dx%d)", name.cstr(), shownWidth, shownHeight);
@@ -252,14 +250,14 @@ void RaceManager::NextFrame() {
     if (shownCount != before || !animation) return;
   }
   if (!animFrame) animFrame.reset(new QBitMap());
-  if (!texture || !animation->Next(animFrame.get(), texture->GetWidth(), texture->GetHeight(),
-                                   &animDelayMs)) {
+  if (!slide || !animation->Next(animFrame.get(), slide.texture->GetWidth(),
+                                 slide.texture->GetHeight(), &animDelayMs)) {
     animation.reset();
     animFrame.reset();
     return;
   }
   if (animGrey) animFrame->MakeGray();
-  texture->Update(animFrame.get());
+  slide.texture->Update(animFrame.get());
   QDBG("RaceManager::NextFrame", "Frame %d (%d ms) of %s\n", animation->FrameIndex(), animDelayMs,
        curFile.cstr());
   dirty = true;
@@ -269,8 +267,7 @@ void RaceManager::NextFrame() {
 }
 
 void RaceManager::EndFade() {
-  fadeMesh.reset();
-  fadeTexture.reset();
+  fadeSlide.Clear();
   fadeStarted = false;
 }
 

@@ -44,7 +44,7 @@ void RaceManager::FollowFolder() {
   if (prefetcher)
     for (const std::string& name : changed) prefetcher->Forget(name);
   if (ReturnHome()) watch->Writing(&writing);
-  const bool nothingShown = !texture;
+  const bool nothingShown = !slide;
   std::vector<std::string> before;
   for (int i = 0; nothingShown && i < imageCount; ++i) before.push_back(images[i].cstr());
   // A file whose writing began while the folder was being listed may be listed half-written;
