@@ -20,8 +20,6 @@
 
 namespace {
 
-// The controller's log lines carry its main source name wherever its code lives.
-constexpr const char* kSource = "slideshow.cpp";
 constexpr int kBufferSize = 1024;
 constexpr int kDefaultPort = 5000;
 // How often the watcher looks up from the socket to see whether it is to end.
@@ -123,7 +121,7 @@ int CommandChannel::Receive(char* buf, QNAddress* from) {
     return n;
   }
   buf[n] = 0;
-  qdbg(kSource, "NetCheck", __LINE__, "in %d bytes (%s)\n", n, buf);
+  QDBG("NetCheck", "in %d bytes (%s)\n", n, buf);
   return n;
 }
 

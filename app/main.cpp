@@ -19,6 +19,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -42,7 +43,7 @@
 
 namespace {
 
-constexpr int kMaxPath = 256;
+constexpr int kMaxPath = PATH_MAX;
 constexpr const char* kProgramName = "glimra";
 // How long a start that lost waits for the winner's command port before it runs itself.
 constexpr int kHandOffWaitMs = 5000;

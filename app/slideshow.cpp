@@ -73,8 +73,7 @@ RaceManager::~RaceManager() {
   catalogue.reset();
   ini.reset();
   EndFade();
-  texture.reset();
-  mesh.reset();
+  slide.Clear();
   curFile.Clear();
   canvas.reset();
   font.reset();
@@ -98,7 +97,11 @@ void RaceManager::TextureRelease::operator()(DBitMapTexture* t) const {
   if (t->GetRefCount() <= 0 || t->Detach()) delete t;
 }
 
-void RaceManager::ReleaseTexture() { texture.reset(); }
+void RaceManager::Slide::Clear() {
+  mesh.reset();
+  texture.reset();
+  shape = LoadedPicture();
+}
 
 void RaceManager::SaveIni() {
   // No question about a changed file: the display runs unattended.
@@ -297,7 +300,7 @@ void RaceManager::TakeFound() {
   if (flags & SHOW_INFO) dirty = true;  // the counts in the overlay
   prefetchDue = true;
   // A library that was empty until now: its first picture is shown.
-  if (before == 0 && !texture && !g_stopSignal && catalogue->Count() > 0) {
+  if (before == 0 && !slide && !g_stopSignal && catalogue->Count() > 0) {
     const std::string first = catalogue->Name(0);
     LoadNewImage(first.c_str());
   }

@@ -7,8 +7,8 @@
 // texture, takes a due advance step (for an animation, at the end of the loop the interval ends
 // in), then runs the idle cycle, which paints and presents a frame only when something changed.
 //
-// What stays true: at most one texture and one mesh exist, both owned here and replaced together
-// by each successful load (during a fade the previous pair is kept too, until the fade ends); a
+// What stays true: the shown picture is one Slide (texture, quad and the shape they were made
+// from), replaced whole by each successful load (the one a fade leaves stays until it ends); a
 // failed load leaves the picture, `curFile` and the catalogue's position as they were. The
 // catalogue (app/catalogue.h) holds the names, each exactly as the listing (or the load) gave
 // it, since pictures are opened by that name, their order and the position in it. The
@@ -207,8 +207,8 @@ class RaceManager {
   const char* GetCurFile() const { return curFile.cstr(); }
   uint32_t GetFlags() const { return flags; }
   int GetNetPort() const { return netPort; }
-  const DBitMapTexture* GetTexture() const { return texture.get(); }
-  const DMesh* GetMesh() const { return mesh.get(); }
+  const DBitMapTexture* GetTexture() const { return slide.texture.get(); }
+  const DMesh* GetMesh() const { return slide.mesh.get(); }
   const LoadTimes& GetLoadTimes() const { return loadTimes; }
   // Pictures put on the screen so far: a load that changed nothing leaves it.
   int GetShownCount() const { return shownCount; }
@@ -219,13 +219,27 @@ class RaceManager {
   void SetWindow(QShell* win);
 
  private:
-  // The quad for `shape` with `pixels` on it, filling the window's height as it is now (which
-  // it records); null without a window.
-  std::unique_ptr<DMesh> MakeQuad(const LoadedPicture& shape, DBitMapTexture* pixels);
+  // Lets go of a texture: deleted when this was its last holder (or it never got a GL name).
+  struct TextureRelease {
+    void operator()(DBitMapTexture* t) const;
+  };
+  // One picture on the screen: its texture and the quad showing it, replaced together, and
+  // what the quad was made from (size and orientation, no pixels), so that a new window size
+  // can make the quad again. Empty: no texture and no quad.
+  struct Slide {
+    std::unique_ptr<DBitMapTexture, TextureRelease> texture;  // shared by reference count
+    std::unique_ptr<DMesh> mesh;  // null without a window
+    LoadedPicture shape;
+    explicit operator bool() const { return texture != nullptr; }
+    // Lets go of both, the quad first: it draws the texture.
+    void Clear();
+  };
+
+  // The quad for `picture`'s shape with its texture on it, filling the window's height as it is
+  // now (which it records); null without a window or texture.
+  std::unique_ptr<DMesh> MakeQuad(const Slide& picture);
   // Writes a changed key to the configuration file at once, without asking.
   void SaveIni();
-  // Lets go of the texture: deleted when this was its last holder (or it never got a GL name).
-  void ReleaseTexture();
   // The catalogue's options from the configuration and the library's folder, and the index opened.
   void OpenCatalogue();
   // What the library's walk found joins the catalogue; the first picture is shown when nothing is.
@@ -241,9 +255,6 @@ class RaceManager {
   // Once the folder entered again lists pictures: the shown name read again from it, else its
   // first picture shown.
   void ShowReturned();
-  struct TextureRelease {
-    void operator()(DBitMapTexture* t) const;
-  };
 
   // Field order follows the controller's record layout; see the header text for ownership.
   std::unique_ptr<QIni> ini;
@@ -251,8 +262,7 @@ class RaceManager {
   int32_t netPort = 0;
   QShell* window = nullptr;
   qstring curFile;
-  std::unique_ptr<DBitMapTexture, TextureRelease> texture;  // shared by reference count
-  std::unique_ptr<DMesh> mesh;
+  Slide slide;  // the shown picture
   std::unique_ptr<QFont> font;
   std::unique_ptr<Catalogue> catalogue;  // the names, their order and the position
   qstring folder;  // the scanned folder's real path, empty before a scan
@@ -275,11 +285,10 @@ class RaceManager {
   std::chrono::steady_clock::time_point advanceAt;
   bool newPicture = false;  // a picture was shown whose first frame is not out yet
   int shownCount = 0;       // pictures shown so far, to tell a step that failed
-  // Fade ("effects.fade_ms"; 0: a cut): while it runs, the previous picture's texture and quad
-  // are kept and drawn under the new one.
+  // Fade ("effects.fade_ms"; 0: a cut): while it runs, the previous picture is kept and drawn
+  // under the new one.
   int fadeMs = 0;
-  std::unique_ptr<DBitMapTexture, TextureRelease> fadeTexture;
-  std::unique_ptr<DMesh> fadeMesh;
+  Slide fadeSlide;
   std::chrono::steady_clock::time_point fadeStart;
   bool fadeStarted = false;  // its first frame is out: `fadeStart` holds
   std::chrono::steady_clock::time_point frameAt;  // when the last frame was begun
@@ -287,9 +296,7 @@ class RaceManager {
   bool dirty = true;  // the screen no longer shows the current state
   bool prefetchDue = false;  // the neighbours are to be prefetched once the frame is out
   int shownWidth = 0, shownHeight = 0;  // the shown picture's own size, turned upright
-  // What the shown and the fading picture's quads are made from (no pixels), so that a new
-  // window size can make them again; and the window size they were made for.
-  LoadedPicture shownShape, fadeShape;
+  // The window size the quads were made for.
   int quadWindowWidth = 0, quadWindowHeight = 0;
   bool sharpenDue = false;  // FollowWindowSize found the shown picture's pixels too few
   std::chrono::steady_clock::time_point sharpenAt;

@@ -21,9 +21,6 @@
 
 namespace {
 
-// The controller's log lines carry its main source name wherever its code lives, so that log
-// filters on the controller keep working.
-constexpr const char* kSource = "slideshow.cpp";
 // How long a new window size stands before the shown picture is decoded again for it.
 constexpr int kSharpenAfterMs = 250;
 
@@ -47,7 +44,7 @@ int TurnAngle(int orientation) {
 
 void RaceManager::LoadCurImage() {
   if (curFile.IsEmpty()) return;
-  qdbg(kSource, "RaceManager::LoadCurImage", __LINE__, "Load image %d\n", catalogue->Current());
+  QDBG("RaceManager::LoadCurImage", "Load image %d\n", catalogue->Current());
   // LoadNewImage replaces curFile; it must not read from the string it overwrites.
   qstring path(curFile);
   LoadNewImage(path.cstr());
@@ -98,40 +95,36 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool shar
   if (!picture->ok) {
     // A load given up because the program is ending is no fault of the picture.
     if (picture->stopped)
-      qdbg(kSource, "RaceManager::LoadNewImage", __LINE__, "Load of %s given up: stopping\n", path);
+      QDBG("RaceManager::LoadNewImage", "Load of %s given up: stopping\n", path);
     else
-      qerr(kSource, "RaceManager::LoadNewImage", __LINE__, "Can't load image (%s)", path);
+      QERR("RaceManager::LoadNewImage", "Can't load image (%s)", path);
     return;
   }
   curFile = path;
-  if (!sharper && fadeMs > 0 && window && texture && mesh) {
+  if (!sharper && fadeMs > 0 && window && slide.mesh) {
     // The shown picture stays under the new one until the fade ends; a fade still running
     // ends here.
-    fadeTexture = std::move(texture);
-    fadeMesh = std::move(mesh);
-    fadeShape = std::move(shownShape);
+    fadeSlide.Clear();
+    fadeSlide = std::move(slide);
     fadeStarted = false;
-  } else {
-    ReleaseTexture();
-    mesh.reset();
   }
-  qdbg(kSource, "RaceManager::LoadNewImage", __LINE__, "Code %d, Orientation: %d\n",
-       picture->exifCode, picture->orientation);
+  slide.Clear();
+  QDBG("RaceManager::LoadNewImage", "Code %d, Orientation: %d\n", picture->exifCode,
+       picture->orientation);
 
   const auto start = std::chrono::steady_clock::now();
   QBitMap* pixels = picture->pixels.get();
   // Uploaded as decoded: the quad turns it, and no mipmaps are needed at about 1:1.
-  texture.reset(new DBitMapTexture());
-  texture->SetName(path);
-  texture->UsePictureFiltering();
-  texture->FromBitMap(pixels);
+  slide.texture.reset(new DBitMapTexture());
+  slide.texture->SetName(path);
+  slide.texture->UsePictureFiltering();
+  slide.texture->FromBitMap(pixels);
   shownWidth = picture->Turned() ? picture->height : picture->width;
   shownHeight = picture->Turned() ? picture->width : picture->height;
-  shownShape = LoadedPicture();
-  shownShape.path = picture->path;
-  shownShape.width = picture->width, shownShape.height = picture->height;
-  shownShape.orientation = picture->orientation;
-  mesh = MakeQuad(shownShape, texture.get());
+  slide.shape.path = picture->path;
+  slide.shape.width = picture->width, slide.shape.height = picture->height;
+  slide.shape.orientation = picture->orientation;
+  slide.mesh = MakeQuad(slide);
   picture->pixels.reset();
   // A new picture, or a sharper decode of the shown one, starts again from its first frame.
   animation = std::move(picture->animation);
@@ -146,7 +139,7 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool shar
   t.upload =
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   // The texture count shows from outside whether old pictures are given back.
-  qdbg(kSource, "RaceManager::LoadNewImage", __LINE__,
+  QDBG("RaceManager::LoadNewImage",
        "Load times (%s): read %.1f ms, decode %.1f ms, reduce %.1f ms, colour %.1f ms, grey %.1f ms, "
        "exif %.1f ms, upload %.1f ms%s; %d textures\n",
        path, t.read, t.decode, t.reduce, t.colour, t.grey, t.exif, t.upload,
@@ -163,8 +156,9 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool shar
   catalogue->Shown(path);
 }
 
-std::unique_ptr<DMesh> RaceManager::MakeQuad(const LoadedPicture& shape,
-                                            DBitMapTexture* pixels) {
+std::unique_ptr<DMesh> RaceManager::MakeQuad(const Slide& picture) {
+  const LoadedPicture& shape = picture.shape;
+  DBitMapTexture* pixels = picture.texture.get();
   if (!window || !pixels) return nullptr;
   quadWindowWidth = window->GetWidth();
   quadWindowHeight = window->GetHeight();
@@ -183,18 +177,18 @@ std::unique_ptr<DMesh> RaceManager::MakeQuad(const LoadedPicture& shape,
 void RaceManager::FollowWindowSize() {
   if (!window || (window->GetWidth() == quadWindowWidth && window->GetHeight() == quadWindowHeight))
     return;
-  if (mesh) mesh = MakeQuad(shownShape, texture.get());
-  if (fadeMesh) fadeMesh = MakeQuad(fadeShape, fadeTexture.get());
+  if (slide.mesh) slide.mesh = MakeQuad(slide);
+  if (fadeSlide.mesh) fadeSlide.mesh = MakeQuad(fadeSlide);
   quadWindowWidth = window->GetWidth();
   quadWindowHeight = window->GetHeight();
-  qdbg(kSource, "RaceManager::FollowWindowSize", __LINE__, "Window now %dx%d\n", quadWindowWidth,
-       quadWindowHeight);
+  QDBG("RaceManager::FollowWindowSize", "Window now %dx%d\n", quadWindowWidth, quadWindowHeight);
   dirty = true;
   // Prefetched pictures that no longer cover their place are decoded again for it.
   prefetchDue = true;
   // A window that is being dragged larger changes many times a second: the picture is decoded
   // again only once its size has stood still for a moment.
-  if (texture && !Covers(shownShape, texture->GetWidth(), texture->GetHeight(), CurrentFit())) {
+  if (slide && !Covers(slide.shape, slide.texture->GetWidth(), slide.texture->GetHeight(),
+                       CurrentFit())) {
     sharpenDue = true;
     sharpenAt = std::chrono::steady_clock::now() + std::chrono::milliseconds(kSharpenAfterMs);
   }
@@ -202,9 +196,9 @@ void RaceManager::FollowWindowSize() {
 
 void RaceManager::Sharpen() {
   sharpenDue = false;
-  if (!texture || curFile.IsEmpty()) return;
+  if (!slide || curFile.IsEmpty()) return;
   const ScreenFit fit = CurrentFit();
-  if (Covers(shownShape, texture->GetWidth(), texture->GetHeight(), fit)) return;
+  if (Covers(slide.shape, slide.texture->GetWidth(), slide.texture->GetHeight(), fit)) return;
   const std::string path(curFile.cstr());
   const bool grey = ini && ini->GetBool("effects.black_and_white", false);
   LoadedPicture picture;
@@ -218,22 +212,22 @@ void RaceManager::Paint() {
   if (!canvas) return;
   canvas->SetClearColor(0, 0, 0, 0);
   canvas->Clear(QCanvas::CLEAR_COLOR | QCanvas::CLEAR_DEPTH);
-  if (mesh) {
+  if (slide.mesh) {
     canvas->Set3D(QCanvas::DEFAULT_DISTANCE);
     // During a fade, a cross-fade over black: old * (1 - w) + new * w, wherever either quad lies.
     double w = 1.0;
-    if (fadeMesh) {
+    if (fadeSlide.mesh) {
       const auto now = std::chrono::steady_clock::now();
       if (!fadeStarted) fadeStart = now, fadeStarted = true;
       w = std::chrono::duration<double, std::milli>(now - fadeStart).count() / fadeMs;
       if (w >= 1.0) EndFade();
     }
     if (w < 1.0) {
-      fadeMesh->Paint(float(1.0 - w));
-      mesh->Paint(float(w), true);
+      fadeSlide.mesh->Paint(float(1.0 - w));
+      slide.mesh->Paint(float(w), true);
       dirty = true;  // the next frame of the fade
     } else {
-      mesh->Paint();
+      slide.mesh->Paint();
     }
   }
   if (!(flags & SHOW_INFO)) return;
@@ -242,7 +236,7 @@ void RaceManager::Paint() {
   qstring line;
   line.Format("File %d of %d", catalogue->Current() + 1, catalogue->Count());
   DrawText(line.cstr(), 10, 10);
-  if (texture) {
+  if (slide) {
     qstring name(curFile);
     name.CutPath();
     line.Format("%s (%dx%d)", name.cstr(), shownWidth, shownHeight);
@@ -259,16 +253,16 @@ void RaceManager::NextFrame() {
     if (shownCount != before || !animation) return;
   }
   if (!animFrame) animFrame.reset(new QBitMap());
-  if (!texture || !animation->Next(animFrame.get(), texture->GetWidth(), texture->GetHeight(),
-                                   &animDelayMs)) {
+  if (!slide || !animation->Next(animFrame.get(), slide.texture->GetWidth(),
+                                 slide.texture->GetHeight(), &animDelayMs)) {
     animation.reset();
     animFrame.reset();
     return;
   }
   if (animGrey) animFrame->MakeGray();
-  texture->Update(animFrame.get());
-  qdbg(kSource, "RaceManager::NextFrame", __LINE__, "Frame %d (%d ms) of %s\n",
-       animation->FrameIndex(), animDelayMs, curFile.cstr());
+  slide.texture->Update(animFrame.get());
+  QDBG("RaceManager::NextFrame", "Frame %d (%d ms) of %s\n", animation->FrameIndex(), animDelayMs,
+       curFile.cstr());
   dirty = true;
   // Each frame gets its whole time, counted from now, when it is drawn: a late one (a busy
   // machine, a step) does not shorten the next.
@@ -276,8 +270,7 @@ void RaceManager::NextFrame() {
 }
 
 void RaceManager::EndFade() {
-  fadeMesh.reset();
-  fadeTexture.reset();
+  fadeSlide.Clear();
   fadeStarted = false;
 }
 

@@ -10,8 +10,6 @@
 
 namespace {
 
-// The controller's log lines carry its main source name wherever its code lives.
-constexpr const char* kSource = "slideshow.cpp";
 // Listings in a row while files keep starting to be written during them.
 constexpr int kMaxRounds = 4;
 
@@ -46,7 +44,7 @@ void RaceManager::FollowFolder() {
   if (prefetcher)
     for (const std::string& name : changed) prefetcher->Forget(name);
   if (ReturnHome()) watch->Writing(&writing);
-  const bool nothingShown = !texture;
+  const bool nothingShown = !slide;
   std::vector<std::string> before;
   for (int i = 0; nothingShown && i < catalogue->Count(); ++i) before.push_back(catalogue->Name(i));
   // A file whose writing began while the folder was being listed may be listed half-written;
@@ -59,9 +57,8 @@ void RaceManager::FollowFolder() {
     if (!listed) break;
     Rescan(writing);
   }
-  qnote(kSource, "RaceManager::FollowFolder", __LINE__,
-        "Folder changed (%d names): %d pictures, %d being written", int(changed.size()),
-        catalogue->Count(), int(writing.size()));
+  QNOTE("RaceManager::FollowFolder", "Folder changed (%d names): %d pictures, %d being written",
+        int(changed.size()), catalogue->Count(), int(writing.size()));
   if (returned) {
     ShowReturned();
     return;

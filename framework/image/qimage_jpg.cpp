@@ -308,7 +308,7 @@ void QImage::PutLine(const uint8_t* scanline, int row, QBitMap* bm, int componen
 bool QImage::ReadJPG(const char* name) {
   QStream fp(qfopen(name, "rb"));
   if (!fp) {
-    printf("Can't open %s\n", name);
+    QWARN("QImage::ReadJPG", "QImage:ReadJPG(); can't open '%s'", name);
     return false;
   }
   size_t size = 0;

@@ -1,21 +1,24 @@
-// Pictures made for one window size and wanted for another (the desktop resized the window):
-// handed over shrunk while they still cover their new place, decoded again once they do not.
+// The loader's sizes (what is decoded covers the quad and no more, turned pictures swap the
+// quad's proportions, the texture limit caps everything) and the prefetcher's hand-over.
 #include "app/picture_loader.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <thread>
+#include <vector>
 
 #include "app/prefetcher.h"
 #include "framework/qbitmap.h"
+#include "support/e2e.h"
 #include "support/tempdir.h"
 
 namespace {
 
-ScreenFit Window(int w, int h) {
+ScreenFit Window(int w, int h, int maxTexture = 0) {
   ScreenFit fit;
-  fit.windowWidth = w, fit.windowHeight = h;
+  fit.windowWidth = w, fit.windowHeight = h, fit.maxTexture = maxTexture;
   fit.desktopAspect = 16.0 / 9.0;
   return fit;
 }
@@ -27,61 +30,101 @@ bool Decoded(Prefetcher* pre, const std::string& path) {
   return pre->Ready(path);
 }
 
-class Resized : public TempDirTest {
- protected:
-  void SetUp() override {
-    QBitMap bm(32, 1200, 900);
-    ASSERT_NE(bm.GetBuffer(), nullptr);
-    path_ = Tmp("a.jpg");
-    ASSERT_TRUE(bm.Write(path_.c_str(), 3, 90));
+// A 3200 x 2400 JPEG takes another scale for each window (1/8 to 5/8, then all), a Targa decodes
+// whole: what comes out is the quad's size in stored directions, never less, never more than the
+// picture has or a texture holds. Orientations 6 and 8 (JPEG, TIFF, WebP) swap the quad's
+// proportions; a HEIC stored turned comes upright by its own rotation (irot), not turned again.
+TEST(LoadPicture, DecodesToTheQuadsSizeTurnedAsAskedAndWithinTheTextureLimit) {
+  const TempDir tmp;
+  const std::string jpeg = tmp.File("0.jpg"), pano = tmp.File("pano.tga");
+  ASSERT_TRUE(e2e::WritePicture(jpeg, 3200, 2400, e2e::Photo));
+  for (int o : {3, 6, 8})
+    ASSERT_TRUE(e2e::SetJpegOrientation(tmp.Write(std::to_string(o) + ".jpg", ReadFile(jpeg)), o));
+  ASSERT_TRUE(e2e::WritePicture(pano, 8000, 500, [](int x, int) { return x * 255u / 8000; }));
+  const struct {
+    std::string file;
+    ScreenFit fit;
+    int orientation, quadW, quadH, pixW, pixH;
+  } cases[] = {
+      {jpeg, Window(320, 180), 0, 240, 180, 240, 180},
+      {jpeg, Window(1280, 720), 0, 960, 720, 960, 720},
+      {jpeg, Window(2560, 1440), 0, 1920, 1440, 1920, 1440},
+      {jpeg, Window(6400, 3600), 0, 4800, 3600, 3200, 2400},
+      {tmp.File("3.jpg"), Window(1280, 720), 3, 960, 720, 960, 720},
+      {tmp.File("6.jpg"), Window(1280, 720), 6, 540, 720, 720, 540},
+      {tmp.File("8.jpg"), Window(320, 180), 8, 135, 180, 180, 135},
+      {tmp.File("6.jpg"), Window(2560, 1440, 1200), 6, 1080, 1440, 1200, 900},
+      {pano, Window(1280, 720, 2048), 0, 11520, 720, 2048, 128},
+      // 48 x 64 stored, shown 64 x 48.
+      {kTestImages + "quad_o6.tif", Window(32, 24), 6, 24, 24, 24, 32},
+      {kTestImages + "quad_o6.webp", Window(32, 24), 6, 24, 24, 24, 32},
+      {kTestImages + "quad_irot.heic", Window(32, 24), 0, 24, 24, 32, 24},
+  };
+  for (const auto& c : cases) {
+    const std::string what = c.file + " in " + std::to_string(c.fit.windowWidth);
+    LoadedPicture p;
+    LoadPicture(c.file, c.fit, false, &p);
+    ASSERT_TRUE(p.ok && p.pixels) << what;
+    int w = 0, h = 0;
+    p.QuadSize(&w, &h);
+    EXPECT_EQ(std::vector<int>({p.orientation, w, h, p.pixels->GetWidth(), p.pixels->GetHeight()}),
+              std::vector<int>({c.orientation, c.quadW, c.quadH, c.pixW, c.pixH}))
+        << what;
   }
-  std::string path_;
-};
-
-// Refit is reached through Take: what covers is shrunk, what does not is decoded again.
-TEST_F(Resized, ThePrefetcherHandsOverWhatStillCoversAndDecodesAgainWhatDoesNot) {
-  LoadedPicture p;
-  LoadPicture(path_, Window(1280, 720), false, &p);
-  ASSERT_TRUE(p.ok);
-  // 4:3 on a 16:9 desktop in a 1280 x 720 window: a quad of 960 x 720.
-  EXPECT_EQ(p.pixels->GetWidth(), 960);
-  EXPECT_EQ(p.pixels->GetHeight(), 720);
-  // A picture smaller than every quad covers each: there is nothing more to decode.
-  EXPECT_TRUE(Covers(p, p.width, p.height, Window(4000, 3000)));
-
-  Prefetcher pre;
-  ASSERT_TRUE(pre.IsRunning());
-  pre.Want({path_}, Window(1280, 720), false);
-  ASSERT_TRUE(Decoded(&pre, path_));
-  ASSERT_TRUE(pre.Take(path_, Window(640, 480), false, &p));
-  // The quad is 480 x 480 there; kept in proportion, 640 x 480 covers it.
-  EXPECT_EQ(p.pixels->GetWidth(), 640);
-  EXPECT_EQ(p.pixels->GetHeight(), 480);
-  EXPECT_EQ(p.fit.windowWidth, 640);
-  pre.Want({path_}, Window(640, 480), false);
-  ASSERT_TRUE(Decoded(&pre, path_));
-  EXPECT_FALSE(pre.Take(path_, Window(1280, 720), false, &p));
-  // Wanted again for the larger window, it is decoded for it.
-  pre.Want({path_}, Window(1280, 720), false);
-  ASSERT_TRUE(Decoded(&pre, path_));
-  ASSERT_TRUE(pre.Take(path_, Window(1280, 720), false, &p));
-  EXPECT_EQ(p.pixels->GetHeight(), 720);
 }
 
-// 48 x 64 stored, shown 64 x 48 in a 32 x 24 window (16:9 desktop), needs 24 x 32 stored pixels;
-// a HEIC stored turned comes upright from its own rotation (irot) and is not turned again.
+// Made for one window and wanted for another (the desktop resized it), a picture is handed over
+// shrunk while its pixels cover the new quad, and decoded again once they do not; one no longer
+// wanted, wanted grey, or changed on disk since is not handed over.
+TEST(Prefetcher, HandsOverOnlyWhatTheLastWantAskedForAsTheFileIsNow) {
+  const TempDir tmp;
+  const std::string a = tmp.File("a.jpg"), b = tmp.File("b.tga");
+  ASSERT_TRUE(e2e::WritePicture(a, 1200, 900, e2e::Photo) && e2e::Uniform(b, 0x32C832));
+  Prefetcher pre;
+  pre.Want({a, b}, Window(1280, 720), false);
+  ASSERT_TRUE(Decoded(&pre, a) && Decoded(&pre, b));
+  LoadedPicture p;
+  ASSERT_TRUE(pre.Take(a, Window(640, 480), false, &p));
+  // The quad is 480 x 480 there; kept in proportion, 640 x 480 covers it.
+  EXPECT_EQ(std::vector<int>({p.pixels->GetWidth(), p.pixels->GetHeight(), p.fit.windowWidth}),
+            std::vector<int>({640, 480, 640}));
+  // A picture smaller than every quad covers each: there is nothing more to decode.
+  EXPECT_TRUE(Covers(p, p.width, p.height, Window(4000, 3000)));
+  pre.Want({a}, Window(640, 480), false);
+  EXPECT_FALSE(pre.Ready(b) || pre.Take(b, Window(640, 480), false, &p));
+  ASSERT_TRUE(Decoded(&pre, a));
+  EXPECT_FALSE(pre.Take(a, Window(1280, 720), false, &p));
+  pre.Want({a, b}, Window(1280, 720), false);
+  ASSERT_TRUE(Decoded(&pre, a) && Decoded(&pre, b));
+  EXPECT_FALSE(pre.Take(a, Window(1280, 720), true, &p)) << "made in colour, taken grey";
+  ASSERT_TRUE(pre.Take(a, Window(1280, 720), false, &p));
+  EXPECT_EQ(p.pixels->GetHeight(), 720);
+  ASSERT_TRUE(e2e::WritePicture(b, 20, 10, [](int, int) { return 0x3232C8u; }));
+  EXPECT_FALSE(pre.Take(b, Window(1280, 720), false, &p));
+  pre.Want({b}, Window(1280, 720), false);
+  ASSERT_TRUE(Decoded(&pre, b) && pre.Take(b, Window(1280, 720), false, &p));
+  const uint8_t* px = p.pixels->GetBuffer();
+  EXPECT_EQ(std::vector<int>({px[0], px[1], px[2]}), std::vector<int>({0x32, 0x32, 0xC8}));
+}
 
-TEST(LoadPicture, TiffAndWebPAreTurnedByTheirOrientationAndShrunkToTheQuad) {
-  for (const char* name : {"quad_o6.tif", "quad_o6.webp", "quad_irot.heic"}) {
-    LoadedPicture p;
-    LoadPicture(kTestImages + name, Window(32, 24), false, &p);
-    ASSERT_TRUE(p.ok && p.pixels) << name;
-    const bool turned = std::string(name).find("o6") != std::string::npos;
-    EXPECT_EQ(p.orientation, turned ? 6 : 0) << name;
-    EXPECT_EQ(p.width, turned ? 48 : 64) << name;
-    EXPECT_EQ(p.pixels->GetWidth(), turned ? 24 : 32) << name;
-    EXPECT_EQ(p.pixels->GetHeight(), turned ? 32 : 24) << name;
-  }
+// A stop asked for while the worker decodes a picture that takes seconds: the prefetcher goes
+// within a second and starts nothing more. In a child process, since a stop stays asked; the
+// sanitizer's leak check at the child's exit turns a leak into another exit status.
+TEST(Prefetcher, AStopInTheMiddleOfADecodeLetsItGoAtOnce) {
+  const TempDir tmp;
+  const std::string slow = tmp.Write("slow.png", e2e::RepeatedRowsPng(16384, 16384, 16));
+  const std::string again = tmp.Write("again.png", ReadFile(slow));
+  EXPECT_EXIT(
+      {
+        auto* pre = new Prefetcher();
+        pre->Want({slow, again}, Window(800, 600), false);
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        QBitMap::RequestStop();
+        const auto start = std::chrono::steady_clock::now();
+        delete pre;
+        std::exit(std::chrono::steady_clock::now() - start < std::chrono::seconds(1) ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // The picture pipeline from outside, on a 1920 x 1080 X server: the screen against ImageMagick's
-// resize for every kind of picture, prefetched steps, replaced files and a junk flood.
+// resize for every kind of picture, prefetched steps and a junk flood.
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -32,17 +32,6 @@ double Difference(const Screen& s, int x0, int w, const std::string& picture, in
   return sum / (3.0 * w * kH);
 }
 
-// The Photo pattern as a binary PPM.
-bool WritePpm(const std::string& path, int w, int h) {
-  std::string ppm = "P6\n" + std::to_string(w) + " " + std::to_string(h) + "\n255\n";
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x) {
-      const uint32_t c = Photo(x, y);
-      ppm += {char(c >> 16), char(c >> 8), char(c)};
-    }
-  return WriteFile(path, ppm);
-}
-
 class PipelineE2E : public ScreenTest<kW, kH> {
  protected:
   static void SetUpTestSuite() {
@@ -66,9 +55,6 @@ TEST_F(PipelineE2E, WhatIsShownLooksLikeAHighQualityResizeAndJunkDoesNotHoldUpAC
   Program p;
   Prepare(&p);
   ASSERT_TRUE(WritePicture(p.Path("photo.jpg"), 6000, 4000, Photo));
-  // ImageMagick resizes the Targa's pixels from a PPM: it reads a Targa's row origin its own way.
-  ASSERT_TRUE(WritePicture(p.Path("big.tga"), 3000, 2000, Photo));
-  ASSERT_TRUE(WritePpm(p.Path("big.ppm"), 3000, 2000));
   // The same photo stored turned: EXIF orientation 6 asks for a quarter turn clockwise.
   ASSERT_TRUE(WriteFile(p.Path("turned.jpg"), p.ReadFile("photo.jpg")));
   ASSERT_TRUE(SetJpegOrientation(p.Path("turned.jpg"), 6));
@@ -78,8 +64,7 @@ TEST_F(PipelineE2E, WhatIsShownLooksLikeAHighQualityResizeAndJunkDoesNotHoldUpAC
     const char *name, *source;
     int rotate, x, w;
   } cases[] = {{"photo.jpg", "photo.jpg", 0, 150, 1620},
-               {"turned.jpg", "turned.jpg", 90, 600, 720},
-               {"big.tga", "big.ppm", 0, 150, 1620}};
+               {"turned.jpg", "turned.jpg", 90, 600, 720}};
   ASSERT_TRUE(p.Start("photo.jpg"));
   for (const auto& c : cases) {
     ASSERT_TRUE(&c == cases || p.Send(std::string("load ") + c.name));
@@ -90,13 +75,6 @@ TEST_F(PipelineE2E, WhatIsShownLooksLikeAHighQualityResizeAndJunkDoesNotHoldUpAC
     for (int x : {c.x, c.x + c.w - 1}) EXPECT_NE(screen_.At(x, kH / 2), 0u) << c.name << ' ' << x;
   }
 
-  // A phone panorama wider than any texture: decoded reduced, it runs over both sides.
-  ASSERT_TRUE(WritePicture(p.Path("pano.jpg"), 30000, 1500,
-                           [](int x, int) { return x < 15000 ? 0xC83232u : 0x3232C8u; }));
-  ASSERT_TRUE(p.Send("load pano.jpg") && Shown(&p, "pano.jpg")) << p.Log();
-  EXPECT_TRUE(Is(screen_.At(5, kH / 2), 0xC83232));
-  EXPECT_TRUE(Is(screen_.At(kW - 5, kH / 2), 0x3232C8));
-  EXPECT_EQ(p.Log().find("Can't load image"), std::string::npos) << p.Log();
 
   // A flood of junk datagrams does not hold up a real command.
   ASSERT_TRUE(Uniform(p.Path("white.jpg"), kWhite));
@@ -109,7 +87,7 @@ TEST_F(PipelineE2E, WhatIsShownLooksLikeAHighQualityResizeAndJunkDoesNotHoldUpAC
   EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(5));
 }
 
-TEST_F(PipelineE2E, StepsUsePrefetchedPicturesUnlessTheFileChanged) {
+TEST_F(PipelineE2E, StepsUsePrefetchedPictures) {
   Program p;
   Prepare(&p);
   // Grain, so that each file is a few megabytes and a read of it cannot go unnoticed.
@@ -130,29 +108,19 @@ TEST_F(PipelineE2E, StepsUsePrefetchedPicturesUnlessTheFileChanged) {
   EXPECT_NE(p.Log().find("(prefetched)"), std::string::npos) << p.Log();
   EXPECT_GE(before, 0);
   EXPECT_LT(ProcValue(p.Pid(), "io", "rchar:") - before, 100000) << "bytes read by the step";
-
-  // c was prefetched as blue; replaced on disk by a white one, the step shows white.
-  std::this_thread::sleep_for(std::chrono::seconds(3));
-  ASSERT_TRUE(WritePicture(p.Path("c.jpg"), 600, 400, [](int, int) { return 0xE6E6E6u; }));
-  ASSERT_TRUE(p.Keys("Right") && Shown(&p, "c.jpg")) << p.Log();
-  EXPECT_TRUE(Is(screen_.At(kW / 2, kH / 2), kWhite));
 }
 
-TEST_F(PipelineE2E, HeicAvifWebPGifAndTiffShowUpright) {
+TEST_F(PipelineE2E, HeicAvifWebPGifTiffAndColourProfilesShowAsImageMagickShowsThem) {
   Program p;
   Prepare(&p);
-  // 64 x 48 quadrants, 1440 x 1080 from x = 240; "o6" files are stored turned and ask for
-  // orientation 6 (TIFF tag, WebP EXIF), the "irot" HEIC turns by its own rotation box.
+  // 64 x 48 quadrants, 1440 x 1080 from x = 240 (how turned ones come out is the loader's test).
   const struct {
     const char *name, *source;
-    int rotate;
-  } cases[] = {{"quad.heic", "quad.heic", 0},      {"quad_irot.heic", "quad_irot.heic", 0},
-               {"quad.avif", "quad.avif", 0},
-               {"quad_o6.webp", "quad_o6.webp", 90}, {"quad.gif", "quad.gif", 0},
-               {"quad_o6.tif", "quad_o6.tif", 90},
+  } cases[] = {{"quad.heic", "quad.heic"}, {"quad.avif", "quad.avif"}, {"quad.webp", "quad.webp"},
+               {"quad.gif", "quad.gif"},   {"quad.tif", "quad.tif"},
                // Display P3 as ImageMagick converts it; without its profile as stored.
-               {"p3.jpg", "p3_jpg_ref.png", 0},      {"p3.png", "p3_png_ref.png", 0},
-               {"p3_plain.jpg", "p3_plain.jpg", 0}};
+               {"p3.jpg", "p3_jpg_ref.png"}, {"p3.png", "p3_png_ref.png"},
+               {"p3_plain.jpg", "p3_plain.jpg"}};
   for (const auto& c : cases)
     for (const char* f : {c.name, c.source})
       ASSERT_TRUE(WriteFile(p.Path(f), ReadBytes(kTestImages + f)));
@@ -161,7 +129,7 @@ TEST_F(PipelineE2E, HeicAvifWebPGifAndTiffShowUpright) {
   for (const auto& c : cases) {
     ASSERT_TRUE(p.Send(std::string("load ") + c.name));
     ASSERT_TRUE(Shown(&p, c.name)) << p.Log();
-    EXPECT_LE(Difference(screen_, 240, 1440, p.Path(c.source), c.rotate), 4.0) << c.name;
+    EXPECT_LE(Difference(screen_, 240, 1440, p.Path(c.source), 0), 4.0) << c.name;
     if (strncmp(c.name, "p3", 2) == 0) continue;
     // Red top left, yellow bottom right.
     EXPECT_TRUE(Is(screen_.At(240 + 360, 270), 0xDC1E1E, 16)) << c.name;

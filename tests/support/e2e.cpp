@@ -8,7 +8,7 @@
 #include <strings.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
-
+#include <zlib.h>
 
 #include <algorithm>
 #include <chrono>
@@ -20,6 +20,7 @@
 #include <fstream>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include "framework/image/qexif.h"
 #include "framework/qbitmap.h"
@@ -33,6 +34,16 @@ namespace {
 
 pid_t g_xvfb = -1;
 int g_displayFd = -1;
+
+void Put32(std::string* s, uint32_t v) {
+  for (int k = 3; k >= 0; --k) *s += char(v >> (8 * k));
+}
+void Chunk(std::string* png, const char* type, const std::string& data) {
+  const std::string body = type + data;
+  Put32(png, uint32_t(data.size()));
+  *png += body;
+  Put32(png, uint32_t(crc32(0, reinterpret_cast<const Bytef*>(body.data()), uInt(body.size()))));
+}
 
 uint32_t Be32(const std::string& d, size_t at) {
   const auto* p = reinterpret_cast<const unsigned char*>(d.data() + at);
@@ -201,6 +212,35 @@ uint32_t Photo(int x, int y) {
 
 bool Uniform(const std::string& path, uint32_t c) {
   return WritePicture(path, 40, 30, [c](int, int) { return c; });
+}
+
+std::string RepeatedRowsPng(int w, int h, int depth) {
+  std::string png = "\x89PNG\r\n\x1a\n", ihdr;
+  Put32(&ihdr, uint32_t(w)), Put32(&ihdr, uint32_t(h));
+  ihdr += {char(depth), 6, 0, 0, 0};
+  Chunk(&png, "IHDR", ihdr);
+  const size_t rowBytes = size_t(w) * 4 * depth / 8;
+  std::vector<Bytef> first(rowBytes + 1), up(rowBytes + 1, 0), out(1 << 20);
+  for (size_t i = 1; i <= rowBytes; ++i) first[i] = Bytef(i * 7 / 4);
+  up[0] = 2;
+  z_stream z{};
+  deflateInit2(&z, 9, Z_DEFLATED, 15, 9, Z_RLE);
+  std::string idat;
+  for (int y = 0; y < h; ++y) {
+    std::vector<Bytef>& row = y ? up : first;
+    z.next_in = row.data(), z.avail_in = uInt(row.size());
+    const int flush = y == h - 1 ? Z_FINISH : Z_NO_FLUSH;
+    int rc;
+    do {
+      z.next_out = out.data(), z.avail_out = uInt(out.size());
+      rc = deflate(&z, flush);
+      idat.append(reinterpret_cast<char*>(out.data()), out.size() - z.avail_out);
+    } while (z.avail_in > 0 || (flush == Z_FINISH && rc != Z_STREAM_END));
+  }
+  deflateEnd(&z);
+  Chunk(&png, "IDAT", idat);
+  Chunk(&png, "IEND", "");
+  return png;
 }
 
 bool SetJpegOrientation(const std::string& path, int orientation) {

@@ -64,6 +64,8 @@ bool WritePicture(const std::string& path, int w, int h,
 uint32_t Photo(int x, int y);
 // A 40 x 30 picture of one colour.
 bool Uniform(const std::string& path, uint32_t c);
+// A w x h RGBA PNG of `depth` bits whose rows repeat the first: gigabytes in a megabyte or two.
+std::string RepeatedRowsPng(int w, int h, int depth);
 // Puts a minimal EXIF segment carrying only `orientation` right after a JPEG's start marker.
 bool SetJpegOrientation(const std::string& path, int orientation);
 // 400 x 300 JPEG, stored red/green over blue/white, that asks for `orientation`.

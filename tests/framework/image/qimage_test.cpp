@@ -165,6 +165,8 @@ TEST_F(QImageTest, UnknownKindsAndMissingFilesAreLogged) {
   EXPECT_TRUE(Logged("QImage:Read(): image '" + Tmp("notes.txt") + "' has unknown file format"));
   EXPECT_FALSE(QImage(Tmp("missing.jpg").c_str()).IsRead());
   EXPECT_TRUE(Logged("QImage ctor: can't load '" + Tmp("missing.jpg") + "'"));
+  EXPECT_FALSE(img.ReadJPG(Tmp("missing.jpg").c_str()));
+  EXPECT_TRUE(Logged("QImage:ReadJPG(); can't open '" + Tmp("missing.jpg") + "'"));
 }
 
 TEST_F(QImageTest, TargaFixturesDecodeOnBothPaths) {
