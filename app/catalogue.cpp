@@ -560,7 +560,7 @@ int Catalogue::Step(int steps) {
   return current_;
 }
 
-void Catalogue::NewRound(const std::string& avoid) {
+void Catalogue::NewRound(std::string avoid) {
   const int lib = Library();
   std::vector<Item> extras(items_.begin() + lib, items_.end());
   items_.resize(size_t(lib));

@@ -131,8 +131,8 @@ class Catalogue {
   bool Before(const Item& a, const Item& b) const;
   void Reindex();
   int Library() const;  // how many items are not from elsewhere
-  // A new shuffled round; `avoid` is not first.
-  void NewRound(const std::string& avoid);
+  // A new shuffled round; `avoid` is not first (a copy: it may be a name in the list shuffled).
+  void NewRound(std::string avoid);
   void SaveRound();
   // The limit's warning, once until the pictures fit again.
   void OverLimit(const char* name);
