@@ -87,6 +87,11 @@ bool Catalogue::Walking() const {
   return walkWanted_ || walking_ || !queue_.empty();
 }
 
+bool Catalogue::HasFound() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return !queue_.empty();
+}
+
 std::string Catalogue::WaitFirst(int ms) {
   std::unique_lock<std::mutex> lock(mutex_);
   if (!running_) return first_;

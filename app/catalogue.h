@@ -69,6 +69,8 @@ class Catalogue {
   bool Merge();
   // A walk is asked for or under way.
   bool Walking() const;
+  // The walk found something that Merge has not taken in yet.
+  bool HasFound() const;
   // Waits at most `ms` until the walk has found a picture or ended: the first picture found,
   // empty when none (or no walk).
   std::string WaitFirst(int ms);

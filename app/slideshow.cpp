@@ -207,10 +207,9 @@ void RaceManager::Setup(const char* arg) {
                      catalogue->GetOptions().recursive))
       watch.reset();
   }
-  // A library is being walked already: what it found so far is taken in.
+  // A library is being walked already: what it found is taken in once the first picture is out.
   if (catalogue->GetOptions().recursive) {
     QGetRealPath(".", &folder);
-    catalogue->Merge();
   } else {
     ScanDir();
   }
@@ -295,6 +294,8 @@ void RaceManager::FollowLibrary() {
 }
 
 void RaceManager::TakeFound() {
+  // A picture on its way to the screen goes first: a library's index is a lot to take in.
+  if (newPicture) return;
   const int before = catalogue->Count();
   if (!catalogue->Merge()) return;
   if (flags & SHOW_INFO) dirty = true;  // the counts in the overlay
@@ -487,6 +488,8 @@ void RaceManager::AdvanceStep() {
 int RaceManager::SleepMs() const {
   using namespace std::chrono;
   if (dirty && !fadeStarted) return 0;
+  // What the library's walk found while a picture went to the screen is taken in now.
+  if (!newPicture && catalogue->HasFound()) return 0;
   // Without a limit (-1) the loop sleeps until something wakes it.
   long long ms = idleSleepMs > 0 ? idleSleepMs : -1;
   const auto atMost = [&ms](long long due) { ms = ms < 0 ? due : std::min(ms, due); };
