@@ -415,8 +415,8 @@ int main(int argc, char** argv) {
   g_display = XOpenDisplay(nullptr);
   if (!g_display || DisplayWidth(g_display, 0) != kW || DisplayHeight(g_display, 0) != kH) {
     fprintf(stderr,
-            "library_bench needs a 1920x1080 display: run it under xvfb-run -a -s \"-screen 0 "
-            "1920x1080x24\"\n");
+            "library_bench needs a 1920x1080 display, for example Xvfb :N -screen 0 "
+            "1920x1080x24\n");
     return 1;
   }
   const bool ready = Prepare();
