@@ -19,8 +19,12 @@
 namespace {
 
 // What the walk gathers before the main loop takes it, and the longest it keeps it.
-constexpr size_t kBatchItems = 1000;
+// Each hand-over costs the main loop a pass over the whole list, so a large library is handed
+// over in few large parts.
+constexpr size_t kBatchItems = 25000;
 constexpr auto kBatchTime = std::chrono::milliseconds(100);
+// The index is written in transactions of this many rows.
+constexpr size_t kIndexRows = 1000;
 // State keys in the index.
 constexpr const char* kShownKey = "shown";
 
@@ -48,18 +52,28 @@ void Catalogue::Open(const Options& options, const std::string& root) {
   options_ = options;
   if (options_.maxPictures < 0) options_.maxPictures = DEFAULT_MAX;
   root_ = root;
+  // Nothing of the index is needed before the first picture unless the show resumes: then a
+  // library's worker opens it, off the start's way.
+  const bool later = options_.recursive && !options_.resume;
   if (!options_.indexFile.empty()) {
     index_.reset(new PictureIndex());
-    if (!index_->Open(options_.indexFile, root_)) index_.reset();
+    if (!later && !index_->Open(options_.indexFile, root_)) index_.reset();
+    indexLater_ = later && index_;
   }
   if (index_ && options_.resume) index_->GetState(kShownKey, &resumeName_);
   if (!options_.recursive) return;
   running_ = true;
   thread_.reset(new QThread(&Catalogue::Work, this, "glimra_catalogue"));
-  if (thread_->Create()) return;
+  if (thread_->Create()) {
+    // Below the show: the first picture and the keys come before the walk.
+    thread_->SetPriority(6);
+    return;
+  }
   // No worker: the library is walked in the main loop's time instead, all at once.
   running_ = false;
   thread_.reset();
+  indexLater_ = false;
+  if (index_ && later && !index_->Open(options_.indexFile, root_)) index_.reset();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -116,12 +130,9 @@ void Catalogue::Work(void* self) { static_cast<Catalogue*>(self)->WorkLoop(); }
 void Catalogue::WorkLoop() {
   std::unique_lock<std::mutex> lock(mutex_);
   while (!stop_) {
-    if (roundDue_) {
-      std::vector<std::string> round;
-      round.swap(roundToSave_);
-      roundDue_ = false;
+    if (roundDue_ || shownDue_) {
       lock.unlock();
-      if (index_) index_->SetRound(round);
+      WriteDue();
       lock.lock();
       continue;
     }
@@ -139,8 +150,28 @@ void Catalogue::WorkLoop() {
     }
     changed_.wait(lock);
   }
+  // The picture shown last is kept for the next start.
+  lock.unlock();
+  WriteDue();
+  lock.lock();
   running_ = false;
   changed_.notify_all();
+}
+
+void Catalogue::WriteDue() {
+  std::string shown;
+  std::vector<std::string> round;
+  bool haveShown, haveRound;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    haveShown = shownDue_, haveRound = roundDue_;
+    shown.swap(shownToSave_);
+    round.swap(roundToSave_);
+    shownDue_ = roundDue_ = false;
+  }
+  if (!Indexed()) return;
+  if (haveShown) index_->SetState(kShownKey, shown);
+  if (haveRound) index_->SetRound(round);
 }
 
 void Catalogue::Hand(Batch&& batch, bool flat) {
@@ -156,53 +187,77 @@ void Catalogue::Hand(Batch&& batch, bool flat) {
   QEventWake();  // the main loop takes it in at once
 }
 
+void Catalogue::LoadIndex(bool flat) {
+  const auto byPath = [](const Known& k, const std::string& p) {
+    return QPathListsBefore(k.path, p);
+  };
+  hinted_ = true;
+  std::vector<IndexedPicture> rows;
+  index_->Load(&rows);
+  known_.clear();
+  known_.reserve(rows.size());
+  for (IndexedPicture& r : rows) {
+    Known k;
+    k.path = std::move(r.path);
+    k.size = r.size;
+    k.modified = r.modified;
+    k.key = r.taken ? r.taken : Seconds(r.modified);
+    k.sent = true;
+    known_.push_back(std::move(k));
+  }
+  std::sort(known_.begin(), known_.end(),
+            [](const Known& a, const Known& b) { return QPathListsBefore(a.path, b.path); });
+  Batch round;
+  round.kind = Batch::ROUND;
+  std::vector<std::string> saved;
+  if (options_.order == SHUFFLE && options_.resume) index_->GetRound(&saved);
+  std::vector<char> inRound(known_.size(), 0);
+  for (const std::string& p : saved) {
+    const auto it = std::lower_bound(known_.begin(), known_.end(), p, byPath);
+    if (it == known_.end() || it->path != p || inRound[size_t(it - known_.begin())]) continue;
+    inRound[size_t(it - known_.begin())] = 1;
+    round.items.push_back(Item{p, it->key, false});
+  }
+  Batch rest;
+  for (size_t i = 0; i < known_.size(); ++i)
+    if (!inRound[i]) rest.items.push_back(Item{known_[i].path, known_[i].key, false});
+  // In the name order already.
+  if (options_.order == BY_DATE)
+    std::sort(rest.items.begin(), rest.items.end(),
+              [this](const Item& a, const Item& b) { return Before(a, b); });
+  if (!round.items.empty()) Hand(std::move(round), flat);
+  if (!rest.items.empty()) Hand(std::move(rest), flat);
+}
+
 void Catalogue::Walk(const std::vector<std::string>& skipIn, bool flat) {
   std::vector<std::string> skip(skipIn);
   std::sort(skip.begin(), skip.end());
-  const auto byPath = [](const Known& k, const std::string& p) { return k.path < p; };
+  const auto byPath = [](const Known& k, const std::string& p) {
+    return QPathListsBefore(k.path, p);
+  };
 
-  // A start with an index: its rows first, so the whole library is there at once.
-  if (index_ && !hinted_) {
-    hinted_ = true;
-    std::vector<IndexedPicture> rows;
-    index_->Load(&rows);
-    known_.clear();
-    known_.reserve(rows.size());
-    for (IndexedPicture& r : rows) {
-      Known k;
-      k.path = std::move(r.path);
-      k.size = r.size;
-      k.modified = r.modified;
-      k.key = r.taken ? r.taken : Seconds(r.modified);
-      k.sent = true;
-      known_.push_back(std::move(k));
-    }
-    std::sort(known_.begin(), known_.end(),
-              [](const Known& a, const Known& b) { return a.path < b.path; });
-    Batch round;
-    round.kind = Batch::ROUND;
-    std::vector<std::string> saved;
-    if (options_.order == SHUFFLE && options_.resume) index_->GetRound(&saved);
-    std::vector<char> inRound(known_.size(), 0);
-    for (const std::string& p : saved) {
-      const auto it = std::lower_bound(known_.begin(), known_.end(), p, byPath);
-      if (it == known_.end() || it->path != p || inRound[size_t(it - known_.begin())]) continue;
-      inRound[size_t(it - known_.begin())] = 1;
-      round.items.push_back(Item{p, it->key, false});
-    }
-    Batch rest;
-    for (size_t i = 0; i < known_.size(); ++i)
-      if (!inRound[i]) rest.items.push_back(Item{known_[i].path, known_[i].key, false});
-    if (options_.order != SHUFFLE)
-      std::sort(rest.items.begin(), rest.items.end(),
-                [this](const Item& a, const Item& b) { return Before(a, b); });
-    if (!round.items.empty()) Hand(std::move(round), flat);
-    if (!rest.items.empty()) Hand(std::move(rest), flat);
+  // A start with an index: its rows come first, so the whole library is there at once; a
+  // library's first picture goes ahead of them, for the start to show.
+  bool hintDue = (indexLater_ || Indexed()) && !hinted_;
+  if (hintDue && flat) {
+    LoadIndex(flat);
+    hintDue = false;
   }
 
   // The file facts are read when something keeps them or orders by them.
-  const bool wantFacts = index_ || options_.order == BY_DATE;
+  bool wantRows = Indexed();
+  bool wantFacts = wantRows || options_.order == BY_DATE;
   std::vector<char> seen(known_.size(), 0);
+  // The index opened (by a library's worker) and read.
+  const auto loadIndex = [&] {
+    if (indexLater_ && !index_->Open(options_.indexFile, root_)) index_->Close();
+    indexLater_ = false;
+    LoadIndex(flat);
+    seen.assign(known_.size(), 0);
+    wantRows = Indexed();
+    wantFacts = wantRows || options_.order == BY_DATE;
+    hintDue = false;
+  };
   std::vector<Known> fresh;
   std::vector<IndexedPicture> rows;
   Batch batch;
@@ -218,9 +273,10 @@ void Catalogue::Walk(const std::vector<std::string>& skipIn, bool flat) {
       lastHand = now;
       handedAny = true;
     }
-    if (index_ && (all || rows.size() >= kBatchItems)) {
+    if (Indexed() && (all || rows.size() >= kIndexRows)) {
       if (!rows.empty()) index_->Put(rows);
       rows.clear();
+      if (!flat) WriteDue();
     }
   };
 
@@ -255,6 +311,12 @@ void Catalogue::Walk(const std::vector<std::string>& skipIn, bool flat) {
       continue;
     }
     if (std::binary_search(skip.begin(), skip.end(), rel)) continue;
+    if (hintDue) {
+      Batch first;
+      first.items.push_back(Item{rel, Seconds(e.modified), false});
+      Hand(std::move(first), flat);
+      loadIndex();
+    }
     if (flat) QDBG("RaceManager::ScanDir", "- image %s\n", e.name.c_str());
     const auto it = std::lower_bound(known_.begin(), known_.end(), rel, byPath);
     Known* k = it != known_.end() && it->path == rel ? &*it : nullptr;
@@ -274,7 +336,7 @@ void Catalogue::Walk(const std::vector<std::string>& skipIn, bool flat) {
     QPictureFacts facts;
     const bool haveFacts = wantFacts && QReadPictureFacts((root_ + "/" + rel).c_str(), &facts);
     if (haveFacts && facts.taken) key = facts.taken;
-    if (index_) {
+    if (wantRows) {
       IndexedPicture row;
       row.path = rel;
       row.size = e.size;
@@ -297,27 +359,37 @@ void Catalogue::Walk(const std::vector<std::string>& skipIn, bool flat) {
     handOn(false);
   }
   if (stopping_) return;
+  if (hintDue) loadIndex();
   handOn(true);
 
   // What the folder no longer has.
   Batch gone;
   gone.kind = Batch::GONE;
   std::vector<Known> kept;
-  kept.reserve(known_.size() + fresh.size());
+  kept.reserve(known_.size());
   for (size_t i = 0; i < known_.size(); ++i) {
     if (seen[i])
       kept.push_back(std::move(known_[i]));
     else
       gone.names.push_back(std::move(known_[i].path));
   }
-  std::sort(fresh.begin(), fresh.end(),
-            [](const Known& a, const Known& b) { return a.path < b.path; });
+  // The walk goes in the name order, so the new ones are in it already (unless a link led
+  // elsewhere); a first walk's are all there is, without a second copy.
+  const auto before = [](const Known& a, const Known& b) {
+    return QPathListsBefore(a.path, b.path);
+  };
+  if (!std::is_sorted(fresh.begin(), fresh.end(), before))
+    std::sort(fresh.begin(), fresh.end(), before);
   known_.clear();
-  std::merge(std::make_move_iterator(kept.begin()), std::make_move_iterator(kept.end()),
-             std::make_move_iterator(fresh.begin()), std::make_move_iterator(fresh.end()),
-             std::back_inserter(known_),
-             [](const Known& a, const Known& b) { return a.path < b.path; });
-  if (index_ && !gone.names.empty()) index_->Remove(gone.names);
+  if (kept.empty()) {
+    known_.swap(fresh);
+  } else {
+    known_.reserve(kept.size() + fresh.size());
+    std::merge(std::make_move_iterator(kept.begin()), std::make_move_iterator(kept.end()),
+               std::make_move_iterator(fresh.begin()), std::make_move_iterator(fresh.end()),
+               std::back_inserter(known_), before);
+  }
+  if (Indexed() && !gone.names.empty()) index_->Remove(gone.names);
   if (!gone.names.empty()) Hand(std::move(gone), flat);
   Batch end;
   end.kind = Batch::END;
@@ -358,8 +430,9 @@ void Catalogue::Apply(Batch& batch) {
 }
 
 int Catalogue::Library() const {
-  int n = 0;
-  for (const Item& i : items_) n += !i.extra;
+  // Pictures from elsewhere are always at the end.
+  int n = Count();
+  while (n > 0 && items_[size_t(n - 1)].extra) --n;
   return n;
 }
 
@@ -399,6 +472,18 @@ void Catalogue::ApplyFound(std::vector<Item>& found, bool ordered) {
     }
   }
   if (add.empty() && dropped == 0) return;
+  // The usual case of a walk in the name order: the new pictures all come after the list's.
+  const int libEnd = Library();
+  if (!shuffle && dropped == 0 && !ordered &&
+      std::is_sorted(add.begin(), add.end(),
+                     [this](const Item& a, const Item& b) { return Before(a, b); }) &&
+      (libEnd == 0 || !Before(add.front(), items_[size_t(libEnd - 1)]))) {
+    items_.insert(items_.begin() + libEnd, std::make_move_iterator(add.begin()),
+                  std::make_move_iterator(add.end()));
+    if (current_ >= libEnd) current_ += int(add.size());
+    Reindex();
+    return;
+  }
 
   std::vector<Item> lib, extras, next;
   // The last kept picture of the round so far. Before anything is shown, the first picture
@@ -587,7 +672,7 @@ void Catalogue::SaveRound() {
   for (const Item& i : items_)
     if (!i.extra) round.push_back(i.name);
   if (!running_) {
-    index_->SetRound(round);
+    if (Indexed()) index_->SetRound(round);
     return;
   }
   std::lock_guard<std::mutex> lock(mutex_);
@@ -597,5 +682,14 @@ void Catalogue::SaveRound() {
 }
 
 void Catalogue::Shown(const char* name) {
-  if (index_ && name && *name) index_->SetState(kShownKey, name);
+  if (!index_ || !name || !*name) return;
+  if (!running_) {
+    if (Indexed()) index_->SetState(kShownKey, name);
+    return;
+  }
+  // Written by the worker: the index may be busy with the walk's rows, and the show goes on.
+  std::lock_guard<std::mutex> lock(mutex_);
+  shownToSave_ = name;
+  shownDue_ = true;
+  changed_.notify_all();
 }

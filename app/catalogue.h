@@ -125,10 +125,15 @@ class Catalogue {
   void WorkLoop();
   // One walk of the folder; batches go to `out` (the queue, or straight on for a flat folder).
   void Walk(const std::vector<std::string>& skip, bool flat);
+  // The index's rows become what the worker knows, and go to the main loop (the kept shuffle
+  // round first).
+  void LoadIndex(bool flat);
   void Hand(Batch&& batch, bool flat);
   void Apply(Batch& batch);
   void ApplyFound(std::vector<Item>& found, bool ordered);
   void ApplyGone(const std::vector<std::string>& names);
+  // The index can be used (a library's worker opens it).
+  bool Indexed() const { return index_ && index_->IsOpen(); }
   // The list's comparison in the name and date orders.
   bool Before(const Item& a, const Item& b) const;
   void Reindex();
@@ -136,6 +141,8 @@ class Catalogue {
   // A new shuffled round; `avoid` is not first (a copy: it may be a name in the list shuffled).
   void NewRound(std::string avoid);
   void SaveRound();
+  // The worker writes what the main loop left it: the picture shown, the round.
+  void WriteDue();
   // The limit's warning, once until the pictures fit again.
   void OverLimit(const char* name);
 
@@ -161,7 +168,10 @@ class Catalogue {
   bool firstDone_ = false;  // a walk ended or found one
   std::vector<std::string> roundToSave_;
   bool roundDue_ = false;
+  std::string shownToSave_;
+  bool shownDue_ = false;
   // The worker's own.
-  std::vector<Known> known_;  // sorted by path
+  std::vector<Known> known_;  // in the name order (QPathListsBefore)
   bool hinted_ = false;       // the index's rows went to the main loop
+  bool indexLater_ = false;   // the index is to be opened by the walk, after its first picture
 };
