@@ -11,9 +11,12 @@
 // file and looks only at what changed. The picture shown last and the shuffle's round are kept
 // there too, for "app.resume". An index that cannot be written leaves the catalogue without one.
 //
-// A flat folder is listed at once, as it always was. A library is walked on a worker thread: the
-// index's rows come first, then what the walk finds new or changed, then what has gone; the main
-// loop takes them in with Merge, so the show starts at once and the list grows behind it. The
+// A flat folder is listed at once, as it always was. A library is walked on a worker thread of
+// the lowest priority: the first picture found comes first, then the index's rows (the worker
+// opens the index only then, unless the show resumes), then what the walk finds new or changed,
+// then what has gone; the worker also writes the shown picture and the round, so the main loop
+// never waits for the index. The main loop takes the findings in with Merge, so the show starts
+// at once and the list grows behind it. The
 // current position follows its picture through every change; when the current picture goes, the
 // position stands just before the next one, so that a step forward shows it.
 //
