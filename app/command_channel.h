@@ -1,10 +1,7 @@
-// CommandChannel: the slideshow's UDP command port. One plain-text command per datagram, no
-// reply: "load <path>" shows <path> (everything after the blank, as it stands); "next" and
-// "prev" step like Right and Left; "bw 1" and "bw 0" do what B and C do, "info 1" and "info 0"
-// show or hide the information line (both written to glimra.ini, as the keys do); "rescan"
-// builds the catalogue again. These words may end in one line end. Anything else is logged on
-// arrival and ignored. Commands must stay below 1024 bytes: a datagram of 1024 bytes
-// ends the program at once, once the commands that came before it are done.
+// CommandChannel: the slideshow's UDP command port. One plain-text command per datagram (the
+// command set of app/commands.h), no reply. Anything else is logged on arrival and ignored.
+// Commands must stay below 1024 bytes: a datagram of 1024 bytes ends the program at once, once
+// the commands that came before it are done.
 //
 // Commands that wait together are taken together, and those a later one makes pointless are
 // skipped before their work starts (RunCommands), so a burst costs about one command's work and
@@ -24,30 +21,14 @@
 #include <string>
 #include <vector>
 
+#include "app/commands.h"
+
 class QIni;
 class QNSocket;
 class QThread;
 class RaceManager;
 class qstring;
 class QNAddress;
-
-// One command of the channel: what to do and its argument.
-struct Command {
-  enum Kind { NONE, LOAD, NEXT, PREV, BLACK_AND_WHITE, INFO, RESCAN };
-  Kind kind = NONE;
-  bool on = false;   // BLACK_AND_WHITE and INFO: on or off
-  std::string path;  // LOAD: the path, as it stands
-};
-
-// The command a datagram's text stands for; NONE for anything else.
-Command ParseCommand(const char* text);
-// Carries out `batch`, commands that came in this order, on the controller `rm`, as one after
-// another would end, but skipping work a later command undoes: a load or step followed by
-// another load or step is not loaded (a step still goes from where it put the catalogue), a
-// rescan after the first is not repeated, only the last "bw" and the last "info" count (written
-// to glimra.ini once, before the one picture that is loaded), and the count of the automatic
-// advance starts again once. A stop request ends it between commands; false then.
-bool RunCommands(const std::vector<Command>& batch, RaceManager* rm);
 
 // "network.port" when it is a number from 1 to 65535; otherwise (an error names the value) and
 // when it is missing, 5000.

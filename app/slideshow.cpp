@@ -9,6 +9,7 @@
 #include <string>
 
 #include "app/command_channel.h"
+#include "app/commands.h"
 #include "app/prefetcher.h"
 
 #include "d3/dglobal.h"
@@ -35,10 +36,6 @@ RaceManager* g_raceManager = nullptr;
 // The signal that asked the program to stop, 0 while none did; set from a signal handler.
 volatile sig_atomic_t g_stopSignal = 0;
 
-// Key numbers the controller answers (virtual-key codes).
-constexpr int kKeyB = 'B';
-constexpr int kKeyC = 'C';
-constexpr int kKeyI = 'I';
 // Shortest time between two catalogue rebuilds for a watched folder's changes.
 constexpr int kFollowGapMs = 250;
 // The longest a start waits for a library's walk to find its first picture.
@@ -434,28 +431,13 @@ void RaceManager::SelectImage(const char* path) {
 void RaceManager::HandleEvent(QEvent* e) {
   if (!e || e->type != QEVENT_KEYPRESS) return;
   RestartAdvance();
-  switch (e->n) {
-    case QK_ESCAPE:
-      if (QGetApp()) QGetApp()->Exit(0);
-      break;
-    case QK_LEFT:
-      PrevImage();
-      break;
-    case QK_RIGHT:
-      NextImage();
-      break;
-    case kKeyB:
-      SetBlackAndWhite(true);
-      break;
-    case kKeyC:
-      SetBlackAndWhite(false);
-      break;
-    case kKeyI:
-      SetShowInfo((flags & SHOW_INFO) == 0);
-      break;
-    default:
-      break;
+  if (e->n == QK_ESCAPE) {
+    if (QGetApp()) QGetApp()->Exit(0);
+    return;
   }
+  // Each key does what its command does, through the same code.
+  const Command c = KeyCommand(e->n, (flags & SHOW_INFO) != 0);
+  if (c.kind != Command::NONE) RunCommands({c}, this);
 }
 
 void RaceManager::SetBlackAndWhite(bool on) { SetEffects(on, -1, true); }
@@ -472,6 +454,13 @@ void RaceManager::SetEffects(int blackAndWhite, int showInfo, bool reload) {
     dirty = true;
   }
   if (reload && blackAndWhite >= 0) LoadCurImage();
+}
+
+void RaceManager::SetPaused(bool on) {
+  if (paused == on) return;
+  paused = on;
+  QNOTE("RaceManager::SetPaused", on ? "Advance paused" : "Advance resumed");
+  RestartAdvance();
 }
 
 void RaceManager::RestartAdvance() {
@@ -499,7 +488,7 @@ int RaceManager::SleepMs() const {
   if (fadeStarted)
     atMost(std::max<long long>(0, 16 - duration_cast<milliseconds>(now - frameAt).count()));
   // An animation's advance waits for the end of its loop, which a frame's time brings.
-  if (advanceMs > 0 && !newPicture && !animation)
+  if (advanceMs > 0 && !paused && !newPicture && !animation)
     atMost(std::max<long long>(0, duration_cast<milliseconds>(advanceAt - now).count() + 1));
   if (animation && !newPicture)
     atMost(std::max<long long>(0, duration_cast<milliseconds>(animNextAt - now).count()));
@@ -541,7 +530,7 @@ void RaceManager::Run() {
     if (commands) commands->Drain();
     if (animation && !g_stopSignal && !newPicture && std::chrono::steady_clock::now() >= animNextAt)
       NextFrame();
-    if (advanceMs > 0 && !g_stopSignal && !newPicture && !animation &&
+    if (advanceMs > 0 && !paused && !g_stopSignal && !newPicture && !animation &&
         std::chrono::steady_clock::now() >= advanceAt)
       AdvanceStep();
     IdleProc();

@@ -167,6 +167,10 @@ class RaceManager {
   // Both at once, each left as it is when -1, with one write of the configuration file; the
   // shown picture is loaded again only when `reload` and black and white was given.
   void SetEffects(int blackAndWhite, int showInfo, bool reload);
+  // The automatic advance stopped ("pause") or going again ("resume", counting from now); a
+  // note in the log when that changes. Not kept in glimra.ini: a start always advances.
+  void SetPaused(bool on);
+  bool IsPaused() const { return paused; }
   // Starts the automatic advance's count again (a key or a command came).
   void RestartAdvance();
   // The automatic advance's step: the next catalogue picture that loads, trying each at most
@@ -179,8 +183,9 @@ class RaceManager {
   int SleepMs() const;
 
   // ---- Main loop ----
-  // Key presses: Escape exits, Left/Right step, B/C switch black-and-white (written to the
-  // configuration file), I toggles the overlay (likewise). Everything else is ignored.
+  // Key presses: Escape exits; Left/Right step, B/C switch black-and-white (written to the
+  // configuration file), I toggles the overlay (likewise), each as its command (KeyCommand).
+  // Everything else is ignored.
   void HandleEvent(QEvent* e);
   // The main loop; never returns (Escape ends the process through QApp::Exit, and so does a
   // stop request, with status 0, at the end of the cycle it arrives in).
@@ -283,6 +288,7 @@ class RaceManager {
   // `advanceAt`, counted from when the shown picture reached the screen.
   int advanceMs = 0;
   std::chrono::steady_clock::time_point advanceAt;
+  bool paused = false;  // the "pause" command holds the advance
   bool newPicture = false;  // a picture was shown whose first frame is not out yet
   int shownCount = 0;       // pictures shown so far, to tell a step that failed
   // Fade ("effects.fade_ms"; 0: a cut): while it runs, the previous picture is kept and drawn

@@ -246,7 +246,7 @@ void RaceManager::Paint() {
 
 void RaceManager::NextFrame() {
   const auto now = std::chrono::steady_clock::now();
-  if (advanceMs > 0 && now >= advanceAt && animation->AtLoopEnd()) {
+  if (advanceMs > 0 && !paused && now >= advanceAt && animation->AtLoopEnd()) {
     const int before = shownCount;
     AdvanceStep();
     // When no other picture loads, this one plays on.

@@ -17,6 +17,8 @@
 #include <vector>
 
 #include "app/command_channel.h"
+#include "app/commands.h"
+#include "framework/qevent.h"
 #include "framework/qini.h"
 #include "support/e2e.h"
 #include "support/logcapture.h"
@@ -209,6 +211,16 @@ TEST_F(InTempDir, CommandsTakenTogetherEndAsOneByOneWithOnlyTheLastPictureLoaded
     EXPECT_EQ(log.Count("Load times (" + std::string(c.shown)), c.loads) << c.commands.front();
   }
   EXPECT_EQ(rm_->GetImageCount(), 5) << "the rescans drop the picture from elsewhere";
+  // The last of "pause" and "resume" holds, and neither loads anything.
+  const std::pair<std::vector<const char*>, bool> pauses[] = {
+      {{"pause", "resume", "pause\n"}, true}, {{"pause", "next", "resume"}, false}};
+  for (const auto& p : pauses) {
+    std::vector<Command> batch;
+    for (const char* text : p.first) batch.push_back(ParseCommand(text));
+    ASSERT_TRUE(RunCommands(batch, rm_.get()));
+    EXPECT_EQ(rm_->IsPaused(), p.second) << p.first.back();
+  }
+  EXPECT_STREQ(rm_->GetCurFile(), "a.tga");
   QIni saved("glimra.ini");
   EXPECT_FALSE(saved.GetBool("effects.black_and_white", true));
   EXPECT_TRUE(saved.GetBool("effects.show_info", false));
@@ -218,8 +230,28 @@ TEST_F(InTempDir, CommandsTakenTogetherEndAsOneByOneWithOnlyTheLastPictureLoaded
   LogCapture log;
   EXPECT_FALSE(RunCommands({ParseCommand("next")}, rm_.get()));
   RaceManager::RequestStop(0);
-  EXPECT_STREQ(rm_->GetCurFile(), "e.tga");
+  EXPECT_STREQ(rm_->GetCurFile(), "a.tga");
   EXPECT_FALSE(log.Seen("Load times ("));
+}
+
+TEST(Commands, EachKeyIsTheCommandItsTextNamesAndOnlyWholeWordsAreCommands) {
+  const auto same = [](const Command& a, const Command& b) {
+    return a.kind == b.kind && a.on == b.on && a.path == b.path;
+  };
+  EXPECT_TRUE(same(KeyCommand(QK_RIGHT, true), ParseCommand("next")));
+  EXPECT_TRUE(same(KeyCommand(QK_LEFT, true), ParseCommand("prev")));
+  EXPECT_TRUE(same(KeyCommand('B', true), ParseCommand("bw 1")));
+  EXPECT_TRUE(same(KeyCommand('C', true), ParseCommand("bw 0")));
+  EXPECT_TRUE(same(KeyCommand('I', true), ParseCommand("info 0")));
+  EXPECT_TRUE(same(KeyCommand('I', false), ParseCommand("info 1")));
+  for (int key : {int(QK_ESCAPE), int('A'), int('P'), int(QK_UP), 0})
+    EXPECT_EQ(KeyCommand(key, true).kind, Command::NONE) << key;
+  for (const char* text : {"pause", "resume\n", "resume\r\n", "rescan", "next"})
+    EXPECT_NE(ParseCommand(text).kind, Command::NONE) << text;
+  for (const char* text : {"Pause", "pause now", " resume", "resume\n\n", "bw 2", "LOAD x", "loadx",
+                           "load\tx", "", "info"})
+    EXPECT_EQ(ParseCommand(text).kind, Command::NONE) << text;
+  EXPECT_EQ(ParseCommand("load  a b\n").path, " a b\n");
 }
 
 TEST(CommandChannelSettings, PortIsANumberFromOneTo65535AndListenAnAddress) {
