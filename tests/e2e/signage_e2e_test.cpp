@@ -35,7 +35,7 @@ class SignageE2E : public ScreenTest<800, 600> {
   }
 };
 
-TEST_F(SignageE2E, AdvanceCyclesThePicturesSkipsABadOneAndAKeyRestartsTheCount) {
+TEST_F(SignageE2E, AdvanceCyclesThePicturesSkipsABadOneAKeyRestartsTheCountAndPauseHoldsIt) {
   Program p;
   Prepare(&p, "effects.advance_seconds", "1");
   // Between green and blue in the listing: skipped, logged as any failed load.
@@ -54,6 +54,16 @@ TEST_F(SignageE2E, AdvanceCyclesThePicturesSkipsABadOneAndAKeyRestartsTheCount) 
     ASSERT_TRUE(Is(screen_.At(400, 300), kRed)) << std::hex << screen_.At(400, 300);
   }
   EXPECT_TRUE(Shows(kGreen, 5000));
+
+  // "pause" holds the advance (blue would come within a second) until "resume".
+  ASSERT_TRUE(p.Send("pause") && p.WaitForLog("Advance paused", kStepMs));
+  const auto held = Clock::now();
+  while (Clock::now() < held + std::chrono::milliseconds(2000)) {
+    ASSERT_TRUE(GrabScreen(&screen_));
+    ASSERT_TRUE(Is(screen_.At(400, 300), kGreen)) << std::hex << screen_.At(400, 300);
+  }
+  ASSERT_TRUE(p.Send("resume"));
+  EXPECT_TRUE(Shows(kBlue, 5000));
   EXPECT_EQ(p.Escape(), 0);
 }
 
