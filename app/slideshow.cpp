@@ -130,6 +130,9 @@ void RaceManager::Setup(const char* arg) {
   qstring listen;
   CommandListenAddress(ini.get(), &listen);
   commands.reset(new CommandChannel());
+  qstring allow;
+  ini->GetString("network.allow", &allow, "");
+  commands->Allow(allow.cstr());
   commands->Open(netPort, listen.cstr());
   // A developer's knob: the longest the loop sleeps (0, the default: until something happens).
   idleSleepMs = ini->GetInt("dev.idle_sleep_ms", IDLE_SLEEP_MS);
