@@ -447,9 +447,7 @@ void RaceManager::HandleEvent(QEvent* e) {
   }
   // Someone at the dark screen wants to see it: the press wakes it and does nothing else.
   if (!displayOn) {
-    FollowSchedule();
-    displayHeld = true;
-    ApplyDisplay(true, "key", true);
+    HoldDisplay(true, "key", true);
     return;
   }
   // Each key does what its command does, through the same code.

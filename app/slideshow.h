@@ -277,6 +277,8 @@ class RaceManager {
   std::string FirstPicture();
   // The display on or off for `why` ("schedule", "command", "key"); see SetDisplayOn.
   void ApplyDisplay(bool on, const char* why, bool show);
+  // As ApplyDisplay, held against the schedule until its next edge.
+  void HoldDisplay(bool on, const char* why, bool show);
   // Enters `home` again when it was replaced (QReenterDirectory); true when it did.
   bool ReturnHome();
   // Once the folder entered again lists pictures: the shown name read again from it, else its

@@ -31,11 +31,13 @@ void RaceManager::FollowSchedule() {
     ApplyDisplay(!displayOn, "schedule", true);
 }
 
-void RaceManager::SetDisplayOn(bool on, bool show) {
+void RaceManager::SetDisplayOn(bool on, bool show) { HoldDisplay(on, "command", show); }
+
+void RaceManager::HoldDisplay(bool on, const char* why, bool show) {
   // The hold lasts until the edge after now.
   FollowSchedule();
   displayHeld = true;
-  ApplyDisplay(on, "command", show);
+  ApplyDisplay(on, why, show);
 }
 
 void RaceManager::ApplyDisplay(bool on, const char* why, bool show) {
