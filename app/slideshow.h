@@ -1,9 +1,9 @@
 // RaceManager: the slideshow's one controller. It reads "glimra.ini", makes the application and
 // its window, opens the command channel, keeps the catalogue of pictures of the working
 // directory and runs the main loop: it sleeps until a key, a window event, a datagram, a change
-// of the watched folder or a stop signal comes, or the automatic advance, a fade's next frame or
-// an animation's next frame is due (at most "dev.idle_sleep_ms" when that is set); it follows
-// the folder, handles every key and every waiting command, puts a due animation frame into the
+// of the watched folder or a stop signal comes, or the automatic advance, a fade's next frame,
+// an animation's next frame or the display schedule's next edge is due (at most
+// "dev.idle_sleep_ms" when that is set); it follows the schedule and the folder, handles every key and every waiting command, puts a due animation frame into the
 // texture, takes a due advance step (for an animation, at the end of the loop the interval ends
 // in), then runs the idle cycle, which paints and presents a frame only when something changed.
 //
