@@ -198,6 +198,18 @@ void QXWindow::SetIconName(const char* /*name*/) {
 }
 void QXWindow::Destroy() { QERR("QXWindow::Destroy", "QXWindow:Destroy NYI"); }
 
+namespace {
+
+// An X error while the power is switched (a server that claims DPMS and then refuses a level)
+// must not end the program through Xlib's default handler: the black frame still stands.
+int g_powerErrors = 0;
+int CountPowerError(Display*, XErrorEvent*) {
+  ++g_powerErrors;
+  return 0;
+}
+
+}  // namespace
+
 bool QXWindow::SetMonitorPower(bool on) {
   if (!window_) return false;
   SDL_SysWMinfo info;
@@ -213,6 +225,9 @@ bool QXWindow::SetMonitorPower(bool on) {
     powerNoted_ = true;
     return false;
   }
+  g_powerErrors = 0;
+  XSync(display, False);
+  XErrorHandler previous = XSetErrorHandler(&CountPowerError);
   if (!on) {
     CARD16 level = 0;
     BOOL enabled = False;
@@ -231,6 +246,12 @@ bool QXWindow::SetMonitorPower(bool on) {
     SDL_DisableScreenSaver();
     monitorDown_ = false;
   }
-  XFlush(display);
+  XSync(display, False);
+  XSetErrorHandler(previous);
+  if (g_powerErrors) {
+    QWARN("QXWindow::SetMonitorPower", "The X server refused to power the monitor %s (%d errors)",
+          on ? "up" : "down", g_powerErrors);
+    return false;
+  }
   return true;
 }
