@@ -64,8 +64,8 @@ class QXWindow : public QWindow {
   // Powers the monitor down (false) or up (true) through the X server's DPMS extension; DPMS is
   // switched on for the time the monitor is down and left as it was found afterwards, and the
   // destructor powers up a monitor it left down. False where the display server has no such
-  // control (Wayland, KMS/DRM, an X server without DPMS; noted once): the window's black frame
-  // is then all.
+  // control (Wayland, KMS/DRM, an X server without DPMS; noted once) or the server refuses the
+  // switch (a warning): the window's black frame is then all.
   bool SetMonitorPower(bool on);
   // Sets icon resource `resource` (101 is the application's); false for an unknown one.
   bool SetIcon(int resource);
