@@ -35,7 +35,9 @@ int TimeOfDay(const std::string& s) {
   return h * 60 + m;
 }
 
-int MinuteOfWeek(const struct tm& t) { return ((t.tm_wday + 6) % 7) * kDay + t.tm_hour * 60 + t.tm_min; }
+int MinuteOfWeek(const struct tm& t) {
+  return ((t.tm_wday + 6) % 7) * kDay + t.tm_hour * 60 + t.tm_min;
+}
 
 }  // namespace
 
@@ -68,7 +70,7 @@ bool Schedule::Parse(const char* text) {
   }
 
   std::vector<Span> spans;
-  unsigned days = 0;     // bit i: day i, for the hours that follow
+  unsigned days = 0;      // bit i: day i, for the hours that follow
   bool hadHours = false;  // hours followed `days`: the next day starts a new set
   std::string fault;
   for (const std::string& w : words) {
@@ -78,7 +80,8 @@ bool Schedule::Parse(const char* text) {
       continue;
     }
     const size_t dash = w.find('-');
-    const std::string first = w.substr(0, dash), last = dash == std::string::npos ? "" : w.substr(dash + 1);
+    const std::string first = w.substr(0, dash),
+                      last = dash == std::string::npos ? "" : w.substr(dash + 1);
     if (!w.empty() && isdigit(static_cast<unsigned char>(w[0]))) {
       const int start = TimeOfDay(first), end = TimeOfDay(last);
       if (start < 0 || end < 0 || start == kDay || start == end) {

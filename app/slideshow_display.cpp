@@ -27,8 +27,7 @@ void RaceManager::FollowSchedule() {
     edgeAt = schedule.NextEdge(now);
     edgeFrom = now;
   }
-  if (!displayHeld && schedule.IsOn(now) != displayOn)
-    ApplyDisplay(!displayOn, "schedule", true);
+  if (!displayHeld && schedule.IsOn(now) != displayOn) ApplyDisplay(!displayOn, "schedule", true);
 }
 
 void RaceManager::SetDisplayOn(bool on, bool show) { HoldDisplay(on, "command", show); }

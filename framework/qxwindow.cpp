@@ -220,7 +220,8 @@ bool QXWindow::SetMonitorPower(bool on) {
   int event = 0, error = 0;
   if (!display || !DPMSQueryExtension(display, &event, &error) || !DPMSCapable(display)) {
     if (!powerNoted_)
-      QNOTE("QXWindow::SetMonitorPower", "No monitor power control on '%s': the screen is only black",
+      QNOTE("QXWindow::SetMonitorPower",
+            "No monitor power control on '%s': the screen is only black",
             SDL_GetCurrentVideoDriver() ? SDL_GetCurrentVideoDriver() : "");
     powerNoted_ = true;
     return false;

@@ -19,7 +19,8 @@ bool ParseEntry(const std::string& entry, uint32_t* address, uint32_t* mask) {
   int bits = 32;
   if (slash != std::string::npos) {
     const std::string prefix = entry.substr(slash + 1);
-    if (prefix.empty() || prefix.size() > 2 || prefix.find_first_not_of("0123456789") != std::string::npos)
+    if (prefix.empty() || prefix.size() > 2 ||
+        prefix.find_first_not_of("0123456789") != std::string::npos)
       return false;
     bits = atoi(prefix.c_str());
     if (bits > 32) return false;

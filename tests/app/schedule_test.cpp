@@ -80,12 +80,16 @@ TEST_F(InBerlin, TextsMeanTheirHoursAndMalformedOnesLeaveTheDisplayOn) {
        {{5, 10, 30, true}, {6, 10, 30, true}, {0, 10, 30, true}, {1, 10, 30, false},
         {4, 10, 30, false}}},
       // A list of days, with blanks or commas, any case.
-      {"mon, WED fri 08:00-12:00", {{0, 9, 0, true}, {1, 9, 0, false}, {2, 9, 0, true}, {4, 9, 0, true}}},
+      {"mon, WED fri 08:00-12:00",
+       {{0, 9, 0, true}, {1, 9, 0, false}, {2, 9, 0, true}, {4, 9, 0, true}}},
       // Past midnight: the night belongs to the day it starts on, Sunday's to Monday morning.
-      {"Fri 22:00-02:00", {{4, 21, 59, false}, {4, 23, 0, true}, {5, 1, 59, true}, {5, 2, 0, false}, {3, 23, 0, false}}},
+      {"Fri 22:00-02:00",
+       {{4, 21, 59, false}, {4, 23, 0, true}, {5, 1, 59, true}, {5, 2, 0, false},
+        {3, 23, 0, false}}},
       {"Sun 22:00-02:00", {{6, 22, 0, true}, {7, 1, 0, true}, {0, 23, 0, false}}},
       // 24:00 ends the day; hours without days are every day's, after a comma too.
-      {"Mon 00:00-24:00", {{0, 0, 0, true}, {0, 23, 59, true}, {1, 0, 0, false}, {6, 23, 59, false}}},
+      {"Mon 00:00-24:00",
+       {{0, 0, 0, true}, {0, 23, 59, true}, {1, 0, 0, false}, {6, 23, 59, false}}},
       {"8:00-9:00", {{3, 8, 30, true}, {6, 8, 59, true}, {6, 9, 0, false}}},
       {"Mon 08:00-10:00, 12:00-13:00", {{1, 12, 30, true}, {1, 9, 0, false}, {0, 9, 0, true}}},
       // Several ranges for the same days; blanks around the dashes.
@@ -126,14 +130,15 @@ TEST_F(InBerlin, TheNextEdgeIsTheFirstMinuteTheStateChangesAtByTheLocalClock) {
     const char* text;
     time_t from, edge;
   };
+  const char* const week = "Mon-Fri 07:30-19:00, Sat 09:00-14:00";
   const Case cases[] = {
-      {"Mon-Fri 07:30-19:00, Sat 09:00-14:00", Local(11, kMonday, 7, 0), Local(11, kMonday, 7, 30)},
+      {week, Local(11, kMonday, 7, 0), Local(11, kMonday, 7, 30)},
       // Strictly after: at the edge itself the next one.
-      {"Mon-Fri 07:30-19:00, Sat 09:00-14:00", Local(11, kMonday, 7, 30), Local(11, kMonday, 19, 0)},
-      {"Mon-Fri 07:30-19:00, Sat 09:00-14:00", Local(11, kMonday, 7, 29, 59), Local(11, kMonday, 7, 30)},
-      {"Mon-Fri 07:30-19:00, Sat 09:00-14:00", Local(11, kMonday + 4, 19, 0), Local(11, kMonday + 5, 9, 0)},
+      {week, Local(11, kMonday, 7, 30), Local(11, kMonday, 19, 0)},
+      {week, Local(11, kMonday, 7, 29, 59), Local(11, kMonday, 7, 30)},
+      {week, Local(11, kMonday + 4, 19, 0), Local(11, kMonday + 5, 9, 0)},
       // Over the weekend to Monday.
-      {"Mon-Fri 07:30-19:00, Sat 09:00-14:00", Local(11, kMonday + 5, 14, 0), Local(11, kMonday + 7, 7, 30)},
+      {week, Local(11, kMonday + 5, 14, 0), Local(11, kMonday + 7, 7, 30)},
       // Ranges that meet are one: no edge where they touch.
       {"Mon 07:00-12:00 12:00-19:00", Local(11, kMonday, 8, 0), Local(11, kMonday, 19, 0)},
       {"Sat-Sun 00:00-24:00", Local(11, kMonday + 5, 8, 0), Local(11, kMonday + 7, 0, 0)},

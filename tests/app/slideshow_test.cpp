@@ -230,7 +230,8 @@ TEST_F(InTempDir, TheDisplayOffDecodesNothingAndOnShowsWhereTheStepsLeftThePosit
   struct tm local;
   localtime_r(&now, &local);
   char hours[32];
-  snprintf(hours, sizeof hours, "%02d:00-%02d:30", (local.tm_hour + 2) % 24, (local.tm_hour + 2) % 24);
+  const int hour = (local.tm_hour + 2) % 24;
+  snprintf(hours, sizeof hours, "%02d:00-%02d:30", hour, hour);
   LogCapture log;
   rm_->SetSchedule(hours);
   EXPECT_TRUE(log.Seen("Display off (schedule)"));
@@ -317,11 +318,12 @@ TEST(Commands, EachKeyIsTheCommandItsTextNamesAndOnlyWholeWordsAreCommands) {
   EXPECT_TRUE(same(KeyCommand('I', false), ParseCommand("info 1")));
   for (int key : {int(QK_ESCAPE), int('A'), int('P'), int(QK_UP), 0})
     EXPECT_EQ(KeyCommand(key, true).kind, Command::NONE) << key;
-  for (const char* text : {"pause", "resume\n", "resume\r\n", "rescan", "next", "display on\n"})
+  for (const char* text :
+       {"pause", "resume\n", "resume\r\n", "rescan", "next", "display on\n"})
     EXPECT_NE(ParseCommand(text).kind, Command::NONE) << text;
   EXPECT_FALSE(ParseCommand("display off").on);
-  for (const char* text : {"Pause", "pause now", " resume", "resume\n\n", "bw 2", "LOAD x", "loadx",
-                           "load\tx", "", "info", "display", "display 1", "display  on"})
+  for (const char* text : {"Pause", "pause now", " resume", "resume\n\n", "bw 2", "LOAD x",
+                           "loadx", "load\tx", "", "info", "display", "display 1", "display  on"})
     EXPECT_EQ(ParseCommand(text).kind, Command::NONE) << text;
   EXPECT_EQ(ParseCommand("load  a b\n").path, " a b\n");
 }

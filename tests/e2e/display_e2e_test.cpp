@@ -33,7 +33,8 @@ class DisplayE2E : public ScreenTest<640, 480> {
   }
   bool Dark(int ms = kStepMs) { return Shows(0x000000, ms); }
   bool Lit(int ms = kStepMs) {
-    return Sees([](const Screen& s) { return Is(s.At(320, 240), kRed) || Is(s.At(320, 240), kGreen); }, ms);
+    return Sees(
+        [](const Screen& s) { return Is(s.At(320, 240), kRed) || Is(s.At(320, 240), kGreen); }, ms);
   }
   // The monitor's power as the X server reports it; "" when the server has no DPMS.
   static std::string Monitor() {

@@ -1,9 +1,8 @@
 // The Debian package, built once by CPack: files, conffile, control fields, lintian, the systemd
 // units, the manual page, and the unpacked program showing a picture.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <set>
@@ -114,8 +113,9 @@ TEST_F(Package, HoldsTheRunnableFolderTheLinkAndTheSystemFilesWithTheIniAsConffi
   // The shipped configuration is the source's with the index kept as state and commands taken
   // from this machine only, and dpkg keeps an edited one on upgrades.
   std::string ini = ReadFile(data / "glimra.ini");
-  for (const auto& change : {std::make_pair("  index_file=\n", "  index_file=/var/lib/glimra/glimra.index\n"),
-                             std::make_pair("  listen=\n", "  listen=127.0.0.1\n")}) {
+  for (const auto& change :
+       {std::make_pair("  index_file=\n", "  index_file=/var/lib/glimra/glimra.index\n"),
+        std::make_pair("  listen=\n", "  listen=127.0.0.1\n")}) {
     const std::string from = change.first;
     ASSERT_NE(ini.find(from), std::string::npos) << from;
     ini.replace(ini.find(from), from.size(), change.second);
