@@ -26,6 +26,9 @@ constexpr int kDefaultPort = 5000;
 constexpr int kWatchMs = 250;
 // A flood is taken in slices, so that keys and painting go on between them.
 constexpr int kMaxPerDrain = 4096;
+// One warning a minute per refused sender, remembered for this many senders at most.
+constexpr std::chrono::seconds kRefusedWarnGap(60);
+constexpr size_t kMaxRefused = 1024;
 
 }  // namespace
 
@@ -93,6 +96,25 @@ void CommandChannel::Open(int port, const char* listen) {
   }
 }
 
+void CommandChannel::Allow(const char* allow) { allow_.Parse(allow); }
+
+bool CommandChannel::Allowed(const QNAddress& from) {
+  if (allow_.Allows(from.GetAddress())) return true;
+  const auto now = std::chrono::steady_clock::now();
+  auto it = refusedAt_.find(from.GetAddress());
+  if (it != refusedAt_.end() && now - it->second < kRefusedWarnGap) return false;
+  if (it == refusedAt_.end() && refusedAt_.size() >= kMaxRefused) {
+    for (auto old = refusedAt_.begin(); old != refusedAt_.end();)
+      old = now - old->second >= kRefusedWarnGap ? refusedAt_.erase(old) : std::next(old);
+    // Still full: a flood from many addresses; it is warned about as it comes, not remembered.
+    if (refusedAt_.size() >= kMaxRefused) refusedAt_.clear();
+  }
+  refusedAt_[from.GetAddress()] = now;
+  QWARN("NetCheck", "Datagram from %s dropped: the sender is not in network.allow",
+        from.GetDotted());
+  return false;
+}
+
 void CommandChannel::Watch(void* arg) {
   CommandChannel* self = static_cast<CommandChannel*>(arg);
   std::unique_lock<std::mutex> lock(self->mutex_);
@@ -116,6 +138,11 @@ int CommandChannel::Receive(char* buf, QNAddress* from) {
   const int n = socket_->Read(buf, kBufferSize, from);
   // Nothing to handle (a refusal report, an oversized datagram), but a datagram was taken.
   if (n <= 0) return 0;
+  // Read and dropped: a stranger neither commands nor ends anything.
+  if (!Allowed(*from)) {
+    buf[0] = 0;
+    return 0;
+  }
   if (n >= kBufferSize) {
     buf[0] = 0;
     return n;

@@ -1,7 +1,9 @@
 // CommandChannel: the slideshow's UDP command port. One plain-text command per datagram (the
 // command set of app/commands.h), no reply. Anything else is logged on arrival and ignored.
 // Commands must stay below 1024 bytes: a datagram of 1024 bytes ends the program at once, once
-// the commands that came before it are done.
+// the commands that came before it are done. With an allow list ("network.allow"), datagrams
+// from other senders are read and dropped, whatever their size, with at most one warning a
+// minute per sender.
 //
 // Commands that wait together are taken together, and those a later one makes pointless are
 // skipped before their work starts (RunCommands), so a burst costs about one command's work and
@@ -15,13 +17,17 @@
 // closes the socket.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
+#include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "app/commands.h"
+#include "net/allowlist.h"
 
 class QIni;
 class QNSocket;
@@ -48,6 +54,9 @@ class CommandChannel {
   // every local address), non-blocking, and starts the watcher. A port that cannot be opened is
   // fatal: "Can't open UDP socket at port %d\n".
   void Open(int port, const char* listen = nullptr);
+  // Takes commands only from the senders `allow` lists ("network.allow"; see net/allowlist.h):
+  // bad entries are errors and left out. Empty or null: from everyone.
+  void Allow(const char* allow);
   // Takes one waiting datagram and handles it; false when none was waiting. A datagram of 1024
   // bytes or more ends the program: one error line naming the size and the sender, then the
   // exit procedure with status 1.
@@ -68,6 +77,8 @@ class CommandChannel {
   int Receive(char* buf, QNAddress* from);
   // The end a datagram of `size` bytes from `from` brings.
   [[noreturn]] static void TooLong(int size, const QNAddress& from);
+  // Whether `from` may send; a sender that may not is warned about once a minute.
+  bool Allowed(const QNAddress& from);
 
   std::unique_ptr<QNSocket> socket_;
   std::unique_ptr<QThread> watcher_;
@@ -76,4 +87,8 @@ class CommandChannel {
   bool drained_ = true;   // the main loop has read what the watcher saw
   bool stop_ = false;     // the watcher is to end
   bool running_ = false;  // the watcher's loop has not ended yet
+  QNAllowList allow_;
+  // When each refused sender (host order) was last warned about; pruned, so a flood from many
+  // addresses cannot make it grow without end.
+  std::map<uint32_t, std::chrono::steady_clock::time_point> refusedAt_;
 };

@@ -35,6 +35,9 @@ Command ParseCommand(const char* text) {
     c.kind = Command::PAUSE;
   } else if (word == "resume") {
     c.kind = Command::RESUME;
+  } else if (word == "display on" || word == "display off") {
+    c.kind = Command::DISPLAY;
+    c.on = word == "display on";
   }
   return c;
 }
@@ -72,15 +75,21 @@ bool RunCommands(const std::vector<Command>& batch, RaceManager* rm) {
   // The last command that shows a picture is the only one loaded; a load before it matters only
   // when a step comes next, which goes from the loaded picture.
   size_t last = batch.size();
-  int blackAndWhite = -1, info = -1, paused = -1;
+  int blackAndWhite = -1, info = -1, paused = -1, display = -1;
   for (size_t i = 0; i < batch.size(); ++i) {
     if (shows(batch[i])) last = i;
     if (batch[i].kind == Command::BLACK_AND_WHITE) blackAndWhite = batch[i].on;
     if (batch[i].kind == Command::INFO) info = batch[i].on;
     if (batch[i].kind == Command::PAUSE || batch[i].kind == Command::RESUME)
       paused = batch[i].kind == Command::PAUSE;
+    if (batch[i].kind == Command::DISPLAY) display = batch[i].on;
   }
   if (paused >= 0) rm->SetPaused(paused != 0);
+  // Before the pictures: off, they only move the position; on, the one loaded below is shown
+  // without the current one being decoded first.
+  const int shownBefore = rm->GetShownCount();
+  const bool wakes = display == 1 && !rm->IsDisplayOn();
+  if (display >= 0) rm->SetDisplayOn(display != 0, last == batch.size());
   // First the settings: the one picture loaded below is loaded as the last "bw" wants.
   const bool reload = blackAndWhite >= 0 && last == batch.size();
   if (blackAndWhite >= 0 || info >= 0) rm->SetEffects(blackAndWhite, info, reload);
@@ -109,6 +118,8 @@ bool RunCommands(const std::vector<Command>& batch, RaceManager* rm) {
       rm->Step(c.kind == Command::NEXT ? 1 : -1, i == last);
     }
   }
+  // Woken for a picture that then failed: the one the position stands on instead.
+  if (wakes && last < batch.size() && rm->GetShownCount() == shownBefore) rm->LoadCurImage();
   rm->RestartAdvance();
   return true;
 }

@@ -3,7 +3,8 @@
 // stands); "next" and "prev" step like Right and Left; "bw 1" and "bw 0" do what B and C do,
 // "info 1" and "info 0" show or hide the information line (both written to glimra.ini, as the
 // keys do); "rescan" builds the catalogue again; "pause" and "resume" stop and start the
-// automatic advance. These words may end in one line end. Keys are turned into the same
+// automatic advance; "display off" and "display on" put the screen to sleep and wake it until
+// the schedule's next edge. These words may end in one line end. Keys are turned into the same
 // commands, so that each does exactly what its text does.
 //
 // Commands that wait together are carried out together (RunCommands), and those a later one
@@ -18,9 +19,9 @@ class RaceManager;
 
 // One command: what to do and its argument.
 struct Command {
-  enum Kind { NONE, LOAD, NEXT, PREV, BLACK_AND_WHITE, INFO, RESCAN, PAUSE, RESUME };
+  enum Kind { NONE, LOAD, NEXT, PREV, BLACK_AND_WHITE, INFO, RESCAN, PAUSE, RESUME, DISPLAY };
   Kind kind = NONE;
-  bool on = false;   // BLACK_AND_WHITE and INFO: on or off
+  bool on = false;   // BLACK_AND_WHITE, INFO and DISPLAY: on or off
   std::string path;  // LOAD: the path, as it stands
 };
 
@@ -33,8 +34,10 @@ Command KeyCommand(int key, bool infoShown);
 // Carries out `batch`, commands that came in this order, on the controller `rm`, as one after
 // another would end, but skipping work a later command undoes: a load or step followed by
 // another load or step is not loaded (a step still goes from where it put the catalogue), a
-// rescan after the first is not repeated, only the last "bw", the last "info" and the last
-// "pause" or "resume" count (written to glimra.ini once, before the one picture that is
-// loaded), and the count of the automatic advance starts again once. A stop request ends it
+// rescan after the first is not repeated, only the last "bw", the last "info", the last
+// "pause" or "resume" and the last "display" count (written to glimra.ini once, before the one
+// picture that is loaded), and the count of the automatic advance starts again once. While the
+// display is off, loads and steps only move the catalogue's position; "display on" then shows
+// the picture they end on. A stop request ends it
 // between commands; false then.
 bool RunCommands(const std::vector<Command>& batch, RaceManager* rm);

@@ -40,6 +40,8 @@ volatile sig_atomic_t g_stopSignal = 0;
 constexpr int kFollowGapMs = 250;
 // The longest a start waits for a library's walk to find its first picture.
 constexpr int kFirstWaitMs = 2000;
+// The longest the loop sleeps while a schedule's edge is ahead.
+constexpr long long kScheduleLookMs = 60000;
 
 // `path` split at its last separator: the directory ("." when there is none) and the name.
 void SplitPath(const char* path, qstring* dir, const char** name) {
@@ -128,6 +130,9 @@ void RaceManager::Setup(const char* arg) {
   qstring listen;
   CommandListenAddress(ini.get(), &listen);
   commands.reset(new CommandChannel());
+  qstring allow;
+  ini->GetString("network.allow", &allow, "");
+  commands->Allow(allow.cstr());
   commands->Open(netPort, listen.cstr());
   // A developer's knob: the longest the loop sleeps (0, the default: until something happens).
   idleSleepMs = ini->GetInt("dev.idle_sleep_ms", IDLE_SLEEP_MS);
@@ -139,6 +144,10 @@ void RaceManager::Setup(const char* arg) {
   advanceMs = advance >= 0.05 && advance <= 1e6 ? int(advance * 1000.0 + 0.5) : 0;
   const int fade = ini->GetInt("effects.fade_ms", 0);
   fadeMs = fade > 0 ? std::min(fade, 60000) : 0;
+  // Before the first picture: outside the hours nothing is decoded, the first one included.
+  qstring hours;
+  ini->GetString("display.schedule", &hours, "");
+  SetSchedule(hours.cstr());
 
   rect.wid = ini->GetInt("resolution.width", 640);
   rect.hgt = ini->GetInt("resolution.height", 480);
@@ -346,6 +355,7 @@ void RaceManager::Rescan(const std::vector<std::string>& skip) {
 }
 
 void RaceManager::StartFirstPicture(const char* arg, QApp* app, int width, int height) {
+  if (!displayOn) return;
   qstring startDir;
   ini->GetString("app.startup_directory", &startDir, "");
   startDir.ReplaceAll("\\", "/");
@@ -435,6 +445,11 @@ void RaceManager::HandleEvent(QEvent* e) {
     if (QGetApp()) QGetApp()->Exit(0);
     return;
   }
+  // Someone at the dark screen wants to see it: the press wakes it and does nothing else.
+  if (!displayOn) {
+    HoldDisplay(true, "key", true);
+    return;
+  }
   // Each key does what its command does, through the same code.
   const Command c = KeyCommand(e->n, (flags & SHOW_INFO) != 0);
   if (c.kind != Command::NONE) RunCommands({c}, this);
@@ -488,7 +503,7 @@ int RaceManager::SleepMs() const {
   if (fadeStarted)
     atMost(std::max<long long>(0, 16 - duration_cast<milliseconds>(now - frameAt).count()));
   // An animation's advance waits for the end of its loop, which a frame's time brings.
-  if (advanceMs > 0 && !paused && !newPicture && !animation)
+  if (advanceMs > 0 && !paused && displayOn && !newPicture && !animation)
     atMost(std::max<long long>(0, duration_cast<milliseconds>(advanceAt - now).count() + 1));
   if (animation && !newPicture)
     atMost(std::max<long long>(0, duration_cast<milliseconds>(animNextAt - now).count()));
@@ -496,6 +511,13 @@ int RaceManager::SleepMs() const {
     atMost(std::max<long long>(0, duration_cast<milliseconds>(sharpenAt - now).count() + 1));
   if (rescanMs > 0)
     atMost(std::max<long long>(0, duration_cast<milliseconds>(rescanAt - now).count() + 1));
+  // The next edge of the schedule, looked at again at least once a minute: the wall clock may
+  // be set while the loop sleeps on the steady one.
+  if (edgeAt >= 0) {
+    const long long toEdge =
+        duration_cast<milliseconds>(system_clock::from_time_t(edgeAt) - Schedule::Now()).count();
+    atMost(std::min<long long>(std::max<long long>(0, toEdge + 1), kScheduleLookMs));
+  }
   return int(ms);
 }
 
@@ -511,6 +533,7 @@ void RaceManager::Run() {
     // loop does by itself (a frame owed, a fade's or an animation's next frame, the advance) is
     // due.
     QEventWait(SleepMs());
+    FollowSchedule();
     // Before the keys, so that a step goes to the folder as it now is.
     FollowFolder();
     TakeFound();
@@ -530,7 +553,7 @@ void RaceManager::Run() {
     if (commands) commands->Drain();
     if (animation && !g_stopSignal && !newPicture && std::chrono::steady_clock::now() >= animNextAt)
       NextFrame();
-    if (advanceMs > 0 && !paused && !g_stopSignal && !newPicture && !animation &&
+    if (advanceMs > 0 && !paused && displayOn && !g_stopSignal && !newPicture && !animation &&
         std::chrono::steady_clock::now() >= advanceAt)
       AdvanceStep();
     IdleProc();
@@ -559,6 +582,11 @@ void RaceManager::IdleProc() {
   rm->frameAt = std::chrono::steady_clock::now();
   rm->Paint();
   if (rm->window) rm->window->Swap();
+  // The black frame is out: the monitor may sleep now.
+  if (!rm->displayOn && !rm->monitorOff && rm->window) {
+    rm->window->SetMonitorPower(false);
+    rm->monitorOff = true;
+  }
   if (rm->newPicture) {
     // On the screen now: the advance and the first frame's time count from here.
     rm->newPicture = false;

@@ -1,11 +1,12 @@
 // RaceManager: the slideshow's one controller. It reads "glimra.ini", makes the application and
 // its window, opens the command channel, keeps the catalogue of pictures of the working
 // directory and runs the main loop: it sleeps until a key, a window event, a datagram, a change
-// of the watched folder or a stop signal comes, or the automatic advance, a fade's next frame or
-// an animation's next frame is due (at most "dev.idle_sleep_ms" when that is set); it follows
-// the folder, handles every key and every waiting command, puts a due animation frame into the
-// texture, takes a due advance step (for an animation, at the end of the loop the interval ends
-// in), then runs the idle cycle, which paints and presents a frame only when something changed.
+// of the watched folder or a stop signal comes, or the automatic advance, a fade's next frame,
+// an animation's next frame or the display schedule's next edge is due (at most
+// "dev.idle_sleep_ms" when that is set); it follows the schedule and the folder, handles every key
+// and every waiting command, puts a due animation frame into the texture, takes a due advance step
+// (for an animation, at the end of the loop the interval ends in), then runs the idle cycle, which
+// paints and presents a frame only when something changed.
 //
 // What stays true: the shown picture is one Slide (texture, quad and the shape they were made
 // from), replaced whole by each successful load (the one a fade leaves stays until it ends); a
@@ -28,6 +29,7 @@
 
 #include "app/catalogue.h"
 #include "app/picture_loader.h"
+#include "app/schedule.h"
 #include "framework/qstring.h"
 
 class CommandChannel;
@@ -178,14 +180,33 @@ class RaceManager {
   // no faster than the interval.
   void AdvanceStep();
   // How long the main loop may sleep before the next thing it has to do by itself (a frame
-  // owed, a fade's next frame, an animation's next frame, the advance); at most the idle pause
-  // when one is set; -1 when nothing is due.
+  // owed, a fade's next frame, an animation's next frame, the advance, the schedule's next
+  // edge); at most the idle pause when one is set; -1 when nothing is due.
   int SleepMs() const;
+
+  // ---- Display power ("display on/off", keys, "display.schedule") ----
+  // Off: one black frame, the monitor powered down where the display server can (X11 DPMS),
+  // nothing decoded or prefetched, the advance and any animation held; loads and steps only move
+  // the catalogue's position. On: the monitor powered up and, when `show`, the current picture
+  // decoded and shown, the advance counting from it. A command's choice holds until the
+  // schedule's next edge (without a schedule, until the next command). A note in the log when
+  // the display changes.
+  void SetDisplayOn(bool on, bool show = true);
+  bool IsDisplayOn() const { return displayOn; }
+  // The display is off because the schedule says so, not by a command or a key.
+  bool DisplayOffBySchedule() const { return !displayOn && !displayHeld; }
+  // The display's weekly hours (see app/schedule.h); a malformed text leaves it always on. The
+  // display takes the schedule's state at once.
+  void SetSchedule(const char* text);
+  // At each wake of the loop: once an edge has passed, a command's hold ends and the display
+  // follows the schedule again.
+  void FollowSchedule();
 
   // ---- Main loop ----
   // Key presses: Escape exits; Left/Right step, B/C switch black-and-white (written to the
   // configuration file), I toggles the overlay (likewise), each as its command (KeyCommand).
-  // Everything else is ignored.
+  // Everything else is ignored. While the display is off, any key but Escape only wakes it
+  // (as "display on" does).
   void HandleEvent(QEvent* e);
   // The main loop; never returns (Escape ends the process through QApp::Exit, and so does a
   // stop request, with status 0, at the end of the cycle it arrives in).
@@ -255,6 +276,10 @@ class RaceManager {
   // the library's first found (waiting a moment for the walk) or the folder's first; empty when
   // there is none.
   std::string FirstPicture();
+  // The display on or off for `why` ("schedule", "command", "key"); see SetDisplayOn.
+  void ApplyDisplay(bool on, const char* why, bool show);
+  // As ApplyDisplay, held against the schedule until its next edge.
+  void HoldDisplay(bool on, const char* why, bool show);
   // Enters `home` again when it was replaced (QReenterDirectory); true when it did.
   bool ReturnHome();
   // Once the folder entered again lists pictures: the shown name read again from it, else its
@@ -289,6 +314,15 @@ class RaceManager {
   int advanceMs = 0;
   std::chrono::steady_clock::time_point advanceAt;
   bool paused = false;  // the "pause" command holds the advance
+  // Power: the display's state, whether a command or key holds it against the schedule until
+  // the edge `edgeAt` (-1: none known), when that edge was worked out (the wall clock may be set
+  // back), and whether the monitor was powered down after the black frame.
+  Schedule schedule;
+  bool displayOn = true;
+  bool displayHeld = false;
+  time_t edgeAt = -1;
+  time_t edgeFrom = 0;
+  bool monitorOff = false;
   bool newPicture = false;  // a picture was shown whose first frame is not out yet
   int shownCount = 0;       // pictures shown so far, to tell a step that failed
   // Fade ("effects.fade_ms"; 0: a cut): while it runs, the previous picture is kept and drawn

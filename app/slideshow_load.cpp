@@ -68,6 +68,11 @@ ScreenFit RaceManager::CurrentFit() const {
 void RaceManager::LoadNewImage(const char* pathArg) {
   // The path may point into the catalogue or curFile, both of which change below.
   const std::string path(pathArg ? pathArg : "");
+  // In the dark the position moves; the picture is decoded when the display comes on.
+  if (!displayOn) {
+    SelectImage(path.c_str());
+    return;
+  }
   const ScreenFit fit = CurrentFit();
   const bool grey = ini && ini->GetBool("effects.black_and_white", false);
   LoadedPicture picture;
@@ -79,7 +84,7 @@ void RaceManager::LoadNewImage(const char* pathArg) {
 }
 
 void RaceManager::PrefetchNeighbours() {
-  if (!prefetcher) return;
+  if (!prefetcher || !displayOn) return;
   std::vector<std::string> wanted;
   const int cur = catalogue->Current(), count = catalogue->Count();
   if (cur >= 0 && count > 1) {
@@ -212,6 +217,7 @@ void RaceManager::Paint() {
   if (!canvas) return;
   canvas->SetClearColor(0, 0, 0, 0);
   canvas->Clear(QCanvas::CLEAR_COLOR | QCanvas::CLEAR_DEPTH);
+  if (!displayOn) return;
   if (slide.mesh) {
     canvas->Set3D(QCanvas::DEFAULT_DISTANCE);
     // During a fade, a cross-fade over black: old * (1 - w) + new * w, wherever either quad lies.

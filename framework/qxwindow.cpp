@@ -5,6 +5,7 @@
 #include <SDL_syswm.h>
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
+#include <X11/extensions/dpms.h>
 
 #include <GL/gl.h>
 #include <cstring>
@@ -94,6 +95,7 @@ bool QXWindow::CreateNative() {
 
 void QXWindow::DestroyNative() {
   RestoreDesktopMode();
+  if (monitorDown_) SetMonitorPower(true);
   if (context_) {
     if (SDL_GL_GetCurrentContext() == context_) SDL_GL_MakeCurrent(window_, nullptr);
     SDL_GL_DeleteContext(static_cast<SDL_GLContext>(context_));
@@ -195,3 +197,62 @@ void QXWindow::SetIconName(const char* /*name*/) {
   QERR("QXWindow::SetIconName", "QXWindow::SetIconName() nyi/win32/Mac");
 }
 void QXWindow::Destroy() { QERR("QXWindow::Destroy", "QXWindow:Destroy NYI"); }
+
+namespace {
+
+// An X error while the power is switched (a server that claims DPMS and then refuses a level)
+// must not end the program through Xlib's default handler: the black frame still stands.
+int g_powerErrors = 0;
+int CountPowerError(Display*, XErrorEvent*) {
+  ++g_powerErrors;
+  return 0;
+}
+
+}  // namespace
+
+bool QXWindow::SetMonitorPower(bool on) {
+  if (!window_) return false;
+  SDL_SysWMinfo info;
+  SDL_VERSION(&info.version);
+  Display* display = nullptr;
+  if (SDL_GetWindowWMInfo(window_, &info) && info.subsystem == SDL_SYSWM_X11)
+    display = info.info.x11.display;
+  int event = 0, error = 0;
+  if (!display || !DPMSQueryExtension(display, &event, &error) || !DPMSCapable(display)) {
+    if (!powerNoted_)
+      QNOTE("QXWindow::SetMonitorPower",
+            "No monitor power control on '%s': the screen is only black",
+            SDL_GetCurrentVideoDriver() ? SDL_GetCurrentVideoDriver() : "");
+    powerNoted_ = true;
+    return false;
+  }
+  g_powerErrors = 0;
+  XSync(display, False);
+  XErrorHandler previous = XSetErrorHandler(&CountPowerError);
+  if (!on) {
+    CARD16 level = 0;
+    BOOL enabled = False;
+    DPMSInfo(display, &level, &enabled);
+    if (!monitorDown_) dpmsWasOn_ = enabled;
+    // SDL keeps the screen saver away by resetting it now and then, which wakes the monitor.
+    SDL_EnableScreenSaver();
+    // Forcing a level needs DPMS enabled.
+    if (!enabled) DPMSEnable(display);
+    DPMSForceLevel(display, DPMSModeOff);
+    monitorDown_ = true;
+  } else {
+    DPMSForceLevel(display, DPMSModeOn);
+    // Left enabled, the server's own time-outs would darken a display that is meant to be on.
+    if (monitorDown_ && !dpmsWasOn_) DPMSDisable(display);
+    SDL_DisableScreenSaver();
+    monitorDown_ = false;
+  }
+  XSync(display, False);
+  XSetErrorHandler(previous);
+  if (g_powerErrors) {
+    QWARN("QXWindow::SetMonitorPower", "The X server refused to power the monitor %s (%d errors)",
+          on ? "up" : "down", g_powerErrors);
+    return false;
+  }
+  return true;
+}

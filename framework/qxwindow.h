@@ -61,6 +61,12 @@ class QXWindow : public QWindow {
   void Size(int wid, int hgt) override;
   // Brings the window to the front with the keyboard focus.
   void Raise();
+  // Powers the monitor down (false) or up (true) through the X server's DPMS extension; DPMS is
+  // switched on for the time the monitor is down and left as it was found afterwards, and the
+  // destructor powers up a monitor it left down. False where the display server has no such
+  // control (Wayland, KMS/DRM, an X server without DPMS; noted once) or the server refuses the
+  // switch (a warning): the window's black frame is then all.
+  bool SetMonitorPower(bool on);
   // Sets icon resource `resource` (101 is the application's); false for an unknown one.
   bool SetIcon(int resource);
   // Copies the front (what is shown) or back buffer into `out` (32-bit, bottom-up rows, the
@@ -96,6 +102,9 @@ class QXWindow : public QWindow {
   int pixfmt_ = 0;
   bool software_ = false;
   bool modeSwitched_ = false;
+  bool monitorDown_ = false;  // DPMS was forced off by SetMonitorPower
+  bool dpmsWasOn_ = false;    // DPMS was enabled before that
+  bool powerNoted_ = false;   // the lack of a power control was noted
   // Made full screen at the desktop's own mode from the start: nothing to switch.
   bool desktopFullScreen_ = false;
 };

@@ -10,4 +10,6 @@ file(CREATE_LINK /etc/glimra/glimra.ini "${stage}/opt/glimra/glimra.ini" SYMBOLI
 # The index of a library is state, not configuration: it lives under /var/lib/glimra.
 file(READ "${stage}/etc/glimra/glimra.ini" ini)
 string(REPLACE "  index_file=\n" "  index_file=/var/lib/glimra/glimra.index\n" ini "${ini}")
+# An installed display takes commands from its own machine only until its owner opens it up.
+string(REPLACE "  listen=\n" "  listen=127.0.0.1\n" ini "${ini}")
 file(WRITE "${stage}/etc/glimra/glimra.ini" "${ini}")

@@ -6,8 +6,8 @@ glimra_install_deps() {
     libjpeg62-turbo-dev libpng-dev libheif-dev libwebp-dev libgif-dev libtiff-dev liblcms2-dev
     libenet-dev libsdl2-dev libgl-dev libglu1-mesa-dev libsqlite3-dev
     libfreetype-dev libfontconfig-dev fonts-dejavu-core zlib1g-dev
-    libgtest-dev libgmock-dev libbenchmark-dev hyperfine libx11-dev libxtst-dev
-    xvfb xauth xdotool x11-utils x11-apps xfonts-base xserver-xorg-core xserver-xorg-video-dummy
+    libgtest-dev libgmock-dev libbenchmark-dev hyperfine libx11-dev libxext-dev libxtst-dev
+    xvfb xauth xdotool x11-utils x11-xserver-utils x11-apps xfonts-base xserver-xorg-core xserver-xorg-video-dummy
     openbox cage grim xwayland
     clang-14 libclang-rt-14-dev
     imagemagick netpbm libimage-exiftool-perl libheif-examples webp libtiff-tools

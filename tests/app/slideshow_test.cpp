@@ -59,7 +59,8 @@ TEST(ShippedIni, ReadsBackWithoutWarningsAndHoldsEveryKeyTheProgramReads) {
         "dev.udp_out", "dev.log_last", "dev.strict", "dev.opengl_checks", "dev.argument_tracing",
         "dev.qdbg_to_qlog", "dev.idle_sleep_ms", "dev.fatal_box_seconds", "effects.advance_seconds",
         "effects.fade_ms", "app.watch_directory", "app.recursive", "app.max_pictures",
-        "app.order", "app.resume", "app.index_file", "app.rescan_minutes"})
+        "app.order", "app.resume", "app.index_file", "app.rescan_minutes", "network.allow",
+        "display.schedule"})
   {
     qstring v;
     EXPECT_TRUE(ini.GetString(key, &v, "")) << key;
@@ -172,6 +173,77 @@ TEST_F(InTempDir, OnlyRegularFilesAreOpenedAsPicturesAndNothingBlocks) {
   EXPECT_STREQ(rm_->GetCurFile(), "");
 }
 
+TEST_F(InTempDir, TheDisplayOffDecodesNothingAndOnShowsWhereTheStepsLeftThePosition) {
+  for (const char* n : {"a.tga", "b.tga", "c.tga"}) ASSERT_TRUE(e2e::Uniform(n, e2e::kRed));
+  rm_->SetIni(new QIni("glimra.ini", QIni::NO_READ));
+  rm_->ScanDir();
+  rm_->LoadNewImage("a.tga");
+  const auto run = [this](const std::vector<const char*>& texts) {
+    std::vector<Command> batch;
+    for (const char* t : texts) batch.push_back(ParseCommand(t));
+    return RunCommands(batch, rm_.get());
+  };
+  struct Case {
+    bool offBefore;
+    std::vector<const char*> commands;
+    const char* shown;  // the current picture afterwards
+    int loads;          // of it
+    bool on;            // the display afterwards
+  };
+  const Case cases[] = {
+      // In the dark, steps and loads only move the position; "on" shows where it stands.
+      {true, {"next", "next"}, "c.tga", 0, false},
+      {true, {"load b.tga"}, "b.tga", 0, false},
+      {true, {"display on"}, "b.tga", 1, true},
+      // Only the last of a batch counts; woken for a load, only that picture is decoded.
+      {false, {"display off", "next", "display on"}, "c.tga", 1, true},
+      {true, {"display on", "load a.tga"}, "a.tga", 1, true},
+      {false, {"next", "display off"}, "b.tga", 0, false},
+      // Woken for a picture that fails: the one the position stands on.
+      {true, {"display on", "load missing.tga"}, "b.tga", 1, true},
+      // Already on: nothing is loaded again.
+      {false, {"display on\n"}, "b.tga", 0, true},
+  };
+  for (const Case& c : cases) {
+    if (c.offBefore) rm_->SetDisplayOn(false);
+    LogCapture log;
+    ASSERT_TRUE(run(c.commands));
+    EXPECT_STREQ(rm_->GetCurFile(), c.shown) << c.commands.back();
+    EXPECT_EQ(log.Count(std::string("Load times (") + c.shown), c.loads) << c.commands.back();
+    EXPECT_EQ(log.Count("Load times ("), c.loads) << c.commands.back();
+    EXPECT_EQ(rm_->IsDisplayOn(), c.on) << c.commands.back();
+    EXPECT_EQ(rm_->GetTexture() != nullptr, c.on) << "a picture kept in the dark";
+  }
+  {
+    LogCapture log;
+    rm_->SetDisplayOn(false);
+    rm_->SetDisplayOn(false);
+    EXPECT_EQ(log.Count("Display off (command)"), 1);
+    EXPECT_FALSE(rm_->DisplayOffBySchedule());
+    rm_->SetDisplayOn(true);
+    EXPECT_EQ(log.Count("Display on (command)"), 1);
+  }
+
+  // Hours that are not now (half an hour every day, two hours ahead): off by the schedule at
+  // once; a command holds against it.
+  const time_t now = time(nullptr);
+  struct tm local;
+  localtime_r(&now, &local);
+  char hours[32];
+  const int hour = (local.tm_hour + 2) % 24;
+  snprintf(hours, sizeof hours, "%02d:00-%02d:30", hour, hour);
+  LogCapture log;
+  rm_->SetSchedule(hours);
+  EXPECT_TRUE(log.Seen("Display off (schedule)"));
+  EXPECT_TRUE(rm_->DisplayOffBySchedule());
+  EXPECT_EQ(rm_->SleepMs(), 0) << "the black frame is owed";
+  rm_->SetDisplayOn(true);
+  rm_->FollowSchedule();
+  EXPECT_TRUE(rm_->IsDisplayOn());
+  rm_->SetSchedule("");
+  EXPECT_TRUE(rm_->IsDisplayOn());
+}
+
 TEST_F(InTempDir, CommandsTakenTogetherEndAsOneByOneWithOnlyTheLastPictureLoaded) {
   for (const char* n : {"a.tga", "b.tga", "c.tga", "d.tga", "e.tga"})
     ASSERT_TRUE(e2e::Uniform(n, e2e::kRed));
@@ -246,10 +318,12 @@ TEST(Commands, EachKeyIsTheCommandItsTextNamesAndOnlyWholeWordsAreCommands) {
   EXPECT_TRUE(same(KeyCommand('I', false), ParseCommand("info 1")));
   for (int key : {int(QK_ESCAPE), int('A'), int('P'), int(QK_UP), 0})
     EXPECT_EQ(KeyCommand(key, true).kind, Command::NONE) << key;
-  for (const char* text : {"pause", "resume\n", "resume\r\n", "rescan", "next"})
+  for (const char* text :
+       {"pause", "resume\n", "resume\r\n", "rescan", "next", "display on\n"})
     EXPECT_NE(ParseCommand(text).kind, Command::NONE) << text;
-  for (const char* text : {"Pause", "pause now", " resume", "resume\n\n", "bw 2", "LOAD x", "loadx",
-                           "load\tx", "", "info"})
+  EXPECT_FALSE(ParseCommand("display off").on);
+  for (const char* text : {"Pause", "pause now", " resume", "resume\n\n", "bw 2", "LOAD x",
+                           "loadx", "load\tx", "", "info", "display", "display 1", "display  on"})
     EXPECT_EQ(ParseCommand(text).kind, Command::NONE) << text;
   EXPECT_EQ(ParseCommand("load  a b\n").path, " a b\n");
 }

@@ -1,14 +1,14 @@
 // The Debian package, built once by CPack: files, conffile, control fields, lintian, the systemd
 // units, the manual page, and the unpacked program showing a picture.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "framework/qini.h"
@@ -110,13 +110,20 @@ TEST_F(Package, HoldsTheRunnableFolderTheLinkAndTheSystemFilesWithTheIniAsConffi
   EXPECT_EQ(files, want);
   EXPECT_TRUE(dirs.count("/opt/glimra/"));
 
-  // The shipped configuration is the source's with the index kept as state, and dpkg keeps an
-  // edited one on upgrades.
+  // The shipped configuration is the source's with the index kept as state and commands taken
+  // from this machine only, and dpkg keeps an edited one on upgrades.
   std::string ini = ReadFile(data / "glimra.ini");
-  const std::string index = "  index_file=\n";
-  ASSERT_NE(ini.find(index), std::string::npos);
-  ini.replace(ini.find(index), index.size(), "  index_file=/var/lib/glimra/glimra.index\n");
+  for (const auto& change :
+       {std::make_pair("  index_file=\n", "  index_file=/var/lib/glimra/glimra.index\n"),
+        std::make_pair("  listen=\n", "  listen=127.0.0.1\n")}) {
+    const std::string from = change.first;
+    ASSERT_NE(ini.find(from), std::string::npos) << from;
+    ini.replace(ini.find(from), from.size(), change.second);
+  }
   EXPECT_EQ(ReadFile(Root("/etc/glimra/glimra.ini")), ini);
+  QIni installed(Root("/etc/glimra/glimra.ini").c_str());
+  qstring listen;
+  EXPECT_TRUE(installed.GetString("network.listen", &listen, "") && listen == "127.0.0.1");
   EXPECT_EQ(ReadFile(Control("conffiles")), "/etc/glimra/glimra.ini\n");
 
   EXPECT_EQ(Field("Package"), "glimra");

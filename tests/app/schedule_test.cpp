@@ -1,0 +1,174 @@
+// The display's weekly hours: what the text means at given local times, malformed texts, and
+// the next edge, across midnight, the week's end and both changes of summer time.
+#include "app/schedule.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "support/logcapture.h"
+
+namespace {
+
+// Central European time with its summer time, spelt out so that no zone file is needed: summer
+// time from the last Sunday of March 02:00 to the last Sunday of October 03:00.
+class InBerlin : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const char* old = getenv("TZ");
+    had_ = old != nullptr;
+    if (had_) old_ = old;
+    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+    tzset();
+  }
+  void TearDown() override {
+    if (had_)
+      setenv("TZ", old_.c_str(), 1);
+    else
+      unsetenv("TZ");
+    tzset();
+  }
+  // Local wall time; in a repeated hour the first pass.
+  static time_t Local(int month, int day, int hour, int minute, int second = 0) {
+    struct tm t = {};
+    t.tm_year = 2026 - 1900, t.tm_mon = month - 1, t.tm_mday = day;
+    t.tm_hour = hour, t.tm_min = minute, t.tm_sec = second, t.tm_isdst = -1;
+    return mktime(&t);
+  }
+  static time_t Utc(int month, int day, int hour, int minute) {
+    struct tm t = {};
+    t.tm_year = 2026 - 1900, t.tm_mon = month - 1, t.tm_mday = day;
+    t.tm_hour = hour, t.tm_min = minute;
+    return timegm(&t);
+  }
+  static std::string Show(time_t t) {
+    if (t < 0) return "never";
+    char buf[64];
+    struct tm local;
+    localtime_r(&t, &local);
+    strftime(buf, sizeof buf, "%a %d.%m. %H:%M:%S %Z", &local);
+    return buf;
+  }
+
+  bool had_ = false;
+  std::string old_;
+};
+
+// 23 November 2026 is a Monday: day 0 of the week below, Sunday day 6.
+constexpr int kMonday = 23;
+
+TEST_F(InBerlin, TextsMeanTheirHoursAndMalformedOnesLeaveTheDisplayOn) {
+  struct At {
+    int day;  // 0 Monday .. 6 Sunday, 7 the next Monday
+    int hour, minute;
+    bool on;
+  };
+  struct Case {
+    const char* text;
+    std::vector<At> at;
+  };
+  const Case cases[] = {
+      {"", {{0, 3, 0, true}, {6, 23, 59, true}}},
+      {"Mon-Fri 07:30-19:00, Sat 09:00-14:00",
+       {{0, 7, 29, false}, {0, 7, 30, true}, {4, 18, 59, true}, {4, 19, 0, false},
+        {5, 8, 59, false}, {5, 9, 0, true}, {5, 14, 0, false}, {6, 12, 0, false}}},
+      // A range of days wraps round the week's end.
+      {"Sat-Mon 10:00-11:00",
+       {{5, 10, 30, true}, {6, 10, 30, true}, {0, 10, 30, true}, {1, 10, 30, false},
+        {4, 10, 30, false}}},
+      // A list of days, with blanks or commas, any case.
+      {"mon, WED fri 08:00-12:00",
+       {{0, 9, 0, true}, {1, 9, 0, false}, {2, 9, 0, true}, {4, 9, 0, true}}},
+      // Past midnight: the night belongs to the day it starts on, Sunday's to Monday morning.
+      {"Fri 22:00-02:00",
+       {{4, 21, 59, false}, {4, 23, 0, true}, {5, 1, 59, true}, {5, 2, 0, false},
+        {3, 23, 0, false}}},
+      {"Sun 22:00-02:00", {{6, 22, 0, true}, {7, 1, 0, true}, {0, 23, 0, false}}},
+      // 24:00 ends the day; hours without days are every day's, after a comma too.
+      {"Mon 00:00-24:00",
+       {{0, 0, 0, true}, {0, 23, 59, true}, {1, 0, 0, false}, {6, 23, 59, false}}},
+      {"8:00-9:00", {{3, 8, 30, true}, {6, 8, 59, true}, {6, 9, 0, false}}},
+      {"Mon 08:00-10:00, 12:00-13:00", {{1, 12, 30, true}, {1, 9, 0, false}, {0, 9, 0, true}}},
+      // Several ranges for the same days; blanks around the dashes.
+      {"Mon-Fri 07:00-12:00 13:00-19:00", {{2, 12, 30, false}, {2, 13, 0, true}, {5, 8, 0, false}}},
+      {"  Mon - Fri\t7:30 - 19:00 ", {{0, 7, 30, true}, {5, 7, 30, false}}},
+  };
+  for (const Case& c : cases) {
+    LogCapture log;
+    Schedule s;
+    EXPECT_TRUE(s.Parse(c.text)) << c.text;
+    EXPECT_FALSE(log.Seen("malformed")) << c.text;
+    for (const At& a : c.at)
+      EXPECT_EQ(s.IsOn(Local(11, kMonday + a.day, a.hour, a.minute)), a.on)
+          << "'" << c.text << "' day " << a.day << " " << a.hour << ":" << a.minute;
+  }
+
+  for (const char* bad : {"Mon-Fry 08:00-09:00", "Mon", "Mon 08:00-10:00 Tue", "Mon 25:00-26:00",
+                          "Mon 08:00-08:00", "Mon 8-9", "Mon 24:00-02:00", "Mon 08:60-09:00",
+                          "Mon 08:00-24:30", "Mon 08:00", "every day", "Mon 123:00-124:00"}) {
+    LogCapture log;
+    Schedule s;
+    EXPECT_FALSE(s.Parse(bad)) << bad;
+    EXPECT_TRUE(log.Seen("display.schedule '" + std::string(bad) + "' is malformed")) << bad;
+    EXPECT_TRUE(s.Empty()) << bad;
+    EXPECT_TRUE(s.IsOn(Local(11, kMonday + 6, 3, 0))) << bad;
+  }
+  // A good text after a bad one takes its place, and the other way round.
+  Schedule s;
+  ASSERT_TRUE(s.Parse("Mon 08:00-09:00"));
+  EXPECT_FALSE(s.IsOn(Local(11, kMonday, 10, 0)));
+  LogCapture log;
+  EXPECT_FALSE(s.Parse("Mon 08:00-"));
+  EXPECT_TRUE(s.IsOn(Local(11, kMonday, 10, 0)));
+}
+
+TEST_F(InBerlin, TheNextEdgeIsTheFirstMinuteTheStateChangesAtByTheLocalClock) {
+  struct Case {
+    const char* text;
+    time_t from, edge;
+  };
+  const char* const week = "Mon-Fri 07:30-19:00, Sat 09:00-14:00";
+  const Case cases[] = {
+      {week, Local(11, kMonday, 7, 0), Local(11, kMonday, 7, 30)},
+      // Strictly after: at the edge itself the next one.
+      {week, Local(11, kMonday, 7, 30), Local(11, kMonday, 19, 0)},
+      {week, Local(11, kMonday, 7, 29, 59), Local(11, kMonday, 7, 30)},
+      {week, Local(11, kMonday + 4, 19, 0), Local(11, kMonday + 5, 9, 0)},
+      // Over the weekend to Monday.
+      {week, Local(11, kMonday + 5, 14, 0), Local(11, kMonday + 7, 7, 30)},
+      // Ranges that meet are one: no edge where they touch.
+      {"Mon 07:00-12:00 12:00-19:00", Local(11, kMonday, 8, 0), Local(11, kMonday, 19, 0)},
+      {"Sat-Sun 00:00-24:00", Local(11, kMonday + 5, 8, 0), Local(11, kMonday + 7, 0, 0)},
+      {"Fri 22:00-02:00", Local(11, kMonday + 4, 23, 0), Local(11, kMonday + 5, 2, 0)},
+      // Never a change: no edge.
+      {"00:00-24:00", Local(11, kMonday, 8, 0), -1},
+      {"", Local(11, kMonday, 8, 0), -1},
+      // Summer time begins on Sunday 29 March at 02:00, which becomes 03:00: the next morning's
+      // 07:30 is 05:30 UTC, not a day after 06:30 UTC.
+      {"07:30-19:00", Local(3, 28, 20, 0), Utc(3, 29, 5, 30)},
+      // On in the hour before the jump, off at 03:00 when 02:30 is skipped over.
+      {"Sun 01:30-02:30", Local(3, 29, 1, 45), Utc(3, 29, 1, 0)},
+      // Summer time ends on Sunday 25 October at 03:00, which becomes 02:00 again: 02:00-02:30
+      // comes twice, each pass with its own edges.
+      {"Sun 02:00-02:30", Utc(10, 24, 23, 0), Utc(10, 25, 0, 0)},
+      {"Sun 02:00-02:30", Utc(10, 25, 0, 0), Utc(10, 25, 0, 30)},
+      {"Sun 02:00-02:30", Utc(10, 25, 0, 30), Utc(10, 25, 1, 0)},
+      {"Sun 02:00-02:30", Utc(10, 25, 1, 0), Utc(10, 25, 1, 30)},
+      {"07:30-19:00", Local(10, 24, 20, 0), Utc(10, 25, 6, 30)},
+  };
+  for (const Case& c : cases) {
+    Schedule s;
+    ASSERT_TRUE(s.Parse(c.text)) << c.text;
+    const time_t edge = s.NextEdge(c.from);
+    EXPECT_EQ(edge, c.edge) << "'" << c.text << "' from " << Show(c.from) << ": " << Show(edge)
+                            << " instead of " << Show(c.edge);
+    if (edge > 0) {
+      EXPECT_NE(s.IsOn(edge), s.IsOn(edge - 1)) << c.text << " at " << Show(edge);
+    }
+  }
+}
+
+}  // namespace
