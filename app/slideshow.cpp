@@ -11,6 +11,7 @@
 #include "app/command_channel.h"
 #include "app/commands.h"
 #include "app/prefetcher.h"
+#include "app/remote_control.h"
 
 #include "d3/dglobal.h"
 #include "d3/dmesh.h"
@@ -76,6 +77,7 @@ RaceManager::~RaceManager() {
   font.reset();
   prefetcher.reset();
   commands.reset();
+  remote.reset();
   if (g_raceManager == this) g_raceManager = nullptr;
 }
 
@@ -129,6 +131,11 @@ void RaceManager::Setup(const char* arg) {
   CommandListenAddress(ini.get(), &listen);
   commands.reset(new CommandChannel());
   commands->Open(netPort, listen.cstr());
+  RemoteSettings remoteSettings;
+  if (ReadRemoteSettings(ini.get(), &remoteSettings)) {
+    remote.reset(new RemoteControl());
+    if (!remote->Start(remoteSettings)) remote.reset();
+  }
   // A developer's knob: the longest the loop sleeps (0, the default: until something happens).
   idleSleepMs = ini->GetInt("dev.idle_sleep_ms", IDLE_SLEEP_MS);
   if (idleSleepMs < 0) idleSleepMs = 0;
@@ -456,6 +463,10 @@ void RaceManager::SetEffects(int blackAndWhite, int showInfo, bool reload) {
   if (reload && blackAndWhite >= 0) LoadCurImage();
 }
 
+bool RaceManager::IsBlackAndWhite() const {
+  return ini && ini->GetBool("effects.black_and_white", false);
+}
+
 void RaceManager::SetPaused(bool on) {
   if (paused == on) return;
   paused = on;
@@ -528,12 +539,14 @@ void RaceManager::Run() {
     FollowWindowSize();
     if (sharpenDue && std::chrono::steady_clock::now() >= sharpenAt) Sharpen();
     if (commands) commands->Drain();
+    if (remote) remote->Drain();
     if (animation && !g_stopSignal && !newPicture && std::chrono::steady_clock::now() >= animNextAt)
       NextFrame();
     if (advanceMs > 0 && !paused && !g_stopSignal && !newPicture && !animation &&
         std::chrono::steady_clock::now() >= advanceAt)
       AdvanceStep();
     IdleProc();
+    if (remote) remote->Update(*this);
     if (const int sig = g_stopSignal) {
       QNOTE("RaceManager::Run", "Signal %d (%s): ending", sig, strsignal(sig));
       app->Exit(0);
