@@ -333,9 +333,12 @@ void RemoteControl::Failed(const std::string& why) {
 }
 
 std::string RemoteControl::Why(int rc) const {
-  if (refusal_) return mosquitto_connack_string(refusal_);
-  std::string why = rc == MOSQ_ERR_ERRNO && errno ? strerror(errno) : mosquitto_strerror(rc);
-  if (!libraryError_.empty()) why += " (" + libraryError_ + ")";
+  std::string why = refusal_                         ? mosquitto_connack_string(refusal_)
+                    : rc == MOSQ_ERR_ERRNO && errno ? strerror(errno)
+                                                    : mosquitto_strerror(rc);
+  // The library's texts are sentences; ours goes on after them.
+  if (!why.empty() && why.back() == '.') why.pop_back();
+  if (!refusal_ && !libraryError_.empty()) why += " (" + libraryError_ + ")";
   return why;
 }
 
