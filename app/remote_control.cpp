@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -50,10 +51,11 @@ std::string Cut(const std::string& text, size_t n) {
 }
 
 long long ResidentKb() {
-  std::ifstream in("/proc/self/statm");
-  long long pages = 0, resident = 0;
-  if (!(in >> pages >> resident)) return 0;
-  return resident * (sysconf(_SC_PAGESIZE) / 1024);
+  std::ifstream in("/proc/self/status");
+  std::string line;
+  while (std::getline(in, line))
+    if (line.compare(0, 6, "VmRSS:") == 0) return atoll(line.c_str() + 6);
+  return 0;
 }
 
 std::string HostName() {
@@ -346,9 +348,9 @@ bool RemoteControl::Connect() {
   refusal_ = 0;
   libraryError_.clear();
   errno = 0;
-  const int rc = !addressSet_ ? mosquitto_connect_async(mosq_, settings_.host.c_str(), settings_.port,
-                                                 kKeepAliveS)
-                       : mosquitto_reconnect_async(mosq_);
+  const int rc =
+      addressSet_ ? mosquitto_reconnect_async(mosq_)
+                  : mosquitto_connect_async(mosq_, settings_.host.c_str(), settings_.port, kKeepAliveS);
   // The first call stores the address; later ones go to it again.
   if (rc != MOSQ_ERR_INVAL) addressSet_ = true;
   if (rc == MOSQ_ERR_SUCCESS) return true;
@@ -409,8 +411,7 @@ void RemoteControl::Run() {
   lock.unlock();
   if (!wasConnected) return;
   // An orderly end says so at once, rather than when the broker misses the keep-alive.
-  int mid = 0;
-  mosquitto_publish(mosq_, &mid, statusTopic_.c_str(), 7, "offline", 1, true);
+  mosquitto_publish(mosq_, nullptr, statusTopic_.c_str(), 7, "offline", 1, true);
   mosquitto_disconnect(mosq_);
   const auto until = std::chrono::steady_clock::now() + kGoodbyeTime;
   while (std::chrono::steady_clock::now() < until &&

@@ -67,6 +67,8 @@ RaceManager* QGetRaceManager() { return g_raceManager; }
 RaceManager::RaceManager() : catalogue(new Catalogue()) { g_raceManager = this; }
 
 RaceManager::~RaceManager() {
+  // First, so that no command arrives while the rest goes, and "offline" goes out at once.
+  remote.reset();
   watch.reset();
   catalogue.reset();
   ini.reset();
@@ -77,7 +79,6 @@ RaceManager::~RaceManager() {
   font.reset();
   prefetcher.reset();
   commands.reset();
-  remote.reset();
   if (g_raceManager == this) g_raceManager = nullptr;
 }
 
