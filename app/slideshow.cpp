@@ -11,6 +11,7 @@
 #include "app/command_channel.h"
 #include "app/commands.h"
 #include "app/prefetcher.h"
+#include "app/remote_control.h"
 
 #include "d3/dglobal.h"
 #include "d3/dmesh.h"
@@ -68,6 +69,8 @@ RaceManager* QGetRaceManager() { return g_raceManager; }
 RaceManager::RaceManager() : catalogue(new Catalogue()) { g_raceManager = this; }
 
 RaceManager::~RaceManager() {
+  // First, so that no command arrives while the rest goes, and "offline" goes out at once.
+  remote.reset();
   watch.reset();
   catalogue.reset();
   ini.reset();
@@ -134,6 +137,11 @@ void RaceManager::Setup(const char* arg) {
   ini->GetString("network.allow", &allow, "");
   commands->Allow(allow.cstr());
   commands->Open(netPort, listen.cstr());
+  RemoteSettings remoteSettings;
+  if (ReadRemoteSettings(ini.get(), &remoteSettings)) {
+    remote.reset(new RemoteControl());
+    if (!remote->Start(remoteSettings)) remote.reset();
+  }
   // A developer's knob: the longest the loop sleeps (0, the default: until something happens).
   idleSleepMs = ini->GetInt("dev.idle_sleep_ms", IDLE_SLEEP_MS);
   if (idleSleepMs < 0) idleSleepMs = 0;
@@ -471,6 +479,10 @@ void RaceManager::SetEffects(int blackAndWhite, int showInfo, bool reload) {
   if (reload && blackAndWhite >= 0) LoadCurImage();
 }
 
+bool RaceManager::IsBlackAndWhite() const {
+  return ini && ini->GetBool("effects.black_and_white", false);
+}
+
 void RaceManager::SetPaused(bool on) {
   if (paused == on) return;
   paused = on;
@@ -551,12 +563,14 @@ void RaceManager::Run() {
     FollowWindowSize();
     if (sharpenDue && std::chrono::steady_clock::now() >= sharpenAt) Sharpen();
     if (commands) commands->Drain();
+    if (remote) remote->Drain();
     if (animation && !g_stopSignal && !newPicture && std::chrono::steady_clock::now() >= animNextAt)
       NextFrame();
     if (advanceMs > 0 && !paused && displayOn && !g_stopSignal && !newPicture && !animation &&
         std::chrono::steady_clock::now() >= advanceAt)
       AdvanceStep();
     IdleProc();
+    if (remote) remote->Update(*this);
     if (const int sig = g_stopSignal) {
       QNOTE("RaceManager::Run", "Signal %d (%s): ending", sig, strsignal(sig));
       app->Exit(0);

@@ -1,5 +1,5 @@
 // RaceManager: the slideshow's one controller. It reads "glimra.ini", makes the application and
-// its window, opens the command channel, keeps the catalogue of pictures of the working
+// its window, opens the command channel and the MQTT remote control, keeps the catalogue of pictures of the working
 // directory and runs the main loop: it sleeps until a key, a window event, a datagram, a change
 // of the watched folder or a stop signal comes, or the automatic advance, a fade's next frame,
 // an animation's next frame or the display schedule's next edge is due (at most
@@ -33,6 +33,7 @@
 #include "framework/qstring.h"
 
 class CommandChannel;
+class RemoteControl;
 class QApp;
 class Prefetcher;
 class QAnimation;
@@ -238,6 +239,10 @@ class RaceManager {
   const LoadTimes& GetLoadTimes() const { return loadTimes; }
   // Pictures put on the screen so far: a load that changed nothing leaves it.
   int GetShownCount() const { return shownCount; }
+  // Loads that failed so far (a load given up for a stop is no failure).
+  int GetFailureCount() const { return failureCount; }
+  // What "effects.black_and_white" says now.
+  bool IsBlackAndWhite() const;
   // Attach a configuration (owned from then on) and the window to draw into (borrowed) without
   // the rest of the start-up; Setup uses them, and so can tests and tools that drive the
   // catalogue and the loader. Without a window nothing is painted and no quad is made.
@@ -308,6 +313,7 @@ class RaceManager {
   LoadTimes loadTimes;
   int idleSleepMs = IDLE_SLEEP_MS;  // read once by Setup; never negative, 0 for no limit
   std::unique_ptr<CommandChannel> commands;
+  std::unique_ptr<RemoteControl> remote;  // null unless "mqtt.host" is set
   std::unique_ptr<Prefetcher> prefetcher;  // made by Setup; tests and tools load directly
   // Automatic advance ("effects.advance_seconds"; 0: off): the next step is due at
   // `advanceAt`, counted from when the shown picture reached the screen.
@@ -325,6 +331,7 @@ class RaceManager {
   bool monitorOff = false;
   bool newPicture = false;  // a picture was shown whose first frame is not out yet
   int shownCount = 0;       // pictures shown so far, to tell a step that failed
+  int failureCount = 0;     // loads that failed so far
   // Fade ("effects.fade_ms"; 0: a cut): while it runs, the previous picture is kept and drawn
   // under the new one.
   int fadeMs = 0;

@@ -99,10 +99,12 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool shar
   const char* path = picture->path.c_str();
   if (!picture->ok) {
     // A load given up because the program is ending is no fault of the picture.
-    if (picture->stopped)
+    if (picture->stopped) {
       QDBG("RaceManager::LoadNewImage", "Load of %s given up: stopping\n", path);
-    else
+    } else {
       QERR("RaceManager::LoadNewImage", "Can't load image (%s)", path);
+      ++failureCount;
+    }
     return;
   }
   curFile = path;

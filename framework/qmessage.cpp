@@ -35,6 +35,7 @@ struct WriterState {
   void (*udpSend)(const char*, int) = nullptr;
   bool inUdpSend = false;
   void (*boxPrepare)() = nullptr;
+  std::string lastWarning;
 };
 
 WriterState& W() {
@@ -150,7 +151,7 @@ void FormatHeader(char (&out)[1024], const Origin& o) {
 // The header (none without an origin), then the text, then the handler or the default, under the
 // message mutex.
 void Front(QMessageHandler hook, void (*fallback)(const char*, const char*), const Origin* origin,
-           const char* fmt, va_list ap, bool addNewline) {
+           const char* fmt, va_list ap, bool addNewline, bool remember = false) {
   char header[1024];
   if (origin) FormatHeader(header, *origin);
   const char* shown = origin ? header : nullptr;
@@ -164,6 +165,12 @@ void Front(QMessageHandler hook, void (*fallback)(const char*, const char*), con
     }
   }
   std::lock_guard<std::recursive_mutex> lock(qMessageMutex());
+  // Kept whoever handles it: a status report shows the last thing that went wrong.
+  if (remember) {
+    std::string& last = W().lastWarning;
+    last = text;
+    while (!last.empty() && (last.back() == '\n' || last.back() == '\r')) last.pop_back();
+  }
   if (hook)
     hook(shown, text);
   else
@@ -244,6 +251,11 @@ std::recursive_mutex& qMessageMutex() {
 }
 
 int qlogGetMask() { return W().mask; }
+std::string qlogLastWarning() {
+  std::lock_guard<std::recursive_mutex> lock(qMessageMutex());
+  return W().lastWarning;
+}
+
 void qlogSetMask(int mask) { W().mask = mask; }
 
 void qlogSetFileName(const char* fullName) {
@@ -424,7 +436,7 @@ void qwarn(const char* file, const char* method, int line, const char* fmt, ...)
   const Origin origin{"WARN,%s:%d,%s", file, line, method};
   va_list ap;
   va_start(ap, fmt);
-  Front(g_warnHandler, DefaultWarn, &origin, fmt, ap, false);
+  Front(g_warnHandler, DefaultWarn, &origin, fmt, ap, false, true);
   va_end(ap);
 }
 
@@ -432,7 +444,7 @@ void qerr(const char* file, const char* method, int line, const char* fmt, ...) 
   const Origin origin{"ERR,%s:%d,%s", file, line, method};
   va_list ap;
   va_start(ap, fmt);
-  Front(g_errHandler, DefaultErr, &origin, fmt, ap, true);
+  Front(g_errHandler, DefaultErr, &origin, fmt, ap, true, true);
   va_end(ap);
 }
 
@@ -440,7 +452,7 @@ void qerrbox(const char* file, const char* method, int line, const char* fmt, ..
   const Origin origin{"In %s, line %d, function %s()", file, line, method};
   va_list ap;
   va_start(ap, fmt);
-  Front(g_errBoxHandler, DefaultErrBox, &origin, fmt, ap, true);
+  Front(g_errBoxHandler, DefaultErrBox, &origin, fmt, ap, true, true);
   va_end(ap);
 }
 

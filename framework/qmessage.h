@@ -10,6 +10,7 @@
 
 #include <cstdarg>
 #include <mutex>
+#include <string>
 
 #if defined(__GNUC__)
 #define QPRINTF(fmt, first) __attribute__((format(printf, fmt, first)))
@@ -84,6 +85,10 @@ QMessageHandler qSetWarnHandler(QMessageHandler h);
 QMessageHandler qSetErrHandler(QMessageHandler h);
 QMessageHandler qSetErrBoxHandler(QMessageHandler h);
 QMessageHandler qSetMessageHandler(QMessageHandler h);
+
+// The text of the last warning or error any thread logged (without its line end); empty before
+// the first. For status reports.
+std::string qlogLastWarning();
 
 int qlogGetMask();
 void qlogSetMask(int mask);

@@ -60,7 +60,9 @@ TEST(ShippedIni, ReadsBackWithoutWarningsAndHoldsEveryKeyTheProgramReads) {
         "dev.qdbg_to_qlog", "dev.idle_sleep_ms", "dev.fatal_box_seconds", "effects.advance_seconds",
         "effects.fade_ms", "app.watch_directory", "app.recursive", "app.max_pictures",
         "app.order", "app.resume", "app.index_file", "app.rescan_minutes", "network.allow",
-        "display.schedule"})
+        "display.schedule", "mqtt.host", "mqtt.port", "mqtt.tls", "mqtt.ca_file",
+        "mqtt.cert_file", "mqtt.key_file", "mqtt.username", "mqtt.password_file", "mqtt.topic",
+        "mqtt.group", "mqtt.discovery"})
   {
     qstring v;
     EXPECT_TRUE(ini.GetString(key, &v, "")) << key;

@@ -131,7 +131,8 @@ TEST_F(Package, HoldsTheRunnableFolderTheLinkAndTheSystemFilesWithTheIniAsConffi
   // Dependencies come from the program's shared libraries, plus adduser for postinst.
   const std::string depends = Field("Depends");
   for (const char* lib : {"adduser", "libsdl2-2.0-0", "libjpeg62-turbo", "libpng16-16", "libenet7",
-                          "libgl1", "libglu1-mesa", "libfreetype6", "libfontconfig1", "libsqlite3-0", "libc6"})
+                          "libgl1", "libglu1-mesa", "libfreetype6", "libfontconfig1", "libsqlite3-0",
+                          "libmosquitto1", "libc6"})
     EXPECT_NE(depends.find(lib), std::string::npos) << lib << " in " << depends;
   std::string out;
   for (const char* script : {"postinst", "prerm", "postrm"}) {

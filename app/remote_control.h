@@ -1,0 +1,129 @@
+// RemoteControl: the slideshow steered and watched through an MQTT broker. Off unless
+// "mqtt.host" names a broker: then nothing of it runs, not even the library's start.
+//
+// Topics, under "mqtt.topic" (default "glimra/<host name>"): commands arrive on "<topic>/cmd" and,
+// with "mqtt.group", on "glimra/group/<group>/cmd" too, as the texts of app/commands.h. A payload
+// over 1024 bytes is ignored; one that is no command is ignored with a warning naming the topic
+// and the payload (cut to 80 characters). "<topic>/status" is "online" (retained) while
+// connected and "offline" (retained: the broker's last will, and published on an orderly end).
+// "<topic>/state" is a retained JSON object describing what is shown, published on every change
+// and at most once a second: a change within the second is published at its end, the last one
+// winning.
+//
+// One thread of its own talks to the broker; the main loop never waits on the network. A broker
+// that is absent, goes away, refuses the login or fails the TLS check is tried again after 1 s,
+// then 2, 4, ... up to 60 s; the first failure and the recovery are logged once each, not every
+// attempt. On each connection the status and the last state are published again.
+//
+// Commands are queued by that thread and carried out on the main thread by Drain, those that
+// wait together as one batch (RunCommands), with a wake of the main loop (QEventWake) when the
+// queue was empty. The state is built on the main thread (Update) and handed over. Owned by the
+// controller; the destructor says "offline" (at most half a second) and ends the thread.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+class QIni;
+class RaceManager;
+struct mosquitto;
+struct mosquitto_message;
+
+// What the "mqtt.*" keys say.
+struct RemoteSettings {
+  std::string host;
+  int port = 1883;
+  bool tls = false;
+  std::string caFile, certFile, keyFile;  // certFile and keyFile: optional client certificate
+  std::string username;
+  std::string password;  // read from "mqtt.password_file"; never logged
+  std::string topic;     // without a trailing '/'
+  std::string group;
+  bool discovery = false;
+};
+
+// Reads the "mqtt.*" keys; false (and `out` unchanged) when "mqtt.host" is empty. A port that is
+// no number from 1 to 65535 is an error naming it, and the default is used. The password file is
+// read once: an unreadable one is an error naming the file (the login then goes without a
+// password and is refused); one that its group or others may read is a warning naming the file.
+bool ReadRemoteSettings(QIni* ini, RemoteSettings* out);
+
+// What the state topic tells, taken on the main thread.
+struct DisplayState {
+  std::string file;  // as shown; empty before the first picture
+  int index = -1, count = 0;
+  bool blackAndWhite = false, info = false, paused = false;
+  int shown = 0, failures = 0;
+  std::string lastWarning;
+  // Sampled when the state is made; no change of these alone is published.
+  long long uptimeSeconds = 0, rssKb = 0;
+};
+// The state of `rm` now, with the process's uptime and resident memory.
+DisplayState TakeDisplayState(const RaceManager& rm);
+// The state topic's JSON text (one line). Names that are not UTF-8 are carried with their odd
+// bytes replaced, never as an error.
+std::string StateJson(const DisplayState& state);
+
+class RemoteControl {
+ public:
+  RemoteControl();
+  ~RemoteControl();
+  RemoteControl(const RemoteControl&) = delete;
+  RemoteControl& operator=(const RemoteControl&) = delete;
+
+  // Starts the library and the thread that connects to the broker of `settings`; false (an
+  // error says why) when the library or the thread cannot be made. A broker that cannot be
+  // reached is no failure here: the thread keeps trying.
+  bool Start(const RemoteSettings& settings);
+  // Main thread: carries out the commands that arrived, as one batch; answers how many payloads
+  // were taken. A stop request ends the work.
+  int Drain();
+  // Main thread: hands `rm`'s state to the broker thread when it changed.
+  void Update(const RaceManager& rm);
+  // True while the broker has accepted the login.
+  bool Connected() const;
+
+ private:
+  struct Message {
+    std::string topic, payload;
+  };
+  void Run();
+  // Tries the connection once; false (the failure noted) when it cannot even be begun.
+  bool Connect();
+  // A failure `why` of the connection: logged when it is the first since the last success.
+  void Failed(const std::string& why);
+  // The words for the failure the library answered `rc` for (errno and its log read too).
+  std::string Why(int rc) const;
+  // Publishes the state when one is due; `force` publishes the last one again at once.
+  void PublishState(bool force);
+  static void OnConnect(mosquitto* m, void* self, int rc);
+  static void OnMessage(mosquitto* m, void* self, const mosquitto_message* msg);
+  static void OnLog(mosquitto* m, void* self, int level, const char* text);
+
+  RemoteSettings settings_;
+  std::string cmdTopic_, groupTopic_, statusTopic_, stateTopic_;
+  mosquitto* mosq_ = nullptr;
+  std::thread thread_;
+
+  mutable std::mutex mutex_;
+  std::condition_variable wake_;     // the thread's pause between attempts ends early
+  bool stop_ = false;
+  bool connected_ = false;           // the broker accepted the login
+  std::deque<Message> queue_;        // commands for the main thread
+  bool dropping_ = false;            // the queue is full: the overflow was warned about
+  std::string state_;                // the newest state from the main thread
+  std::string changeKey_;            // main thread: what the last handed state was made from
+
+  // The broker thread's own.
+  std::string published_;            // the state text the broker last got
+  std::chrono::steady_clock::time_point publishedAt;
+  int refusal_ = 0;                  // the login's refusal code; 0 when none came
+  std::string libraryError_;         // the library's last error line, for the failure text
+  bool failing_ = false;             // a failure was logged and no success since
+  bool addressSet_ = false;          // the library holds the broker's address
+};

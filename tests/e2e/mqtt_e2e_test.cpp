@@ -1,0 +1,243 @@
+// glimra steered and watched through a real broker (mosquitto, accounts, TLS): every command
+// changes the screen or the state, the state and status topics, a burst, and a broker that is
+// missing, refuses the login, fails the TLS check or goes away and comes back.
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/broker.h"
+#include "support/e2e.h"
+
+namespace {
+
+using namespace e2e;
+using nlohmann::json;
+
+constexpr const char* kTopic = "glimra/test";
+
+json Parse(const std::string& text) { return json::parse(text, nullptr, false); }
+
+class MqttE2E : public ScreenTest<800, 600> {
+ protected:
+  void SetUp() override {
+    ScreenTest::SetUp();
+    if (IsSkipped()) return;
+    if (!HaveBroker()) GTEST_SKIP() << "needs mosquitto, its clients and openssl";
+  }
+  // A show of red a.tga, green b.tga and blue c.tga that logs in to `broker` as its user.
+  void Prepare(Program* p, const Broker& broker, const std::string& passwordFile = "") {
+    ASSERT_TRUE(p->Prepare());
+    ASSERT_TRUE(Uniform(p->Path("a.tga"), kRed) && Uniform(p->Path("b.tga"), kGreen) &&
+                Uniform(p->Path("c.tga"), kBlue));
+    const std::string port = std::to_string(broker.Port());
+    ASSERT_TRUE(p->SetKey("mqtt.host", "127.0.0.1") && p->SetKey("mqtt.port", port.c_str()) &&
+                p->SetKey("mqtt.username", Broker::kUser) && p->SetKey("mqtt.topic", kTopic) &&
+                p->SetKey("mqtt.password_file",
+                          (passwordFile.empty() ? broker.PasswordFile() : passwordFile).c_str()) &&
+                p->SetKey("effects.show_info", "0"));
+  }
+  // Waits until the state topic's newest JSON satisfies `ok`.
+  static bool State(const Listener& l, const std::function<bool(const json&)>& ok,
+                    int ms = kStepMs) {
+    return l.WaitFor(std::string(kTopic) + "/state", [&](const std::string& t) {
+      const json j = Parse(t);
+      return !j.is_discarded() && ok(j);
+    }, ms);
+  }
+};
+
+TEST_F(MqttE2E, EveryCommandChangesTheScreenOrTheStateAndTheStateTellsWhatIsShown) {
+  Broker broker;
+  ASSERT_TRUE(broker.Start());
+  Program p;
+  ASSERT_NO_FATAL_FAILURE(Prepare(&p, broker));
+  ASSERT_TRUE(p.SetKey("mqtt.group", "hall"));
+  Listener l(broker, "glimra/test/#");
+  ASSERT_TRUE(l.Ready());
+  ASSERT_TRUE(p.Start() && Shows(kRed, kStartMs)) << p.Log();
+  ASSERT_TRUE(l.WaitFor("glimra/test/status", [](const std::string& s) { return s == "online"; },
+                        kStepMs))
+      << p.Log();
+  ASSERT_TRUE(State(l, [](const json& j) { return j["file"] == "a.tga"; })) << l.Last("glimra/test/state");
+  {
+    const json j = Parse(l.Last("glimra/test/state"));
+    for (const char* field : {"file", "index", "count", "bw", "info", "paused", "version",
+                              "uptime_s", "shown", "failures", "rss_kb", "last_warning"})
+      EXPECT_TRUE(j.contains(field)) << field;
+    EXPECT_EQ(j["index"], 0);
+    EXPECT_EQ(j["count"], 3);
+    EXPECT_EQ(j["shown"], 1);
+    EXPECT_EQ(j["failures"], 0);
+    EXPECT_GT(j["rss_kb"].get<long long>(), 1000);
+  }
+
+  const std::string cmd = std::string(kTopic) + "/cmd";
+  const auto screen = [&](const std::string& topic, const char* text, uint32_t want) {
+    return broker.Publish(topic, text) && Shows(want);
+  };
+  EXPECT_TRUE(screen(cmd, "next", kGreen)) << p.Log();
+  EXPECT_TRUE(State(l, [](const json& j) { return j["file"] == "b.tga" && j["index"] == 1; }));
+  EXPECT_TRUE(screen(cmd, "prev", kRed));
+  EXPECT_TRUE(screen(cmd, "load c.tga", kBlue));
+  EXPECT_TRUE(screen("glimra/group/hall/cmd", "next", kRed)) << "the group's topic";
+
+  const auto state = [&](const char* text, const char* field, const json& want) {
+    return broker.Publish(cmd, text) && State(l, [&](const json& j) { return j[field] == want; });
+  };
+  EXPECT_TRUE(state("bw 1", "bw", true));
+  EXPECT_TRUE(p.WaitForKey("effects.black_and_white", "1"));
+  EXPECT_TRUE(state("bw 0", "bw", false));
+  EXPECT_TRUE(state("info 1", "info", true));
+  EXPECT_TRUE(state("pause", "paused", true));
+  EXPECT_TRUE(state("resume", "paused", false));
+  ASSERT_TRUE(Uniform(p.Path("d.tga"), kWhite));
+  EXPECT_TRUE(state("rescan", "count", 4));
+  EXPECT_TRUE(state("load missing.tga", "failures", 1));
+  EXPECT_TRUE(State(l, [](const json& j) {
+    return j["last_warning"].get<std::string>().find("missing.tga") != std::string::npos;
+  }));
+
+  // Neither a text that is no command nor one over 1 KB does anything; the first is named.
+  const std::string chatter = "hello " + std::string(200, 'x');
+  ASSERT_TRUE(broker.Publish(cmd, chatter));
+  EXPECT_TRUE(p.WaitForLog("Not a command on 'glimra/test/cmd': 'hello " + std::string(74, 'x') +
+                           "...'", kStepMs))
+      << p.Log();
+  std::string longLoad = "load ";
+  while (longLoad.size() < 1100) longLoad += "./";
+  longLoad += "c.tga";
+  ASSERT_TRUE(broker.Publish(cmd, longLoad));
+  ASSERT_TRUE(p.WaitForLog("Ignored a payload of " + std::to_string(longLoad.size()) +
+                           " bytes on 'glimra/test/cmd'", kStepMs))
+      << p.Log();
+  EXPECT_TRUE(screen(cmd, "next", kGreen)) << "still red before; not blue";
+
+  EXPECT_EQ(p.Escape(), 0);
+  EXPECT_TRUE(l.WaitFor("glimra/test/status", [](const std::string& s) { return s == "offline"; },
+                        kStepMs));
+  EXPECT_EQ(p.Log().find(Broker::kPassword), std::string::npos);
+  EXPECT_EQ(p.ReadFile("out.txt").find(Broker::kPassword), std::string::npos);
+}
+
+TEST_F(MqttE2E, ABurstOfAThousandCommandsEndsOnTheLastWithFlatMemory) {
+  Broker broker;
+  ASSERT_TRUE(broker.Start());
+  Program p;
+  ASSERT_NO_FATAL_FAILURE(Prepare(&p, broker));
+  Listener l(broker, "glimra/test/#");
+  ASSERT_TRUE(l.Ready());
+  ASSERT_TRUE(p.Start() && Shows(kRed, kStartMs)) << p.Log();
+  ASSERT_TRUE(State(l, [](const json& j) { return j["file"] == "a.tga"; })) << p.Log();
+
+  // Ten steps, each its own message and picture: the state follows at most once a second, and
+  // its last word is the last picture.
+  const auto stateCount = [&] {
+    size_t n = 0;
+    for (const Listener::Message& m : l.Messages()) n += m.topic == "glimra/test/state";
+    return n;
+  };
+  const size_t states = stateCount();
+  const auto first = std::chrono::steady_clock::now();
+  for (int i = 0; i < 10; ++i) ASSERT_TRUE(broker.Publish(std::string(kTopic) + "/cmd", "next"));
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - first).count();
+  EXPECT_TRUE(Shows(kGreen));
+  EXPECT_TRUE(State(l, [](const json& j) { return j["file"] == "b.tga"; }, 3000));
+  EXPECT_LE(stateCount() - states, size_t(seconds) + 2) << seconds << " s";
+  const auto burst = [&](const char* last) {
+    std::vector<std::string> lines;
+    for (int i = 0; i < 999; ++i) lines.push_back(i % 3 == 0 ? "next" : i % 3 == 1 ? "load b.tga" : "info 1");
+    lines.push_back(last);
+    return broker.PublishLines(std::string(kTopic) + "/cmd", lines);
+  };
+  ASSERT_TRUE(burst("load c.tga") && Shows(kBlue)) << p.Log();
+  const long long before = ProcValue(p.Pid(), "status", "VmRSS:");
+  ASSERT_TRUE(burst("load a.tga") && Shows(kRed)) << p.Log();
+  // Everything was taken: one more command is the next thing done.
+  ASSERT_TRUE(broker.Publish(std::string(kTopic) + "/cmd", "load b.tga") && Shows(kGreen));
+  const long long after = ProcValue(p.Pid(), "status", "VmRSS:");
+  EXPECT_LT(after - before, 8 * 1024) << before << " kB, then " << after << " kB";
+  EXPECT_EQ(p.Key("effects.show_info"), "1");
+  EXPECT_EQ(p.Escape(), 0);
+}
+
+TEST_F(MqttE2E, MissingBrokerWrongPasswordAndWrongCaAreLoggedOnceWhileTheShowGoesOn) {
+  Broker plain;
+  Broker tls(true);
+  ASSERT_TRUE(plain.Start() && tls.Start());
+  TempDir keys;
+  const std::string wrong = keys.Write("wrong", "not-the-password\n");
+  ASSERT_EQ(chmod(wrong.c_str(), 0600), 0);
+  struct Case {
+    const char* name;
+    std::function<void(Program*)> setup;
+    const char* why;
+  } cases[] = {
+      {"missing broker",
+       [&](Program* p) {
+         Prepare(p, plain);
+         p->SetKey("mqtt.port", "1");  // nothing listens there
+       },
+       "Connection refused"},
+      {"wrong password", [&](Program* p) { Prepare(p, plain, wrong); }, "not authori"},
+      {"wrong CA",
+       [&](Program* p) {
+         Prepare(p, tls);
+         p->SetKey("mqtt.tls", "1");
+         p->SetKey("mqtt.ca_file", tls.OtherCaFile().c_str());
+       },
+       "certificate verify failed"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Program p;
+    ASSERT_NO_FATAL_FAILURE(c.setup(&p));
+    ASSERT_TRUE(p.Start() && Shows(kRed, kStartMs)) << p.Log();
+    ASSERT_TRUE(p.WaitForLog("trying again in the background", kStepMs)) << p.Log();
+    // Attempts after 1 and 2 more seconds have failed as well by now: still one line.
+    std::this_thread::sleep_for(std::chrono::milliseconds(3500));
+    const std::string log = p.Log();
+    EXPECT_EQ(Count(log, "trying again in the background"), 1) << log;
+    EXPECT_NE(log.find(c.why), std::string::npos) << log;
+    ASSERT_TRUE(p.Send("next") && Shows(kGreen)) << "the show goes on";
+    EXPECT_EQ(p.Escape(), 0);
+  }
+}
+
+TEST_F(MqttE2E, ABrokerThatDiesAndComesBackGetsStatusAndStateAgainWithinTheBackOff) {
+  Broker broker;
+  ASSERT_TRUE(broker.Start());
+  Program p;
+  ASSERT_NO_FATAL_FAILURE(Prepare(&p, broker));
+  ASSERT_TRUE(p.Start() && Shows(kRed, kStartMs)) << p.Log();
+  ASSERT_TRUE(p.WaitForLog("connected as 'glimra/test'", kStepMs)) << p.Log();
+  {
+    Listener before(broker, "glimra/test/state");
+    ASSERT_TRUE(broker.Publish(std::string(kTopic) + "/cmd", "next") && Shows(kGreen));
+    // Published before the broker dies, and unchanged after: only a new publication brings it.
+    ASSERT_TRUE(State(before, [](const json& j) { return j["file"] == "b.tga"; }));
+  }
+  broker.Kill();
+  ASSERT_TRUE(p.WaitForLog("trying again in the background", kStepMs)) << p.Log();
+  std::this_thread::sleep_for(std::chrono::milliseconds(2000));
+  // Nothing retained survives this broker's restart: what comes is published anew.
+  ASSERT_TRUE(broker.Start());
+  Listener l(broker, "glimra/test/#");
+  ASSERT_TRUE(l.Ready());
+  // The pauses so far were 1 and 2 s; the next attempt comes within 4 s.
+  EXPECT_TRUE(l.WaitFor("glimra/test/status", [](const std::string& s) { return s == "online"; },
+                        6000))
+      << p.Log();
+  EXPECT_TRUE(State(l, [](const json& j) { return j["file"] == "b.tga"; }, 2000));
+  EXPECT_EQ(Count(p.Log(), "connected again"), 1);
+  EXPECT_EQ(Count(p.Log(), "trying again in the background"), 1);
+  ASSERT_TRUE(broker.Publish(std::string(kTopic) + "/cmd", "next") && Shows(kBlue));
+  EXPECT_EQ(p.Escape(), 0);
+}
+
+}  // namespace
