@@ -4,7 +4,7 @@
 glimra_install_deps() {
   local pkgs=(cmake g++ pkg-config make
     libjpeg62-turbo-dev libpng-dev libheif-dev libwebp-dev libgif-dev libtiff-dev liblcms2-dev
-    libenet-dev libsdl2-dev libgl-dev libglu1-mesa-dev libsqlite3-dev
+    libenet-dev libsdl2-dev libgl-dev libglu1-mesa-dev libsqlite3-dev nlohmann-json3-dev
     libfreetype-dev libfontconfig-dev fonts-dejavu-core zlib1g-dev
     libgtest-dev libgmock-dev libbenchmark-dev hyperfine libx11-dev libxtst-dev
     xvfb xauth xdotool x11-utils x11-apps xfonts-base xserver-xorg-core xserver-xorg-video-dummy
