@@ -1,0 +1,86 @@
+// ScreenShot: the worker that reduces and encodes the frames the main loop reads.
+#include "app/screen_shot.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "framework/qthread.h"
+
+ScreenShot::ScreenShot(Sink sink) : sink_(std::move(sink)) {
+  running_ = true;
+  thread_.reset(new QThread(&ScreenShot::Work, this, "glimra_screenshot"));
+  if (!thread_->Create()) running_ = false;
+}
+
+ScreenShot::~ScreenShot() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  stop_ = true;
+  waiting_.reset();
+  changed_.notify_all();
+  changed_.wait(lock, [this] { return !running_; });
+  lock.unlock();
+  thread_.reset();
+}
+
+void ScreenShot::ReducedSize(int w, int h, int* rw, int* rh) {
+  if (w <= MAX_WIDTH) {
+    *rw = w, *rh = h;
+    return;
+  }
+  *rw = MAX_WIDTH;
+  *rh = std::max(1, int(std::lround(double(h) * MAX_WIDTH / w)));
+}
+
+void ScreenShot::Take(std::unique_ptr<QBitMap> frame) {
+  if (!frame || frame->GetWidth() <= 0 || frame->GetHeight() <= 0) return;
+  std::unique_lock<std::mutex> lock(mutex_);
+  if (!running_) {
+    lock.unlock();
+    Encode(frame.get());
+    return;
+  }
+  waiting_ = std::move(frame);
+  changed_.notify_all();
+}
+
+std::string ScreenShot::Latest() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return latest_;
+}
+
+int ScreenShot::Encoded() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return encoded_;
+}
+
+void ScreenShot::Encode(QBitMap* frame) {
+  std::lock_guard<std::mutex> one(encodeMutex_);
+  int w = 0, h = 0;
+  ReducedSize(frame->GetWidth(), frame->GetHeight(), &w, &h);
+  std::string jpeg;
+  const bool ok = (w == frame->GetWidth() || frame->AreaReduce(w, h)) &&
+                  frame->EncodeJPG(QUALITY, &jpeg);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++encoded_;
+    if (!ok || jpeg == latest_) return;
+    latest_ = jpeg;
+  }
+  if (sink_) sink_(std::move(jpeg));
+}
+
+void ScreenShot::Work(void* arg) {
+  ScreenShot* self = static_cast<ScreenShot*>(arg);
+  std::unique_lock<std::mutex> lock(self->mutex_);
+  for (;;) {
+    self->changed_.wait(lock, [self] { return self->stop_ || self->waiting_; });
+    if (self->stop_) break;
+    std::unique_ptr<QBitMap> frame = std::move(self->waiting_);
+    lock.unlock();
+    self->Encode(frame.get());
+    frame.reset();
+    lock.lock();
+  }
+  self->running_ = false;
+  self->changed_.notify_all();
+}
