@@ -2,8 +2,10 @@
 #include "app/screen_shot.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 
+#include "framework/qmessage.h"
 #include "framework/qthread.h"
 
 ScreenShot::ScreenShot(Sink sink) : sink_(std::move(sink)) {
@@ -55,11 +57,17 @@ int ScreenShot::Encoded() const {
 
 void ScreenShot::Encode(QBitMap* frame) {
   std::lock_guard<std::mutex> one(encodeMutex_);
+  const auto start = std::chrono::steady_clock::now();
   int w = 0, h = 0;
   ReducedSize(frame->GetWidth(), frame->GetHeight(), &w, &h);
   std::string jpeg;
   const bool ok = (w == frame->GetWidth() || frame->AreaReduce(w, h)) &&
                   frame->EncodeJPG(QUALITY, &jpeg);
+  if (ok)
+    QDBG("ScreenShot::Encode", "Screen shot reduced to %dx%d and encoded (%zu bytes) in %.2f ms\n",
+         w, h, jpeg.size(),
+         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+             .count());
   {
     std::lock_guard<std::mutex> lock(mutex_);
     ++encoded_;

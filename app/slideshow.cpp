@@ -55,7 +55,6 @@ void SplitPath(const char* path, qstring* dir, const char** name) {
     qstring(path).GetSubstring(0, int(last - path), dir);
 }
 
-
 // A developer's proof of display without a broker: each screen shot replaces `path` whole
 // (written beside it, then renamed), so that a reader never sees half a file.
 void WriteScreenFile(const std::string& path, const std::string& jpeg) {
