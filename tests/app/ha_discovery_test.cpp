@@ -96,14 +96,19 @@ TEST(HaDiscovery, ButtonsAndSwitchesSendCommandsTheDisplayObeys) {
       }
       ++checked;
     }
-    if (c.contains("payload_on")) {
-      const std::string field = m.topic.find("black_and_white") != std::string::npos ? "bw"
-                                : m.topic.find("information") != std::string::npos ? "info"
-                                : m.topic.find("paused") != std::string::npos      ? "paused"
-                                                                                   : "display";
-      EXPECT_EQ(c.at("value_template"), "{{ 'ON' if value_json." + field + " else 'OFF' }}");
-      EXPECT_EQ(c.at("state_on"), "ON");
-      EXPECT_EQ(c.at("state_off"), "OFF");
+    // A switch's template reads its field of the state and renders its state_on or state_off.
+    const std::map<std::string, std::string> fields = {
+        {"black_and_white", "bw"}, {"information_line", "info"}, {"advance_paused", "paused"},
+        {"display", "display"}};
+    const std::string object = m.topic.substr(0, m.topic.rfind('/'));
+    const auto field = fields.find(object.substr(object.rfind('/') + 1));
+    if (c.contains("payload_on") && field != fields.end()) {
+      const std::string t = c.at("value_template");
+      EXPECT_NE(t.find("value_json." + field->second + " "), std::string::npos) << t;
+      EXPECT_NE(t.find("'" + c.at("state_on").get<std::string>() + "'"), std::string::npos) << t;
+      EXPECT_NE(t.find("'" + c.at("state_off").get<std::string>() + "'"), std::string::npos) << t;
+    } else {
+      EXPECT_FALSE(c.contains("payload_on")) << "a switch without its state field";
     }
   }
   EXPECT_EQ(checked, 9);
