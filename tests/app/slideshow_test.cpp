@@ -57,9 +57,9 @@ TEST(ShippedIni, ReadsBackWithoutWarningsAndHoldsEveryKeyTheProgramReads) {
         "resolution.near_fullscreen", "resolution.no_border", "resolution.stereo.quad_buffered",
         "dev.debug_level", "dev.run_first", "dev.port_offset", "dev.fake_packet_drops",
         "dev.udp_out", "dev.log_last", "dev.strict", "dev.opengl_checks", "dev.argument_tracing",
-        "dev.qdbg_to_qlog", "dev.idle_sleep_ms", "dev.fatal_box_seconds", "effects.advance_seconds",
-        "effects.fade_ms", "app.watch_directory", "app.recursive", "app.max_pictures",
-        "app.order", "app.resume", "app.index_file", "app.rescan_minutes"})
+        "dev.qdbg_to_qlog", "dev.idle_sleep_ms", "dev.screen_file", "dev.fatal_box_seconds",
+        "effects.advance_seconds", "effects.fade_ms", "app.watch_directory", "app.recursive",
+        "app.max_pictures", "app.order", "app.resume", "app.index_file", "app.rescan_minutes"})
   {
     qstring v;
     EXPECT_TRUE(ini.GetString(key, &v, "")) << key;
