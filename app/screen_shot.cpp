@@ -8,6 +8,20 @@
 #include "framework/qmessage.h"
 #include "framework/qthread.h"
 
+namespace {
+
+// At most MAX_WIDTH wide, the height following the proportions; a narrower frame keeps its size.
+void ReducedSize(int w, int h, int* rw, int* rh) {
+  if (w <= ScreenShot::MAX_WIDTH) {
+    *rw = w, *rh = h;
+    return;
+  }
+  *rw = ScreenShot::MAX_WIDTH;
+  *rh = std::max(1, int(std::lround(double(h) * ScreenShot::MAX_WIDTH / w)));
+}
+
+}  // namespace
+
 ScreenShot::ScreenShot(Sink sink) : sink_(std::move(sink)) {
   running_ = true;
   thread_.reset(new QThread(&ScreenShot::Work, this, "glimra_screenshot"));
@@ -22,15 +36,6 @@ ScreenShot::~ScreenShot() {
   changed_.wait(lock, [this] { return !running_; });
   lock.unlock();
   thread_.reset();
-}
-
-void ScreenShot::ReducedSize(int w, int h, int* rw, int* rh) {
-  if (w <= MAX_WIDTH) {
-    *rw = w, *rh = h;
-    return;
-  }
-  *rw = MAX_WIDTH;
-  *rh = std::max(1, int(std::lround(double(h) * MAX_WIDTH / w)));
 }
 
 void ScreenShot::Take(std::unique_ptr<QBitMap> frame) {
@@ -50,11 +55,6 @@ std::string ScreenShot::Latest() const {
   return latest_;
 }
 
-int ScreenShot::Encoded() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return encoded_;
-}
-
 void ScreenShot::Encode(QBitMap* frame) {
   std::lock_guard<std::mutex> one(encodeMutex_);
   const auto start = std::chrono::steady_clock::now();
@@ -70,7 +70,6 @@ void ScreenShot::Encode(QBitMap* frame) {
              .count());
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    ++encoded_;
     if (!ok || jpeg == latest_) return;
     latest_ = jpeg;
   }

@@ -43,12 +43,6 @@ class ScreenShot {
   // The last JPEG handed to the sink ("" before the first), for a sender that must repeat it
   // (a broker connection made again).
   std::string Latest() const;
-  // Frames reduced and encoded so far, sent or not (a test waits for it).
-  int Encoded() const;
-
-  // The size a w x h frame is reduced to: at most MAX_WIDTH wide, the height following the
-  // proportions (rounded, at least 1); a narrower frame keeps its size.
-  static void ReducedSize(int w, int h, int* rw, int* rh);
 
  private:
   static void Work(void* arg);
@@ -63,6 +57,5 @@ class ScreenShot {
   bool stop_ = false;
   std::unique_ptr<QBitMap> waiting_;  // the newest frame not yet started; null when none
   std::string latest_;
-  int encoded_ = 0;
   std::mutex encodeMutex_;  // one encoding and sink call at a time, whoever runs it
 };
