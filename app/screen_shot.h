@@ -1,7 +1,7 @@
-// ScreenShot: proof of display. Takes what the window shows, reduces it to at most MAX_WIDTH
-// pixels wide (the window's proportions kept, each new pixel the average of the area it
-// covers), encodes it as a JPEG of QUALITY and hands the bytes to the sink, but only when they
-// differ from the last ones handed over: a frame drawn again the same (an expose, a focus
+// ScreenShot: proof of display. Turns frames of the window into small JPEGs: each frame is
+// reduced to at most MAX_WIDTH pixels wide (the window's proportions kept, each new pixel the
+// average of the area it covers), encoded with QUALITY and handed to the sink, but only when the
+// bytes differ from the last ones handed over: a frame drawn again the same (an expose, a focus
 // change) sends nothing.
 //
 // The reduction and the encoding run on a worker thread (the framework's QThread), so that the
