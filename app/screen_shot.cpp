@@ -25,7 +25,10 @@ void ReducedSize(int w, int h, int* rw, int* rh) {
 ScreenShot::ScreenShot(Sink sink) : sink_(std::move(sink)) {
   running_ = true;
   thread_.reset(new QThread(&ScreenShot::Work, this, "glimra_screenshot"));
-  if (!thread_->Create()) running_ = false;
+  if (!thread_->Create())
+    running_ = false;
+  else
+    thread_->SetPriority(6);  // below the show: a proof may wait, the picture may not
 }
 
 ScreenShot::~ScreenShot() {
