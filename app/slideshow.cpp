@@ -58,6 +58,18 @@ void SplitPath(const char* path, qstring* dir, const char** name) {
     qstring(path).GetSubstring(0, int(last - path), dir);
 }
 
+// A developer's proof of display without a broker: each screen shot replaces `path` whole
+// (written beside it, then renamed), so that a reader never sees half a file.
+void WriteScreenFile(const std::string& path, const std::string& jpeg) {
+  const std::string temp = path + ".part";
+  FILE* fp = qfopen(temp.c_str(), "wb");
+  bool ok = fp && fwrite(jpeg.data(), 1, jpeg.size(), fp) == jpeg.size();
+  if (fp) ok = qfclose(fp) == 0 && ok;
+  if (ok && rename(temp.c_str(), path.c_str()) == 0) return;
+  QWARN("RaceManager::WriteScreenFile", "RaceManager: can't write the screen shot to '%s'",
+        path.c_str());
+}
+
 }  // namespace
 
 RaceManager* QGetRaceManager() { return g_raceManager; }
@@ -69,7 +81,8 @@ RaceManager* QGetRaceManager() { return g_raceManager; }
 RaceManager::RaceManager() : catalogue(new Catalogue()) { g_raceManager = this; }
 
 RaceManager::~RaceManager() {
-  // First, so that no command arrives while the rest goes, and "offline" goes out at once.
+  shots.reset();  // its sink may reach into what goes below
+  // Then, so that no command arrives while the rest goes, and "offline" goes out at once.
   remote.reset();
   watch.reset();
   catalogue.reset();
@@ -141,6 +154,14 @@ void RaceManager::Setup(const char* arg) {
   if (ReadRemoteSettings(ini.get(), &remoteSettings)) {
     remote.reset(new RemoteControl());
     if (!remote->Start(remoteSettings)) remote.reset();
+  }
+  qstring screenFile;
+  ini->GetString("dev.screen_file", &screenFile, "");
+  if (!screenFile.IsEmpty()) {
+    // By absolute path: the working directory changes below.
+    std::string path(screenFile.cstr());
+    if (path[0] != '/' && !cwd.IsEmpty()) path = std::string(cwd.cstr()) + "/" + path;
+    WantScreenShots([path](std::string jpeg) { WriteScreenFile(path, jpeg); });
   }
   // A developer's knob: the longest the loop sleeps (0, the default: until something happens).
   idleSleepMs = ini->GetInt("dev.idle_sleep_ms", IDLE_SLEEP_MS);
@@ -521,6 +542,8 @@ int RaceManager::SleepMs() const {
     atMost(std::max<long long>(0, duration_cast<milliseconds>(animNextAt - now).count()));
   if (sharpenDue)
     atMost(std::max<long long>(0, duration_cast<milliseconds>(sharpenAt - now).count() + 1));
+  if (shotOwed && !dirty)
+    atMost(std::max<long long>(0, duration_cast<milliseconds>(shotAt - now).count() + 1));
   if (rescanMs > 0)
     atMost(std::max<long long>(0, duration_cast<milliseconds>(rescanAt - now).count() + 1));
   // The next edge of the schedule, looked at again at least once a minute: the wall clock may
@@ -591,6 +614,9 @@ void RaceManager::IdleProc() {
     rm->prefetchDue = false;
     rm->PrefetchNeighbours();
   }
+  // Only while no frame is owed: a fade's frames are on their way to the picture it ends on,
+  // which is what counts.
+  if (rm && !rm->dirty) rm->TakeScreenShot();
   if (!rm || !rm->dirty) return;
   rm->dirty = false;
   rm->frameAt = std::chrono::steady_clock::now();
@@ -601,6 +627,7 @@ void RaceManager::IdleProc() {
     rm->window->SetMonitorPower(false);
     rm->monitorOff = true;
   }
+  if (rm->shots) rm->OweScreenShot();
   if (rm->newPicture) {
     // On the screen now: the advance and the first frame's time count from here.
     rm->newPicture = false;
@@ -611,6 +638,40 @@ void RaceManager::IdleProc() {
     rm->prefetchDue = false;
     rm->PrefetchNeighbours();
   }
+}
+
+void RaceManager::WantScreenShots(ScreenShot::Sink sink) {
+  shots.reset();
+  shotOwed = false;
+  if (!sink) return;
+  shots.reset(new ScreenShot(std::move(sink)));
+  // What is on the screen now is the first.
+  OweScreenShot();
+}
+
+void RaceManager::OweScreenShot() {
+  const auto now = std::chrono::steady_clock::now();
+  if (!shotOwed) shotLatest = now + std::chrono::milliseconds(SHOT_INTERVAL_MS);
+  shotOwed = true;
+  shotAt = std::min(now + std::chrono::milliseconds(SHOT_SETTLE_MS), shotLatest);
+}
+
+void RaceManager::TakeScreenShot() {
+  if (!shots || !shotOwed || !canvas) return;
+  const auto start = std::chrono::steady_clock::now();
+  if (start < shotAt) return;
+  shotOwed = false;
+  // The frame is drawn again and read from the back buffer: after a swap the back buffer's
+  // contents are undefined, and the front buffer cannot be read everywhere (EGL, a flipping
+  // driver). The next frame clears it anyway.
+  Paint();
+  std::unique_ptr<QBitMap> frame(new QBitMap());
+  if (!canvas->ReadPixels(frame.get())) return;
+  const double ms =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  QDBG("RaceManager::TakeScreenShot", "Screen shot %dx%d read in %.2f ms\n", frame->GetWidth(),
+       frame->GetHeight(), ms);
+  shots->Take(std::move(frame));
 }
 
 void RaceManager::ExitProc() {

@@ -30,6 +30,7 @@
 #include "app/catalogue.h"
 #include "app/picture_loader.h"
 #include "app/schedule.h"
+#include "app/screen_shot.h"
 #include "framework/qstring.h"
 
 class CommandChannel;
@@ -222,6 +223,20 @@ class RaceManager {
   // the exit that destroys the controller.
   static void IdleProc();
   static void ExitProc();
+  // ---- Proof of display ----
+  // From now on what the window shows is read back and handed, reduced and as a JPEG, to `sink`
+  // (see app/screen_shot.h: called on a worker thread, only for a JPEG that differs from the
+  // last). A frame is read once the screen has stood still SHOT_SETTLE_MS after it (a burst of
+  // steps costs one read, taken while the loop has nothing else to do), or SHOT_INTERVAL_MS after
+  // the first frame not yet read while the screen keeps changing (an animation); a fade only
+  // once it has ended. A null `sink` stops it. "dev.screen_file" sets a sink that writes each
+  // JPEG to that file.
+  void WantScreenShots(ScreenShot::Sink sink);
+  // The last JPEG handed over; "" when none was or nobody asked.
+  std::string LatestScreenShot() const { return shots ? shots->Latest() : std::string(); }
+  static constexpr int SHOT_SETTLE_MS = 300;
+  static constexpr int SHOT_INTERVAL_MS = 1000;
+
   // Asks for a new frame at the next idle cycle.
   void Invalidate() { dirty = true; }
   bool NeedsPaint() const { return dirty; }
@@ -285,6 +300,11 @@ class RaceManager {
   void ApplyDisplay(bool on, const char* why, bool show);
   // As ApplyDisplay, held against the schedule until its next edge.
   void HoldDisplay(bool on, const char* why, bool show);
+  // A frame was presented: a screen shot is owed (see WantScreenShots for when).
+  void OweScreenShot();
+  // Reads the frame presented last for the screen shots when one is owed and due; it costs the
+  // main loop the frame drawn again and read.
+  void TakeScreenShot();
   // Enters `home` again when it was replaced (QReenterDirectory); true when it did.
   bool ReturnHome();
   // Once the folder entered again lists pictures: the shown name read again from it, else its
@@ -354,6 +374,11 @@ class RaceManager {
   bool animGrey = false;
   int animDelayMs = 0;  // the shown frame's
   std::chrono::steady_clock::time_point animNextAt;
+  // Proof of display: null unless asked for; a frame was presented that is not read yet; it is
+  // read at `shotAt`, which never passes `shotLatest`.
+  std::unique_ptr<ScreenShot> shots;
+  bool shotOwed = false;
+  std::chrono::steady_clock::time_point shotAt, shotLatest;
 };
 
 // The process's controller; null before construction and after ExitProc.

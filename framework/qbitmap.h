@@ -24,6 +24,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "framework/qcolor.h"
@@ -143,6 +144,10 @@ class QBitMap : public QDrawable {
   bool WriteTGA(const char* name, int format);
   bool WriteRGB(const char* name);
   bool WriteJPG(const char* name, int quality);
+  // The picture as a JPEG file's bytes in `out` (alpha dropped). False, with a warning naming
+  // the bitmap, when it is empty, lacks its pixels, memory runs out or the library fails; `out`
+  // is then untouched.
+  bool EncodeJPG(int quality, std::string* out) const;
 
  protected:
   uint32_t flags_ = 0;

@@ -5,9 +5,11 @@
 #include <GL/glext.h>
 
 #include <cmath>
+#include <utility>
 
 #include "d3/dglobal.h"
 #include "d3/dtexfont.h"
+#include "framework/qbitmap.h"
 #include "framework/qdrawable.h"
 #include "framework/qfont.h"
 #include "framework/qmessage.h"
@@ -124,4 +126,26 @@ int QCanvas::Text(int x, int y, const char* text, int len) {
   tf->SetFlags(keep | (uint32_t(drawFlag_) & (DTexFont::PREMULTIPLIED | DTexFont::BOLD)));
   ScreenValues screen;
   return tf->Paint(text, float(x), float(y), len);
+}
+
+bool QCanvas::ReadPixels(QBitMap* out) {
+  out->Free();
+  const int w = GetWidth(), h = GetHeight();
+  if (w <= 0 || h <= 0 || !Current()) return false;
+  if (!out->Alloc(32, w, h)) return false;
+  // Stored bytes, as the screen gets them; no pack settings of anybody else apply.
+  ScreenValues screen;
+  glPushClientAttrib(GL_CLIENT_PIXEL_STORE_BIT);
+  glPixelStorei(GL_PACK_ALIGNMENT, 1);
+  glPixelStorei(GL_PACK_ROW_LENGTH, 0);
+  glPixelStorei(GL_PACK_SKIP_ROWS, 0);
+  glPixelStorei(GL_PACK_SKIP_PIXELS, 0);
+  glReadBuffer(GL_BACK);
+  // In the order framebuffers keep, which most drivers copy as it stands: asking for RGBA makes
+  // a software renderer convert each pixel, several times slower than the swap below.
+  glReadPixels(0, 0, w, h, GL_BGRA, GL_UNSIGNED_BYTE, out->GetBuffer());
+  glPopClientAttrib();
+  uint8_t* p = out->GetBuffer();
+  for (const uint8_t* end = p + size_t(w) * h * 4; p < end; p += 4) std::swap(p[0], p[2]);
+  return true;
 }

@@ -19,6 +19,7 @@
 #include "framework/qcolor.h"
 #include "framework/qobject.h"
 
+class QBitMap;
 class QDrawable;
 class QFont;
 
@@ -60,6 +61,12 @@ class QCanvas : public QObject {
   // the text's top edge in 2D mode. Answers the pen x after the text; x when there is no
   // texture font, no text or no context.
   int Text(int x, int y, const char* text, int len = -1);
+
+  // The back buffer's whole window as it was drawn, into `out` (32-bit, rows bottom-up, as
+  // QBitMap has them; the bytes the screen shows, whatever the framebuffer's encoding). Waits for
+  // the drawing to end, so call it once the frame is out. False, `out` empty, without a context
+  // or memory (warned).
+  bool ReadPixels(QBitMap* out);
 
   int GetWidth() const;
   int GetHeight() const;

@@ -1,6 +1,7 @@
 // QBitMap writers: SGI RGB (little-endian, four planes, uncompressed), Targa (32-bit colour or
-// 8-bit grey, bottom-left origin) and JPEG through libjpeg. All read the 32-bit RGBA bottom-up
-// layout.
+// 8-bit grey, bottom-left origin) and JPEG through libjpeg, to a file or into memory. All read
+// the 32-bit RGBA bottom-up layout.
+#include <cstdlib>
 #include <cstring>
 
 #include "framework/qbitmap.h"
@@ -130,29 +131,37 @@ bool QBitMap::WriteRGB(const char* name) {
 
 namespace {
 
-// Owns the compressor and the stream, including across a jump out of libjpeg.
+// Owns the compressor and its destination (a stream or the library's memory block), including
+// across a jump out of libjpeg.
 struct JpegEncoder {
   jpeg_compress_struct cinfo;
   JpegError err;
-  FILE* fp;
+  FILE* fp = nullptr;
+  unsigned char* mem = nullptr;  // jpeg_mem_dest's block, malloc'd by the library
+  unsigned long memSize = 0;
   ~JpegEncoder() {
     jpeg_destroy_compress(&cinfo);
     if (fp) qfclose(fp);
+    free(mem);
   }
 };
 
-// Nothing with a destructor lives in this frame: libjpeg may jump out of it.
+// Nothing with a destructor lives in this frame: libjpeg may jump out of it. Writes to the
+// stream when there is one, else into memory.
 bool Compress(JpegEncoder* enc, const uint8_t* rgb, int width, int height, int quality,
-              const char* name) {
+              const char* method, const char* name) {
   j_compress_ptr cinfo = &enc->cinfo;
   cinfo->err = jpeg_std_error(&enc->err.pub);
   enc->err.pub.error_exit = JpegErrorExit;
   if (setjmp(enc->err.jump)) {
-    QWARN("QBitMap::WriteJPG", "QBitMap::WriteJPG(%s); %s", name, enc->err.text);
+    QWARN(method, "%s(%s); %s", method, name, enc->err.text);
     return false;
   }
   jpeg_create_compress(cinfo);
-  jpeg_stdio_dest(cinfo, enc->fp);
+  if (enc->fp)
+    jpeg_stdio_dest(cinfo, enc->fp);
+  else
+    jpeg_mem_dest(cinfo, &enc->mem, &enc->memSize);
   cinfo->image_width = JDIMENSION(width);
   cinfo->image_height = JDIMENSION(height);
   cinfo->input_components = 3;
@@ -168,22 +177,30 @@ bool Compress(JpegEncoder* enc, const uint8_t* rgb, int width, int height, int q
   return true;
 }
 
+// The picture as RGB rows top-down, alpha dropped, for the JPEG compressor; null (warned) when
+// out of memory.
+QBlock TopDownRGB(const uint8_t* pixels, int width, int height, const char* method,
+                  const char* name) {
+  const size_t count = size_t(width) * size_t(height);
+  QBlock rgb(static_cast<uint8_t*>(qmalloc(count * 3 + 1)));
+  if (!rgb) {
+    QWARN(method, "%s(%s); no memory for RGB image buffer", method, name);
+    return rgb;
+  }
+  uint8_t* dst = rgb.get();
+  for (int y = height - 1; y >= 0; --y) {
+    const uint8_t* src = pixels + size_t(y) * width * 4;
+    for (int x = 0; x < width; ++x, src += 4) *dst++ = src[0], *dst++ = src[1], *dst++ = src[2];
+  }
+  return rgb;
+}
+
 }  // namespace
 
 bool QBitMap::WriteJPG(const char* name, int quality) {
   if (!Holds32BitPixels(this, name)) return false;
-  const size_t count = size_t(width_) * size_t(height_);
-  QBlock rgb(static_cast<uint8_t*>(qmalloc(count * 3 + 1)));
-  if (!rgb) {
-    QWARN("QBitMap::WriteJPG", "QBitMap:WriteJPG(%s); no memory for RGB image buffer", name);
-    return false;
-  }
-  // JPEG is top-down: memory row height - 1 goes first; alpha is dropped.
-  uint8_t* dst = rgb.get();
-  for (int y = height_ - 1; y >= 0; --y) {
-    const uint8_t* src = pixels_ + size_t(y) * width_ * 4;
-    for (int x = 0; x < width_; ++x, src += 4) *dst++ = src[0], *dst++ = src[1], *dst++ = src[2];
-  }
+  QBlock rgb = TopDownRGB(pixels_, width_, height_, "QBitMap::WriteJPG", name);
+  if (!rgb) return false;
   FILE* fp = qfopen(name, "wb");
   if (!fp) {
     QWARN("QBitMap::WriteJPG", "QBitMap::WriteJPG(%s); can't open file", name);
@@ -193,11 +210,30 @@ bool QBitMap::WriteJPG(const char* name, int quality) {
   memset(&enc.cinfo, 0, sizeof(enc.cinfo));
   memset(&enc.err, 0, sizeof(enc.err));
   enc.fp = fp;
-  if (!Compress(&enc, rgb.get(), width_, height_, quality, name)) return false;
+  if (!Compress(&enc, rgb.get(), width_, height_, quality, "QBitMap::WriteJPG", name)) return false;
   enc.fp = nullptr;
   if (qfclose(fp) != 0) {
     QWARN("QBitMap::WriteJPG", "QBitMap::WriteJPG(%s); can't write file", name);
     return false;
   }
+  return true;
+}
+
+bool QBitMap::EncodeJPG(int quality, std::string* out) const {
+  const char* name = GetName() ? GetName() : "";
+  if (width_ <= 0 || height_ <= 0) {
+    QWARN("QBitMap::EncodeJPG", "QBitMap::EncodeJPG(%s); empty picture '%dx%d'", name, width_,
+          height_);
+    return false;
+  }
+  if (!Holds32BitPixels(this, name)) return false;
+  QBlock rgb = TopDownRGB(pixels_, width_, height_, "QBitMap::EncodeJPG", name);
+  if (!rgb) return false;
+  JpegEncoder enc;
+  memset(&enc.cinfo, 0, sizeof(enc.cinfo));
+  memset(&enc.err, 0, sizeof(enc.err));
+  if (!Compress(&enc, rgb.get(), width_, height_, quality, "QBitMap::EncodeJPG", name))
+    return false;
+  out->assign(reinterpret_cast<const char*>(enc.mem), size_t(enc.memSize));
   return true;
 }

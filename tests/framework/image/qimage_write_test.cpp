@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -82,6 +83,12 @@ TEST_F(QImageWriteTest, TargaAndJpegReadBackInImageMagick) {
       EXPECT_EQ(q[3], 255);
     }
   EXPECT_LE(worst, 12);
+  // Into memory: the same file's bytes.
+  std::string bytes;
+  ASSERT_TRUE(bm.EncodeJPG(95, &bytes));
+  QImage again;
+  ASSERT_TRUE(again.ReadJPG(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(), "mem"));
+  EXPECT_EQ(0, memcmp(again.GetBuffer(), back.GetBuffer(), size_t(back.GetSize())));
 }
 
 TEST_F(QImageWriteTest, RefusalsAreReportedOnce) {
@@ -106,4 +113,8 @@ TEST_F(QImageWriteTest, RefusalsAreReportedOnce) {
   log_.Clear();
   EXPECT_FALSE(empty.Write(Tmp("e.jpg").c_str(), 3));
   EXPECT_EQ(log_.Lines().size(), 1u);
+  std::string kept = "kept";
+  EXPECT_FALSE(empty.EncodeJPG(80, &kept));
+  EXPECT_EQ(kept, "kept");
+  EXPECT_EQ(log_.Lines().size(), 2u);
 }
