@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "app/commands.h"
+#include "app/ha_discovery.h"
 #include "app/slideshow.h"
 #include "framework/qeval.h"
 #include "framework/qevent.h"
@@ -29,6 +30,8 @@
 namespace {
 
 constexpr int kDefaultPort = 1883;
+// Where Home Assistant says "online" when it starts.
+constexpr const char* kHaStatusTopic = "homeassistant/status";
 constexpr size_t kMaxPayload = 1024;
 // A flood beyond this waits in the broker's socket, not in our memory.
 constexpr size_t kMaxQueued = 4096;
@@ -130,6 +133,7 @@ DisplayState TakeDisplayState(const RaceManager& rm) {
   s.blackAndWhite = rm.IsBlackAndWhite();
   s.info = (rm.GetFlags() & RaceManager::SHOW_INFO) != 0;
   s.paused = rm.IsPaused();
+  s.display = rm.IsDisplayOn();
   s.shown = rm.GetShownCount();
   s.failures = rm.GetFailureCount();
   s.lastWarning = qlogLastWarning();
@@ -148,6 +152,7 @@ std::string StateJson(const DisplayState& s) {
   j["bw"] = s.blackAndWhite;
   j["info"] = s.info;
   j["paused"] = s.paused;
+  j["display"] = s.display;
   j["version"] = GLIMRA_VERSION;
   j["uptime_s"] = s.uptimeSeconds;
   j["shown"] = s.shown;
@@ -182,6 +187,8 @@ bool RemoteControl::Start(const RemoteSettings& settings) {
   cmdTopic_ = settings.topic + "/cmd";
   statusTopic_ = settings.topic + "/status";
   stateTopic_ = settings.topic + "/state";
+  screenTopic_ = settings.topic + "/screen";
+  discoveryPattern_ = std::string("homeassistant/+/") + HaNodeId(settings.topic) + "/+/config";
   if (!settings.group.empty()) groupTopic_ = "glimra/group/" + settings.group + "/cmd";
   mosquitto_lib_init();
   mosq_ = mosquitto_new(nullptr, true, this);
@@ -253,13 +260,20 @@ void RemoteControl::Update(const RaceManager& rm) {
                           ' ' + std::to_string(rm.GetImageCount()) + ' ' +
                           std::to_string(rm.IsBlackAndWhite()) +
                           std::to_string((rm.GetFlags() & RaceManager::SHOW_INFO) != 0) +
-                          std::to_string(rm.IsPaused()) + ' ' + std::to_string(rm.GetShownCount()) +
+                          std::to_string(rm.IsPaused()) + std::to_string(rm.IsDisplayOn()) + ' ' +
+                          std::to_string(rm.GetShownCount()) +
                           ' ' + std::to_string(rm.GetFailureCount()) + '\n' + qlogLastWarning();
   if (key == changeKey_) return;
   changeKey_ = key;
   std::string json = StateJson(TakeDisplayState(rm));
   std::lock_guard<std::mutex> lock(mutex_);
   state_ = std::move(json);
+}
+
+void RemoteControl::PublishScreen(std::string jpeg) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  screen_ = std::move(jpeg);
+  screenDue_ = true;
 }
 
 bool RemoteControl::Connected() const {
@@ -292,10 +306,30 @@ void RemoteControl::OnConnect(mosquitto* m, void* arg, int rc) {
           self->settings_.port, self->settings_.topic.c_str());
   self->failing_ = false;
   self->PublishState(true);
+  self->PublishScreenNow(true);
+  if (self->settings_.discovery) {
+    // Home Assistant announces its own start there; it forgets what it was told before.
+    mosquitto_subscribe(m, nullptr, kHaStatusTopic, 1);
+    self->PublishDiscovery();
+  } else {
+    // Entities of an earlier run with discovery on come back as retained messages: removed then.
+    mosquitto_subscribe(m, nullptr, self->discoveryPattern_.c_str(), 1);
+  }
 }
 
 void RemoteControl::OnMessage(mosquitto*, void* arg, const mosquitto_message* msg) {
   RemoteControl* self = static_cast<RemoteControl*>(arg);
+  if (self->settings_.discovery && msg->topic && strcmp(msg->topic, kHaStatusTopic) == 0) {
+    if (msg->payloadlen == 6 && memcmp(msg->payload, "online", 6) == 0) self->PublishDiscovery();
+    return;
+  }
+  if (!self->settings_.discovery && msg->topic && msg->topic != self->cmdTopic_ &&
+      msg->topic != self->groupTopic_) {
+    // One of this display's discovery messages while discovery is off: empty it (the empty
+    // message that comes back is left alone).
+    if (msg->payloadlen > 0) mosquitto_publish(self->mosq_, nullptr, msg->topic, 0, "", 1, true);
+    return;
+  }
   if (msg->payloadlen < 0 || size_t(msg->payloadlen) > kMaxPayload) {
     QWARN("RemoteControl", "Ignored a payload of %d bytes on '%s' (at most %zu)", msg->payloadlen,
           msg->topic, kMaxPayload);
@@ -374,6 +408,30 @@ void RemoteControl::PublishState(bool force) {
   publishedAt = now;
 }
 
+void RemoteControl::PublishScreenNow(bool force) {
+  std::string jpeg;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!connected_ || screen_.empty() || !(screenDue_ || force)) return;
+    jpeg = screen_;
+    screenDue_ = false;
+  }
+  // Retained, so that a viewer that comes later sees the wall at once.
+  mosquitto_publish(mosq_, nullptr, screenTopic_.c_str(), int(jpeg.size()), jpeg.data(), 0, true);
+}
+
+void RemoteControl::PublishDiscovery() {
+  HaDevice device;
+  device.topic = settings_.topic;
+  // The topic is what tells displays apart; the host name is only what people read.
+  device.nodeId = HaNodeId(settings_.topic);  // as in discoveryPattern_
+  device.version = GLIMRA_VERSION;
+  device.hostName = HostName();
+  for (const HaMessage& m : HaDiscoveryMessages(device))
+    mosquitto_publish(mosq_, nullptr, m.topic.c_str(), int(m.payload.size()), m.payload.data(), 1,
+                      true);
+}
+
 void RemoteControl::Run() {
   int pauseMs = kFirstPauseMs;
   std::unique_lock<std::mutex> lock(mutex_);
@@ -398,6 +456,7 @@ void RemoteControl::Run() {
       } else if (accepted) {
         pauseMs = kFirstPauseMs;
         PublishState(false);
+        PublishScreenNow(false);
       }
     }
     lock.lock();

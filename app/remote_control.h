@@ -8,7 +8,11 @@
 // connected and "offline" (retained: the broker's last will, and published on an orderly end).
 // "<topic>/state" is a retained JSON object describing what is shown, published on every change
 // and at most once a second: a change within the second is published at its end, the last one
-// winning.
+// winning. "<topic>/screen" is a small JPEG of what the screen shows (retained), published when
+// it changes. With "mqtt.discovery=1" the Home Assistant discovery messages (app/ha_discovery.h)
+// are published retained on each connection and again whenever Home Assistant says "online" on
+// "homeassistant/status". With it off, discovery messages this display left on the broker
+// earlier are removed.
 //
 // One thread of its own talks to the broker; the main loop never waits on the network. A broker
 // that is absent, goes away, refuses the login or fails the TLS check is tried again after 1 s,
@@ -58,6 +62,7 @@ struct DisplayState {
   std::string file;  // as shown; empty before the first picture
   int index = -1, count = 0;
   bool blackAndWhite = false, info = false, paused = false;
+  bool display = true;  // lit (not off by the schedule or a command)
   int shown = 0, failures = 0;
   std::string lastWarning;
   // Sampled when the state is made; no change of these alone is published.
@@ -85,6 +90,9 @@ class RemoteControl {
   int Drain();
   // Main thread: hands `rm`'s state to the broker thread when it changed.
   void Update(const RaceManager& rm);
+  // Any thread: a new screen JPEG, published (retained) at once when connected, else on the
+  // next connection.
+  void PublishScreen(std::string jpeg);
   // True while the broker has accepted the login.
   bool Connected() const;
 
@@ -101,12 +109,17 @@ class RemoteControl {
   std::string Why(int rc) const;
   // Publishes the state when one is due; `force` publishes the last one again at once.
   void PublishState(bool force);
+  // Publishes the screen JPEG when a new one waits; `force` publishes the last one again.
+  void PublishScreenNow(bool force);
+  // The Home Assistant discovery messages, when "mqtt.discovery" asks for them.
+  void PublishDiscovery();
   static void OnConnect(mosquitto* m, void* self, int rc);
   static void OnMessage(mosquitto* m, void* self, const mosquitto_message* msg);
   static void OnLog(mosquitto* m, void* self, int level, const char* text);
 
   RemoteSettings settings_;
-  std::string cmdTopic_, groupTopic_, statusTopic_, stateTopic_;
+  std::string cmdTopic_, groupTopic_, statusTopic_, stateTopic_, screenTopic_;
+  std::string discoveryPattern_;  // this display's discovery topics, for their removal
   mosquitto* mosq_ = nullptr;
   std::thread thread_;
 
@@ -117,6 +130,8 @@ class RemoteControl {
   std::deque<Message> queue_;        // commands for the main thread
   bool dropping_ = false;            // the queue is full: the overflow was warned about
   std::string state_;                // the newest state from the main thread
+  std::string screen_;               // the newest screen JPEG
+  bool screenDue_ = false;           // `screen_` has not been published yet
   std::string changeKey_;            // main thread: what the last handed state was made from
 
   // The broker thread's own.

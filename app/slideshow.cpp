@@ -157,12 +157,18 @@ void RaceManager::Setup(const char* arg) {
   }
   qstring screenFile;
   ini->GetString("dev.screen_file", &screenFile, "");
-  if (!screenFile.IsEmpty()) {
-    // By absolute path: the working directory changes below.
-    std::string path(screenFile.cstr());
-    if (path[0] != '/' && !cwd.IsEmpty()) path = std::string(cwd.cstr()) + "/" + path;
-    WantScreenShots([path](std::string jpeg) { WriteScreenFile(path, jpeg); });
-  }
+  // By absolute path: the working directory changes below.
+  std::string path(screenFile.cstr());
+  if (!path.empty() && path[0] != '/' && !cwd.IsEmpty())
+    path = std::string(cwd.cstr()) + "/" + path;
+  // The screen shots go to the broker and to the developer's file; the remote control outlives
+  // the shots' worker (see the destructor).
+  RemoteControl* shotsTo = remote.get();
+  if (shotsTo || !path.empty())
+    WantScreenShots([path, shotsTo](std::string jpeg) {
+      if (!path.empty()) WriteScreenFile(path, jpeg);
+      if (shotsTo) shotsTo->PublishScreen(std::move(jpeg));
+    });
   // A developer's knob: the longest the loop sleeps (0, the default: until something happens).
   idleSleepMs = ini->GetInt("dev.idle_sleep_ms", IDLE_SLEEP_MS);
   if (idleSleepMs < 0) idleSleepMs = 0;

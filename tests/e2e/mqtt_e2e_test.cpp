@@ -1,15 +1,17 @@
 // glimra steered and watched through a real broker (mosquitto, accounts, TLS): every command
 // changes the screen or the state, the state and status topics, a burst, and a broker that is
 // missing, refuses the login, fails the TLS check or goes away and comes back.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <gtest/gtest.h>
-
+#include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "framework/image/qimage.h"
 #include "support/broker.h"
 #include "support/e2e.h"
 
@@ -21,6 +23,12 @@ using nlohmann::json;
 constexpr const char* kTopic = "glimra/test";
 
 json Parse(const std::string& text) { return json::parse(text, nullptr, false); }
+
+// The colour (0xRRGGBB) at (x, y) from the top of a decoded 24- or 32-bit picture (rows bottom-up).
+uint32_t RgbAt(QImage& picture, int x, int y) {
+  const uint8_t* p = picture.GetAddress(x, picture.GetHeight() - 1 - y);
+  return uint32_t(p[0]) << 16 | uint32_t(p[1]) << 8 | p[2];
+}
 
 class MqttE2E : public ScreenTest<800, 600> {
  protected:
@@ -44,10 +52,13 @@ class MqttE2E : public ScreenTest<800, 600> {
   // Waits until the state topic's newest JSON satisfies `ok`.
   static bool State(const Listener& l, const std::function<bool(const json&)>& ok,
                     int ms = kStepMs) {
-    return l.WaitFor(std::string(kTopic) + "/state", [&](const std::string& t) {
-      const json j = Parse(t);
-      return !j.is_discarded() && ok(j);
-    }, ms);
+    return l.WaitFor(
+        std::string(kTopic) + "/state",
+        [&](const std::string& t) {
+          const json j = Parse(t);
+          return !j.is_discarded() && ok(j);
+        },
+        ms);
   }
 };
 
@@ -60,10 +71,11 @@ TEST_F(MqttE2E, EveryCommandChangesTheScreenOrTheStateAndTheStateTellsWhatIsShow
   Listener l(broker, "glimra/test/#");
   ASSERT_TRUE(l.Ready());
   ASSERT_TRUE(p.Start() && Shows(kRed, kStartMs)) << p.Log();
-  ASSERT_TRUE(l.WaitFor("glimra/test/status", [](const std::string& s) { return s == "online"; },
-                        kStepMs))
+  ASSERT_TRUE(l.WaitFor(
+      "glimra/test/status", [](const std::string& s) { return s == "online"; }, kStepMs))
       << p.Log();
-  ASSERT_TRUE(State(l, [](const json& j) { return j["file"] == "a.tga"; })) << l.Last("glimra/test/state");
+  ASSERT_TRUE(State(l, [](const json& j) { return j["file"] == "a.tga"; }))
+      << l.Last("glimra/test/state");
   {
     const json j = Parse(l.Last("glimra/test/state"));
     for (const char* field : {"file", "index", "count", "bw", "info", "paused", "version",
@@ -105,23 +117,101 @@ TEST_F(MqttE2E, EveryCommandChangesTheScreenOrTheStateAndTheStateTellsWhatIsShow
   // Neither a text that is no command nor one over 1 KB does anything; the first is named.
   const std::string chatter = "hello " + std::string(200, 'x');
   ASSERT_TRUE(broker.Publish(cmd, chatter));
-  EXPECT_TRUE(p.WaitForLog("Not a command on 'glimra/test/cmd': 'hello " + std::string(74, 'x') +
-                           "...'", kStepMs))
+  EXPECT_TRUE(p.WaitForLog(
+      "Not a command on 'glimra/test/cmd': 'hello " + std::string(74, 'x') + "...'", kStepMs))
       << p.Log();
   std::string longLoad = "load ";
   while (longLoad.size() < 1100) longLoad += "./";
   longLoad += "c.tga";
   ASSERT_TRUE(broker.Publish(cmd, longLoad));
-  ASSERT_TRUE(p.WaitForLog("Ignored a payload of " + std::to_string(longLoad.size()) +
-                           " bytes on 'glimra/test/cmd'", kStepMs))
+  ASSERT_TRUE(p.WaitForLog(
+      "Ignored a payload of " + std::to_string(longLoad.size()) + " bytes on 'glimra/test/cmd'",
+      kStepMs))
       << p.Log();
   EXPECT_TRUE(screen(cmd, "next", kGreen)) << "still red before; not blue";
 
   EXPECT_EQ(p.Escape(), 0);
-  EXPECT_TRUE(l.WaitFor("glimra/test/status", [](const std::string& s) { return s == "offline"; },
-                        kStepMs));
+  EXPECT_TRUE(l.WaitFor(
+      "glimra/test/status", [](const std::string& s) { return s == "offline"; }, kStepMs));
   EXPECT_EQ(p.Log().find(Broker::kPassword), std::string::npos);
   EXPECT_EQ(p.ReadFile("out.txt").find(Broker::kPassword), std::string::npos);
+}
+
+TEST_F(MqttE2E, TheScreenTheDisplayAndHomeAssistantsEntitiesTravelThroughTheBroker) {
+  Broker broker;
+  ASSERT_TRUE(broker.Start());
+  Program p;
+  ASSERT_NO_FATAL_FAILURE(Prepare(&p, broker));
+  ASSERT_TRUE(p.SetKey("mqtt.discovery", "1"));
+  Listener l(broker, "#");
+  ASSERT_TRUE(l.Ready());
+  ASSERT_TRUE(p.Start() && Shows(kRed, kStartMs)) << p.Log();
+
+  // The screen: a JPEG at most 480 wide of what is shown, again when that changes.
+  const std::string screenTopic = std::string(kTopic) + "/screen";
+  const auto shotShows = [&](uint32_t want) {
+    return l.WaitFor(
+        screenTopic,
+        [&](const std::string& bytes) {
+          QImage shot;
+          return !bytes.empty() &&
+                 shot.ReadJPG(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(),
+                              "shot") &&
+                 shot.GetWidth() == 480 && shot.GetHeight() == 360 &&
+                 Is(RgbAt(shot, 240, 180), want, 6);
+        },
+        kStepMs);
+  };
+  EXPECT_TRUE(shotShows(kRed)) << l.Last(screenTopic).size() << " bytes\n" << p.Log();
+  const std::string cmd = std::string(kTopic) + "/cmd";
+  ASSERT_TRUE(broker.Publish(cmd, "next") && Shows(kGreen));
+  EXPECT_TRUE(shotShows(kGreen));
+
+  // Off: black on the wall, in the shot and in the state; on again: the picture.
+  ASSERT_TRUE(broker.Publish(cmd, "display off"));
+  EXPECT_TRUE(State(l, [](const json& j) { return j["display"] == false; }));
+  EXPECT_TRUE(Shows(0x000000, kStepMs));
+  EXPECT_TRUE(shotShows(0x000000));
+  ASSERT_TRUE(broker.Publish(cmd, "display on"));
+  EXPECT_TRUE(State(l, [](const json& j) { return j["display"] == true; }));
+  EXPECT_TRUE(Shows(kGreen));
+
+  // Discovery: one retained config per entity, each JSON naming its topics on this display.
+  const auto configs = [&] {
+    std::map<std::string, std::string> last;
+    for (const Listener::Message& m : l.Messages())
+      if (m.topic.rfind("homeassistant/", 0) == 0 && m.topic != "homeassistant/status")
+        last[m.topic] = m.payload;
+    return last;
+  };
+  ASSERT_TRUE(Poll(kStepMs, [&] { return configs().size() == 9; })) << configs().size();
+  for (const auto& c : configs()) {
+    const json j = Parse(c.second);
+    ASSERT_TRUE(j.is_object()) << c.first;
+    EXPECT_TRUE(j.contains("unique_id") && j.contains("device")) << c.first;
+    EXPECT_EQ(j.value("availability_topic", ""), std::string(kTopic) + "/status") << c.first;
+  }
+  // Home Assistant's restart asks for them again.
+  const size_t before = l.Messages().size();
+  ASSERT_TRUE(broker.Publish("homeassistant/status", "online"));
+  EXPECT_TRUE(Poll(kStepMs, [&] {
+    size_t again = 0;
+    const auto all = l.Messages();
+    for (size_t i = before; i < all.size(); ++i)
+      again +=
+          all[i].topic.rfind("homeassistant/", 0) == 0 && all[i].topic != "homeassistant/status";
+    return again == 9;
+  }));
+  EXPECT_EQ(p.Escape(), 0);
+
+  // Switched off, the display takes its entities away again.
+  ASSERT_TRUE(p.SetKey("mqtt.discovery", "0") && p.Start() && Shows(kRed, kStartMs));
+  EXPECT_TRUE(Poll(kStepMs, [&] {
+    const auto now = configs();
+    return now.size() == 9 &&
+           std::all_of(now.begin(), now.end(), [](const auto& c) { return c.second.empty(); });
+  }));
+  EXPECT_EQ(p.Escape(), 0);
 }
 
 TEST_F(MqttE2E, ABurstOfAThousandCommandsEndsOnTheLastWithFlatMemory) {
@@ -147,11 +237,13 @@ TEST_F(MqttE2E, ABurstOfAThousandCommandsEndsOnTheLastWithFlatMemory) {
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - first).count();
   EXPECT_TRUE(Shows(kGreen));
-  EXPECT_TRUE(State(l, [](const json& j) { return j["file"] == "b.tga"; }, 3000));
+  EXPECT_TRUE(State(
+      l, [](const json& j) { return j["file"] == "b.tga"; }, 3000));
   EXPECT_LE(stateCount() - states, size_t(seconds) + 2) << seconds << " s";
   const auto burst = [&](const char* last) {
     std::vector<std::string> lines;
-    for (int i = 0; i < 999; ++i) lines.push_back(i % 3 == 0 ? "next" : i % 3 == 1 ? "load b.tga" : "info 1");
+    for (int i = 0; i < 999; ++i)
+      lines.push_back(i % 3 == 0 ? "next" : i % 3 == 1 ? "load b.tga" : "info 1");
     lines.push_back(last);
     return broker.PublishLines(std::string(kTopic) + "/cmd", lines);
   };
@@ -230,10 +322,11 @@ TEST_F(MqttE2E, ABrokerThatDiesAndComesBackGetsStatusAndStateAgainWithinTheBackO
   Listener l(broker, "glimra/test/#");
   ASSERT_TRUE(l.Ready());
   // The pauses so far were 1 and 2 s; the next attempt comes within 4 s.
-  EXPECT_TRUE(l.WaitFor("glimra/test/status", [](const std::string& s) { return s == "online"; },
-                        6000))
+  EXPECT_TRUE(l.WaitFor(
+      "glimra/test/status", [](const std::string& s) { return s == "online"; }, 6000))
       << p.Log();
-  EXPECT_TRUE(State(l, [](const json& j) { return j["file"] == "b.tga"; }, 2000));
+  EXPECT_TRUE(State(
+      l, [](const json& j) { return j["file"] == "b.tga"; }, 2000));
   EXPECT_EQ(Count(p.Log(), "connected again"), 1);
   EXPECT_EQ(Count(p.Log(), "trying again in the background"), 1);
   ASSERT_TRUE(broker.Publish(std::string(kTopic) + "/cmd", "next") && Shows(kBlue));

@@ -156,7 +156,7 @@ Listener::Listener(const Broker& broker, const std::string& filter) {
   out_ = broker.Dir() + "/listener-" + std::to_string(reinterpret_cast<uintptr_t>(this)) + ".txt";
   std::vector<std::string> args{"stdbuf", "-oL", "mosquitto_sub", "-d",  "-h",  "127.0.0.1",
                                 "-p",     std::to_string(broker.Port()), "-u", Broker::kUser,
-                                "-P",     Broker::kPassword, "-t", filter, "-F", "MSG %t %p"};
+                                "-P",     Broker::kPassword, "-t", filter, "-F", "MSG %t %x"};
   if (broker.Tls()) args.insert(args.end(), {"--cafile", broker.CaFile()});
   pid_ = Spawn(args, out_);
 }
@@ -176,11 +176,13 @@ std::vector<Listener::Message> Listener::Messages() const {
   std::string line;
   while (std::getline(in, line)) {
     if (line.compare(0, 4, "MSG ") != 0) continue;
+    // The payload comes in hexadecimal, so that any bytes (a JPEG, line ends) survive the line.
     const size_t blank = line.find(' ', 4);
-    if (blank == std::string::npos)
-      all.push_back({line.substr(4), ""});
-    else
-      all.push_back({line.substr(4, blank - 4), line.substr(blank + 1)});
+    Message m{line.substr(4, blank == std::string::npos ? std::string::npos : blank - 4), ""};
+    for (size_t i = blank == std::string::npos ? line.size() : blank + 1; i + 1 < line.size();
+         i += 2)
+      m.payload += char(strtol(line.substr(i, 2).c_str(), nullptr, 16));
+    all.push_back(std::move(m));
   }
   return all;
 }
