@@ -37,11 +37,18 @@
 // After <cstdio>: the library's header needs FILE.
 #include <jpeglib.h>
 
+#include "bench/bench_program.h"
 #include "framework/qini.h"
 
 namespace fs = std::filesystem;
 
 namespace {
+
+using bench::Median;
+using bench::PeakMb;
+using bench::Seconds;
+using bench::StartProgram;
+using bench::StopProgram;
 
 using Clock = std::chrono::steady_clock;
 constexpr int kW = 1920, kH = 1080;
@@ -62,17 +69,6 @@ Display* g_display = nullptr;
 struct Figures {
   std::vector<double> first, restart, listed, peak, restartListed, flat, flatPeak, find;
 } g_fig;
-
-double Seconds(Clock::time_point a, Clock::time_point b) {
-  return std::chrono::duration<double>(b - a).count();
-}
-
-double Median(std::vector<double> v) {
-  v.erase(std::remove_if(v.begin(), v.end(), [](double x) { return x < 0; }), v.end());
-  if (v.empty()) return -1;
-  std::sort(v.begin(), v.end());
-  return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
-}
 
 // A 640x480 picture of one colour with a little noise, quality 90, whose APP1 carries the
 // DateTimeOriginal `taken` ("YYYY:MM:DD hh:mm:ss").
@@ -117,17 +113,9 @@ bool WriteDatedPhoto(const std::string& path, const uint8_t rgb[3], const char* 
 // The centre of the screen shows a picture: a clear colour, not the black window nor the grey
 // of the bare root.
 bool CentreColoured() {
-  XImage* img = XGetImage(g_display, DefaultRootWindow(g_display), kW / 2 - 4, kH / 2 - 4, 8, 8,
-                          AllPlanes, ZPixmap);
-  if (!img) return false;
-  long r = 0, g = 0, b = 0;
-  for (int y = 0; y < 8; ++y)
-    for (int x = 0; x < 8; ++x) {
-      const unsigned long p = XGetPixel(img, x, y);
-      r += (p >> 16) & 255, g += (p >> 8) & 255, b += p & 255;
-    }
-  XDestroyImage(img);
-  r /= 64, g /= 64, b /= 64;
+  const unsigned long c =
+      bench::PatchColour(g_display, DefaultRootWindow(g_display), kW / 2, kH / 2);
+  const long r = (c >> 16) & 255, g = (c >> 8) & 255, b = c & 255;
   return std::max({r, g, b}) - std::min({r, g, b}) > 60;
 }
 
@@ -146,31 +134,6 @@ bool LogHas(const std::string& log, const char* text, off_t* offset, std::string
   *offset += off_t(more.size());
   *seen += more;
   return seen->find(text) != std::string::npos;
-}
-
-pid_t StartProgram(const std::string& dir) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const int null = open("/dev/null", O_WRONLY);
-    if (null >= 0) dup2(null, 1), dup2(null, 2);
-    if (chdir(dir.c_str()) != 0) _exit(126);
-    execl((dir + "/glimra").c_str(), "glimra", static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  return pid;
-}
-
-void StopProgram(pid_t pid) {
-  kill(pid, SIGTERM);
-  waitpid(pid, nullptr, 0);
-}
-
-double PeakMb(pid_t pid) {
-  std::ifstream f("/proc/" + std::to_string(pid) + "/status");
-  std::string line;
-  while (std::getline(f, line))
-    if (line.rfind("VmHWM:", 0) == 0) return atof(line.c_str() + 6) / 1024.0;
-  return -1;
 }
 
 // One start in `dir`: seconds to the first picture and, when `listedWait` (seconds) is not 0, to
@@ -308,14 +271,8 @@ bool MakeTree() {
   return true;
 }
 
-bool MakeRunFolder(const fs::path& build, const std::string& dir, const std::string& pictures,
-                   bool library) {
-  std::error_code ec;
-  fs::create_directories(dir, ec);
-  fs::copy_file(build / "glimra", dir + "/glimra", ec);
-  if (!ec) fs::copy_file(build / "glimra.ini", dir + "/glimra.ini", ec);
-  if (!ec) fs::copy(build / "fonts", dir + "/fonts", fs::copy_options::recursive, ec);
-  if (ec) return false;
+bool MakeRunFolder(const std::string& dir, const std::string& pictures, bool library) {
+  if (!bench::CopyRunnable(dir)) return false;
   QIni ini((dir + "/glimra.ini").c_str());
   ini.SetString("app.startup_directory", pictures.c_str());
   ini.SetInt("app.recursive", library ? 1 : 0);
@@ -330,11 +287,6 @@ bool MakeRunFolder(const fs::path& build, const std::string& dir, const std::str
 }
 
 bool Prepare() {
-  char self[4096];
-  const ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-  if (n <= 0) return false;
-  self[n] = 0;
-  const fs::path build = fs::path(self).parent_path().parent_path();
   // Not by process number: in a PID namespace of its own every run would be number 1.
   char base[] = "/tmp/glimra-library-bench-XXXXXX";
   if (!mkdtemp(base)) return false;
@@ -348,8 +300,7 @@ bool Prepare() {
   if (ec || !MakeTree()) return false;
   printf("tree of %d pictures in %d folders made in %.1f s\n", kFolders * kPerFolder, kFolders,
          Seconds(t0, Clock::now()));
-  return MakeRunFolder(build, g_libRun, g_tree, true) &&
-         MakeRunFolder(build, g_flatRun, g_base + "/flat", false);
+  return MakeRunFolder(g_libRun, g_tree, true) && MakeRunFolder(g_flatRun, g_base + "/flat", false);
 }
 
 std::string Runs(const std::vector<double>& v, double scale, const char* format) {

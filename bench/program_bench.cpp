@@ -35,11 +35,18 @@
 #include <thread>
 
 #include "bench/bench_photo.h"
+#include "bench/bench_program.h"
 #include "framework/qini.h"
 
 namespace fs = std::filesystem;
 
 namespace {
+
+using bench::PeakMb;
+using bench::Seconds;
+using bench::SendUdp;
+using bench::StartProgram;
+using bench::StopProgram;
 
 using Clock = std::chrono::steady_clock;
 constexpr int kW = 1920, kH = 1080;
@@ -52,24 +59,12 @@ Display* g_display = nullptr;
 std::map<std::string, double> g_mean;  // seconds
 double g_peakMb = -1, g_idlePercent = -1;
 
-double Seconds(Clock::time_point a, Clock::time_point b) {
-  return std::chrono::duration<double>(b - a).count();
-}
-
 // Which colour the centre of the screen leans to: 1 red, 2 green, 3 blue, 0 none (black, or
 // nothing clear).
 int CentreTint() {
-  XImage* img = XGetImage(g_display, DefaultRootWindow(g_display), kW / 2 - 4, kH / 2 - 4, 8, 8,
-                          AllPlanes, ZPixmap);
-  if (!img) return 0;
-  long r = 0, g = 0, b = 0;
-  for (int y = 0; y < 8; ++y)
-    for (int x = 0; x < 8; ++x) {
-      const unsigned long p = XGetPixel(img, x, y);
-      r += (p >> 16) & 255, g += (p >> 8) & 255, b += p & 255;
-    }
-  XDestroyImage(img);
-  r /= 64, g /= 64, b /= 64;
+  const unsigned long c =
+      bench::PatchColour(g_display, DefaultRootWindow(g_display), kW / 2, kH / 2);
+  const long r = (c >> 16) & 255, g = (c >> 8) & 255, b = c & 255;
   if (r > g + 40 && r > b + 40) return 1;
   if (g > r + 40 && g > b + 40) return 2;
   if (b > r + 40 && b > g + 40) return 3;
@@ -89,22 +84,6 @@ bool WaitFor(int tint, Clock::time_point* when) {
   return false;
 }
 
-pid_t StartProgram(const std::string& arg) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const int null = open("/dev/null", O_WRONLY);
-    if (null >= 0) dup2(null, 1), dup2(null, 2);
-    execl((g_dir + "/glimra").c_str(), "glimra", arg.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  return pid;
-}
-
-void StopProgram(pid_t pid) {
-  kill(pid, SIGTERM);
-  waitpid(pid, nullptr, 0);
-}
-
 long CpuTicks(pid_t pid) {
   std::ifstream f("/proc/" + std::to_string(pid) + "/stat");
   std::string s((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
@@ -116,27 +95,6 @@ long CpuTicks(pid_t pid) {
   for (int i = 3; i <= 15 && in >> field; ++i)
     if (i == 14 || i == 15) ticks += atol(field.c_str());
   return ticks;
-}
-
-double PeakMb(pid_t pid) {
-  std::ifstream f("/proc/" + std::to_string(pid) + "/status");
-  std::string line;
-  while (std::getline(f, line))
-    if (line.rfind("VmHWM:", 0) == 0) return atof(line.c_str() + 6) / 1024.0;
-  return -1;
-}
-
-bool SendLoad(const std::string& path) {
-  const int s = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(kPort);
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const std::string text = "load " + path;
-  const bool ok = sendto(s, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&a),
-                         sizeof(a)) == ssize_t(text.size());
-  close(s);
-  return ok;
 }
 
 void PressRight() {
@@ -151,7 +109,7 @@ void BM_Program(benchmark::State& state) {
   double start = 0, key = 0, load = 0;
   for (auto _ : state) {
     Clock::time_point t0 = Clock::now(), shown;
-    const pid_t pid = StartProgram("a.jpg");
+    const pid_t pid = StartProgram(g_dir, "a.jpg");
     if (!WaitFor(1, &shown)) {
       StopProgram(pid);
       state.SkipWithError("picture a never showed");
@@ -166,7 +124,7 @@ void BM_Program(benchmark::State& state) {
     key += Seconds(t0, shown);
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     t0 = Clock::now();
-    SendLoad(g_outside);
+    SendUdp(kPort, "load " + g_outside);
     if (!WaitFor(3, &shown)) state.SkipWithError("load did not show d");
     load += Seconds(t0, shown);
     state.SetIterationTime(Seconds(t0, shown));
@@ -204,21 +162,12 @@ void BM_RawDecode(benchmark::State& state) {
 }
 
 bool Prepare() {
-  char self[4096];
-  const ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-  if (n <= 0) return false;
-  self[n] = 0;
-  const fs::path build = fs::path(self).parent_path().parent_path();
   const std::string base = "/tmp/glimra-program-bench-" + std::to_string(getpid());
   g_dir = base + "/run";
   g_photos = base + "/pictures";
   std::error_code ec;
-  fs::create_directories(g_dir, ec);
   fs::create_directories(g_photos, ec);
-  fs::copy_file(build / "glimra", g_dir + "/glimra", ec);
-  if (!ec) fs::copy_file(build / "glimra.ini", g_dir + "/glimra.ini", ec);
-  if (!ec) fs::copy(build / "fonts", g_dir + "/fonts", fs::copy_options::recursive, ec);
-  if (ec) return false;
+  if (ec || !bench::CopyRunnable(g_dir)) return false;
   g_outside = base + "/d.jpg";
   if (!bench::WritePhoto(g_photos + "/a.jpg", 6000, 4000, 0, 1) ||
       !bench::WritePhoto(g_photos + "/b.jpg", 6000, 4000, 0, 2) ||
