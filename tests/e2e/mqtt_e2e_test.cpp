@@ -253,7 +253,13 @@ TEST_F(MqttE2E, ABurstOfAThousandCommandsEndsOnTheLastWithFlatMemory) {
   // Everything was taken: one more command is the next thing done.
   ASSERT_TRUE(broker.Publish(std::string(kTopic) + "/cmd", "load b.tga") && Shows(kGreen));
   const long long after = ProcValue(p.Pid(), "status", "VmRSS:");
-  EXPECT_LT(after - before, 8 * 1024) << before << " kB, then " << after << " kB";
+#if defined(__SANITIZE_ADDRESS__)
+  // The sanitizer holds freed memory back in its quarantine for a while; leaks it finds at exit.
+  constexpr long long kGrowthKb = 32 * 1024;
+#else
+  constexpr long long kGrowthKb = 8 * 1024;
+#endif
+  EXPECT_LT(after - before, kGrowthKb) << before << " kB, then " << after << " kB";
   EXPECT_EQ(p.Key("effects.show_info"), "1");
   EXPECT_EQ(p.Escape(), 0);
 }
