@@ -71,13 +71,7 @@ TEST(HaDiscovery, EveryMessageHasWhatHomeAssistantRequiresForItsKind) {
 }
 
 TEST(HaDiscovery, ButtonsAndSwitchesSendCommandsTheDisplayObeys) {
-  // Switches read the state field their command sets; what they render matches state_on/off.
-  const std::map<std::string, Command::Kind> words = {
-      {"next", Command::NEXT},   {"prev", Command::PREV},     {"rescan", Command::RESCAN},
-      {"bw 1", Command::BLACK_AND_WHITE}, {"bw 0", Command::BLACK_AND_WHITE},
-      {"info 1", Command::INFO}, {"info 0", Command::INFO},   {"pause", Command::PAUSE},
-      {"resume", Command::RESUME}, {"display on", Command::DISPLAY},
-      {"display off", Command::DISPLAY}};
+  // Which word means what is the command parser's own test; here each must be one.
   int checked = 0;
   for (const HaMessage& m : HaDiscoveryMessages(Kiosk())) {
     SCOPED_TRACE(m.topic);
@@ -85,9 +79,8 @@ TEST(HaDiscovery, ButtonsAndSwitchesSendCommandsTheDisplayObeys) {
     for (const char* key : {"payload_press", "payload_on", "payload_off"}) {
       if (!c.contains(key)) continue;
       const std::string word = c.at(key);
-      ASSERT_TRUE(words.count(word)) << "unexpected command '" << word << "'";
       const Command cmd = ParseCommand(word.c_str());
-      EXPECT_EQ(cmd.kind, words.at(word)) << word;
+      ASSERT_NE(cmd.kind, Command::NONE) << "not a command: '" << word << "'";
       if (cmd.kind == Command::BLACK_AND_WHITE || cmd.kind == Command::INFO ||
           cmd.kind == Command::DISPLAY) {
         EXPECT_EQ(cmd.on, std::string(key) == "payload_on") << word;

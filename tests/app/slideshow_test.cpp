@@ -39,6 +39,12 @@ class InTempDir : public TempDirTest {
     fs::current_path(old_);
   }
   static void Touch(const std::string& name) { WriteFile(name, "x"); }
+  // Runs `texts` as one batch, as the channels hand them over.
+  bool Run(const std::vector<std::string>& texts) {
+    std::vector<Command> batch;
+    for (const std::string& t : texts) batch.push_back(ParseCommand(t.c_str()));
+    return RunCommands(batch, rm_.get());
+  }
 
   const fs::path old_ = fs::current_path();
   std::unique_ptr<RaceManager> rm_;
@@ -180,14 +186,9 @@ TEST_F(InTempDir, TheDisplayOffDecodesNothingAndOnShowsWhereTheStepsLeftThePosit
   rm_->SetIni(new QIni("glimra.ini", QIni::NO_READ));
   rm_->ScanDir();
   rm_->LoadNewImage("a.tga");
-  const auto run = [this](const std::vector<const char*>& texts) {
-    std::vector<Command> batch;
-    for (const char* t : texts) batch.push_back(ParseCommand(t));
-    return RunCommands(batch, rm_.get());
-  };
   struct Case {
     bool offBefore;
-    std::vector<const char*> commands;
+    std::vector<std::string> commands;
     const char* shown;  // the current picture afterwards
     int loads;          // of it
     bool on;            // the display afterwards
@@ -209,7 +210,7 @@ TEST_F(InTempDir, TheDisplayOffDecodesNothingAndOnShowsWhereTheStepsLeftThePosit
   for (const Case& c : cases) {
     if (c.offBefore) rm_->SetDisplayOn(false);
     LogCapture log;
-    ASSERT_TRUE(run(c.commands));
+    ASSERT_TRUE(Run(c.commands));
     EXPECT_STREQ(rm_->GetCurFile(), c.shown) << c.commands.back();
     EXPECT_EQ(log.Count(std::string("Load times (") + c.shown), c.loads) << c.commands.back();
     EXPECT_EQ(log.Count("Load times ("), c.loads) << c.commands.back();
@@ -275,10 +276,8 @@ TEST_F(InTempDir, CommandsTakenTogetherEndAsOneByOneWithOnlyTheLastPictureLoaded
       {{"info 1", "rescan"}, "e.tga", 0},
   };
   for (const Case& c : cases) {
-    std::vector<Command> batch;
-    for (const std::string& text : c.commands) batch.push_back(ParseCommand(text.c_str()));
     LogCapture log;
-    ASSERT_TRUE(RunCommands(batch, rm_.get()));
+    ASSERT_TRUE(Run(c.commands));
     EXPECT_STREQ(rm_->GetCurFile(), c.shown) << c.commands.front();
     EXPECT_EQ(rm_->GetImage(rm_->GetCurImage()), std::string(c.shown)) << c.commands.front();
     EXPECT_EQ(log.Count("Load times ("), c.loads) << c.commands.front();
@@ -286,14 +285,10 @@ TEST_F(InTempDir, CommandsTakenTogetherEndAsOneByOneWithOnlyTheLastPictureLoaded
   }
   EXPECT_EQ(rm_->GetImageCount(), 5) << "the rescans drop the picture from elsewhere";
   // The last of "pause" and "resume" holds, and neither loads anything.
-  const std::pair<std::vector<const char*>, bool> pauses[] = {
-      {{"pause", "resume", "pause\n"}, true}, {{"pause", "next", "resume"}, false}};
-  for (const auto& p : pauses) {
-    std::vector<Command> batch;
-    for (const char* text : p.first) batch.push_back(ParseCommand(text));
-    ASSERT_TRUE(RunCommands(batch, rm_.get()));
-    EXPECT_EQ(rm_->IsPaused(), p.second) << p.first.back();
-  }
+  ASSERT_TRUE(Run({"pause", "resume", "pause\n"}));
+  EXPECT_TRUE(rm_->IsPaused());
+  ASSERT_TRUE(Run({"pause", "next", "resume"}));
+  EXPECT_FALSE(rm_->IsPaused());
   EXPECT_STREQ(rm_->GetCurFile(), "a.tga");
   QIni saved("glimra.ini");
   EXPECT_FALSE(saved.GetBool("effects.black_and_white", true));
@@ -302,7 +297,7 @@ TEST_F(InTempDir, CommandsTakenTogetherEndAsOneByOneWithOnlyTheLastPictureLoaded
   // A stop request ends the work between commands.
   RaceManager::RequestStop(SIGTERM);
   LogCapture log;
-  EXPECT_FALSE(RunCommands({ParseCommand("next")}, rm_.get()));
+  EXPECT_FALSE(Run({"next"}));
   RaceManager::RequestStop(0);
   EXPECT_STREQ(rm_->GetCurFile(), "a.tga");
   EXPECT_FALSE(log.Seen("Load times ("));

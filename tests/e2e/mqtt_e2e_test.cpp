@@ -21,6 +21,7 @@ using namespace e2e;
 using nlohmann::json;
 
 constexpr const char* kTopic = "glimra/test";
+const std::string kCmd = std::string(kTopic) + "/cmd";
 
 json Parse(const std::string& text) { return json::parse(text, nullptr, false); }
 
@@ -88,18 +89,17 @@ TEST_F(MqttE2E, EveryCommandChangesTheScreenOrTheStateAndTheStateTellsWhatIsShow
     EXPECT_GT(j["rss_kb"].get<long long>(), 1000);
   }
 
-  const std::string cmd = std::string(kTopic) + "/cmd";
   const auto screen = [&](const std::string& topic, const char* text, uint32_t want) {
     return broker.Publish(topic, text) && Shows(want);
   };
-  EXPECT_TRUE(screen(cmd, "next", kGreen)) << p.Log();
+  EXPECT_TRUE(screen(kCmd, "next", kGreen)) << p.Log();
   EXPECT_TRUE(State(l, [](const json& j) { return j["file"] == "b.tga" && j["index"] == 1; }));
-  EXPECT_TRUE(screen(cmd, "prev", kRed));
-  EXPECT_TRUE(screen(cmd, "load c.tga", kBlue));
+  EXPECT_TRUE(screen(kCmd, "prev", kRed));
+  EXPECT_TRUE(screen(kCmd, "load c.tga", kBlue));
   EXPECT_TRUE(screen("glimra/group/hall/cmd", "next", kRed)) << "the group's topic";
 
   const auto state = [&](const char* text, const char* field, const json& want) {
-    return broker.Publish(cmd, text) && State(l, [&](const json& j) { return j[field] == want; });
+    return broker.Publish(kCmd, text) && State(l, [&](const json& j) { return j[field] == want; });
   };
   EXPECT_TRUE(state("bw 1", "bw", true));
   EXPECT_TRUE(p.WaitForKey("effects.black_and_white", "1"));
@@ -116,19 +116,19 @@ TEST_F(MqttE2E, EveryCommandChangesTheScreenOrTheStateAndTheStateTellsWhatIsShow
 
   // Neither a text that is no command nor one over 1 KB does anything; the first is named.
   const std::string chatter = "hello " + std::string(200, 'x');
-  ASSERT_TRUE(broker.Publish(cmd, chatter));
+  ASSERT_TRUE(broker.Publish(kCmd, chatter));
   EXPECT_TRUE(p.WaitForLog(
       "Not a command on 'glimra/test/cmd': 'hello " + std::string(74, 'x') + "...'", kStepMs))
       << p.Log();
   std::string longLoad = "load ";
   while (longLoad.size() < 1100) longLoad += "./";
   longLoad += "c.tga";
-  ASSERT_TRUE(broker.Publish(cmd, longLoad));
+  ASSERT_TRUE(broker.Publish(kCmd, longLoad));
   ASSERT_TRUE(p.WaitForLog(
       "Ignored a payload of " + std::to_string(longLoad.size()) + " bytes on 'glimra/test/cmd'",
       kStepMs))
       << p.Log();
-  EXPECT_TRUE(screen(cmd, "next", kGreen)) << "still red before; not blue";
+  EXPECT_TRUE(screen(kCmd, "next", kGreen)) << "still red before; not blue";
 
   EXPECT_EQ(p.Escape(), 0);
   EXPECT_TRUE(l.WaitFor(
@@ -163,16 +163,15 @@ TEST_F(MqttE2E, TheScreenTheDisplayAndHomeAssistantsEntitiesTravelThroughTheBrok
         kStepMs);
   };
   EXPECT_TRUE(shotShows(kRed)) << l.Last(screenTopic).size() << " bytes\n" << p.Log();
-  const std::string cmd = std::string(kTopic) + "/cmd";
-  ASSERT_TRUE(broker.Publish(cmd, "next") && Shows(kGreen));
+  ASSERT_TRUE(broker.Publish(kCmd, "next") && Shows(kGreen));
   EXPECT_TRUE(shotShows(kGreen));
 
   // Off: black on the wall, in the shot and in the state; on again: the picture.
-  ASSERT_TRUE(broker.Publish(cmd, "display off"));
+  ASSERT_TRUE(broker.Publish(kCmd, "display off"));
   EXPECT_TRUE(State(l, [](const json& j) { return j["display"] == false; }));
   EXPECT_TRUE(Shows(0x000000, kStepMs));
   EXPECT_TRUE(shotShows(0x000000));
-  ASSERT_TRUE(broker.Publish(cmd, "display on"));
+  ASSERT_TRUE(broker.Publish(kCmd, "display on"));
   EXPECT_TRUE(State(l, [](const json& j) { return j["display"] == true; }));
   EXPECT_TRUE(Shows(kGreen));
 
@@ -233,7 +232,7 @@ TEST_F(MqttE2E, ABurstOfAThousandCommandsEndsOnTheLastWithFlatMemory) {
   };
   const size_t states = stateCount();
   const auto first = std::chrono::steady_clock::now();
-  for (int i = 0; i < 10; ++i) ASSERT_TRUE(broker.Publish(std::string(kTopic) + "/cmd", "next"));
+  for (int i = 0; i < 10; ++i) ASSERT_TRUE(broker.Publish(kCmd, "next"));
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - first).count();
   EXPECT_TRUE(Shows(kGreen));
@@ -245,13 +244,13 @@ TEST_F(MqttE2E, ABurstOfAThousandCommandsEndsOnTheLastWithFlatMemory) {
     for (int i = 0; i < 999; ++i)
       lines.push_back(i % 3 == 0 ? "next" : i % 3 == 1 ? "load b.tga" : "info 1");
     lines.push_back(last);
-    return broker.PublishLines(std::string(kTopic) + "/cmd", lines);
+    return broker.PublishLines(kCmd, lines);
   };
   ASSERT_TRUE(burst("load c.tga") && Shows(kBlue)) << p.Log();
   const long long before = ProcValue(p.Pid(), "status", "VmRSS:");
   ASSERT_TRUE(burst("load a.tga") && Shows(kRed)) << p.Log();
   // Everything was taken: one more command is the next thing done.
-  ASSERT_TRUE(broker.Publish(std::string(kTopic) + "/cmd", "load b.tga") && Shows(kGreen));
+  ASSERT_TRUE(broker.Publish(kCmd, "load b.tga") && Shows(kGreen));
   const long long after = ProcValue(p.Pid(), "status", "VmRSS:");
 #if defined(__SANITIZE_ADDRESS__)
   // The sanitizer holds freed memory back in its quarantine for a while; leaks it finds at exit.
@@ -316,7 +315,7 @@ TEST_F(MqttE2E, ABrokerThatDiesAndComesBackGetsStatusAndStateAgainWithinTheBackO
   ASSERT_TRUE(p.WaitForLog("connected as 'glimra/test'", kStepMs)) << p.Log();
   {
     Listener before(broker, "glimra/test/state");
-    ASSERT_TRUE(broker.Publish(std::string(kTopic) + "/cmd", "next") && Shows(kGreen));
+    ASSERT_TRUE(broker.Publish(kCmd, "next") && Shows(kGreen));
     // Published before the broker dies, and unchanged after: only a new publication brings it.
     ASSERT_TRUE(State(before, [](const json& j) { return j["file"] == "b.tga"; }));
   }
@@ -335,7 +334,7 @@ TEST_F(MqttE2E, ABrokerThatDiesAndComesBackGetsStatusAndStateAgainWithinTheBackO
       l, [](const json& j) { return j["file"] == "b.tga"; }, 2000));
   EXPECT_EQ(Count(p.Log(), "connected again"), 1);
   EXPECT_EQ(Count(p.Log(), "trying again in the background"), 1);
-  ASSERT_TRUE(broker.Publish(std::string(kTopic) + "/cmd", "next") && Shows(kBlue));
+  ASSERT_TRUE(broker.Publish(kCmd, "next") && Shows(kBlue));
   EXPECT_EQ(p.Escape(), 0);
 }
 

@@ -13,17 +13,6 @@ namespace {
 
 using namespace e2e;
 
-// The reduced picture: 32-bit, rows bottom-up.
-struct Shot {
-  QImage image;
-  bool Decode(const std::string& bytes) {
-    return !bytes.empty() &&
-           image.ReadJPG(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(), "shot");
-  }
-  int W() const { return image.GetWidth(); }
-  int H() const { return image.GetHeight(); }
-};
-
 // The window's part of `s` (x, y, w, h), area-reduced to `rw` x `rh` like the program's shot.
 bool Reduce(const Screen& s, int x0, int y0, int w, int h, int rw, int rh, QBitMap* out) {
   if (!out->Alloc(32, w, h)) return false;
@@ -68,15 +57,16 @@ class ScreenShotE2E : public ScreenTest<1920, 1080> {
       return !bytes.empty() && bytes != *last;
     })) << p.Log();
     *last = bytes;
-    Shot shot;
-    ASSERT_TRUE(shot.Decode(bytes));
+    QImage shot;  // 32-bit, rows bottom-up
+    ASSERT_TRUE(shot.ReadJPG(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(), "shot"));
     // At most 480 wide, the window's proportions kept.
-    EXPECT_EQ(shot.W(), std::min(w, 480));
-    EXPECT_EQ(shot.H(), int(h * double(shot.W()) / w + 0.5));
+    const int sw = shot.GetWidth(), sh = shot.GetHeight();
+    EXPECT_EQ(sw, std::min(w, 480));
+    EXPECT_EQ(sh, int(h * double(sw) / w + 0.5));
     ASSERT_TRUE(GrabScreen(&screen_));
     QBitMap grab;
-    ASSERT_TRUE(Reduce(screen_, 0, 0, w, h, shot.W(), shot.H(), &grab));
-    EXPECT_LE(WorstBlock(shot.image, grab), 6);
+    ASSERT_TRUE(Reduce(screen_, 0, 0, w, h, sw, sh, &grab));
+    EXPECT_LE(WorstBlock(shot, grab), 6);
   }
 };
 

@@ -209,7 +209,7 @@ TEST_F(Package, UnpackedProgramShowsAPictureAnswersVersionAndHelpBesideItAndEnds
   const std::string ini = p.Path("opt/glimra/glimra.ini");
   ASSERT_TRUE(fs::remove(ini));
   fs::create_symlink("../../etc/glimra/glimra.ini", ini);
-  const int port = FreeUdpPort();
+  const int port = FreePort();
   {
     QIni config(ini.c_str());
     ASSERT_TRUE(config.SetString("network.port", std::to_string(port).c_str()) &&

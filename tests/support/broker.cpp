@@ -29,18 +29,6 @@ std::string Quote(const std::string& s) {
 
 bool Shell(const std::string& cmd) { return system((cmd + " >/dev/null 2>&1").c_str()) == 0; }
 
-int FreeTcpPort() {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof(a);
-  const bool named = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0 &&
-                     getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0;
-  if (fd >= 0) close(fd);
-  return named ? ntohs(a.sin_port) : -1;
-}
-
 bool Accepts(int port) {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
   if (fd < 0) return false;
@@ -105,7 +93,7 @@ bool Broker::Setup() {
 
 bool Broker::Start() {
   if (!ready_ || pid_ > 0) return ready_ && pid_ > 0;
-  if (port_ <= 0) port_ = FreeTcpPort();
+  if (port_ <= 0) port_ = FreePort(true);
   std::ostringstream conf;
   conf << "listener " << port_ << " 127.0.0.1\n"
        << "allow_anonymous false\n"

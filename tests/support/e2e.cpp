@@ -312,8 +312,8 @@ sockaddr_in Loopback(int port) {
 }
 }  // namespace
 
-int FreeUdpPort() {
-  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+int FreePort(bool stream) {
+  const int fd = socket(AF_INET, stream ? SOCK_STREAM : SOCK_DGRAM, 0);
   sockaddr_in a = Loopback(0);
   socklen_t len = sizeof(a);
   const bool named = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0 &&

@@ -81,8 +81,8 @@ long CpuMs(pid_t pid);
 long Wakes(pid_t pid);
 // Processes on the machine whose executable is named glimra.
 int RunningCopies();
-// A UDP port of 127.0.0.1 that was free a moment ago.
-int FreeUdpPort();
+// A UDP (or, with `stream`, TCP) port of 127.0.0.1 that was free a moment ago; -1 on failure.
+int FreePort(bool stream = false);
 // Sends one datagram of exactly these bytes to 127.0.0.1:port.
 bool SendUdp(int port, const std::string& bytes);
 
@@ -96,7 +96,7 @@ class Program {
   // Makes the empty folder alone; false when mkdir fails.
   bool MakeDir();
   // The folder with a copy of the build's runnable folder, listening on `port`; false on failure.
-  bool Prepare(int port = FreeUdpPort());
+  bool Prepare(int port = FreePort());
   const std::string& Dir() const { return dir_; }
   std::string Path(const std::string& name) const { return dir_ + "/" + name; }
   int Port() const { return port_; }
