@@ -157,7 +157,8 @@ TEST_F(SignageE2E, FadeBlendsThenRestsAndRemoteStepsEffectsAndRescanAndNothingEl
   EXPECT_LE(peakKb, 400 * 1024) << "peak memory";
   printf("burst of 241 commands: %ld ms of processor time, peak %lld KB\n", burstMs, peakKb);
 
-  // A stop in a flood of rescans ends the program within a second.
+  // A stop in a flood of rescans ends the program within a second (the sanitizers' leak check
+  // at the end takes longer by itself).
   std::atomic<bool> flooding{true};
   std::thread flood([&] {
     while (flooding) p.Send("rescan");
@@ -170,7 +171,7 @@ TEST_F(SignageE2E, FadeBlendsThenRestsAndRemoteStepsEffectsAndRescanAndNothingEl
   flooding = false;
   flood.join();
   EXPECT_EQ(status, 0);
-  EXPECT_LT(took.count(), 1000) << "stop during a rescan flood";
+  EXPECT_LT(took, kStopWithin) << "stop during a rescan flood";
   printf("stop during a rescan flood: %lld ms\n", static_cast<long long>(took.count()));
 }
 
