@@ -40,8 +40,9 @@ echo "=== AddressSanitizer + UndefinedBehaviorSanitizer build and tests (${SECON
 # -O1 compiles faster than -O2; this run is about the checks, not speed.
 if build build-asan -DGLIMRA_SANITIZE=ON -DGLIMRA_BENCH=OFF \
      "-DCMAKE_C_FLAGS_RELWITHDEBINFO=-O1 -g1 -DNDEBUG" "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1 -g1 -DNDEBUG"; then
+  # One test per core: the sanitizers keep each end-to-end test's processor busy.
   (cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 \
-     run_with_display ctest --output-on-failure -j "$TEST_JOBS") || status=1
+     run_with_display ctest --output-on-failure -j "$JOBS") || status=1
 else
   echo "sanitizer build failed"; status=1
 fi

@@ -80,7 +80,12 @@ TEST_F(SignageE2E, AFolderOfBadPicturesIsTriedNoFasterThanTheInterval) {
 
 TEST_F(SignageE2E, FadeBlendsThenRestsAndRemoteStepsEffectsAndRescanAndNothingElse) {
   Program p;
+#if defined(__SANITIZE_ADDRESS__)
+  // Long enough for the slow grabs of a sanitizer build to catch a frame of it.
+  Prepare(&p, "effects.fade_ms", "1000");
+#else
   Prepare(&p, "effects.fade_ms", "300");
+#endif
   // A photo slow to decode, listed last; names enough to make each listing cost something.
   ASSERT_TRUE(WritePicture(p.Path("p.jpg"), 3000, 2000, Photo));
   for (int i = 0; i < 5000; ++i) std::ofstream(p.Path("n" + std::to_string(i) + ".txt"));

@@ -54,9 +54,10 @@ TEST_F(UnattendedE2E, KillDuringFastEffectKeysNeverLeavesACutSettingsFile) {
   int written = 0;
   // A kill tells nothing to the sanitizers, whose slow starts would make this the longest test.
 #if defined(__SANITIZE_ADDRESS__)
-  constexpr int kRounds = 20;
+  // ... and whose slow key handling needs a longer while before the kill to have written.
+  constexpr int kRounds = 20, kKillWithinMs = 1200;
 #else
-  constexpr int kRounds = 50;
+  constexpr int kRounds = 50, kKillWithinMs = 400;
 #endif
   for (int round = 0; round < kRounds; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
@@ -67,7 +68,7 @@ TEST_F(UnattendedE2E, KillDuringFastEffectKeysNeverLeavesACutSettingsFile) {
     for (int i = 0; i < 40; ++i) keys += i % 2 ? " c" : " b";
     // Typing goes on while the program dies; xdotool then fails, which is expected.
     std::thread typist([&p, keys] { p.Keys(keys, 4); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 400));
+    std::this_thread::sleep_for(std::chrono::milliseconds(random() % kKillWithinMs));
     kill(p.Pid(), SIGKILL);
     EXPECT_EQ(p.WaitExit(kStepMs), -2);
     typist.join();
