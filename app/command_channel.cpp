@@ -22,8 +22,6 @@ namespace {
 
 constexpr int kBufferSize = 1024;
 constexpr int kDefaultPort = 5000;
-// How often the watcher looks up from the socket to see whether it is to end.
-constexpr int kWatchMs = 250;
 // A flood is taken in slices, so that keys and painting go on between them.
 constexpr int kMaxPerDrain = 4096;
 // One warning a minute per refused sender, remembered for this many senders at most.
@@ -39,7 +37,8 @@ CommandChannel::~CommandChannel() {
     std::unique_lock<std::mutex> lock(mutex_);
     stop_ = true;
     changed_.notify_all();
-    // The watcher wakes within one look-up; it must be gone before the socket closes.
+    if (socket_) socket_->Interrupt();
+    // The watcher must be gone before the socket closes.
     changed_.wait(lock, [this] { return !running_; });
   }
   watcher_.reset();
@@ -120,7 +119,7 @@ void CommandChannel::Watch(void* arg) {
   std::unique_lock<std::mutex> lock(self->mutex_);
   while (!self->stop_) {
     lock.unlock();
-    const bool readable = self->socket_->WaitReadable(kWatchMs);
+    const bool readable = self->socket_->WaitReadable(-1);
     lock.lock();
     if (!readable || self->stop_) continue;
     self->drained_ = false;

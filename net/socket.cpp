@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -38,9 +39,21 @@ constexpr int kNotSocket = 10038;
 
 QNSocket::QNSocket(int type, const char* name) : QObject(name), type_(type) {
   if (!qnIsInitialized()) qnInit();
+  // Never read: once interrupted, a socket's waits end at once for good.
+  wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 }
 
-QNSocket::~QNSocket() { Close(); }
+QNSocket::~QNSocket() {
+  Close();
+  if (wake_ >= 0) close(wake_);
+}
+
+void QNSocket::Interrupt() {
+  if (wake_ < 0) return;
+  const uint64_t one = 1;
+  // A full counter already wakes every waiter; nothing else can fail here.
+  if (write(wake_, &one, sizeof one) < 0) return;
+}
 
 void QNSocket::Close() {
   if (handle_ == 0) return;
@@ -283,10 +296,11 @@ int QNSocket::Write(const void* data, int length, const QNAddress* to) {
 
 bool QNSocket::WaitReadable(int timeoutMs) const {
   if (handle_ == 0) return false;
-  pollfd p{handle_, POLLIN, 0};
+  pollfd p[2] = {{handle_, POLLIN, 0}, {wake_, POLLIN, 0}};
   int n;
   do {
-    n = poll(&p, 1, timeoutMs < 0 ? -1 : timeoutMs);
+    n = poll(p, wake_ >= 0 ? 2 : 1, timeoutMs < 0 ? -1 : timeoutMs);
   } while (n < 0 && errno == EINTR);
-  return n > 0;
+  if (n <= 0 || (wake_ >= 0 && (p[1].revents & POLLIN))) return false;
+  return true;
 }

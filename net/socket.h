@@ -59,8 +59,12 @@ class QNSocket : public QObject {
   int Write(const void* data, int length, const QNAddress* to);
 
   // True when a datagram (or data, or an error to report) waits, within `timeoutMs` (0: now;
-  // negative: no limit). False at once for a closed socket.
+  // negative: no limit). False at once for a closed socket, and when Interrupt was called.
   bool WaitReadable(int timeoutMs) const;
+  // Ends a WaitReadable that another thread is in, or the next one, with false: the one call
+  // that may come from another thread, so a watcher can sleep without a limit and still be
+  // told to end.
+  void Interrupt();
 
   bool IsOpen() const { return handle_ != 0; }
   int GetFlags() const { return flags_; }
@@ -77,6 +81,8 @@ class QNSocket : public QObject {
   int ReadUdp(void* buffer, int size, QNAddress* from);
 
   int handle_ = 0;
+  // Readable once Interrupt was called (an eventfd; -1 where it could not be made).
+  int wake_ = -1;
   int flags_ = 0;
   uint32_t bindAddress_ = 0;
   int type_;

@@ -83,6 +83,28 @@ TEST_F(QNSocketTest, ReadRefusesADatagramLargerThanTheBufferTakesOneThatFitsAndL
   EXPECT_EQ(rx_.Read(in.data(), 64), 4);
 }
 
+TEST_F(QNSocketTest, AWaitWithoutLimitEndsOnADatagramAndOnInterrupt) {
+  QNAddress to = Loopback(port_);
+  std::thread sender([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    tx_.Write("x", 1, &to);
+  });
+  EXPECT_TRUE(rx_.WaitReadable(-1));
+  sender.join();
+  char in[4];
+  ASSERT_EQ(rx_.Read(in, sizeof in), 1);
+
+  std::thread stopper([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    rx_.Interrupt();
+  });
+  EXPECT_FALSE(rx_.WaitReadable(-1));
+  stopper.join();
+  // For good: a watcher told to end does not sleep again, even with a datagram waiting.
+  ASSERT_EQ(tx_.Write("y", 1, &to), 1);
+  EXPECT_FALSE(rx_.WaitReadable(-1));
+}
+
 TEST_F(QNSocketTest, BoundToOneAddressHearsOnlyDatagramsSentToIt) {
   LogCapture log;
   // 127.0.0.2 is another address of the loopback device: the one a bind to 127.0.0.1 refuses.

@@ -77,7 +77,7 @@ int Count(const std::string& in, const std::string& text);
 long long ProcValue(pid_t pid, const char* file, const char* key);
 // Processor time (user and system) `pid` has used so far in ms; hugely negative when unknown.
 long CpuMs(pid_t pid);
-// Times the main thread of `pid` went to sleep so far; -1 when unknown.
+// Times the threads of `pid` went to sleep so far, all together; -1 when unknown.
 long Wakes(pid_t pid);
 // Processes on the machine whose executable is named glimra.
 int RunningCopies();
