@@ -25,6 +25,8 @@ constexpr size_t kBatchItems = 25000;
 constexpr auto kBatchTime = std::chrono::milliseconds(100);
 // The index is written in transactions of this many rows.
 constexpr size_t kIndexRows = 1000;
+// Longest hold of the walk for the start's first picture.
+constexpr auto kFirstShowHold = std::chrono::seconds(1);
 // State keys in the index.
 constexpr const char* kShownKey = "shown";
 
@@ -114,6 +116,13 @@ std::string Catalogue::WaitFirst(int ms) {
   return first_;
 }
 
+void Catalogue::FirstShown() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (firstShown_) return;
+  firstShown_ = true;
+  changed_.notify_all();
+}
+
 bool Catalogue::Merge() {
   std::vector<Batch> batches;
   {
@@ -123,6 +132,12 @@ bool Catalogue::Merge() {
   }
   for (Batch& b : batches) Apply(b);
   return true;
+}
+
+void Catalogue::HoldForFirstShow() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  changed_.wait_for(lock, kFirstShowHold, [this] { return firstShown_ || stop_; });
+  firstShown_ = true;
 }
 
 void Catalogue::Work(void* self) { static_cast<Catalogue*>(self)->WorkLoop(); }
@@ -270,7 +285,8 @@ void Catalogue::Walk(const std::vector<std::string>& skipIn, bool flat) {
                            now - lastHand >= kBatchTime)))) {
       Hand(std::move(batch), flat);
       batch = Batch();
-      lastHand = now;
+      if (!handedAny && !flat) HoldForFirstShow();
+      lastHand = std::chrono::steady_clock::now();
       handedAny = true;
     }
     if (Indexed() && (all || rows.size() >= kIndexRows)) {
@@ -315,6 +331,7 @@ void Catalogue::Walk(const std::vector<std::string>& skipIn, bool flat) {
       Batch first;
       first.items.push_back(Item{rel, Seconds(e.modified), false});
       Hand(std::move(first), flat);
+      HoldForFirstShow();
       loadIndex();
     }
     if (flat) QDBG("RaceManager::ScanDir", "- image %s\n", e.name.c_str());

@@ -14,7 +14,9 @@
 // A flat folder is listed at once, as it always was. A library is walked on a worker thread of
 // the lowest priority: the first picture found comes first, then the index's rows (the worker
 // opens the index only then, unless the show resumes), then what the walk finds new or changed,
-// then what has gone; the worker also writes the shown picture and the round, so the main loop
+// then what has gone; the walk holds after the first picture until the start has shown it (or
+// a second has passed), so that the window, the decode and the display server are not slowed
+// by it. The worker also writes the shown picture and the round, so the main loop
 // never waits for the index. The main loop takes the findings in with Merge, so the show starts
 // at once and the list grows behind it. The
 // current position follows its picture through every change; when the current picture goes, the
@@ -77,6 +79,9 @@ class Catalogue {
   // Waits at most `ms` until the walk has found a picture or ended: the first picture found,
   // empty when none (or no walk).
   std::string WaitFirst(int ms);
+  // The first picture is on the screen (or could not be shown): the walk, which holds after
+  // handing it over so that the start has the machine to itself, goes on.
+  void FirstShown();
   // Appends `name` as given (a picture from elsewhere); false when it is already listed (debug
   // note "Image '%s' already found - not inserting") or the list is full (the warning above).
   bool Add(const char* name);
@@ -132,6 +137,8 @@ class Catalogue {
   // round first).
   void LoadIndex(bool flat);
   void Hand(Batch&& batch, bool flat);
+  // The walk's wait for FirstShown, a second at the most.
+  void HoldForFirstShow();
   void Apply(Batch& batch);
   void ApplyFound(std::vector<Item>& found, bool ordered);
   void ApplyGone(const std::vector<std::string>& names);
@@ -169,6 +176,7 @@ class Catalogue {
   std::vector<std::string> walkSkip_;
   std::string first_;       // the first picture any walk found
   bool firstDone_ = false;  // a walk ended or found one
+  bool firstShown_ = false;  // the start's first picture is out (or given up)
   std::vector<std::string> roundToSave_;
   bool roundDue_ = false;
   std::string shownToSave_;

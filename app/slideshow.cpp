@@ -628,6 +628,10 @@ void RaceManager::IdleProc() {
   rm->frameAt = std::chrono::steady_clock::now();
   rm->Paint();
   if (rm->window) rm->window->Swap();
+  if (!rm->firstFrameOut) {
+    rm->firstFrameOut = true;
+    rm->catalogue->FirstShown();
+  }
   // The black frame is out: the monitor may sleep now.
   if (!rm->displayOn && !rm->monitorOff && rm->window) {
     rm->window->SetMonitorPower(false);

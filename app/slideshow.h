@@ -350,6 +350,7 @@ class RaceManager {
   time_t edgeFrom = 0;
   bool monitorOff = false;
   bool newPicture = false;  // a picture was shown whose first frame is not out yet
+  bool firstFrameOut = false;  // the start's first frame was drawn (a library's walk waits for it)
   int shownCount = 0;       // pictures shown so far, to tell a step that failed
   int failureCount = 0;     // loads that failed so far
   // Fade ("effects.fade_ms"; 0: a cut): while it runs, the previous picture is kept and drawn
