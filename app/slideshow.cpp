@@ -673,10 +673,15 @@ void RaceManager::TakeScreenShot() {
   shotOwed = false;
   // The frame is drawn again and read from the back buffer: after a swap the back buffer's
   // contents are undefined, and the front buffer cannot be read everywhere (EGL, a flipping
-  // driver). The next frame clears it anyway.
+  // driver). The next frame clears it anyway. It is drawn smaller, down to twice the shot's
+  // width (the worker's average then still has whole pixels to take): at 1920 pixels a quarter
+  // of the painting and the reading.
+  canvas->SetShrink(canvas->GetWidth() / (2 * ScreenShot::MAX_WIDTH));
   Paint();
   std::unique_ptr<QBitMap> frame(new QBitMap());
-  if (!canvas->ReadPixels(frame.get())) return;
+  const bool read = canvas->ReadPixels(frame.get());
+  canvas->SetShrink(1);
+  if (!read) return;
   const double ms =
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   QDBG("RaceManager::TakeScreenShot", "Screen shot %dx%d read in %.2f ms\n", frame->GetWidth(),

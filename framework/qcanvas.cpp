@@ -80,7 +80,7 @@ bool QCanvas::Set3D(float d) {
   }
   if (!Current()) return false;
   const double w = GetWidth(), h = GetHeight();
-  glViewport(0, 0, GLsizei(w), GLsizei(h));
+  glViewport(0, 0, GLsizei(w) / shrink_, GLsizei(h) / shrink_);
   glMatrixMode(GL_PROJECTION);
   glLoadIdentity();
   glFrustum(-w / (2.0 * d), w / (2.0 * d), -h / (2.0 * d), h / (2.0 * d), NEAR_PLANE, FAR_PLANE);
@@ -96,7 +96,7 @@ bool QCanvas::Set3D(float d) {
 bool QCanvas::Set2D() {
   if (!Current()) return false;
   const int w = GetWidth(), h = GetHeight();
-  glViewport(0, 0, w, h);
+  glViewport(0, 0, w / shrink_, h / shrink_);
   glMatrixMode(GL_PROJECTION);
   glLoadIdentity();
   glOrtho(0.0, w, h, 0.0, -1.0, 1.0);
@@ -130,7 +130,7 @@ int QCanvas::Text(int x, int y, const char* text, int len) {
 
 bool QCanvas::ReadPixels(QBitMap* out) {
   out->Free();
-  const int w = GetWidth(), h = GetHeight();
+  const int w = GetWidth() / shrink_, h = GetHeight() / shrink_;
   if (w <= 0 || h <= 0 || !Current()) return false;
   if (!out->Alloc(32, w, h)) return false;
   // Stored bytes, as the screen gets them; no pack settings of anybody else apply.

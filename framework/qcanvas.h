@@ -5,7 +5,9 @@
 // at the window's centre (frustum +-W/(2d), +-H/(2d), near 1, far 100000, eye moved back by d);
 // a quad of the window's height drawn at z = 0 spans exactly the window's height. Set2D is the
 // window in pixels with the origin at the top-left corner and y growing downward, the mode for
-// text. Both set the viewport to the whole window.
+// text. Both set the viewport to the whole window, or with SetShrink(k) to its lower-left
+// 1/k-th each way: the same picture k times smaller, for a small copy that costs a k-th squared
+// of a frame.
 //
 // Colours are screen values: the clear colour, the drawing colour and the text colour reach the
 // screen as given, whether or not the framebuffer encodes to sRGB (the canvas switches the
@@ -62,9 +64,12 @@ class QCanvas : public QObject {
   // texture font, no text or no context.
   int Text(int x, int y, const char* text, int len = -1);
 
-  // The back buffer's whole window as it was drawn, into `out` (32-bit, rows bottom-up, as
-  // QBitMap has them; the bytes the screen shows, whatever the framebuffer's encoding). Waits for
-  // the drawing to end, so call it once the frame is out. False, `out` empty, without a context
+  // Draws the following frames k times smaller each way (1: the whole window; values below 1
+  // count as 1). The modes set afterwards take it up.
+  void SetShrink(int k) { shrink_ = k > 1 ? k : 1; }
+  // The back buffer's whole window (its shrunk part, see SetShrink) as it was drawn, into `out`
+  // (32-bit, rows bottom-up, as QBitMap has them; the bytes the screen shows, whatever the
+  // framebuffer's encoding). Waits for the drawing to end, so call it once the frame is out. False, `out` empty, without a context
   // or memory (warned).
   bool ReadPixels(QBitMap* out);
 
@@ -79,5 +84,6 @@ class QCanvas : public QObject {
   QColor clearColor_{0, 0, 0, 0};
   QColor color_{255, 255, 255, 255};
   int drawFlag_ = 0;
+  int shrink_ = 1;
   Mode mode_ = MODE_NONE;
 };
