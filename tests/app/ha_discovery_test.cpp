@@ -1,5 +1,4 @@
-// Home Assistant discovery: what Home Assistant requires of each message, and that every button
-// and switch sends words the display obeys.
+// Home Assistant discovery: what each message needs, and every button and switch sends commands.
 #include "app/ha_discovery.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,4 @@
-// The loader's sizes (what is decoded covers the quad and no more, turned pictures swap the
-// quad's proportions, the texture limit caps everything) and the prefetcher's hand-over.
+// The loader's decode sizes (quad, turns, texture limit) and the prefetcher's hand-over.
 #include "app/picture_loader.h"
 
 #include <gtest/gtest.h>
@@ -30,8 +29,7 @@ bool Decoded(Prefetcher* pre, const std::string& path) {
   return pre->Ready(path);
 }
 
-// Decoded at the quad's size in stored directions: never less, never more than the picture has or
-// a texture holds; 6 and 8 swap the quad's proportions, a HEIC's own rotation (irot) is not redone.
+// The quad's size in stored directions, within the picture and the texture limit; irot not redone.
 TEST(LoadPicture, DecodesToTheQuadsSizeTurnedAsAskedAndWithinTheTextureLimit) {
   const TempDir tmp;
   const std::string jpeg = tmp.File("0.jpg"), pano = tmp.File("pano.tga");
@@ -71,8 +69,7 @@ TEST(LoadPicture, DecodesToTheQuadsSizeTurnedAsAskedAndWithinTheTextureLimit) {
   }
 }
 
-// Handed over shrunk while its pixels cover the new window's quad; not when they do not, when no
-// longer wanted, wanted grey or changed on disk since.
+// Shrunk while it covers the new quad; not when it does not, is unwanted, grey or changed on disk.
 TEST(Prefetcher, HandsOverOnlyWhatTheLastWantAskedForAsTheFileIsNow) {
   const TempDir tmp;
   const std::string a = tmp.File("a.jpg"), b = tmp.File("b.tga");

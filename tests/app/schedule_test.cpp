@@ -1,5 +1,4 @@
-// The display's weekly hours: what the text means at given local times, malformed texts, and
-// the next edge, across midnight, the week's end and both changes of summer time.
+// The display's weekly hours: texts, malformed texts, and edges across midnight and summer time.
 #include "app/schedule.h"
 
 #include <gtest/gtest.h>
@@ -15,8 +14,7 @@
 
 namespace {
 
-// Central European time with its summer time, spelt out so that no zone file is needed: summer
-// time from the last Sunday of March 02:00 to the last Sunday of October 03:00.
+// Central European time and its summer time spelt out, so that no zone file is needed.
 class InBerlin : public ::testing::Test {
  protected:
   void SetUp() override { tzset(); }
@@ -130,13 +128,11 @@ TEST_F(InBerlin, TheNextEdgeIsTheFirstMinuteTheStateChangesAtByTheLocalClock) {
       // Never a change: no edge.
       {"00:00-24:00", Local(11, kMonday, 8, 0), -1},
       {"", Local(11, kMonday, 8, 0), -1},
-      // Summer time begins on Sunday 29 March at 02:00, which becomes 03:00: the next morning's
-      // 07:30 is 05:30 UTC, not a day after 06:30 UTC.
+      // Summer time from 29 March 02:00 (03:00 then): the next 07:30 is 05:30 UTC.
       {"07:30-19:00", Local(3, 28, 20, 0), Utc(3, 29, 5, 30)},
       // On in the hour before the jump, off at 03:00 when 02:30 is skipped over.
       {"Sun 01:30-02:30", Local(3, 29, 1, 45), Utc(3, 29, 1, 0)},
-      // Summer time ends on Sunday 25 October at 03:00, which becomes 02:00 again: 02:00-02:30
-      // comes twice, each pass with its own edges.
+      // Back on 25 October at 03:00 (02:00 then): 02:00-02:30 comes twice, with edges each time.
       {"Sun 02:00-02:30", Utc(10, 24, 23, 0), Utc(10, 25, 0, 0)},
       {"Sun 02:00-02:30", Utc(10, 25, 0, 0), Utc(10, 25, 0, 30)},
       {"Sun 02:00-02:30", Utc(10, 25, 0, 30), Utc(10, 25, 1, 0)},

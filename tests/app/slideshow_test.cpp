@@ -1,5 +1,4 @@
-// The slideshow controller in-process: the shipped glimra.ini, the catalogue, stepping, files
-// that are no pictures, the command channel's settings and how it works off a burst.
+// The slideshow in-process: shipped glimra.ini, catalogue, failed loads, batches, channel settings.
 #include "app/slideshow.h"
 
 #include <sys/stat.h>

@@ -1,5 +1,4 @@
-// The overlay font drawn on a real window: ink where the measured width says, and text upright
-// in the canvas's 2D mode.
+// The overlay font on a real window: ink where the measured width says, upright in the 2D mode.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,5 +1,4 @@
-// Textures: exact sizes, pixel values unchanged in both colour paths, reference counts, the
-// mipmap choice, the internal-format rule, the drawable and volume kinds.
+// Textures: exact sizes, pixel values in both colour paths, lifecycle, format rule, other kinds.
 #define GL_GLEXT_PROTOTYPES
 #include "d3/dtexture.h"
 

@@ -1,5 +1,4 @@
-// UDP sockets on the loopback: reads that refuse, drop or report nothing, refusals by
-// the peer, misuse, and the log's "udp_out" copy.
+// UDP sockets on the loopback: reads that refuse or drop, refusals, misuse, the log's udp_out.
 #include "net/socket.h"
 
 #include <gtest/gtest.h>
