@@ -1,5 +1,4 @@
-// The loader's sizes (what is decoded covers the quad and no more, turned pictures swap the
-// quad's proportions, the texture limit caps everything) and the prefetcher's hand-over.
+// The loader's decode sizes (quad, turns, texture limit) and the prefetcher's hand-over.
 #include "app/picture_loader.h"
 
 #include <gtest/gtest.h>
@@ -30,10 +29,7 @@ bool Decoded(Prefetcher* pre, const std::string& path) {
   return pre->Ready(path);
 }
 
-// A 3200 x 2400 JPEG takes another scale for each window (1/8 to 5/8, then all), a Targa decodes
-// whole: what comes out is the quad's size in stored directions, never less, never more than the
-// picture has or a texture holds. Orientations 6 and 8 (JPEG, TIFF, WebP) swap the quad's
-// proportions; a HEIC stored turned comes upright by its own rotation (irot), not turned again.
+// The quad's size in stored directions, within the picture and the texture limit; irot not redone.
 TEST(LoadPicture, DecodesToTheQuadsSizeTurnedAsAskedAndWithinTheTextureLimit) {
   const TempDir tmp;
   const std::string jpeg = tmp.File("0.jpg"), pano = tmp.File("pano.tga");
@@ -73,9 +69,7 @@ TEST(LoadPicture, DecodesToTheQuadsSizeTurnedAsAskedAndWithinTheTextureLimit) {
   }
 }
 
-// Made for one window and wanted for another (the desktop resized it), a picture is handed over
-// shrunk while its pixels cover the new quad, and decoded again once they do not; one no longer
-// wanted, wanted grey, or changed on disk since is not handed over.
+// Shrunk while it covers the new quad; not when it does not, is unwanted, grey or changed on disk.
 TEST(Prefetcher, HandsOverOnlyWhatTheLastWantAskedForAsTheFileIsNow) {
   const TempDir tmp;
   const std::string a = tmp.File("a.jpg"), b = tmp.File("b.tga");
@@ -107,9 +101,7 @@ TEST(Prefetcher, HandsOverOnlyWhatTheLastWantAskedForAsTheFileIsNow) {
   EXPECT_EQ(std::vector<int>({px[0], px[1], px[2]}), std::vector<int>({0x32, 0x32, 0xC8}));
 }
 
-// A stop asked for while the worker decodes a picture that takes seconds: the prefetcher goes
-// within a second and starts nothing more. In a child process, since a stop stays asked; the
-// sanitizer's leak check at the child's exit turns a leak into another exit status.
+// In a child process, since a stop stays asked; the leak check at its exit changes its status.
 TEST(Prefetcher, AStopInTheMiddleOfADecodeLetsItGoAtOnce) {
   const TempDir tmp;
   const std::string slow = tmp.Write("slow.png", e2e::RepeatedRowsPng(16384, 16384, 16));

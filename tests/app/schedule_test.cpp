@@ -1,36 +1,24 @@
-// The display's weekly hours: what the text means at given local times, malformed texts, and
-// the next edge, across midnight, the week's end and both changes of summer time.
+// The display's weekly hours: texts, malformed texts, and edges across midnight and summer time.
 #include "app/schedule.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include <cstdio>
 #include <ctime>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "support/logcapture.h"
+#include "support/tempdir.h"
 
 namespace {
 
-// Central European time with its summer time, spelt out so that no zone file is needed: summer
-// time from the last Sunday of March 02:00 to the last Sunday of October 03:00.
+// Central European time and its summer time spelt out, so that no zone file is needed.
 class InBerlin : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const char* old = getenv("TZ");
-    had_ = old != nullptr;
-    if (had_) old_ = old;
-    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
-    tzset();
-  }
-  void TearDown() override {
-    if (had_)
-      setenv("TZ", old_.c_str(), 1);
-    else
-      unsetenv("TZ");
-    tzset();
-  }
+  void SetUp() override { tzset(); }
+  void TearDown() override { tz_.reset(); tzset(); }
   // Local wall time; in a repeated hour the first pass.
   static time_t Local(int month, int day, int hour, int minute, int second = 0) {
     struct tm t = {};
@@ -53,57 +41,51 @@ class InBerlin : public ::testing::Test {
     return buf;
   }
 
-  bool had_ = false;
-  std::string old_;
+  // 23 November 2026 is a Monday; `list` is "day hh:mm, ..." with day 0 that Monday.
+  static std::vector<time_t> InWeek(const char* list) {
+    std::vector<time_t> out;
+    int day, hour, minute, n;
+    const char* p = list;
+    for (; sscanf(p, "%d %d:%d%n", &day, &hour, &minute, &n) == 3; p += n + (p[n] == ','))
+      out.push_back(Local(11, kMonday + day, hour, minute));
+    EXPECT_STREQ(p, "") << "in '" << list << "'";
+    return out;
+  }
+  static constexpr int kMonday = 23;
+
+  std::optional<ScopedEnv> tz_{std::in_place, "TZ", "CET-1CEST,M3.5.0,M10.5.0/3"};
 };
 
-// 23 November 2026 is a Monday: day 0 of the week below, Sunday day 6.
-constexpr int kMonday = 23;
-
 TEST_F(InBerlin, TextsMeanTheirHoursAndMalformedOnesLeaveTheDisplayOn) {
-  struct At {
-    int day;  // 0 Monday .. 6 Sunday, 7 the next Monday
-    int hour, minute;
-    bool on;
-  };
-  struct Case {
+  const struct {
     const char* text;
-    std::vector<At> at;
-  };
-  const Case cases[] = {
-      {"", {{0, 3, 0, true}, {6, 23, 59, true}}},
-      {"Mon-Fri 07:30-19:00, Sat 09:00-14:00",
-       {{0, 7, 29, false}, {0, 7, 30, true}, {4, 18, 59, true}, {4, 19, 0, false},
-        {5, 8, 59, false}, {5, 9, 0, true}, {5, 14, 0, false}, {6, 12, 0, false}}},
+    const char *on, *off;  // day 0 Monday .. 6 Sunday, 7 the next Monday
+  } cases[] = {
+      {"", "0 3:00, 6 23:59", ""},
+      {"Mon-Fri 07:30-19:00, Sat 09:00-14:00", "0 7:30, 4 18:59, 5 9:00",
+       "0 7:29, 4 19:00, 5 8:59, 5 14:00, 6 12:00"},
       // A range of days wraps round the week's end.
-      {"Sat-Mon 10:00-11:00",
-       {{5, 10, 30, true}, {6, 10, 30, true}, {0, 10, 30, true}, {1, 10, 30, false},
-        {4, 10, 30, false}}},
+      {"Sat-Mon 10:00-11:00", "5 10:30, 6 10:30, 0 10:30", "1 10:30, 4 10:30"},
       // A list of days, with blanks or commas, any case.
-      {"mon, WED fri 08:00-12:00",
-       {{0, 9, 0, true}, {1, 9, 0, false}, {2, 9, 0, true}, {4, 9, 0, true}}},
+      {"mon, WED fri 08:00-12:00", "0 9:00, 2 9:00, 4 9:00", "1 9:00"},
       // Past midnight: the night belongs to the day it starts on, Sunday's to Monday morning.
-      {"Fri 22:00-02:00",
-       {{4, 21, 59, false}, {4, 23, 0, true}, {5, 1, 59, true}, {5, 2, 0, false},
-        {3, 23, 0, false}}},
-      {"Sun 22:00-02:00", {{6, 22, 0, true}, {7, 1, 0, true}, {0, 23, 0, false}}},
+      {"Fri 22:00-02:00", "4 23:00, 5 1:59", "4 21:59, 5 2:00, 3 23:00"},
+      {"Sun 22:00-02:00", "6 22:00, 7 1:00", "0 23:00"},
       // 24:00 ends the day; hours without days are every day's, after a comma too.
-      {"Mon 00:00-24:00",
-       {{0, 0, 0, true}, {0, 23, 59, true}, {1, 0, 0, false}, {6, 23, 59, false}}},
-      {"8:00-9:00", {{3, 8, 30, true}, {6, 8, 59, true}, {6, 9, 0, false}}},
-      {"Mon 08:00-10:00, 12:00-13:00", {{1, 12, 30, true}, {1, 9, 0, false}, {0, 9, 0, true}}},
+      {"Mon 00:00-24:00", "0 0:00, 0 23:59", "1 0:00, 6 23:59"},
+      {"8:00-9:00", "3 8:30, 6 8:59", "6 9:00"},
+      {"Mon 08:00-10:00, 12:00-13:00", "1 12:30, 0 9:00", "1 9:00"},
       // Several ranges for the same days; blanks around the dashes.
-      {"Mon-Fri 07:00-12:00 13:00-19:00", {{2, 12, 30, false}, {2, 13, 0, true}, {5, 8, 0, false}}},
-      {"  Mon - Fri\t7:30 - 19:00 ", {{0, 7, 30, true}, {5, 7, 30, false}}},
+      {"Mon-Fri 07:00-12:00 13:00-19:00", "2 13:00", "2 12:30, 5 8:00"},
+      {"  Mon - Fri\t7:30 - 19:00 ", "0 7:30", "5 7:30"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     LogCapture log;
     Schedule s;
     EXPECT_TRUE(s.Parse(c.text)) << c.text;
     EXPECT_FALSE(log.Seen("malformed")) << c.text;
-    for (const At& a : c.at)
-      EXPECT_EQ(s.IsOn(Local(11, kMonday + a.day, a.hour, a.minute)), a.on)
-          << "'" << c.text << "' day " << a.day << " " << a.hour << ":" << a.minute;
+    for (time_t t : InWeek(c.on)) EXPECT_TRUE(s.IsOn(t)) << "'" << c.text << "' " << Show(t);
+    for (time_t t : InWeek(c.off)) EXPECT_FALSE(s.IsOn(t)) << "'" << c.text << "' " << Show(t);
   }
 
   for (const char* bad : {"Mon-Fry 08:00-09:00", "Mon", "Mon 08:00-10:00 Tue", "Mon 25:00-26:00",
@@ -146,13 +128,11 @@ TEST_F(InBerlin, TheNextEdgeIsTheFirstMinuteTheStateChangesAtByTheLocalClock) {
       // Never a change: no edge.
       {"00:00-24:00", Local(11, kMonday, 8, 0), -1},
       {"", Local(11, kMonday, 8, 0), -1},
-      // Summer time begins on Sunday 29 March at 02:00, which becomes 03:00: the next morning's
-      // 07:30 is 05:30 UTC, not a day after 06:30 UTC.
+      // Summer time from 29 March 02:00 (03:00 then): the next 07:30 is 05:30 UTC.
       {"07:30-19:00", Local(3, 28, 20, 0), Utc(3, 29, 5, 30)},
       // On in the hour before the jump, off at 03:00 when 02:30 is skipped over.
       {"Sun 01:30-02:30", Local(3, 29, 1, 45), Utc(3, 29, 1, 0)},
-      // Summer time ends on Sunday 25 October at 03:00, which becomes 02:00 again: 02:00-02:30
-      // comes twice, each pass with its own edges.
+      // Back on 25 October at 03:00 (02:00 then): 02:00-02:30 comes twice, with edges each time.
       {"Sun 02:00-02:30", Utc(10, 24, 23, 0), Utc(10, 25, 0, 0)},
       {"Sun 02:00-02:30", Utc(10, 25, 0, 0), Utc(10, 25, 0, 30)},
       {"Sun 02:00-02:30", Utc(10, 25, 0, 30), Utc(10, 25, 1, 0)},

@@ -1,5 +1,4 @@
-// Textures: exact sizes, pixel values unchanged in both colour paths, reference counts, the
-// mipmap choice, the internal-format rule, the drawable and volume kinds.
+// Textures: exact sizes, pixel values in both colour paths, lifecycle, format rule, other kinds.
 #define GL_GLEXT_PROTOTYPES
 #include "d3/dtexture.h"
 
@@ -8,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "d3/dglobal.h"
 #include "d3/dmesh.h"
@@ -63,7 +63,7 @@ void ExpectStripesAt(int x0, int y0, int wid, int hgt) {
   }
 }
 
-TEST(DTextureColour, PixelValuesReachTheScreenUnchanged) {
+TEST(DTextureColour, PixelValuesReachTheScreenAndTheOtherKindsUnchanged) {
   NEED_WINDOW();
   QBitMap bm(32, 64, 16);
   FillStripes(&bm);
@@ -88,96 +88,7 @@ TEST(DTextureColour, PixelValuesReachTheScreenUnchanged) {
     Draw2D(win, &tex, 300, 200);
     ExpectStripesAt(300, 200, 64, 16);
   }
-  DGlobal::FollowFramebuffer();
-  EXPECT_EQ(DGlobal::IsFramebufferEncoding(), DGlobal::IsFramebufferSRGB());
-}
-
-TEST(DTextureSize, BitmapSizeIsKeptExactly) {
-  NEED_WINDOW();
-  QBitMap bm(32, 1000, 750);
-  memset(bm.GetBuffer(), 90, size_t(bm.GetSize()));
-  DBitMapTexture tex(&bm, "big");
-  ASSERT_NE(tex.GetID(), 0u);
-  tex.Select();
-  GLint w = 0, h = 0;
-  glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, &w);
-  glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_HEIGHT, &h);
-  EXPECT_EQ(w, 1000);
-  EXPECT_EQ(h, 750);
-  // Mipmaps were wanted and generated: the last level of the chain exists.
-  GLint last = 0;
-  glGetTexLevelParameteriv(GL_TEXTURE_2D, 9, GL_TEXTURE_WIDTH, &last);
-  EXPECT_EQ(last, 1);
-
-  // A bitmap smaller than the texture is refused, not read past its end.
-  QBitMap small(32, 10, 10);
-  LogCapture log;
-  EXPECT_FALSE(tex.FromBitMap(&small));
-  EXPECT_TRUE(log.Seen("doesn't fill texture 1000x750"));
-}
-
-TEST(DTextureLifecycle, MipmapChoiceIsFixedAtCreation) {
-  NEED_WINDOW();
-  QBitMap bm(32, 8, 8);
-  memset(bm.GetBuffer(), 7, size_t(bm.GetSize()));
-  DBitMapTexture tex(&bm, "fixed");
-  LogCapture log;
-  tex.EnableMipmap(false);
-  EXPECT_TRUE(log.Seen("DTexture:EnableMipmap() called after creation (fixed)"));
-  EXPECT_TRUE(tex.GetFlags() & DTexture::MIPMAP);
-  tex.Select();
-  GLint min = 0;
-  glGetTexParameteriv(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, &min);
-  EXPECT_EQ(min, GL_LINEAR_MIPMAP_LINEAR);
-
-  // Before creation the choice holds, with the kept nearest/linear pairing.
-  DBitMapTexture plain;
-  plain.EnableMipmap(false);
-  ASSERT_TRUE(plain.FromBitMap(&bm));
-  glGetTexParameteriv(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, &min);
-  GLint mag = 0;
-  glGetTexParameteriv(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, &mag);
-  EXPECT_EQ(min, GL_NEAREST);
-  EXPECT_EQ(mag, GL_LINEAR);
-}
-
-TEST(DTextureLifecycle, DetachCountsDownOnceAndDestructionDeletesTheName) {
-  NEED_WINDOW();
-  QBitMap bm(32, 2, 2);
-  memset(bm.GetBuffer(), 1, size_t(bm.GetSize()));
-  GLuint id = 0;
-  {
-    DBitMapTexture tex(&bm, "gone");
-    id = tex.GetID();
-    ASSERT_TRUE(glIsTexture(id));
-    LogCapture log;
-    EXPECT_TRUE(tex.Detach());
-    EXPECT_FALSE(log.Seen("refCount<0"));
-    EXPECT_FALSE(tex.Detach());
-    EXPECT_TRUE(log.Seen("DTexture:Detach(); refCount<0 (refCount=-1); too many Detach() calls"));
-  }
-  EXPECT_FALSE(glIsTexture(id));
-  GLint bound = -1;
-  glGetIntegerv(GL_TEXTURE_BINDING_2D, &bound);
-  EXPECT_EQ(bound, 0);
-}
-
-TEST(DTextureFormat, InternalFormatRule) {
-  // format, compressed, linear colour -> internal format
-  const unsigned rule[][4] = {
-      {GL_RGBA, 0, 1, GL_RGBA},           {GL_RGB, 0, 1, GL_RGB},
-      {GL_COMPRESSED_RGB, 0, 1, GL_RGB},  {GL_ALPHA, 0, 1, GL_RGBA},
-      {GL_RGB, 0, 0, GL_SRGB8_ALPHA8},    {GL_RGB, 1, 1, GL_COMPRESSED_RGB},
-      {GL_RGBA, 1, 0, GL_COMPRESSED_SRGB_ALPHA}, {GL_ALPHA, 1, 0, GL_ALPHA}};
-  for (const auto& r : rule)
-    EXPECT_EQ(DTexture::ChooseInternalFormat(r[0], r[1], r[2]), r[3]) << r[0] << r[1] << r[2];
-}
-
-}  // namespace
-
-TEST(DTextureKinds, DrawableCopiesWhatWasDrawnAndVolumeStacksItsSlices) {
-  NEED_WINDOW();
-  DGlobal::SetLinearColour(true);  // plain byte values both ways
+  // The drawable kind copies what was drawn, the volume kind stacks its slices.
   QCanvas canvas(win);
   canvas.SetClearColor(10, 200, 30, 255);
   ASSERT_TRUE(canvas.Clear());
@@ -204,8 +115,64 @@ TEST(DTextureKinds, DrawableCopiesWhatWasDrawnAndVolumeStacksItsSlices) {
   EXPECT_EQ(std::string(got, got + 8), std::string(a.GetBuffer(), a.GetBuffer() + 8));
   EXPECT_EQ(std::string(got + 8, got + 16), std::string(b.GetBuffer(), b.GetBuffer() + 8));
   DGlobal::FollowFramebuffer();
-
+  EXPECT_EQ(DGlobal::IsFramebufferEncoding(), DGlobal::IsFramebufferSRGB());
   // The name table keeps 200 characters of a name.
   DTextureSetLastKnownTextureName(199, std::string(300, 'x').c_str());
   EXPECT_EQ(std::string(DTextureGetLastKnownTextureName(199)), std::string(200, 'x'));
 }
+
+TEST(DTextureLifecycle, ExactSizeMipmapsFixedAtCreationDetachOnceAndTheNameGoesWithIt) {
+  NEED_WINDOW();
+  QBitMap bm(32, 1000, 750), small(32, 10, 10);
+  memset(bm.GetBuffer(), 90, size_t(bm.GetSize()));
+  GLuint id = 0;
+  GLint got[4] = {};
+  {
+    DBitMapTexture tex(&bm, "big");
+    id = tex.GetID();
+    ASSERT_TRUE(glIsTexture(id));
+    LogCapture log;
+    tex.EnableMipmap(false);
+    EXPECT_TRUE(log.Seen("DTexture:EnableMipmap() called after creation (big)"));
+    EXPECT_TRUE(tex.GetFlags() & DTexture::MIPMAP);
+    // Its exact size, and the mipmap chain down to its last level.
+    tex.Select();
+    glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, &got[0]);
+    glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_HEIGHT, &got[1]);
+    glGetTexLevelParameteriv(GL_TEXTURE_2D, 9, GL_TEXTURE_WIDTH, &got[2]);
+    glGetTexParameteriv(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, &got[3]);
+    EXPECT_EQ(std::vector<GLint>(got, got + 4),
+              std::vector<GLint>({1000, 750, 1, GL_LINEAR_MIPMAP_LINEAR}));
+    // A bitmap smaller than the texture is refused, not read past its end.
+    EXPECT_FALSE(tex.FromBitMap(&small));
+    EXPECT_TRUE(log.Seen("doesn't fill texture 1000x750"));
+    EXPECT_TRUE(tex.Detach());
+    EXPECT_FALSE(log.Seen("refCount<0"));
+    EXPECT_FALSE(tex.Detach());
+    EXPECT_TRUE(log.Seen("DTexture:Detach(); refCount<0 (refCount=-1); too many Detach() calls"));
+  }
+  EXPECT_FALSE(glIsTexture(id));
+  glGetIntegerv(GL_TEXTURE_BINDING_2D, &got[0]);
+  EXPECT_EQ(got[0], 0);
+
+  // Before creation the choice holds, with the kept nearest/linear pairing.
+  DBitMapTexture plain;
+  plain.EnableMipmap(false);
+  ASSERT_TRUE(plain.FromBitMap(&small));
+  glGetTexParameteriv(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, &got[0]);
+  glGetTexParameteriv(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, &got[1]);
+  EXPECT_EQ(std::vector<GLint>(got, got + 2), std::vector<GLint>({GL_NEAREST, GL_LINEAR}));
+}
+
+TEST(DTextureFormat, InternalFormatRule) {
+  // format, compressed, linear colour -> internal format
+  const unsigned rule[][4] = {
+      {GL_RGBA, 0, 1, GL_RGBA},           {GL_RGB, 0, 1, GL_RGB},
+      {GL_COMPRESSED_RGB, 0, 1, GL_RGB},  {GL_ALPHA, 0, 1, GL_RGBA},
+      {GL_RGB, 0, 0, GL_SRGB8_ALPHA8},    {GL_RGB, 1, 1, GL_COMPRESSED_RGB},
+      {GL_RGBA, 1, 0, GL_COMPRESSED_SRGB_ALPHA}, {GL_ALPHA, 1, 0, GL_ALPHA}};
+  for (const auto& r : rule)
+    EXPECT_EQ(DTexture::ChooseInternalFormat(r[0], r[1], r[2]), r[3]) << r[0] << r[1] << r[2];
+}
+
+}  // namespace
