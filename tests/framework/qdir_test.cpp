@@ -1,6 +1,5 @@
 // QDirectory: listing order, entry information, the path-length check; working directory.
-// QDirWatch: changes, files being written (links never are), wakes, a directory replaced; a tree
-// of folders with links and loops, and one larger than the system lets a user follow.
+// QDirWatch: changes, files being written, wakes, a directory replaced, trees of folders.
 #include "framework/qdir.h"
 
 #include <gtest/gtest.h>
@@ -79,13 +78,12 @@ TEST_F(QDirTest, OverlongPathRefusesInformationButNamesTheEntry) {
   log_.Clear();
   EXPECT_FALSE(d.ReadNext(name, &info));
   EXPECT_STREQ(name, "abcdefgh");
-  ASSERT_EQ(log_.Lines().size(), 1u);
-  std::string expected = "Buffer overflow; dirName (" + std::to_string(longDir.size()) +
-                         ") or name (8) too large.";
-  EXPECT_NE(log_.Lines()[0].find(expected), std::string::npos) << log_.Lines()[0];
+  EXPECT_EQ(log_.Lines().size(), 1u);
+  EXPECT_TRUE(log_.Seen("Buffer overflow; dirName (" + std::to_string(longDir.size()) +
+                        ") or name (8) too large."));
 }
 
-TEST_F(QDirTest, MissingDirectoryIsNotOpenAndItsWatchFailsNamingIt) {
+TEST_F(QDirTest, MissingDirectoryIsNotOpenItsWatchAndEnteringItFailNamingIt) {
   QDirectory d((dir_ + "/absent").c_str());
   EXPECT_FALSE(d.IsOpen());
   char name[QDirectory::NAME_SIZE] = "x";
@@ -98,9 +96,8 @@ TEST_F(QDirTest, MissingDirectoryIsNotOpenAndItsWatchFailsNamingIt) {
   ASSERT_EQ(log_.Lines().size(), 1u);
   EXPECT_NE(log_.Lines()[0].find("absent"), std::string::npos) << log_.Lines()[0];
   EXPECT_EQ(w.TakeChanges(nullptr, nullptr), 0);
-}
 
-TEST_F(QDirTest, CurrentDirectoryChangesAndFailsWithAWarning) {
+  log_.Clear();
   qstring before;
   ASSERT_TRUE(QGetCurrentDirectory(&before));
   char* real = realpath(dir_.c_str(), nullptr);
