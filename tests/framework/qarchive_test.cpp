@@ -239,8 +239,7 @@ TEST_F(QArchiveFileTest, DamagedDirectoriesLeaveTheArchiveClosedAndDamagedMember
 }
 
 TEST_F(QArchiveFileTest, ManyMembersOfMixedSizesRoundTripAndList) {
-  // Hundreds of members, so the directory grows well past one block; sizes cross the chunk size;
-  // member 0 is empty.
+  // The directory grows well past one block; sizes cross the chunk size; member 0 is empty.
   const std::string path = Tmp("many.ar");
   std::vector<Bytes> data;
   {

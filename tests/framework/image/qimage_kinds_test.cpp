@@ -191,11 +191,9 @@ TEST_F(QImageKindsTest, AHeaderClaiming16000SquaredIsRefusedBeforeAnythingLargeI
   Bytes webp = ImageFixture("quad.webp");
   ASSERT_EQ(memcmp(&webp[12], "VP8 ", 4), 0);  // the lossy frame's 14-bit sizes at 26 and 28
   webp[26] = webp[28] = 16000 & 255, webp[27] = webp[29] = 16000 >> 8;
-  const struct { const char* name; Bytes bytes; } cases[] = {{"big.heic", HeifSized("quad.heic", 16000)},
-               {"big.avif", HeifSized("quad.avif", 16000)},
-               {"big.webp", webp},
-               {"big.gif", gif},
-               {"big.tif", TiffSized(16000)}};
+  const struct { const char* name; Bytes bytes; } cases[] = {
+      {"big.heic", HeifSized("quad.heic", 16000)}, {"big.avif", HeifSized("quad.avif", 16000)},
+      {"big.webp", webp}, {"big.gif", gif}, {"big.tif", TiffSized(16000)}};
   // 16000 x 16000 pixels would take a gigabyte.
   const long before = PeakKb();
   for (const auto& c : cases) {

@@ -1,4 +1,4 @@
-// QImage readers: fixtures compared pixel for pixel with their encoders; hand-made quirks and faults.
+// QImage readers: fixtures compared pixel for pixel with their sources; hand-made faults.
 #include "framework/image/qimage.h"
 
 #include <gtest/gtest.h>
@@ -51,7 +51,8 @@ Picture Ref(const char* name) {
   const Bytes b = ImageFixture(name);
   char magic[3] = {};
   int w = 0, h = 0, maxval = 0, used = 0;
-  if (sscanf(reinterpret_cast<const char*>(b.data()), "%2s %d %d %d%n", magic, &w, &h, &maxval, &used) != 4)
+  const char* text = reinterpret_cast<const char*>(b.data());
+  if (sscanf(text, "%2s %d %d %d%n", magic, &w, &h, &maxval, &used) != 4)
     return [](int, int) { return Rgb{-1, -1, -1}; };
   const int channels = magic[1] == '5' ? 1 : 3;
   return [px = Bytes(b.begin() + used + 1, b.end()), w, channels](int x, int y) {
@@ -284,7 +285,8 @@ TEST_F(QImageTest, JpegSizeAndScanLimitsScaledDecodesAndShrinkingWhileDecoding) 
   EXPECT_TRUE(img.ReadJPG(ninety.data(), ninety.size(), "ninety.jpg"));
   EXPECT_EQ(img.GetWidth() * 1000 + img.GetHeight(), 16008);
   EXPECT_FALSE(img.ReadJPG(more.data(), more.size(), "more.jpg", 8, 8, 4));
-  EXPECT_TRUE(log_.Seen("QImage:ReadJPG(); (more.jpg) has more than 100 scans (stopped at scan 101)"));
+  EXPECT_TRUE(
+      log_.Seen("QImage:ReadJPG(); (more.jpg) has more than 100 scans (stopped at scan 101)"));
 }
 
 TEST_F(QImageTest, JpegWarningsKeepWhatDecodedAndErrorsEndTheRead) {
