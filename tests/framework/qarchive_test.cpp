@@ -265,8 +265,8 @@ TEST_F(QArchiveFileTest, ManyMembersOfMixedSizesRoundTripAndList) {
   EXPECT_EQ(ar.OpenFile("dir/member0"), nullptr);
   ASSERT_TRUE(ar.DecompressFile("dir/member0", Tmp("out").c_str()));
   EXPECT_TRUE(ReadBytes(Tmp("out")).empty());
-  ASSERT_TRUE(ar.DecompressFile("dir/member2", Tmp("out").c_str()));
-  EXPECT_EQ(ReadBytes(Tmp("out")), data[2]);
+  ASSERT_TRUE(ar.DecompressFile("dir/member10", Tmp("out").c_str()));  // noise of three chunks
+  EXPECT_EQ(ReadBytes(Tmp("out")), data[10]);
 }
 
 }  // namespace
