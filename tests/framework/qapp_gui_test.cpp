@@ -1,5 +1,4 @@
-// The framework's window as glimra-wintest opens it on a private Xvfb (keys injected there reach
-// no other window): size, a frame read back, keys, the screenshot, full screen, a close request.
+// The framework's window as glimra-wintest opens it on a private Xvfb (keys reach no other window).
 #include <unistd.h>
 
 #include <gtest/gtest.h>

@@ -32,14 +32,12 @@ struct App : ::testing::Test {
   }
 };
 
-using QAppTables = App;
-using QAppStep = App;
 using QAppExitDeathTest = App;
 
 template <int N>
 bool H(QEvent*) { return false; }
 
-TEST_F(QAppTables, SixthKeyboardHandlerAndSecondConfigurationAreRefusedUntilASlotIsFree) {
+TEST_F(App, SixthKeyboardHandlerAndSecondConfigurationAreRefusedUntilASlotIsFree) {
   for (auto h : {H<1>, H<2>, H<3>, H<4>, H<5>}) EXPECT_TRUE(app->AddKeyboardHandler(h));
   EXPECT_FALSE(app->AddKeyboardHandler(H<6>));
   EXPECT_EQ(Seen("QApp::AddKeyboardHandler(); out of handlers"), 1);
@@ -58,7 +56,7 @@ TEST_F(QAppTables, SixthKeyboardHandlerAndSecondConfigurationAreRefusedUntilASlo
   EXPECT_TRUE(app->SetIni(&b));
 }
 
-TEST_F(QAppTables, MinusOneCentresOnTheWorkAreaWithTheKeptFormula) {
+TEST_F(App, MinusOneCentresOnTheWorkAreaWithTheKeptFormula) {
   app->SetDesktop(QRect{0, 0, 1280, 1024}, QRect{100, 50, 1180, 974});
   app->SetWindowRect(-1, -1, 300, 200);
   // (right - width - left) / 2: the left edge is subtracted, not added back.
@@ -70,17 +68,7 @@ TEST_F(QAppTables, MinusOneCentresOnTheWorkAreaWithTheKeptFormula) {
   EXPECT_EQ(app->GetWindowRect().y, -2);   // only exactly -1 centres
 }
 
-TEST_F(QAppStep, IdleRunsOncePerEmptyStep) {
-  static int idles;
-  idles = 0;
-  app->SetIdleProc([] { ++idles; });
-  EXPECT_EQ(app->Run1(), 2);
-  EXPECT_EQ(idles, 1);
-  EXPECT_FALSE(app->Run());
-  EXPECT_EQ(idles, 1);  // Run returns at once and is not an idle step
-}
-
-TEST_F(QAppStep, ModifierBitsMergeIntoKeysAndShiftF11IsNoScreenshot) {
+TEST_F(App, ModifierBitsMergeIntoKeysAndShiftF11IsNoScreenshot) {
   static std::vector<int> seen;
   seen.clear();
   ASSERT_TRUE(app->Create());
@@ -104,9 +92,15 @@ TEST_F(QAppStep, ModifierBitsMergeIntoKeysAndShiftF11IsNoScreenshot) {
   EXPECT_EQ(app->GetModifiers(), 0);
 }
 
-TEST_F(QAppStep, ConsumersInOrderAndPointerState) {
-  static int procCalls;
-  procCalls = 0;
+TEST_F(App, IdleRunsOncePerEmptyStepConsumersInOrderAndPointerState) {
+  static int procCalls, idles;
+  procCalls = idles = 0;
+  app->SetIdleProc([] { ++idles; });
+  EXPECT_EQ(app->Run1(), 2);
+  EXPECT_EQ(idles, 1);
+  EXPECT_FALSE(app->Run());
+  EXPECT_EQ(idles, 1);  // Run returns at once and is not an idle step
+
   ASSERT_TRUE(app->Create());
   EXPECT_EQ(app->GetWindowManager()->GetBackground(), QColor(94, 94, 94, 255));
   QWindow win(nullptr, "target");
@@ -134,6 +128,7 @@ TEST_F(QAppStep, ConsumersInOrderAndPointerState) {
   EXPECT_FALSE(app->Run());  // dispatches both
   EXPECT_EQ(app->GetButtons(), 0u);
   EXPECT_FALSE(app->IsMouseInside());
+  EXPECT_EQ(idles, 1);
   app->GetWindowManager()->RemoveWindow(&win);
 }
 

@@ -12,9 +12,8 @@
 
 namespace {
 
-struct BitmapTest : ::testing::Test {
-  LogCapture log_;
-};
+struct BitmapTest : ::testing::Test { LogCapture log_; };
+using Rows = std::vector<std::vector<uint32_t>>;
 
 // Pixel at column x of memory row `row` as 0xRRGGBBAA.
 uint32_t Px(const QBitMap& bm, int x, int row) {
@@ -30,8 +29,8 @@ void Put(QBitMap& bm, int x, int row, uint32_t rgba) {
 }
 
 // The picture as seen on screen, top row first, each pixel's value.
-std::vector<std::vector<uint32_t>> Screen(const QBitMap& bm) {
-  std::vector<std::vector<uint32_t>> rows;
+Rows Screen(const QBitMap& bm) {
+  Rows rows;
   for (int row = bm.GetHeight() - 1; row >= 0; --row) {
     rows.emplace_back();
     for (int x = 0; x < bm.GetWidth(); ++x) rows.back().push_back(Px(bm, x, row));
@@ -44,8 +43,6 @@ void Number(QBitMap& bm) {
   for (int row = 0; row < bm.GetHeight(); ++row)
     for (int x = 0; x < bm.GetWidth(); ++x) Put(bm, x, row, uint32_t(10 * row + x + 1));
 }
-
-using Rows = std::vector<std::vector<uint32_t>>;
 
 }  // namespace
 
@@ -89,28 +86,20 @@ TEST_F(BitmapTest, ExternalPixelsAreNeverFreed) {
   EXPECT_EQ(block[7], 8);
 }
 
-TEST_F(BitmapTest, RotationsOfAnAsymmetricPicture) {
-  // On screen:  d e f     (memory row 1)
-  //             a b c     (memory row 0)
-  QBitMap src(32, 3, 2);
-  const uint32_t a = 1, b = 2, c = 3, d = 4, e = 5, f = 6;
-  Put(src, 0, 0, a), Put(src, 1, 0, b), Put(src, 2, 0, c);
-  Put(src, 0, 1, d), Put(src, 1, 1, e), Put(src, 2, 1, f);
-
+TEST_F(BitmapTest, RotationsOfAnAsymmetricPictureOtherAnglesAndRectsPastTheBlock) {
+  // On screen d e f over a b c (memory row 0).
+  QBitMap src(32, 3, 2), dst(32, 2, 3);
+  Number(src);
+  const uint32_t a = 1, b = 2, c = 3, d = 11, e = 12, f = 13;
   const std::pair<int, Rows> turns[] = {
       {90, {{a, d}, {b, e}, {c, f}}},
       {180, {{c, b, a}, {f, e, d}}},
       {270, {{f, c}, {e, b}, {d, a}}}};
   for (const auto& [angle, want] : turns) {
-    QBitMap dst(32, int(want[0].size()), int(want.size()));
-    ASSERT_TRUE(src.Rotate(angle, nullptr, &dst, nullptr));
-    EXPECT_EQ(Screen(dst), want) << angle;
+    QBitMap turned(32, int(want[0].size()), int(want.size()));
+    ASSERT_TRUE(src.Rotate(angle, nullptr, &turned, nullptr));
+    EXPECT_EQ(Screen(turned), want) << angle;
   }
-}
-
-TEST_F(BitmapTest, RotateRefusesOtherAnglesAndDropsWhatRunsPastTheBlock) {
-  QBitMap src(32, 3, 2), dst(32, 2, 3);
-  Number(src);
   dst.Fill(nullptr, QColor(0x11223344u));
   EXPECT_FALSE(src.Rotate(45, nullptr, &dst, nullptr));
   EXPECT_TRUE(log_.Seen("QBitMap:Rotate(); angle 45 not supported"));

@@ -1,5 +1,4 @@
-// The window canvas: 3D at distance 1000 is a pixel per unit about the centre, 2D is pixels from
-// the top-left, and colours reach the screen as given.
+// The window canvas: 3D at 1000 is a pixel per unit about the centre, 2D pixels from the top-left.
 #include "framework/qcanvas.h"
 
 #include <GL/gl.h>

@@ -1,6 +1,5 @@
 // QDirectory: listing order, entry information, the path-length check; working directory.
-// QDirWatch: changes, files being written (links never are), wakes, a directory replaced; a tree
-// of folders with links and loops, and one larger than the system lets a user follow.
+// QDirWatch: changes, files being written, wakes, a directory replaced, trees of folders.
 #include "framework/qdir.h"
 
 #include <gtest/gtest.h>
@@ -79,13 +78,12 @@ TEST_F(QDirTest, OverlongPathRefusesInformationButNamesTheEntry) {
   log_.Clear();
   EXPECT_FALSE(d.ReadNext(name, &info));
   EXPECT_STREQ(name, "abcdefgh");
-  ASSERT_EQ(log_.Lines().size(), 1u);
-  std::string expected = "Buffer overflow; dirName (" + std::to_string(longDir.size()) +
-                         ") or name (8) too large.";
-  EXPECT_NE(log_.Lines()[0].find(expected), std::string::npos) << log_.Lines()[0];
+  EXPECT_EQ(log_.Lines().size(), 1u);
+  EXPECT_TRUE(log_.Seen("Buffer overflow; dirName (" + std::to_string(longDir.size()) +
+                        ") or name (8) too large."));
 }
 
-TEST_F(QDirTest, MissingDirectoryIsNotOpenAndItsWatchFailsNamingIt) {
+TEST_F(QDirTest, MissingDirectoryIsNotOpenItsWatchAndEnteringItFailNamingIt) {
   QDirectory d((dir_ + "/absent").c_str());
   EXPECT_FALSE(d.IsOpen());
   char name[QDirectory::NAME_SIZE] = "x";
@@ -98,9 +96,8 @@ TEST_F(QDirTest, MissingDirectoryIsNotOpenAndItsWatchFailsNamingIt) {
   ASSERT_EQ(log_.Lines().size(), 1u);
   EXPECT_NE(log_.Lines()[0].find("absent"), std::string::npos) << log_.Lines()[0];
   EXPECT_EQ(w.TakeChanges(nullptr, nullptr), 0);
-}
 
-TEST_F(QDirTest, CurrentDirectoryChangesAndFailsWithAWarning) {
+  log_.Clear();
   qstring before;
   ASSERT_TRUE(QGetCurrentDirectory(&before));
   char* real = realpath(dir_.c_str(), nullptr);
@@ -282,8 +279,6 @@ TEST_F(QDirTest, TreeFollowsEachFolderOnceNewAndMovedOnesTooByRelativeNames) {
 TEST_F(QDirTest, TreeBeyondTheWatchLimitSaysSoOnceAndKeepsWhatItFollows) {
   const char* folders[] = {"a", "b", "c", "d", "e", "f", "g", "h"};
   for (const char* f : folders) ASSERT_EQ(mkdir(Tmp(f).c_str(), 0755), 0);
-  int out[2];
-  ASSERT_EQ(pipe(out), 0);
   const std::string uid = std::to_string(geteuid()), gid = std::to_string(getegid());
   const pid_t child = fork();
   ASSERT_GE(child, 0);
@@ -309,16 +304,12 @@ TEST_F(QDirTest, TreeBeyondTheWatchLimitSaysSoOnceAndKeepsWhatItFollows) {
       TakeSettled(&w, &changed, &writing);
       for (const std::string& n : changed) said += n + "\n";
     }
-    _exit(write(out[1], said.data(), said.size()) == ssize_t(said.size()) ? 0 : 1);
+    _exit(WriteFile(Tmp("said"), said) ? 0 : 1);  // once the watch has answered
   }
-  close(out[1]);
-  std::string text;
-  char buf[512];
-  for (ssize_t n; (n = read(out[0], buf, sizeof(buf))) > 0;) text.append(buf, size_t(n));
-  close(out[0]);
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
+  const std::string text = ReadFile(Tmp("said"));
   if (text.compare(0, 5, "skip ") == 0) GTEST_SKIP() << text;
   // Then the top's file and one in each of the 2 folders followed.
   EXPECT_EQ(text.compare(0, 4, "101\n"), 0) << text;

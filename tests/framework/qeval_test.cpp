@@ -7,11 +7,7 @@
 
 TEST(QEval, ValuesAndWhetherTheWholeTextWasUsed) {
   const int kMin = -2147483647 - 1;
-  const struct {
-    std::string text;
-    int value;
-    bool complete;
-  } cases[] = {
+  const struct { std::string text; int value; bool complete; } cases[] = {
       {"2*512", 1024, true}, {" 1 + 2 * 3 ", 7, true}, {"(1+2)*3", 9, true},
       {"10 - 4 - 3", 3, true}, {"-(3+4)*2 % 5", -4, true}, {"--5", 5, true}, {"17 / 5", 3, true},
       // Stops at the first foreign byte.

@@ -34,11 +34,7 @@ TEST(QFilter, AmountsAreClampedAndReadOnEveryDo) {
   QFilterGray gray(&amount);
   QFilterColorize tint(&amount, QColor(255, 128, 0));
   const uint32_t a = 0x204060C0u, b = 0xC0A080FFu, red = 0xFF000080u, green = 0x00FF00FFu;
-  const struct {
-    QFilter* filter;
-    int amount;
-    uint32_t in0, in1, out0, out1;
-  } cases[] = {
+  const struct { QFilter* filter; int amount; uint32_t in0, in1, out0, out1; } cases[] = {
       {&bright, 150, a, b, 0xFFFFFFC0u, 0xFFFFFFFFu},  // acts as 100
       {&bright, -100, a, b, 0x000000C0u, 0x000000FFu},
       {&bright, 50, a, b, 0x8F9FAFC0u, 0xDFCFBFFFu},   // 0x20 + 50 * (255 - 0x20) / 100 = 143

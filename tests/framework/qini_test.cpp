@@ -40,7 +40,7 @@ struct MemIni {
 
 }  // namespace
 
-TEST(QIniLookup, FirstBlockWinsValuesStayUntrimmedAndGroupsAreNoKeys) {
+TEST(QIniLookup, FirstBlockWinsValuesStayUntrimmedGroupsAreNoKeysAndNumbersAreValidated) {
   MemIni m("resolution\n{\n  width=800\n  fullscreen= 1\n}\nresolution\n{\n  width=1024\n  depth=32\n}\n");
   EXPECT_EQ(m.Get("resolution.width"), "800");
   EXPECT_EQ(m.Get("resolution.depth"), "32");  // keys only the second block has still count
@@ -50,6 +50,19 @@ TEST(QIniLookup, FirstBlockWinsValuesStayUntrimmedAndGroupsAreNoKeys) {
   for (const char* key : {"resolution", "resolution.width.x", ""})
     EXPECT_EQ(m.Get(key), "<missing:<none>>") << key;
   EXPECT_EQ(m.ini.GetInt("resolution", 5), 5);
+
+  // Numbers are validated, then evaluated or read (the evaluator's own rules are qeval_test's).
+  LogCapture log;
+  MemIni n("v=1024.0\ne=2*512\nz=\nf=2.5\nbad=1,5\n");
+  EXPECT_EQ(n.ini.GetInt("v", 0), 1024);
+  EXPECT_TRUE(Has(log, "v value '1024.0' (in mem.ini) is not a valid integer: a '.' is not allowed (floating point)"));
+  EXPECT_EQ(n.ini.GetInt("e", 0), 1024);
+  EXPECT_EQ(n.ini.GetInt("z", 5), 0);
+  EXPECT_EQ(n.ini.GetInt("missing", 5), 5);
+  EXPECT_FALSE(n.ini.GetBool("z", true));
+  EXPECT_DOUBLE_EQ(n.ini.GetFloat("f", 0), 2.5);
+  EXPECT_DOUBLE_EQ(n.ini.GetFloat("bad", 0), 1.0);
+  EXPECT_TRUE(Has(log, "bad value '1,5' (in mem.ini) is not a valid float: character ',' is not allowed"));
 }
 
 TEST(QIniLookup, ReferencesAnswerKeysOfTheReferencedGroupAndCyclesTerminate) {
@@ -70,7 +83,7 @@ TEST(QIniLookup, ReferencesAnswerKeysOfTheReferencedGroupAndCyclesTerminate) {
   EXPECT_EQ(m.Text(), "g\n{\n  x=1\n}\nt~t\n{\n}\na\n{\n  x=2\n  b~a\n  {\n  }\n}\n");
 }
 
-TEST(QIniRead, SyntaxFaultsAreReportedAndReadingGoesOn) {
+TEST(QIniRead, SyntaxFaultsAreReportedReadingGoesOnAndHugeInputStaysBounded) {
   LogCapture log;
   MemIni m("resolution.width=800\nx=1\n}\n{\ny=2\n= 3\n");
   EXPECT_TRUE(Has(log, "QIni(mem.ini): key with '.' found (resolution.width) - won't work; use { } to define subtrees (line 1)"));
@@ -85,15 +98,13 @@ TEST(QIniRead, SyntaxFaultsAreReportedAndReadingGoesOn) {
   MemIni t("a\tb=1 ;x\n;note\n");
   EXPECT_EQ(t.Get("a\tb"), "1 ;x");
   EXPECT_EQ(t.Text(), "a\tb=1 ;x\n;note\n");
-}
 
-TEST(QIniRead, HugeAndHostileInputStaysBounded) {
-  LogCapture log;
+  // Huge and hostile input stays bounded.
   std::string big(1 << 20, 'v');
-  MemIni m("k=" + big + "\n" + big + "=1\nnext=ok\n");
-  EXPECT_EQ(m.Get("k"), big.substr(0, QIni::MAX_WORD));
-  EXPECT_EQ(m.Get(big.substr(0, QIni::MAX_WORD).c_str()), "1");
-  EXPECT_EQ(m.Get("next"), "ok");
+  MemIni huge("k=" + big + "\n" + big + "=1\nnext=ok\n");
+  EXPECT_EQ(huge.Get("k"), big.substr(0, QIni::MAX_WORD));
+  EXPECT_EQ(huge.Get(big.substr(0, QIni::MAX_WORD).c_str()), "1");
+  EXPECT_EQ(huge.Get("next"), "ok");
 
   std::string deep;
   for (int i = 0; i < 100000; ++i) deep += "a\n{\n";
@@ -108,21 +119,6 @@ TEST(QIniRead, HugeAndHostileInputStaysBounded) {
   MemIni h(hi + "=neg\n" + lo + "=pos\n");
   EXPECT_EQ(h.Get(hi.c_str()), "neg");
   EXPECT_EQ(h.Get(lo.c_str()), "pos");
-}
-
-// The evaluator's own rules (precedence, division by zero) are qeval_test's.
-TEST(QIniGetters, NumbersAreValidatedThenEvaluatedOrRead) {
-  LogCapture log;
-  MemIni m("v=1024.0\ne=2*512\nz=\nf=2.5\nbad=1,5\n");
-  EXPECT_EQ(m.ini.GetInt("v", 0), 1024);
-  EXPECT_TRUE(Has(log, "v value '1024.0' (in mem.ini) is not a valid integer: a '.' is not allowed (floating point)"));
-  EXPECT_EQ(m.ini.GetInt("e", 0), 1024);
-  EXPECT_EQ(m.ini.GetInt("z", 5), 0);
-  EXPECT_EQ(m.ini.GetInt("missing", 5), 5);
-  EXPECT_FALSE(m.ini.GetBool("z", true));
-  EXPECT_DOUBLE_EQ(m.ini.GetFloat("f", 0), 2.5);
-  EXPECT_DOUBLE_EQ(m.ini.GetFloat("bad", 0), 1.0);
-  EXPECT_TRUE(Has(log, "bad value '1,5' (in mem.ini) is not a valid float: character ',' is not allowed"));
 }
 
 TEST(QIniIterator, WalksInFileOrderWithinTheDepthLimit) {

@@ -32,7 +32,7 @@ class IntManager : public QObjectManager {
 
 }  // namespace
 
-TEST(QObjectManagerRefs, SameNameSharesOneObjectUntilTheLastRelease) {
+TEST(QObjectManagerRefs, SameNameSharesOneObjectUntilTheLastReleaseAndFaultsAreReported) {
   LogCapture log;
   IntManager m(10);
   int a = m.FindOrMakeReference("Wall.tga");
@@ -58,31 +58,29 @@ TEST(QObjectManagerRefs, SameNameSharesOneObjectUntilTheLastRelease) {
   m.SetNeverShare(true);
   EXPECT_NE(m.FindOrMakeReference("Other", "sky-day"), s);
   EXPECT_FALSE(log.Seen("QObjectManager:"));
-}
 
-TEST(QObjectManagerRefs, FailedCreateLeavesTheSlotFreeAndTooManyReleasesAreReported) {
-  LogCapture log;
+  // A failed creation leaves the slot free; too many releases are reported.
   int blocks = qmemGetCount();
   {
-    IntManager m(2);
-    EXPECT_EQ(m.FindOrMakeReference("fail-me"), 0);
-    EXPECT_EQ(m.GetRefCount(1), 0);
-    EXPECT_TRUE(m.destroyed.empty());
-    EXPECT_EQ(m.FindOrMakeReference("a"), 1);  // the same slot again: capacity is whole
-    EXPECT_EQ(m.FindOrMakeReference("b"), 2);
-    EXPECT_EQ(m.FindOrMakeReference("c"), 0);
+    IntManager small(2);
+    EXPECT_EQ(small.FindOrMakeReference("fail-me"), 0);
+    EXPECT_EQ(small.GetRefCount(1), 0);
+    EXPECT_TRUE(small.destroyed.empty());
+    EXPECT_EQ(small.FindOrMakeReference("a"), 1);  // the same slot again: capacity is whole
+    EXPECT_EQ(small.FindOrMakeReference("b"), 2);
+    EXPECT_EQ(small.FindOrMakeReference("c"), 0);
     EXPECT_TRUE(log.Seen("QObjectManager:FindOrMake() out of space"));
   }
   EXPECT_EQ(qmemGetCount(), blocks);  // tables and names all given back
 
-  IntManager m(4);
-  int a = m.FindOrMakeReference("x");
-  int copy = a;
-  m.Release(&a);
-  m.Release(&copy);
+  IntManager one(4);
+  int x = one.FindOrMakeReference("x");
+  int copy = x;
+  one.Release(&x);
+  one.Release(&copy);
   EXPECT_EQ(copy, 0);
-  EXPECT_EQ(m.destroyed.size(), 1u);
+  EXPECT_EQ(one.destroyed.size(), 1u);
   EXPECT_TRUE(log.Seen("Too many releases for reference 1 (), refCount negative (-1)"));
-  EXPECT_EQ(m.FindOrMakeReference("y"), 1);  // the slot is usable again
-  EXPECT_EQ(m.GetRefCount(1), 1);
+  EXPECT_EQ(one.FindOrMakeReference("y"), 1);  // the slot is usable again
+  EXPECT_EQ(one.GetRefCount(1), 1);
 }

@@ -11,9 +11,7 @@
 
 namespace {
 
-struct QPathTest : TempDirTest {
-  LogCapture log_;
-};
+struct QPathTest : TempDirTest { LogCapture log_; };
 
 TEST_F(QPathTest, FindsInTheOrderAdded) {
   const std::string first = Tmp("v1.2"), second = Tmp("second");

@@ -90,8 +90,7 @@ TEST(QThreadRun, FiftyFirstThreadRunsButIsNotListed) {
   EXPECT_EQ(QThread::ListedCount(), QTHREAD_MAX - free);
 }
 
-// Kill ends a thread that never reaches a cancellation point in a noexcept frame (unwinding
-// through it would abort), and the process goes on.
+// In a noexcept frame without a cancellation point: unwinding through it would abort.
 TEST(QThreadRun, KillEndsASpinningThreadAndTheProcessGoesOn) {
   static Spinner spinner;
   QThread spin(Spinner::Run, &spinner, "spin");

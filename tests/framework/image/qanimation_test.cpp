@@ -32,10 +32,7 @@ uint32_t At(const QBitMap& bm, int x, int y) {
 constexpr uint32_t kRed = 0xDC1E1E, kGreen = 0x1EC83C, kBlue = 0x283CDC, kWhite = 0xE6E6E6;
 
 // What one frame shows: the middle, the top-left and the bottom-right corner.
-struct Frame {
-  int delayMs;
-  uint32_t middle, topLeft, bottomRight;
-};
+struct Frame { int delayMs; uint32_t middle, topLeft, bottomRight; };
 
 void ExpectFrames(const char* name, const std::vector<Frame>& want) {
   const Bytes b = ImageFixture(name);

@@ -1,5 +1,4 @@
 // QExif: the orientation of pictures written by other programs; hand-built segments for the bounds.
-
 #include "framework/image/qexif.h"
 
 #include <gtest/gtest.h>
@@ -21,13 +20,7 @@ Bytes Fixture(const char* name) {
   return b;
 }
 
-int32_t ReadFile(QExif* x, const char* name) {
-  Bytes b = Fixture(name);
-  return x->ReadFromJpeg(b.data(), b.size());
-}
-
-// Builds a little-endian EXIF payload: "Exif\0\0", the TIFF header, then whatever is appended.
-// Offsets given to the entries count from the TIFF header, as in files.
+// A little-endian EXIF payload: "Exif\0\0", the TIFF header, then entries with offsets from it.
 constexpr uint8_t kLittleHeader[] = {'E', 'x', 'i', 'f', 0, 0, 'I', 'I', 42, 0, 8, 0, 0, 0};
 
 struct SegmentBuilder {
@@ -49,11 +42,7 @@ constexpr uint16_t kShort = 3, kLong = 4, kAscii = 2;
 
 TEST(QExifJpeg, FixturesGiveTheirOrientationOrTheirFault) {
   // Each read starts from the previous one's record: stale values must not survive.
-  const struct {
-    const char* file;
-    int32_t result;
-    int orientation, littleEndian;
-  } cases[] = {
+  const struct { const char* file; int32_t result; int orientation, littleEndian; } cases[] = {
       {"orient6_ii.jpg", 0, 6, 1},
       {"orient8_mm.jpg", 0, 8, 0},
       {"trailing.jpg", 0, 6, 1},  // padding after the end marker is ignored
@@ -67,14 +56,14 @@ TEST(QExifJpeg, FixturesGiveTheirOrientationOrTheirFault) {
   };
   QExif x;
   for (const auto& c : cases) {
-    EXPECT_EQ(ReadFile(&x, c.file), c.result) << c.file;
+    const Bytes b = Fixture(c.file);
+    EXPECT_EQ(x.ReadFromJpeg(b.data(), b.size()), c.result) << c.file;
     if (c.orientation >= 0) {
       EXPECT_EQ(x.orientation, c.orientation) << c.file;
     }
     if (c.littleEndian >= 0) {
       EXPECT_EQ(x.littleEndian, c.littleEndian) << c.file;
     }
-
   }
   EXPECT_EQ(x.ReadFromJpeg(nullptr, 100), QExif::NOT_JPEG);
   const uint8_t tiny[] = {0xFF, 0xD8, 0xFF};

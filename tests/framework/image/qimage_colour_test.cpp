@@ -1,6 +1,4 @@
-// Colour profiles: Display P3 pictures (make_colour.sh) come out as ImageMagick converts them to
-// sRGB, without their profile as stored; a profile that can't be used is one warning.
-
+// Colour profiles: Display P3 pictures come out as ImageMagick converts them to sRGB.
 #include "framework/image/qimage.h"
 
 #include <gtest/gtest.h>
@@ -31,10 +29,7 @@ int MaxDifference(const QImage& img, const std::string& refName) {
   return most;
 }
 
-class QImageColourTest : public ::testing::Test {
- protected:
-  LogCapture log_;
-};
+struct QImageColourTest : ::testing::Test { LogCapture log_; };
 
 TEST_F(QImageColourTest, EmbeddedProfilesConvertAsImageMagickDoesAndProfileFreeBytesStay) {
   const struct {

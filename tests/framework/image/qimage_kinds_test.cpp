@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -37,10 +36,7 @@ std::vector<int> At(const QBitMap& bm, int x, int y) {
   return {p[0], p[1], p[2], p[3]};
 }
 
-struct Spot {
-  int x, y;
-  std::vector<int> rgba;
-};
+struct Spot { int x, y; std::vector<int> rgba; };
 const Spot kQuad[] = {{16, 12, {220, 30, 30, 255}},
                       {48, 12, {30, 200, 60, 255}},
                       {16, 36, {40, 60, 220, 255}},
@@ -74,10 +70,7 @@ double MeanDifference(const QImage& img, const std::string& refName) {
   return sum / (img.GetWidth() * img.GetHeight() * 3.0);
 }
 
-class QImageKindsTest : public ::testing::Test {
- protected:
-  LogCapture log_;
-};
+struct QImageKindsTest : ::testing::Test { LogCapture log_; };
 
 TEST_F(QImageKindsTest, EachKindDecodesItsQuadrantsInPlaceFromAFileAndFromMemory) {
   const struct {
@@ -113,7 +106,6 @@ TEST_F(QImageKindsTest, EachKindDecodesItsQuadrantsInPlaceFromAFileAndFromMemory
     if (c.ref) {
       EXPECT_LE(MeanDifference(fromMemory, c.ref), c.tol > 0 ? 4.0 : 0.5) << c.file;
     }
-
   }
   EXPECT_EQ(log_.Lines(), std::vector<std::string>{});
 
@@ -199,14 +191,9 @@ TEST_F(QImageKindsTest, AHeaderClaiming16000SquaredIsRefusedBeforeAnythingLargeI
   Bytes webp = ImageFixture("quad.webp");
   ASSERT_EQ(memcmp(&webp[12], "VP8 ", 4), 0);  // the lossy frame's 14-bit sizes at 26 and 28
   webp[26] = webp[28] = 16000 & 255, webp[27] = webp[29] = 16000 >> 8;
-  const struct {
-    const char* name;
-    Bytes bytes;
-  } cases[] = {{"big.heic", HeifSized("quad.heic", 16000)},
-               {"big.avif", HeifSized("quad.avif", 16000)},
-               {"big.webp", webp},
-               {"big.gif", gif},
-               {"big.tif", TiffSized(16000)}};
+  const struct { const char* name; Bytes bytes; } cases[] = {
+      {"big.heic", HeifSized("quad.heic", 16000)}, {"big.avif", HeifSized("quad.avif", 16000)},
+      {"big.webp", webp}, {"big.gif", gif}, {"big.tif", TiffSized(16000)}};
   // 16000 x 16000 pixels would take a gigabyte.
   const long before = PeakKb();
   for (const auto& c : cases) {
@@ -216,7 +203,6 @@ TEST_F(QImageKindsTest, AHeaderClaiming16000SquaredIsRefusedBeforeAnythingLargeI
   EXPECT_LT(PeakKb() - before, 64 * 1024) << "peak memory grew by kB";
 
   // A size its bytes could hold, whose decode (planes and RGB copy) needs more than allowed.
-
   ExpectRefused(&log_, "large.heic", HeifSized("quad.heic", 6000), "6000 x 6000");
   EXPECT_TRUE(log_.Seen("is a 6000x6000: decoding it needs 344 MB, more than 192")) << ::testing::PrintToString(log_.Lines());
 }

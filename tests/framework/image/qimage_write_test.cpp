@@ -37,9 +37,7 @@ void Paint(QBitMap* bm, int w, int h) {
     }
 }
 
-struct QImageWriteTest : TempDirTest {
-  LogCapture log_;
-};
+struct QImageWriteTest : TempDirTest { LogCapture log_; };
 
 }  // namespace
 
