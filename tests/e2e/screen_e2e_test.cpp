@@ -79,9 +79,8 @@ TEST_F(ScreenShotE2E, TheShotShowsWhatTheWindowShowsAfterEachChange) {
                 p.SetKey("dev.screen_file", p.Path("shot.jpg").c_str()) &&
                 p.SetKey("effects.fade_ms", w == 800 ? "1000" : "0") &&
                 WritePicture(p.Path("a.jpg"), 1600, 900, Mixed) &&
-                WritePicture(p.Path("b.jpg"), 1200, 900, [](int x, int y) {
-                  return x < 600 ? kBlue : Photo(y, x);
-                }) &&
+                WritePicture(p.Path("b.jpg"), 1200, 900,
+                             [](int x, int y) { return x < 600 ? kBlue : Photo(y, x); }) &&
                 p.Start("a.jpg"));
     // A black frame before the picture may be taken too; the picture's comes once it stands.
     ASSERT_TRUE(Sees([&](const Screen& s) { return Is(s.At(w / 2 - 20, h / 4), kRed); }, kStartMs))

@@ -63,8 +63,7 @@ TEST_F(SlideshowE2E, StepsWrapCommandsLoadIgnoreOrFailASecondStartHandsOverAnOve
     EXPECT_TRUE(p.WaitForLog("in 10 bytes (" + std::string(cmd) + ")", kStepMs)) << cmd;
   }
   // Files that do not load leave the picture as it was; a line end belongs to the path.
-  for (const char* path :
-       {"extra/bad.jpg", "extra/empty.tga", "gone.tga", "", "c.tga\n"}) {
+  for (const char* path : {"extra/bad.jpg", "extra/empty.tga", "gone.tga", "", "c.tga\n"}) {
     ASSERT_TRUE(p.Send(std::string("load ") + path));
     EXPECT_TRUE(p.WaitForLog("Can't load image (" + std::string(path) + ")", kStepMs)) << path;
   }
