@@ -77,6 +77,7 @@ class MqttE2E : public ScreenTest<800, 600> {
         },
         ms);
   }
+  // Waits until the status topic's newest payload is `want`.
   bool Status(const char* want, int ms = kStepMs) {
     return l_->WaitFor(
         std::string(kTopic) + "/status", [&](const std::string& s) { return s == want; }, ms);
