@@ -129,7 +129,7 @@ bool Is(uint32_t c, uint32_t want, int tol) {
 }
 
 bool GrabScreen(Screen* out) {
-  // Straight from the server: xwd and a parse of its dump took several times as long.
+  // Straight from the server: no tool to run and no dump to parse.
   const std::unique_ptr<Display, int (*)(Display*)> d(XOpenDisplay(nullptr), XCloseDisplay);
   if (!d) return false;
   const Window root = DefaultRootWindow(d.get());

@@ -1,5 +1,5 @@
 // End-to-end harness: the real glimra on a private X server, driven from outside (datagrams,
-// xdotool keys, xwd grabs, its log and glimra.ini), each Program in a temporary folder of its own.
+// xdotool keys, grabs, its log and glimra.ini), each Program in a temporary folder of its own.
 #pragma once
 
 #include <sys/types.h>
