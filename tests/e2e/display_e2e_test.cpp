@@ -1,6 +1,6 @@
 // The display's power: the schedule's edges cross in real time (the program's wall clock moved by
 // GLIMRA_DEV_CLOCK_SHIFT to seconds before one), "display off"/"display on" datagrams and a key,
-// and what the dark screen costs.
+// what the dark screen costs, and datagrams of a sender network.allow does not list.
 #include <cstdlib>
 #include <ctime>
 #include <string>
@@ -19,9 +19,9 @@ class DisplayE2E : public ScreenTest<640, 480> {
   // Red a.tga and green b.tga advancing every second (so that a load while dark would show in
   // the log) under `hours`; started `lead` seconds before the program's clock reaches the next
   // 10:00 local time.
-  void Start(Program* p, const char* hours, int lead) {
+  void Start(Program* p, const char* hours, int lead, const char* allow = "") {
     ASSERT_TRUE(p->Prepare() && p->SetKey("display.schedule", hours) &&
-                p->SetKey("effects.advance_seconds", "1"));
+                p->SetKey("effects.advance_seconds", "1") && p->SetKey("network.allow", allow));
     ASSERT_TRUE(Uniform(p->Path("a.tga"), kRed) && Uniform(p->Path("b.tga"), kGreen));
     const time_t now = time(nullptr);
     struct tm t;
@@ -91,16 +91,27 @@ TEST_F(DisplayE2E, TheEdgeDarkensTheScreenAtNoCostAndTheNextBringsThePictureBack
   EXPECT_EQ(p.Escape(), 0);
 }
 
-TEST_F(DisplayE2E, CommandsAndKeysHoldUntilTheNextEdgeThenTheScheduleRules) {
+TEST_F(DisplayE2E, CommandsAndKeysHoldUntilTheNextEdgeAndAStrangersDatagramsAreDropped) {
   Program p;
-  ASSERT_NO_FATAL_FAILURE(Start(&p, "09:00-10:00", 10));
+  // The listed sender is 127.0.0.1; 127.0.0.2 on the same machine is a stranger.
+  ASSERT_NO_FATAL_FAILURE(Start(&p, "09:00-10:00", 11, "192.168.0.1, 127.0.0.1/32"));
   ASSERT_TRUE(Lit(kStartMs)) << p.Log();
   ASSERT_TRUE(p.Send("display off"));
   ASSERT_TRUE(Dark());
   EXPECT_TRUE(p.WaitForLog("Display off (command)", 1000));
-  // Inside the hours a command holds the screen dark.
-  std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+  // Inside the hours a command holds the screen dark; a stranger's datagrams, even one that would
+  // end the program, do nothing and are warned about once a minute.
+  const auto stranger = [&p](const std::string& b) { return SendUdp(p.Port(), b, "127.0.0.2"); };
+  ASSERT_TRUE(stranger("display on") && stranger(std::string(1024, 'x')) && stranger("next"));
+  ASSERT_TRUE(
+      p.WaitForLog("Datagram from 127.0.0.2 dropped: the sender is not in network.allow", kStepMs))
+      << p.Log();
+  std::this_thread::sleep_for(std::chrono::milliseconds(700));
+  ASSERT_TRUE(stranger("display on"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(700));
   EXPECT_TRUE(Dark(0));
+  EXPECT_EQ(Count(p.Log(), "Datagram from 127.0.0.2 dropped"), 1) << p.Log();
+  EXPECT_EQ(Count(p.Log(), "bytes (next)") + Count(p.Log(), "is too long"), 0) << p.Log();
   ASSERT_TRUE(p.Send("display on\n"));
   ASSERT_TRUE(Lit()) << p.Log();
   ASSERT_TRUE(std::chrono::steady_clock::now() < edge_) << "started too slowly to see the edge";
@@ -113,6 +124,7 @@ TEST_F(DisplayE2E, CommandsAndKeysHoldUntilTheNextEdgeThenTheScheduleRules) {
   EXPECT_TRUE(p.WaitForLog("Display on (key)", 1000));
   std::this_thread::sleep_for(std::chrono::milliseconds(1500));
   EXPECT_TRUE(Lit(0));
+  EXPECT_EQ(Count(p.Log(), "Datagram from 127.0.0.1 dropped"), 0);
   EXPECT_EQ(p.Escape(), 0);
 }
 

@@ -69,13 +69,7 @@ TEST_F(WindowSizeX11E2E, ThePictureFillsTheWindowsNewHeightWithAndWithoutAWindow
         ADD_FAILURE() << "openbox is not installed (scripts/deps.sh installs it)";
         continue;
       }
-      wm = fork();
-      if (wm == 0) {
-        const int null = open("/dev/null", O_RDWR);
-        dup2(null, 1), dup2(null, 2);
-        execlp("openbox", "openbox", "--sm-disable", static_cast<char*>(nullptr));
-        _exit(127);
-      }
+      wm = Spawn({"openbox", "--sm-disable"}, "/dev/null");
       // Managing once the root window names its window manager.
       Poll(10000, [] {
         return Capture("xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null").find("window id") !=

@@ -1,7 +1,6 @@
 #include "support/broker.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -39,19 +38,6 @@ bool Accepts(int port) {
   const bool ok = connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0;
   close(fd);
   return ok;
-}
-
-// Runs argv with standard output and error into `out`; the child's id, -1 when fork fails.
-pid_t Spawn(const std::vector<std::string>& args, const std::string& out) {
-  const pid_t pid = fork();
-  if (pid != 0) return pid;
-  const int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-  if (fd >= 0) dup2(fd, 1), dup2(fd, 2);
-  std::vector<char*> argv;
-  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  execvp(argv[0], argv.data());
-  _exit(127);
 }
 
 void End(pid_t* pid, int sig) {

@@ -1,7 +1,6 @@
 #include "support/e2e.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
@@ -18,6 +17,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -25,6 +25,9 @@
 #include "framework/image/qexif.h"
 #include "framework/qbitmap.h"
 #include "framework/qini.h"
+// After the test framework, whose names X's macros (None) would spoil.
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
 
 namespace fs = std::filesystem;
 
@@ -45,14 +48,9 @@ void Chunk(std::string* png, const char* type, const std::string& data) {
   Put32(png, uint32_t(crc32(0, reinterpret_cast<const Bytef*>(body.data()), uInt(body.size()))));
 }
 
-uint32_t Be32(const std::string& d, size_t at) {
-  const auto* p = reinterpret_cast<const unsigned char*>(d.data() + at);
-  return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
-}
-
 // The channel's 8-bit value under `mask`.
-int Channel(uint32_t pixel, uint32_t mask) {
-  const int shift = mask ? __builtin_ctz(mask) : 0;
+int Channel(unsigned long pixel, unsigned long mask) {
+  const int shift = mask ? __builtin_ctzl(mask) : 0;
   return mask ? int(((pixel & mask) >> shift) * 255 / (mask >> shift)) : 0;
 }
 
@@ -89,18 +87,9 @@ bool StartX(const char* exe, const std::vector<std::string>& args) {
   if (!Have(exe)) return false;
   int fds[2];
   if (pipe(fds) != 0) return false;
-  const std::string fd = std::to_string(fds[1]);
-  std::vector<const char*> argv{exe, "-displayfd", fd.c_str()};
-  for (const std::string& a : args) argv.push_back(a.c_str());
-  argv.push_back(nullptr);
-  g_xvfb = fork();
-  if (g_xvfb == 0) {
-    close(fds[0]);
-    int null = open("/dev/null", O_RDWR);
-    dup2(null, 0), dup2(null, 1), dup2(null, 2);
-    execvp(exe, const_cast<char* const*>(argv.data()));
-    _exit(127);
-  }
+  std::vector<std::string> argv{exe, "-displayfd", std::to_string(fds[1])};
+  argv.insert(argv.end(), args.begin(), args.end());
+  g_xvfb = Spawn(argv, "/dev/null");
   close(fds[1]);
   // The server writes the number and the newline apart and must not find the pipe closed.
   g_displayFd = fds[0];
@@ -139,42 +128,28 @@ bool Is(uint32_t c, uint32_t want, int tol) {
   return abs(R(c) - R(want)) <= tol && abs(G(c) - G(want)) <= tol && abs(B(c) - B(want)) <= tol;
 }
 
-namespace {
-// An X window dump of a true-colour visual (24 or 32 bits per pixel).
-bool ParseXwd(const std::string& d, Screen* out) {
-  if (d.size() < 100) return false;
-  const uint32_t headerSize = Be32(d, 0), version = Be32(d, 4);
-  const uint32_t width = Be32(d, 16), height = Be32(d, 20), byteOrder = Be32(d, 28);
-  const uint32_t bpp = Be32(d, 44), bytesPerLine = Be32(d, 48), visualClass = Be32(d, 52);
-  const uint32_t masks[3] = {Be32(d, 56), Be32(d, 60), Be32(d, 64)};
-  const uint32_t colours = Be32(d, 76);
-  // True colour (4) or direct colour (5) only: the masks then give the channels.
-  if (version != 7 || headerSize < 100 || (bpp != 24 && bpp != 32) || visualClass < 4 ||
-      width == 0 || height == 0 || width > 16384 || height > 16384 ||
-      bytesPerLine < width * (bpp / 8))
-    return false;
-  const uint64_t start = uint64_t(headerSize) + uint64_t(colours) * 12;
-  if (start + uint64_t(bytesPerLine) * height > d.size()) return false;
-  out->width = int(width);
-  out->height = int(height);
-  out->rgb.assign(size_t(width) * height, 0);
-  const auto* base = reinterpret_cast<const unsigned char*>(d.data() + start);
-  for (uint32_t y = 0; y < height; ++y) {
-    for (uint32_t x = 0; x < width; ++x) {
-      const unsigned char* p = base + size_t(y) * bytesPerLine + size_t(x) * (bpp / 8);
-      uint32_t v = 0;
-      for (uint32_t i = 0; i < bpp / 8; ++i)
-        v |= uint32_t(p[i]) << (byteOrder == 0 ? 8 * i : 8 * (bpp / 8 - 1 - i));
-      out->rgb[size_t(y) * width + x] = uint32_t(Channel(v, masks[0])) << 16 |
-                                        uint32_t(Channel(v, masks[1])) << 8 |
-                                        uint32_t(Channel(v, masks[2]));
+bool GrabScreen(Screen* out) {
+  // Straight from the server: no tool to run and no dump to parse.
+  const std::unique_ptr<Display, int (*)(Display*)> d(XOpenDisplay(nullptr), XCloseDisplay);
+  if (!d) return false;
+  const Window root = DefaultRootWindow(d.get());
+  XWindowAttributes a;
+  XImage* image = XGetWindowAttributes(d.get(), root, &a)
+                      ? XGetImage(d.get(), root, 0, 0, a.width, a.height, AllPlanes, ZPixmap)
+                      : nullptr;
+  if (!image) return false;
+  out->width = a.width, out->height = a.height;
+  out->rgb.assign(size_t(a.width) * a.height, 0);
+  for (int y = 0; y < a.height; ++y)
+    for (int x = 0; x < a.width; ++x) {
+      const unsigned long v = XGetPixel(image, x, y);
+      out->rgb[size_t(y) * a.width + x] = uint32_t(Channel(v, image->red_mask)) << 16 |
+                                          uint32_t(Channel(v, image->green_mask)) << 8 |
+                                          uint32_t(Channel(v, image->blue_mask));
     }
-  }
+  XDestroyImage(image);
   return true;
 }
-}  // namespace
-
-bool GrabScreen(Screen* out) { return ParseXwd(Capture("xwd -root -silent 2>/dev/null"), out); }
 
 bool WaitForScreen(const std::function<bool(const Screen&)>& ok, int ms, Screen* out) {
   return Poll(ms, [&] { return GrabScreen(out) && ok(*out); });
@@ -330,12 +305,15 @@ int FreePort(bool stream) {
   return named ? ntohs(a.sin_port) : -1;
 }
 
-bool SendUdp(int port, const std::string& bytes) {
+bool SendUdp(int port, const std::string& bytes, const char* from) {
   int fd = socket(AF_INET, SOCK_DGRAM, 0);
   if (fd < 0) return false;
-  sockaddr_in a = Loopback(port);
-  const ssize_t n = sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&a),
-                           sizeof(a));
+  sockaddr_in a = Loopback(port), source = Loopback(0);
+  const ssize_t n =
+      inet_pton(AF_INET, from, &source.sin_addr) == 1 &&
+              bind(fd, reinterpret_cast<sockaddr*>(&source), sizeof(source)) == 0
+          ? sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof(a))
+          : -1;
   close(fd);
   return n == ssize_t(bytes.size());
 }
@@ -404,26 +382,15 @@ bool Program::Start(const char* arg) {
 
 bool Program::Run(const std::string& exe, const std::vector<std::string>& args,
                   const std::string& cwd) {
-  const std::string out = Path("out.txt");
-  std::vector<char*> argv{const_cast<char*>(exe.c_str())};
-  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  pid_ = fork();
-  if (pid_ < 0) return false;
-  if (pid_ == 0) {
-    if (chdir(cwd.empty() ? dir_.c_str() : cwd.c_str()) != 0) _exit(126);
-    int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (fd >= 0) dup2(fd, 1), dup2(fd, 2);
-    const char* asan = getenv("ASAN_OPTIONS");
-    setenv("ASAN_OPTIONS",
-           (std::string(asan ? asan : "") + ":detect_leaks=1").c_str(), 1);
-    // The report decides, not the exit status: the driver's own blocks are not leaks of ours.
-    const char* lsan = getenv("LSAN_OPTIONS");
-    setenv("LSAN_OPTIONS", (std::string(lsan ? lsan : "") + ":exitcode=0").c_str(), 1);
-    execv(exe.c_str(), argv.data());
-    _exit(127);
-  }
-  return true;
+  std::vector<std::string> argv{exe};
+  argv.insert(argv.end(), args.begin(), args.end());
+  const char* asan = getenv("ASAN_OPTIONS");
+  const char* lsan = getenv("LSAN_OPTIONS");
+  // The leak report decides, not the exit status: the driver's own blocks are not leaks of ours.
+  pid_ = Spawn(argv, Path("out.txt"), cwd.empty() ? dir_ : cwd,
+               {"ASAN_OPTIONS=" + std::string(asan ? asan : "") + ":detect_leaks=1",
+                "LSAN_OPTIONS=" + std::string(lsan ? lsan : "") + ":exitcode=0"});
+  return pid_ > 0;
 }
 
 int Program::WaitExit(int ms) {

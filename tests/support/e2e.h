@@ -1,5 +1,5 @@
 // End-to-end harness: the real glimra on a private X server, driven from outside (datagrams,
-// xdotool keys, xwd grabs, its log and glimra.ini), each Program in a temporary folder of its own.
+// xdotool keys, grabs, its log and glimra.ini), each Program in a temporary folder of its own.
 #pragma once
 
 #include <sys/types.h>
@@ -83,8 +83,8 @@ long Wakes(pid_t pid);
 int RunningCopies();
 // A UDP (or, with `stream`, TCP) port of 127.0.0.1 that was free a moment ago; -1 on failure.
 int FreePort(bool stream = false);
-// Sends one datagram of exactly these bytes to 127.0.0.1:port.
-bool SendUdp(int port, const std::string& bytes);
+// Sends one datagram of exactly these bytes to 127.0.0.1:port, from the loopback address `from`.
+bool SendUdp(int port, const std::string& bytes, const char* from = "127.0.0.1");
 
 class Program {
  public:
