@@ -1,6 +1,6 @@
 // glimra on a photo library: nested folders shown whole in name order, in date order and
-// shuffled, the show resumed where it stood after a restart, and an index that was being written
-// when the program was killed or lies where nothing can be written.
+// shuffled, the show resumed where it stood after a restart, and an index that is garbage, was
+// being written when the program was killed, or lies where nothing can be written.
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -143,27 +143,32 @@ TEST_F(LibraryE2E, ShuffleShowsEveryPictureOnceARoundAndResumesItsRound) {
   EXPECT_EQ(p.Escape(), 0);
 }
 
-TEST_F(LibraryE2E, KilledOrUnwritableIndexLeavesAWorkingShow) {
-  // Killed while a library of 3,000 was being written into the index: the next start has a
-  // sound index and lists everything, without a warning.
+TEST_F(LibraryE2E, GarbageKilledOrUnwritableIndexLeavesAWorkingShow) {
+  // Garbage where the index should be: set aside with a warning and made anew. Then killed
+  // while a library of 3,000 was being written into the new one: the next start has a sound
+  // index and lists everything, without another warning.
   Program p;
   ASSERT_TRUE(Prepare(&p, {{"app.max_pictures", "0"}}));
   for (int i = 0; i < 3000; ++i)
     fs::create_hard_link(p.Path("L/a.jpg"), p.Path("L/2019/k" + std::to_string(i) + ".jpg"));
+  std::string garbage(4096, '\0');
+  for (size_t i = 0; i < garbage.size(); ++i) garbage[i] = char(i * 131 + 7);
+  ASSERT_TRUE(WriteFile(p.Path("glimra.index"), garbage));
   ASSERT_TRUE(p.Start());
   const std::string wal = p.Path("glimra.index-wal");
   ASSERT_TRUE(Poll(kStartMs, [&] { return fs::exists(wal) && fs::file_size(wal) > 65536; }));
   kill(p.Pid(), SIGKILL);
   EXPECT_EQ(p.WaitExit(kStepMs), -2);
   ASSERT_EQ(Show(&p, 3004, 0).size(), 1u) << p.Log();
-  EXPECT_EQ(IndexWarnings(p.Log()), 0) << p.Log();
+  EXPECT_EQ(IndexWarnings(p.Log()), 1) << p.Log();
+  EXPECT_EQ(p.ReadFile("glimra.index").compare(0, 15, "SQLite format 3"), 0);
   ASSERT_EQ(p.Escape(), 0);
 
   // An index where nothing can be written, not even by root: one warning, and the show goes on
   // without it.
   ASSERT_TRUE(p.SetKey("app.index_file", "/proc/glimra.index"));
   ASSERT_EQ(Show(&p, 3004, 1).size(), 2u) << p.Log();
-  EXPECT_EQ(IndexWarnings(p.Log()), 1) << p.Log();
+  EXPECT_EQ(IndexWarnings(p.Log()), 2) << p.Log();
   EXPECT_EQ(p.Escape(), 0);
 }
 
