@@ -313,6 +313,11 @@ TEST_F(MqttE2E, ABrokerThatDiesAndComesBackGetsStatusAndStateAgainWithinTheBackO
   ASSERT_NO_FATAL_FAILURE(Prepare(&p, broker));
   ASSERT_TRUE(p.Start() && Shows(kRed, kStartMs)) << p.Log();
   ASSERT_TRUE(p.WaitForLog("connected as 'glimra/test'", kStepMs)) << p.Log();
+  // Connected and at rest, nothing wakes the program (a look every 100 ms would make 20).
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  const long wakes = Wakes(p.Pid());
+  std::this_thread::sleep_for(std::chrono::seconds(2));
+  EXPECT_LE(Wakes(p.Pid()) - wakes, 3);
   {
     Listener before(broker, "glimra/test/state");
     ASSERT_TRUE(broker.Publish(kCmd, "next") && Shows(kGreen));
