@@ -615,16 +615,28 @@ int RemoteControl::Drain() {
 
 void RemoteControl::Update(const RaceManager& rm) {
   if (!link_) return;
-  // Uptime and memory change all the time; they ride along with the changes that count.
-  const std::string key = std::string(rm.GetCurFile()) + '\n' + std::to_string(rm.GetCurImage()) +
-                          ' ' + std::to_string(rm.GetImageCount()) + ' ' +
-                          std::to_string(rm.IsBlackAndWhite()) +
-                          std::to_string((rm.GetFlags() & RaceManager::SHOW_INFO) != 0) +
-                          std::to_string(rm.IsPaused()) + std::to_string(rm.IsDisplayOn()) + ' ' +
-                          std::to_string(rm.GetShownCount()) +
-                          ' ' + std::to_string(rm.GetFailureCount()) + '\n' + qlogLastWarning();
-  if (key == changeKey_) return;
-  changeKey_ = key;
+  // Asked on every pass of the main loop: compared field by field, nothing made unless it
+  // changed. Uptime and memory change all the time; they ride along with the changes that count.
+  Seen now;
+  now.index = rm.GetCurImage();
+  now.count = rm.GetImageCount();
+  now.shown = rm.GetShownCount();
+  now.failures = rm.GetFailureCount();
+  now.blackAndWhite = rm.IsBlackAndWhite();
+  now.info = (rm.GetFlags() & RaceManager::SHOW_INFO) != 0;
+  now.paused = rm.IsPaused();
+  now.display = rm.IsDisplayOn();
+  now.warnings = qlogWarningCount();
+  const char* file = rm.GetCurFile();
+  if (seen_.valid && seen_.file == file && seen_.index == now.index && seen_.count == now.count &&
+      seen_.shown == now.shown && seen_.failures == now.failures &&
+      seen_.blackAndWhite == now.blackAndWhite && seen_.info == now.info &&
+      seen_.paused == now.paused && seen_.display == now.display &&
+      seen_.warnings == now.warnings)
+    return;
+  now.file = file;
+  now.valid = true;
+  seen_ = std::move(now);
   std::string json = StateJson(TakeDisplayState(rm));
   std::lock_guard<std::mutex> lock(link_->mutex_);
   link_->state_ = std::move(json);

@@ -102,5 +102,13 @@ class RemoteControl {
   std::shared_ptr<Link> link_;
   std::thread thread_;
 
-  std::string changeKey_;  // main thread: what the last handed state was made from
+  // Main thread: what the last handed state was made from (uptime and memory are left out).
+  struct Seen {
+    std::string file;
+    unsigned long warnings = 0;  // the log's count of warnings, for the last one
+    int index = -1, count = 0, shown = 0, failures = 0;
+    bool blackAndWhite = false, info = false, paused = false, display = true;
+    bool valid = false;
+  };
+  Seen seen_;
 };

@@ -120,6 +120,9 @@ TEST_F(MqttE2E, EveryCommandChangesTheScreenOrTheStateAndTheStateTellsWhatIsShow
   EXPECT_TRUE(p.WaitForLog(
       "Not a command on 'glimra/test/cmd': 'hello " + std::string(74, 'x') + "...'", kStepMs))
       << p.Log();
+  EXPECT_TRUE(State(l, [](const json& j) {
+    return j["last_warning"].get<std::string>().find("Not a command") != std::string::npos;
+  })) << "a warning alone is a change";
   std::string longLoad = "load ";
   while (longLoad.size() < 1100) longLoad += "./";
   longLoad += "c.tga";
