@@ -477,15 +477,11 @@ bool RemoteControl::Link::Serve() {
     // keep-alive wants a look, or an unanswered connection is to be given up.
     auto until = accepted ? std::min(Clock::now() + kKeepAliveLook, stateDueAt_)
                           : begun + kConnectTimeout;
-    const int ready =
-        watch_.Wait(mosquitto_socket(mosq_), mosquitto_want_write(mosq_), MsUntil(until));
+    watch_.Wait(mosquitto_socket(mosq_), mosquitto_want_write(mosq_), MsUntil(until));
     errno = 0;
-    int rc = mosquitto_socket(mosq_) < 0 ? MOSQ_ERR_NO_CONN : MOSQ_ERR_SUCCESS;
-    if (rc == MOSQ_ERR_SUCCESS && (ready & QNWatch::READABLE)) rc = mosquitto_loop_read(mosq_, 1);
-    // What the callbacks queued goes out now rather than after another sleep.
-    if (rc == MOSQ_ERR_SUCCESS && ((ready & QNWatch::WRITABLE) || mosquitto_want_write(mosq_)))
-      rc = mosquitto_loop_write(mosq_, 1);
-    if (rc == MOSQ_ERR_SUCCESS) rc = mosquitto_loop_misc(mosq_);
+    // The library's own loop without its sleep: its parts one by one (read, write, misc) cannot
+    // go on with a TLS handshake that waited for the socket, this can.
+    const int rc = mosquitto_loop(mosq_, 0, 1);
     accepted = Connected();
     if (rc != MOSQ_ERR_SUCCESS || refusal_ != 0) {
       Failed(Why(rc));
@@ -541,12 +537,8 @@ void RemoteControl::Link::Goodbye() {
   const auto until = Clock::now() + kGoodbyeTime;
   // The library closes the socket once the disconnection is written.
   while (mosquitto_socket(mosq_) >= 0 && Clock::now() < until) {
-    const int ready =
-        watch_.Wait(mosquitto_socket(mosq_), mosquitto_want_write(mosq_), MsUntil(until));
-    int rc = MOSQ_ERR_SUCCESS;
-    if (ready & QNWatch::READABLE) rc = mosquitto_loop_read(mosq_, 1);
-    if (rc == MOSQ_ERR_SUCCESS && (ready & QNWatch::WRITABLE)) rc = mosquitto_loop_write(mosq_, 1);
-    if (rc != MOSQ_ERR_SUCCESS) break;
+    watch_.Wait(mosquitto_socket(mosq_), mosquitto_want_write(mosq_), MsUntil(until));
+    if (mosquitto_loop(mosq_, 0, 1) != MOSQ_ERR_SUCCESS) break;
   }
 }
 
