@@ -11,7 +11,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <fstream>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <vector>
 
@@ -22,6 +26,7 @@
 #include "framework/qevent.h"
 #include "framework/qini.h"
 #include "framework/qmessage.h"
+#include "net/watch.h"
 
 #ifndef GLIMRA_VERSION
 #define GLIMRA_VERSION "unknown"
@@ -36,13 +41,27 @@ constexpr size_t kMaxPayload = 1024;
 // A flood beyond this waits in the broker's socket, not in our memory.
 constexpr size_t kMaxQueued = 4096;
 constexpr int kKeepAliveS = 30;
-// How long the thread sleeps in the library between looks at the state and the stop flag.
-constexpr int kLoopMs = 100;
+// The longest sleep while connected: the library sends its ping once the keep-alive has passed
+// without traffic, and the broker gives up after one and a half of them, so a look every third
+// sends it in time.
+constexpr auto kKeepAliveLook = std::chrono::seconds(kKeepAliveS / 3);
 constexpr int kFirstPauseMs = 1000, kLongestPauseMs = 60000;
 // A connection that has not been accepted by then is given up and tried again.
 constexpr auto kConnectTimeout = std::chrono::seconds(10);
 constexpr auto kStateGap = std::chrono::seconds(1);
 constexpr auto kGoodbyeTime = std::chrono::milliseconds(500);
+// How long the end waits for the thread beyond its goodbye; and for one held in a host-name
+// lookup, which nothing can cut short, before leaving it behind.
+constexpr auto kEndSlack = std::chrono::milliseconds(250);
+constexpr auto kLookupWait = std::chrono::milliseconds(100);
+
+using Clock = std::chrono::steady_clock;
+
+// Milliseconds from now to `at`, at least 0 and at most a day (the sleep's own limit).
+int MsUntil(Clock::time_point at) {
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(at - Clock::now()).count();
+  return int(std::clamp<long long>(ms + 1, 0, 24LL * 3600 * 1000));
+}
 
 const auto g_started = std::chrono::steady_clock::now();
 
@@ -60,6 +79,11 @@ long long ResidentKb() {
     if (line.compare(0, 6, "VmRSS:") == 0) return atoll(line.c_str() + 6);
   return 0;
 }
+
+// A command as it came, for the main thread.
+struct Message {
+  std::string topic, payload;
+};
 
 std::string HostName() {
   char host[256] = "";
@@ -164,32 +188,89 @@ std::string StateJson(const DisplayState& s) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Main thread
+// The broker thread's side
 // ---------------------------------------------------------------------------------------------
 
-RemoteControl::RemoteControl() = default;
+class RemoteControl::Link {
+ public:
+  explicit Link(const RemoteSettings& settings);
+  // Frees the client, whichever side lets go last.
+  ~Link();
+  // Makes the client; false (an error says why) when the library cannot.
+  bool Make();
+  // The thread: connects, serves and tries again until the end, then says goodbye.
+  void Run();
 
-RemoteControl::~RemoteControl() {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    stop_ = true;
-  }
-  wake_.notify_all();
-  if (thread_.joinable()) thread_.join();
-  if (mosq_) {
-    mosquitto_destroy(mosq_);
-    mosquitto_lib_cleanup();
-  }
-}
+  // Shared with the main thread, under `mutex_`.
+  std::mutex mutex_;
+  std::condition_variable ended_;    // `done_` became true
+  bool stop_ = false;
+  bool done_ = false;                // the thread has nothing more to do
+  bool lookingUp_ = false;           // in the library's connect, which may wait on a name lookup
+  bool connected_ = false;           // the broker accepted the login
+  std::deque<Message> queue_;        // commands for the main thread
+  bool dropping_ = false;            // the queue is full: the overflow was warned about
+  std::string state_;                // the newest state from the main thread
+  std::string screen_;               // the newest screen JPEG
+  bool screenDue_ = false;           // `screen_` has not been published yet
+  // Any thread: ends the thread's sleep (new work for the broker, or the end).
+  QNWatch watch_;
 
-bool RemoteControl::Start(const RemoteSettings& settings) {
-  settings_ = settings;
+  const RemoteSettings settings_;
+
+ private:
+  // Begins a connection; false with the failure's words in `why` when it cannot even be begun.
+  bool Connect(std::string* why);
+  // Serves a begun connection until it fails or the end comes; true when it was accepted.
+  bool Serve();
+  // A failure `why` of the connection: logged when it is the first since the last success.
+  void Failed(const std::string& why);
+  // The words for the failure the library answered `rc` for (errno and its log read too).
+  std::string Why(int rc) const;
+  bool Stopping();
+  bool Connected();
+  // Publishes the state when one is due; `force` publishes the last one again at once.
+  void PublishState(bool force);
+  // Publishes the screen JPEG when a new one waits; `force` publishes the last one again.
+  void PublishScreenNow(bool force);
+  // The Home Assistant discovery messages, when "mqtt.discovery" asks for them.
+  void PublishDiscovery();
+  // Says "offline" and disconnects, within the goodbye's time.
+  void Goodbye();
+  static void OnConnect(mosquitto* m, void* self, int rc);
+  static void OnMessage(mosquitto* m, void* self, const mosquitto_message* msg);
+  static void OnLog(mosquitto* m, void* self, int level, const char* text);
+
+  std::string cmdTopic_, groupTopic_, statusTopic_, stateTopic_, screenTopic_;
+  std::string discoveryPattern_;  // this display's discovery topics, for their removal
+  mosquitto* mosq_ = nullptr;
+
+  std::string published_;            // the state text the broker last got
+  Clock::time_point publishedAt_;
+  Clock::time_point stateDueAt_ = Clock::time_point::max();  // a held-back state goes out then
+  int refusal_ = 0;                  // the login's refusal code; 0 when none came
+  std::string libraryError_;         // the library's last error line, for the failure text
+  bool failing_ = false;             // a failure was logged and no success since
+  bool addressSet_ = false;          // the library holds the broker's address
+};
+
+RemoteControl::Link::Link(const RemoteSettings& settings) : settings_(settings) {
   cmdTopic_ = settings.topic + "/cmd";
   statusTopic_ = settings.topic + "/status";
   stateTopic_ = settings.topic + "/state";
   screenTopic_ = settings.topic + "/screen";
   discoveryPattern_ = std::string("homeassistant/+/") + HaNodeId(settings.topic) + "/+/config";
   if (!settings.group.empty()) groupTopic_ = "glimra/group/" + settings.group + "/cmd";
+}
+
+RemoteControl::Link::~Link() {
+  if (!mosq_) return;
+  mosquitto_destroy(mosq_);
+  mosquitto_lib_cleanup();
+}
+
+bool RemoteControl::Link::Make() {
+  const RemoteSettings& settings = settings_;
   mosquitto_lib_init();
   mosq_ = mosquitto_new(nullptr, true, this);
   if (!mosq_) {
@@ -198,9 +279,9 @@ bool RemoteControl::Start(const RemoteSettings& settings) {
     mosquitto_lib_cleanup();
     return false;
   }
-  mosquitto_connect_callback_set(mosq_, &RemoteControl::OnConnect);
-  mosquitto_message_callback_set(mosq_, &RemoteControl::OnMessage);
-  mosquitto_log_callback_set(mosq_, &RemoteControl::OnLog);
+  mosquitto_connect_callback_set(mosq_, &Link::OnConnect);
+  mosquitto_message_callback_set(mosq_, &Link::OnMessage);
+  mosquitto_log_callback_set(mosq_, &Link::OnLog);
   if (!settings.username.empty() || !settings.password.empty())
     mosquitto_username_pw_set(mosq_, settings.username.empty() ? nullptr : settings.username.c_str(),
                               settings.password.empty() ? nullptr : settings.password.c_str());
@@ -219,74 +300,21 @@ bool RemoteControl::Start(const RemoteSettings& settings) {
            mosquitto_strerror(rc));
     }
   }
-  try {
-    thread_ = std::thread(&RemoteControl::Run, this);
-  } catch (const std::exception& e) {
-    QERR("RemoteControl::Start", "Can't start the MQTT thread: %s", e.what());
-    mosquitto_destroy(mosq_);
-    mosq_ = nullptr;
-    mosquitto_lib_cleanup();
-    return false;
-  }
   return true;
 }
 
-int RemoteControl::Drain() {
-  std::deque<Message> taken;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    taken.swap(queue_);
-    dropping_ = false;
-  }
-  if (taken.empty()) return 0;
-  std::vector<Command> batch;
-  for (const Message& m : taken) {
-    // A zero inside would make a different command of the text than the sender meant.
-    Command c = m.payload.find('\0') == std::string::npos ? ParseCommand(m.payload.c_str())
-                                                          : Command();
-    if (c.kind == Command::NONE)
-      QWARN("RemoteControl::Drain", "Not a command on '%s': '%s'", m.topic.c_str(),
-            Cut(m.payload, 80).c_str());
-    else
-      batch.push_back(std::move(c));
-  }
-  if (RaceManager* rm = QGetRaceManager()) RunCommands(batch, rm);
-  return int(taken.size());
-}
-
-void RemoteControl::Update(const RaceManager& rm) {
-  // Uptime and memory change all the time; they ride along with the changes that count.
-  const std::string key = std::string(rm.GetCurFile()) + '\n' + std::to_string(rm.GetCurImage()) +
-                          ' ' + std::to_string(rm.GetImageCount()) + ' ' +
-                          std::to_string(rm.IsBlackAndWhite()) +
-                          std::to_string((rm.GetFlags() & RaceManager::SHOW_INFO) != 0) +
-                          std::to_string(rm.IsPaused()) + std::to_string(rm.IsDisplayOn()) + ' ' +
-                          std::to_string(rm.GetShownCount()) +
-                          ' ' + std::to_string(rm.GetFailureCount()) + '\n' + qlogLastWarning();
-  if (key == changeKey_) return;
-  changeKey_ = key;
-  std::string json = StateJson(TakeDisplayState(rm));
+bool RemoteControl::Link::Stopping() {
   std::lock_guard<std::mutex> lock(mutex_);
-  state_ = std::move(json);
+  return stop_;
 }
 
-void RemoteControl::PublishScreen(std::string jpeg) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  screen_ = std::move(jpeg);
-  screenDue_ = true;
-}
-
-bool RemoteControl::Connected() const {
+bool RemoteControl::Link::Connected() {
   std::lock_guard<std::mutex> lock(mutex_);
   return connected_;
 }
 
-// ---------------------------------------------------------------------------------------------
-// Broker thread
-// ---------------------------------------------------------------------------------------------
-
-void RemoteControl::OnConnect(mosquitto* m, void* arg, int rc) {
-  RemoteControl* self = static_cast<RemoteControl*>(arg);
+void RemoteControl::Link::OnConnect(mosquitto* m, void* arg, int rc) {
+  Link* self = static_cast<Link*>(arg);
   if (rc != 0) {
     self->refusal_ = rc;
     return;
@@ -317,8 +345,8 @@ void RemoteControl::OnConnect(mosquitto* m, void* arg, int rc) {
   }
 }
 
-void RemoteControl::OnMessage(mosquitto*, void* arg, const mosquitto_message* msg) {
-  RemoteControl* self = static_cast<RemoteControl*>(arg);
+void RemoteControl::Link::OnMessage(mosquitto*, void* arg, const mosquitto_message* msg) {
+  Link* self = static_cast<Link*>(arg);
   if (self->settings_.discovery && msg->topic && strcmp(msg->topic, kHaStatusTopic) == 0) {
     if (msg->payloadlen == 6 && memcmp(msg->payload, "online", 6) == 0) self->PublishDiscovery();
     return;
@@ -352,12 +380,12 @@ void RemoteControl::OnMessage(mosquitto*, void* arg, const mosquitto_message* ms
   if (wake) QEventWake();
 }
 
-void RemoteControl::OnLog(mosquitto*, void* arg, int level, const char* text) {
+void RemoteControl::Link::OnLog(mosquitto*, void* arg, int level, const char* text) {
   // Kept to explain a failure (a TLS check, say) in the one line that reports it.
-  if ((level & MOSQ_LOG_ERR) && text) static_cast<RemoteControl*>(arg)->libraryError_ = text;
+  if ((level & MOSQ_LOG_ERR) && text) static_cast<Link*>(arg)->libraryError_ = text;
 }
 
-void RemoteControl::Failed(const std::string& why) {
+void RemoteControl::Link::Failed(const std::string& why) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     connected_ = false;
@@ -368,7 +396,7 @@ void RemoteControl::Failed(const std::string& why) {
         settings_.host.c_str(), settings_.port, why.c_str());
 }
 
-std::string RemoteControl::Why(int rc) const {
+std::string RemoteControl::Link::Why(int rc) const {
   std::string why = refusal_                         ? mosquitto_connack_string(refusal_)
                     : rc == MOSQ_ERR_ERRNO && errno ? strerror(errno)
                                                     : mosquitto_strerror(rc);
@@ -378,7 +406,7 @@ std::string RemoteControl::Why(int rc) const {
   return why;
 }
 
-bool RemoteControl::Connect() {
+bool RemoteControl::Link::Connect(std::string* why) {
   refusal_ = 0;
   libraryError_.clear();
   errno = 0;
@@ -388,27 +416,32 @@ bool RemoteControl::Connect() {
   // The first call stores the address; later ones go to it again.
   if (rc != MOSQ_ERR_INVAL) addressSet_ = true;
   if (rc == MOSQ_ERR_SUCCESS) return true;
-  Failed(Why(rc));
+  *why = Why(rc);
   return false;
 }
 
-void RemoteControl::PublishState(bool force) {
+void RemoteControl::Link::PublishState(bool force) {
   std::string state;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!connected_) return;
     state = state_;
   }
-  const auto now = std::chrono::steady_clock::now();
-  if (state.empty() || (!force && (state == published_ || now - publishedAt < kStateGap))) return;
+  const auto now = Clock::now();
+  stateDueAt_ = Clock::time_point::max();
+  if (state.empty() || (!force && state == published_)) return;
+  if (!force && now - publishedAt_ < kStateGap) {
+    stateDueAt_ = publishedAt_ + kStateGap;
+    return;
+  }
   if (mosquitto_publish(mosq_, nullptr, stateTopic_.c_str(), int(state.size()), state.data(), 1,
                         true) != MOSQ_ERR_SUCCESS)
     return;
   published_ = std::move(state);
-  publishedAt = now;
+  publishedAt_ = now;
 }
 
-void RemoteControl::PublishScreenNow(bool force) {
+void RemoteControl::Link::PublishScreenNow(bool force) {
   std::string jpeg;
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -420,7 +453,7 @@ void RemoteControl::PublishScreenNow(bool force) {
   mosquitto_publish(mosq_, nullptr, screenTopic_.c_str(), int(jpeg.size()), jpeg.data(), 0, true);
 }
 
-void RemoteControl::PublishDiscovery() {
+void RemoteControl::Link::PublishDiscovery() {
   HaDevice device;
   device.topic = settings_.topic;
   // The topic is what tells displays apart; the host name is only what people read.
@@ -432,48 +465,187 @@ void RemoteControl::PublishDiscovery() {
                       true);
 }
 
-void RemoteControl::Run() {
-  int pauseMs = kFirstPauseMs;
-  std::unique_lock<std::mutex> lock(mutex_);
-  while (!stop_) {
-    lock.unlock();
-    bool up = Connect();
-    const auto begun = std::chrono::steady_clock::now();
-    while (up) {
-      lock.lock();
-      const bool stopping = stop_;
-      lock.unlock();
-      if (stopping) break;
-      errno = 0;
-      const int rc = mosquitto_loop(mosq_, kLoopMs, 1);
-      const bool accepted = Connected();
-      if (rc != MOSQ_ERR_SUCCESS || refusal_ != 0) {
-        Failed(Why(rc));
-        up = false;
-      } else if (!accepted && std::chrono::steady_clock::now() - begun > kConnectTimeout) {
-        Failed("no answer");
-        up = false;
-      } else if (accepted) {
-        pauseMs = kFirstPauseMs;
-        PublishState(false);
-        PublishScreenNow(false);
-      }
+bool RemoteControl::Link::Serve() {
+  const auto begun = Clock::now();
+  bool accepted = false;
+  while (!Stopping()) {
+    if (accepted) {
+      PublishState(false);
+      PublishScreenNow(false);
     }
-    lock.lock();
-    if (stop_) break;
+    // Sleeps until the broker or the main thread has something, a held-back state is due, the
+    // keep-alive wants a look, or an unanswered connection is to be given up.
+    auto until = accepted ? std::min(Clock::now() + kKeepAliveLook, stateDueAt_)
+                          : begun + kConnectTimeout;
+    watch_.Wait(mosquitto_socket(mosq_), mosquitto_want_write(mosq_), MsUntil(until));
+    errno = 0;
+    // The library's own loop without its sleep: its parts one by one (read, write, misc) cannot
+    // go on with a TLS handshake that waited for the socket, this can.
+    const int rc = mosquitto_loop(mosq_, 0, 1);
+    accepted = Connected();
+    if (rc != MOSQ_ERR_SUCCESS || refusal_ != 0) {
+      Failed(Why(rc));
+      break;
+    }
+    if (!accepted && Clock::now() - begun > kConnectTimeout) {
+      Failed("no answer");
+      break;
+    }
+  }
+  return accepted;
+}
+
+void RemoteControl::Link::Run() {
+  int pauseMs = kFirstPauseMs;
+  for (;;) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (stop_) break;
+      lookingUp_ = true;
+    }
+    std::string why;
+    const bool begun = Connect(&why);
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      lookingUp_ = false;
+      // The end may have left without waiting for the lookup: nothing more is logged then.
+      if (stop_) break;
+    }
+    if (!begun) Failed(why);
+    if (begun && Serve()) pauseMs = kFirstPauseMs;
     // Growing pauses: a broker that is down is not hammered, and one that is back is found.
-    wake_.wait_for(lock, std::chrono::milliseconds(pauseMs), [this] { return stop_; });
+    const auto until = Clock::now() + std::chrono::milliseconds(pauseMs);
+    while (!Stopping() && Clock::now() < until) watch_.Wait(-1, false, MsUntil(until));
     pauseMs = std::min(pauseMs * 2, kLongestPauseMs);
   }
-  const bool wasConnected = connected_;
-  connected_ = false;
-  lock.unlock();
-  if (!wasConnected) return;
+  Goodbye();
+  std::lock_guard<std::mutex> lock(mutex_);
+  done_ = true;
+  ended_.notify_all();
+}
+
+void RemoteControl::Link::Goodbye() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const bool wasConnected = connected_;
+    connected_ = false;
+    if (!wasConnected) return;
+  }
   // An orderly end says so at once, rather than when the broker misses the keep-alive.
   mosquitto_publish(mosq_, nullptr, statusTopic_.c_str(), 7, "offline", 1, true);
   mosquitto_disconnect(mosq_);
-  const auto until = std::chrono::steady_clock::now() + kGoodbyeTime;
-  while (std::chrono::steady_clock::now() < until &&
-         mosquitto_loop(mosq_, 50, 1) == MOSQ_ERR_SUCCESS) {
+  const auto until = Clock::now() + kGoodbyeTime;
+  // The library closes the socket once the disconnection is written.
+  while (mosquitto_socket(mosq_) >= 0 && Clock::now() < until) {
+    watch_.Wait(mosquitto_socket(mosq_), mosquitto_want_write(mosq_), MsUntil(until));
+    if (mosquitto_loop(mosq_, 0, 1) != MOSQ_ERR_SUCCESS) break;
   }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Main thread
+// ---------------------------------------------------------------------------------------------
+
+RemoteControl::RemoteControl() = default;
+
+RemoteControl::~RemoteControl() {
+  if (!link_) return;
+  std::unique_lock<std::mutex> lock(link_->mutex_);
+  link_->stop_ = true;
+  link_->watch_.Wake();
+  // Only a name lookup holds the thread beyond its goodbye; it is left to finish on its own, with
+  // the link it shares, rather than keeping the end (the process's, as a rule) waiting.
+  const bool ended = link_->ended_.wait_for(
+      lock, link_->lookingUp_ ? kLookupWait : kGoodbyeTime + kEndSlack,
+      [this] { return link_->done_; });
+  lock.unlock();
+  if (ended) {
+    thread_.join();
+  } else {
+    QNOTE("RemoteControl", "MQTT broker '%s:%d': the connection under way is left behind",
+          link_->settings_.host.c_str(), link_->settings_.port);
+    thread_.detach();
+  }
+}
+
+bool RemoteControl::Start(const RemoteSettings& settings) {
+  std::shared_ptr<Link> link = std::make_shared<Link>(settings);
+  if (!link->Make()) return false;
+  try {
+    thread_ = std::thread([link] { link->Run(); });
+  } catch (const std::exception& e) {
+    QERR("RemoteControl::Start", "Can't start the MQTT thread: %s", e.what());
+    return false;
+  }
+  link_ = std::move(link);
+  return true;
+}
+
+int RemoteControl::Drain() {
+  if (!link_) return 0;
+  std::deque<Message> taken;
+  {
+    std::lock_guard<std::mutex> lock(link_->mutex_);
+    taken.swap(link_->queue_);
+    link_->dropping_ = false;
+  }
+  if (taken.empty()) return 0;
+  std::vector<Command> batch;
+  for (const Message& m : taken) {
+    // A zero inside would make a different command of the text than the sender meant.
+    Command c = m.payload.find('\0') == std::string::npos ? ParseCommand(m.payload.c_str())
+                                                          : Command();
+    if (c.kind == Command::NONE)
+      QWARN("RemoteControl::Drain", "Not a command on '%s': '%s'", m.topic.c_str(),
+            Cut(m.payload, 80).c_str());
+    else
+      batch.push_back(std::move(c));
+  }
+  if (RaceManager* rm = QGetRaceManager()) RunCommands(batch, rm);
+  return int(taken.size());
+}
+
+void RemoteControl::Update(const RaceManager& rm) {
+  if (!link_) return;
+  // Asked on every pass of the main loop: compared field by field, nothing made unless it
+  // changed. Uptime and memory change all the time; they ride along with the changes that count.
+  Seen now;
+  now.index = rm.GetCurImage();
+  now.count = rm.GetImageCount();
+  now.shown = rm.GetShownCount();
+  now.failures = rm.GetFailureCount();
+  now.blackAndWhite = rm.IsBlackAndWhite();
+  now.info = (rm.GetFlags() & RaceManager::SHOW_INFO) != 0;
+  now.paused = rm.IsPaused();
+  now.display = rm.IsDisplayOn();
+  now.warnings = qlogWarningCount();
+  const char* file = rm.GetCurFile();
+  if (seen_.valid && seen_.file == file && seen_.index == now.index && seen_.count == now.count &&
+      seen_.shown == now.shown && seen_.failures == now.failures &&
+      seen_.blackAndWhite == now.blackAndWhite && seen_.info == now.info &&
+      seen_.paused == now.paused && seen_.display == now.display &&
+      seen_.warnings == now.warnings)
+    return;
+  now.file = file;
+  now.valid = true;
+  seen_ = std::move(now);
+  std::string json = StateJson(TakeDisplayState(rm));
+  std::lock_guard<std::mutex> lock(link_->mutex_);
+  link_->state_ = std::move(json);
+  // A client that is not connected publishes the newest state when it is.
+  if (link_->connected_) link_->watch_.Wake();
+}
+
+void RemoteControl::PublishScreen(std::string jpeg) {
+  if (!link_) return;
+  std::lock_guard<std::mutex> lock(link_->mutex_);
+  link_->screen_ = std::move(jpeg);
+  link_->screenDue_ = true;
+  if (link_->connected_) link_->watch_.Wake();
+}
+
+bool RemoteControl::Connected() const {
+  if (!link_) return false;
+  std::lock_guard<std::mutex> lock(link_->mutex_);
+  return link_->connected_;
 }

@@ -14,29 +14,27 @@
 // "homeassistant/status". With it off, discovery messages this display left on the broker
 // earlier are removed.
 //
-// One thread of its own talks to the broker; the main loop never waits on the network. A broker
-// that is absent, goes away, refuses the login or fails the TLS check is tried again after 1 s,
-// then 2, 4, ... up to 60 s; the first failure and the recovery are logged once each, not every
-// attempt. On each connection the status and the last state are published again.
+// One thread of its own talks to the broker; the main loop never waits on the network. The thread
+// sleeps until the broker or the main thread has something for it, a held-back state is due, or
+// the keep-alive wants a look (every 10 s): nothing ticks at rest. A broker that is absent, goes
+// away, refuses the login or fails the TLS check is tried again after 1 s, then 2, 4, ... up to
+// 60 s; the first failure and the recovery are logged once each, not every attempt. On each
+// connection the status and the last state are published again.
 //
 // Commands are queued by that thread and carried out on the main thread by Drain, those that
 // wait together as one batch (RunCommands), with a wake of the main loop (QEventWake) when the
 // queue was empty. The state is built on the main thread (Update) and handed over. Owned by the
-// controller; the destructor says "offline" (at most half a second) and ends the thread.
+// controller; the destructor says "offline" (at most half a second) and ends the thread. A thread
+// held in the host-name lookup of a connection (which nothing can cut short) is waited for 0.1 s
+// only, then left to end on its own: what it touches lives on with it (a note says so).
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
-#include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
 class QIni;
 class RaceManager;
-struct mosquitto;
-struct mosquitto_message;
 
 // What the "mqtt.*" keys say.
 struct RemoteSettings {
@@ -97,48 +95,20 @@ class RemoteControl {
   bool Connected() const;
 
  private:
-  struct Message {
-    std::string topic, payload;
-  };
-  void Run();
-  // Tries the connection once; false (the failure noted) when it cannot even be begun.
-  bool Connect();
-  // A failure `why` of the connection: logged when it is the first since the last success.
-  void Failed(const std::string& why);
-  // The words for the failure the library answered `rc` for (errno and its log read too).
-  std::string Why(int rc) const;
-  // Publishes the state when one is due; `force` publishes the last one again at once.
-  void PublishState(bool force);
-  // Publishes the screen JPEG when a new one waits; `force` publishes the last one again.
-  void PublishScreenNow(bool force);
-  // The Home Assistant discovery messages, when "mqtt.discovery" asks for them.
-  void PublishDiscovery();
-  static void OnConnect(mosquitto* m, void* self, int rc);
-  static void OnMessage(mosquitto* m, void* self, const mosquitto_message* msg);
-  static void OnLog(mosquitto* m, void* self, int level, const char* text);
+  // The broker thread's side: the client, its queues and what it keeps. Shared with the thread,
+  // so that an end which leaves a host-name lookup behind frees nothing the lookup comes back to.
+  class Link;
 
-  RemoteSettings settings_;
-  std::string cmdTopic_, groupTopic_, statusTopic_, stateTopic_, screenTopic_;
-  std::string discoveryPattern_;  // this display's discovery topics, for their removal
-  mosquitto* mosq_ = nullptr;
+  std::shared_ptr<Link> link_;
   std::thread thread_;
 
-  mutable std::mutex mutex_;
-  std::condition_variable wake_;     // the thread's pause between attempts ends early
-  bool stop_ = false;
-  bool connected_ = false;           // the broker accepted the login
-  std::deque<Message> queue_;        // commands for the main thread
-  bool dropping_ = false;            // the queue is full: the overflow was warned about
-  std::string state_;                // the newest state from the main thread
-  std::string screen_;               // the newest screen JPEG
-  bool screenDue_ = false;           // `screen_` has not been published yet
-  std::string changeKey_;            // main thread: what the last handed state was made from
-
-  // The broker thread's own.
-  std::string published_;            // the state text the broker last got
-  std::chrono::steady_clock::time_point publishedAt;
-  int refusal_ = 0;                  // the login's refusal code; 0 when none came
-  std::string libraryError_;         // the library's last error line, for the failure text
-  bool failing_ = false;             // a failure was logged and no success since
-  bool addressSet_ = false;          // the library holds the broker's address
+  // Main thread: what the last handed state was made from (uptime and memory are left out).
+  struct Seen {
+    std::string file;
+    unsigned long warnings = 0;  // the log's count of warnings, for the last one
+    int index = -1, count = 0, shown = 0, failures = 0;
+    bool blackAndWhite = false, info = false, paused = false, display = true;
+    bool valid = false;
+  };
+  Seen seen_;
 };

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -37,6 +38,9 @@ struct WriterState {
   void (*boxPrepare)() = nullptr;
   std::string lastWarning;
 };
+
+// Read without the message mutex: the main loop asks on every pass.
+std::atomic<unsigned long> g_warningCount{0};
 
 WriterState& W() {
   static WriterState* w = new WriterState;  // never destroyed: logging works until the end
@@ -170,6 +174,7 @@ void Front(QMessageHandler hook, void (*fallback)(const char*, const char*), con
     std::string& last = W().lastWarning;
     last = text;
     while (!last.empty() && (last.back() == '\n' || last.back() == '\r')) last.pop_back();
+    ++g_warningCount;
   }
   if (hook)
     hook(shown, text);
@@ -255,6 +260,7 @@ std::string qlogLastWarning() {
   std::lock_guard<std::recursive_mutex> lock(qMessageMutex());
   return W().lastWarning;
 }
+unsigned long qlogWarningCount() { return g_warningCount.load(std::memory_order_relaxed); }
 
 void qlogSetMask(int mask) { W().mask = mask; }
 

@@ -89,6 +89,9 @@ QMessageHandler qSetMessageHandler(QMessageHandler h);
 // The text of the last warning or error any thread logged (without its line end); empty before
 // the first. For status reports.
 std::string qlogLastWarning();
+// How many warnings and errors have been logged so far: a cheap look at whether the last one
+// changed.
+unsigned long qlogWarningCount();
 
 int qlogGetMask();
 void qlogSetMask(int mask);

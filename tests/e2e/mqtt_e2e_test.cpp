@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <csignal>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -135,6 +136,9 @@ TEST_F(MqttE2E, EveryCommandChangesTheScreenOrTheStateAndTheStateTellsWhatIsShow
   EXPECT_TRUE(p_.WaitForLog(
       "Not a command on 'glimra/test/cmd': 'hello " + std::string(74, 'x') + "...'", kStepMs))
       << p_.Log();
+  EXPECT_TRUE(State([](const json& j) {
+    return j["last_warning"].get<std::string>().find("Not a command") != std::string::npos;
+  })) << "a warning alone is a change";
   std::string longLoad = "load ";
   while (longLoad.size() < 1100) longLoad += "./";
   longLoad += "c.tga";
@@ -224,6 +228,11 @@ TEST_F(MqttE2E, ABurstEndsOnTheLastWithFlatMemoryAndABrokerBackGetsStatusAndStat
   ASSERT_NO_FATAL_FAILURE(Start("glimra/test/#", {}));
   ASSERT_TRUE(State([](const json& j) { return j["file"] == "a.tga"; })) << p_.Log();
   ASSERT_TRUE(p_.WaitForLog("connected as 'glimra/test'", kStepMs)) << p_.Log();
+  // Connected and at rest, nothing wakes the program (a look every 100 ms would make 20).
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  const long wakes = Wakes(p_.Pid());
+  std::this_thread::sleep_for(std::chrono::seconds(2));
+  EXPECT_LE(Wakes(p_.Pid()) - wakes, 3);
 
   // Ten steps, each its own message and picture: the state follows at most once a second, and
   // its last word is the last picture.
@@ -275,7 +284,9 @@ TEST_F(MqttE2E, ABurstEndsOnTheLastWithFlatMemoryAndABrokerBackGetsStatusAndStat
   EXPECT_EQ(Count(p_.Log(), "connected again"), 1);
   EXPECT_EQ(Count(p_.Log(), "trying again in the background"), 1);
   ASSERT_TRUE(broker_.Publish(kCmd, "next") && Shows(kBlue));
-  EXPECT_EQ(p_.Escape(), 0);
+  // Killed, it cannot say goodbye: the broker tells of it with the last will.
+  kill(p_.Pid(), SIGKILL);
+  EXPECT_TRUE(Status("offline")) << "the last will";
 }
 
 TEST_F(MqttE2E, MissingBrokerWrongPasswordAndWrongCaAreLoggedOnceWhileTheShowGoesOn) {
