@@ -18,6 +18,10 @@ namespace {
 
 // Enough for a camera's EXIF segment (at most 64 KiB) and the frame header behind it.
 constexpr size_t kHeadBytes = 64 * 1024;
+// A JPEG's EXIF segment comes before its frame header, which most files without a thumbnail
+// have within their first page: the rest of the head is read only when it is not there. (The
+// other kinds' facts may lie in any order, so they are read 64 KiB at once.)
+constexpr size_t kJpegFirstBytes = 4096;
 // A size header further in than this is not looked for: the file then gives what it can.
 constexpr size_t kMaxHeadBytes = 16 * 1024 * 1024;
 
@@ -152,9 +156,14 @@ bool QReadPictureFacts(const char* path, QPictureFacts* facts) {
   Descriptor file{open(path, O_RDONLY | O_CLOEXEC)};
   if (file.fd < 0) return false;
   uint8_t head[kHeadBytes];
-  const size_t got = ReadAt(file.fd, head, sizeof(head), 0);
+  const size_t first = kind->id == QPictureKind::JPEG ? kJpegFirstBytes : sizeof(head);
+  size_t got = ReadAt(file.fd, head, first, 0);
   if (got == 0) return true;  // an empty file: nothing to know
-  if (ReadFacts(*kind, head, got, facts) || got < sizeof(head)) return true;
+  if (ReadFacts(*kind, head, got, facts) || got < first) return true;
+  if (got < sizeof(head)) {
+    got += ReadAt(file.fd, head + got, sizeof(head) - got, got);
+    if (ReadFacts(*kind, head, got, facts) || got < sizeof(head)) return true;
+  }
   // The HEIF library parses only a whole container, and reads all of it even through its
   // reader interface: a phone's photo would cost its megabytes. Such files go by their time.
   if (kind->id == QPictureKind::HEIF) return true;

@@ -7,7 +7,8 @@
 // taken is EXIF's DateTimeOriginal where the kind carries EXIF cheaply: JPEG (its APP1
 // segment, which also gives the orientation), TIFF (its EXIF directory) and HEIF/HEIC/AVIF (the
 // container's Exif block); other kinds give no date. A file is read once, 64 KiB from its
-// start, and further (doubling, up to 16 MiB) only when its size header lies beyond that; but
+// start (a JPEG's first 4 KiB, and the rest of the 64 only when its frame header lies beyond),
+// and further (doubling, up to 16 MiB) only when its size header lies beyond that; but
 // a HEIF file, whose library parses only whole containers, gives its facts only when it fits
 // the 64 KiB (larger ones give nothing: their time dates them).
 // Nothing is logged: a file that gives nothing is the caller's to date by its own time.

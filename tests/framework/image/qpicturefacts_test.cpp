@@ -46,6 +46,12 @@ class QPictureFactsTest : public TempDirTest {
 
 TEST_F(QPictureFactsTest, JpegGivesDateOrientationAndUnturnedSize) {
   EXPECT_EQ(Facts(Jpeg("a.jpg", std::string(kDated) + " -Orientation=6")), "40x30 o6 1623752430");
+  // A comment of 8 KiB ahead: the frame header lies past the first page, within the head.
+  std::vector<uint8_t> mid = ReadBytes(Tmp("a.jpg")), note(2 + 0x2000, 'c');
+  note[0] = 0xFF, note[1] = 0xFE, note[2] = 0x20, note[3] = 0x00;
+  mid.insert(mid.begin() + 2, note.begin(), note.end());
+  ASSERT_TRUE(WriteFile(Tmp("mid.jpg"), mid));
+  EXPECT_EQ(Facts(Tmp("mid.jpg")), "40x30 o6 1623752430");
   // Comments pushing the frame header past the first read: the size is read on for.
   std::vector<uint8_t> bytes = ReadBytes(Jpeg("far.jpg"));
   ASSERT_GT(bytes.size(), 2u);
