@@ -300,11 +300,13 @@ void Catalogue::Walk(const std::vector<std::string>& skipIn, bool flat) {
     std::string rel;
     std::vector<QFolderEntry> entries;
     size_t next = 0;
+    QFolderHandle folder;  // its pictures are opened by name
   };
   std::vector<Level> stack(1);
   std::set<std::pair<uint64_t, uint64_t>> visited;
   if (!QListFolder(root_.c_str(), qIsCataloguePictureName, &stack[0].entries))
     QWARN("Catalogue::Walk", "Can't list folder '%s'", root_.c_str());
+  stack[0].folder = QFolderHandle(root_.c_str());
   // The folder itself counts as reached, so a link back to it is not walked again.
   std::pair<uint64_t, uint64_t> rootId;
   if (QFolderIdentity(root_.c_str(), &rootId.first, &rootId.second)) visited.insert(rootId);
@@ -323,6 +325,7 @@ void Catalogue::Walk(const std::vector<std::string>& skipIn, bool flat) {
       const std::string path = root_ + "/" + down.rel;
       if (!QListFolder(path.c_str(), qIsCataloguePictureName, &down.entries))
         QWARN("Catalogue::Walk", "Can't list folder '%s'", path.c_str());
+      down.folder = QFolderHandle(path.c_str());
       stack.push_back(std::move(down));
       continue;
     }
@@ -351,7 +354,10 @@ void Catalogue::Walk(const std::vector<std::string>& skipIn, bool flat) {
     // New or changed: its facts read again.
     int64_t key = Seconds(e.modified);
     QPictureFacts facts;
-    const bool haveFacts = wantFacts && QReadPictureFacts((root_ + "/" + rel).c_str(), &facts);
+    const bool haveFacts =
+        wantFacts && (top.folder.Get() >= 0
+                          ? QReadPictureFactsAt(top.folder.Get(), e.name.c_str(), &facts)
+                          : QReadPictureFacts((root_ + "/" + rel).c_str(), &facts));
     if (haveFacts && facts.taken) key = facts.taken;
     if (wantRows) {
       IndexedPicture row;

@@ -4,6 +4,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -40,6 +41,22 @@ bool QListFolder(const char* folder, bool (*wantFile)(const char* name),
     return QNameListsBefore(a.name, b.name);
   });
   return true;
+}
+
+QFolderHandle::QFolderHandle(const char* folder)
+    : fd_(open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
+
+QFolderHandle::~QFolderHandle() {
+  if (fd_ >= 0) close(fd_);
+}
+
+QFolderHandle& QFolderHandle::operator=(QFolderHandle&& other) noexcept {
+  if (this != &other) {
+    if (fd_ >= 0) close(fd_);
+    fd_ = other.fd_;
+    other.fd_ = -1;
+  }
+  return *this;
 }
 
 bool QFolderIdentity(const char* folder, uint64_t* device, uint64_t* inode) {

@@ -26,6 +26,23 @@ struct QFolderEntry {
 // (the caller knows what the folder is to it), when the folder cannot be read.
 bool QListFolder(const char* folder, bool (*wantFile)(const char* name),
                  std::vector<QFolderEntry>* out);
+// A folder held open, so that its files are opened by their names without the folder's path
+// being looked up again for each (see QReadPictureFactsAt). Get() is -1 when the folder could not
+// be opened (nothing logged). Closed when it goes.
+class QFolderHandle {
+ public:
+  QFolderHandle() = default;
+  explicit QFolderHandle(const char* folder);
+  ~QFolderHandle();
+  QFolderHandle(QFolderHandle&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+  QFolderHandle& operator=(QFolderHandle&& other) noexcept;
+  QFolderHandle(const QFolderHandle&) = delete;
+  QFolderHandle& operator=(const QFolderHandle&) = delete;
+  int Get() const { return fd_; }
+
+ private:
+  int fd_ = -1;
+};
 // The device and inode of `folder` (links followed); false when it cannot be examined.
 bool QFolderIdentity(const char* folder, uint64_t* device, uint64_t* inode);
 // QDirectory's order of two names of one folder.

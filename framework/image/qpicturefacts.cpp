@@ -150,10 +150,14 @@ bool QReadPictureFactsFromMemory(const uint8_t* data, size_t size, const char* n
 }
 
 bool QReadPictureFacts(const char* path, QPictureFacts* facts) {
+  return QReadPictureFactsAt(AT_FDCWD, path, facts);
+}
+
+bool QReadPictureFactsAt(int folder, const char* path, QPictureFacts* facts) {
   *facts = QPictureFacts();
   const QPictureKind* kind = qPictureKindOf(path);
   if (!kind) return false;
-  Descriptor file{open(path, O_RDONLY | O_CLOEXEC)};
+  Descriptor file{openat(folder, path, O_RDONLY | O_CLOEXEC)};
   if (file.fd < 0) return false;
   uint8_t head[kHeadBytes];
   const size_t first = kind->id == QPictureKind::JPEG ? kJpegFirstBytes : sizeof(head);

@@ -30,6 +30,9 @@ struct QPictureFacts {
 // be opened or read or its name is of no known kind; a kind without a size reader, or a header
 // that can't be read, gives what it can (true, zeros where unknown).
 bool QReadPictureFacts(const char* path, QPictureFacts* facts);
+// The same for the file `name` of the open folder `folder` (a descriptor, see QFolderHandle),
+// which spares looking its path up again.
+bool QReadPictureFactsAt(int folder, const char* name, QPictureFacts* facts);
 // The same over `size` bytes at `data` (a whole file or its head); `name` chooses the kind by
 // its name rule. False for a name of no known kind.
 bool QReadPictureFactsFromMemory(const uint8_t* data, size_t size, const char* name,
