@@ -2,7 +2,12 @@
 
 #include <GL/gl.h>
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
 
 #include "framework/qapp.h"
 #include "framework/qshell.h"
@@ -16,6 +21,17 @@ extern "C" const char* __lsan_default_suppressions() {
 namespace {
 QApp* g_app = nullptr;
 bool g_tried = false;
+
+#if defined(__SANITIZE_ADDRESS__)
+// The leak check runs once the tests are done, while the driver's threads are idle: at exit it
+// races the driver's own teardown, and its thread-stopping helper once died there on a CI machine.
+class LeakCheckBeforeExit : public ::testing::Environment {
+ public:
+  void TearDown() override { __lsan_do_leak_check(); }
+};
+[[maybe_unused]] ::testing::Environment* const g_leakCheck =
+    ::testing::AddGlobalTestEnvironment(new LeakCheckBeforeExit);
+#endif
 }  // namespace
 
 namespace testgl {
