@@ -24,7 +24,7 @@ bool g_tried = false;
 
 #if defined(__SANITIZE_ADDRESS__)
 // The leak check runs once the tests are done, while the driver's threads are idle: at exit it
-// races the driver's own teardown, and its thread-stopping helper once died there on a CI machine.
+// runs beside the driver's own teardown, and its thread-stopping helper once died there on CI.
 class LeakCheckBeforeExit : public ::testing::Environment {
  public:
   void TearDown() override { __lsan_do_leak_check(); }
