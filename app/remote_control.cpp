@@ -160,12 +160,22 @@ DisplayState TakeDisplayState(const RaceManager& rm) {
   s.display = rm.IsDisplayOn();
   s.shown = rm.GetShownCount();
   s.failures = rm.GetFailureCount();
-  s.lastWarning = qlogLastWarning();
-  s.uptimeSeconds = std::chrono::duration_cast<std::chrono::seconds>(
-                        std::chrono::steady_clock::now() - g_started)
-                        .count();
-  s.rssKb = ResidentKb();
+  s.warnings = qlogWarningCount();
   return s;
+}
+
+bool DisplayState::SameAs(const DisplayState& o) const {
+  return file == o.file && index == o.index && count == o.count && shown == o.shown &&
+         failures == o.failures && blackAndWhite == o.blackAndWhite && info == o.info &&
+         paused == o.paused && display == o.display && warnings == o.warnings;
+}
+
+void SampleDisplayState(DisplayState* s) {
+  s->lastWarning = qlogLastWarning();
+  s->uptimeSeconds = std::chrono::duration_cast<std::chrono::seconds>(
+                         std::chrono::steady_clock::now() - g_started)
+                         .count();
+  s->rssKb = ResidentKb();
 }
 
 std::string StateJson(const DisplayState& s) {
@@ -607,29 +617,14 @@ int RemoteControl::Drain() {
 
 void RemoteControl::Update(const RaceManager& rm) {
   if (!link_) return;
-  // Asked on every pass of the main loop: compared field by field, nothing made unless it
+  // Asked on every pass of the main loop: compared field by field, nothing published unless it
   // changed. Uptime and memory change all the time; they ride along with the changes that count.
-  Seen now;
-  now.index = rm.GetCurImage();
-  now.count = rm.GetImageCount();
-  now.shown = rm.GetShownCount();
-  now.failures = rm.GetFailureCount();
-  now.blackAndWhite = rm.IsBlackAndWhite();
-  now.info = (rm.GetFlags() & RaceManager::SHOW_INFO) != 0;
-  now.paused = rm.IsPaused();
-  now.display = rm.IsDisplayOn();
-  now.warnings = qlogWarningCount();
-  const char* file = rm.GetCurFile();
-  if (seen_.valid && seen_.file == file && seen_.index == now.index && seen_.count == now.count &&
-      seen_.shown == now.shown && seen_.failures == now.failures &&
-      seen_.blackAndWhite == now.blackAndWhite && seen_.info == now.info &&
-      seen_.paused == now.paused && seen_.display == now.display &&
-      seen_.warnings == now.warnings)
-    return;
-  now.file = file;
-  now.valid = true;
+  DisplayState now = TakeDisplayState(rm);
+  if (seenValid_ && now.SameAs(seen_)) return;
+  SampleDisplayState(&now);
+  std::string json = StateJson(now);
   seen_ = std::move(now);
-  std::string json = StateJson(TakeDisplayState(rm));
+  seenValid_ = true;
   std::lock_guard<std::mutex> lock(link_->mutex_);
   link_->state_ = std::move(json);
   // A client that is not connected publishes the newest state when it is.

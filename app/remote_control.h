@@ -62,12 +62,17 @@ struct DisplayState {
   bool blackAndWhite = false, info = false, paused = false;
   bool display = true;  // lit (not off by the schedule or a command)
   int shown = 0, failures = 0;
+  unsigned long warnings = 0;  // the log's count so far: a new one changes `lastWarning`
+  // Sampled when the state is published; no change of these alone is published.
   std::string lastWarning;
-  // Sampled when the state is made; no change of these alone is published.
   long long uptimeSeconds = 0, rssKb = 0;
+  // Whether a state topic made of `other` would say something else (the samples left out).
+  bool SameAs(const DisplayState& other) const;
 };
-// The state of `rm` now, with the process's uptime and resident memory.
+// The state of `rm` now, without the samples (see SampleDisplayState).
 DisplayState TakeDisplayState(const RaceManager& rm);
+// Fills in the last warning, the process's uptime and its resident memory.
+void SampleDisplayState(DisplayState* state);
 // The state topic's JSON text (one line). Names that are not UTF-8 are carried with their odd
 // bytes replaced, never as an error.
 std::string StateJson(const DisplayState& state);
@@ -102,13 +107,7 @@ class RemoteControl {
   std::shared_ptr<Link> link_;
   std::thread thread_;
 
-  // Main thread: what the last handed state was made from (uptime and memory are left out).
-  struct Seen {
-    std::string file;
-    unsigned long warnings = 0;  // the log's count of warnings, for the last one
-    int index = -1, count = 0, shown = 0, failures = 0;
-    bool blackAndWhite = false, info = false, paused = false, display = true;
-    bool valid = false;
-  };
-  Seen seen_;
+  // Main thread: the last state handed over (valid once one was).
+  DisplayState seen_;
+  bool seenValid_ = false;
 };
