@@ -284,13 +284,11 @@ void RaceManager::EndFade() {
 
 void RaceManager::DrawText(const char* text, int x, int y) {
   if (!canvas) return;
-  // File names are UTF-8; the font's sheet is Latin-1.
-  qstring latin;
-  qUtf8ToLatin1(text, &latin);
+  // File names are UTF-8, as the font takes text.
   canvas->SetColor(0, 0, 0, 255);
   canvas->SetDrawFlag(1);
-  canvas->Text(x + 2, y + 2, latin.cstr(), -1);
+  canvas->Text(x + 2, y + 2, text, -1);
   canvas->SetColor(255, 255, 255, 255);
   canvas->SetDrawFlag(0);
-  canvas->Text(x, y, latin.cstr(), -1);
+  canvas->Text(x, y, text, -1);
 }

@@ -62,6 +62,7 @@ void DTexFont::Release() {
   outlineGlyphs_.reset();
   texture_.reset();
   outlineTexture_.reset();
+  atlas_.reset();
   glyphCount_ = glyphsRead_ = rangeCount_ = 0;
   sheetW_ = sheetH_ = outlineW_ = outlineH_ = 0.0f;
   haveOutlineSheet_ = false;
@@ -219,11 +220,55 @@ float DTexFont::MeasuredAdvance(int code) const {
   return g ? scaleX_ * g->advance + spacing_ : 0.0f;
 }
 
+int DTexFont::NextCode(const unsigned char** p, const unsigned char* end) {
+  const unsigned char* s = *p;
+  const uint32_t c = *s;
+  int extra = 0;
+  uint32_t min = 0;
+  if (c >= 0xC2 && c < 0xE0) {
+    extra = 1, min = 0x80;
+  } else if (c >= 0xE0 && c < 0xF0) {
+    extra = 2, min = 0x800;
+  } else if (c >= 0xF0 && c < 0xF5) {
+    extra = 3, min = 0x10000;
+  } else {
+    *p = s + 1;
+    return c < 0x80 ? int(c) : -1;
+  }
+  uint32_t cp = c & (0x3Fu >> extra);
+  int i = 1;
+  for (; i <= extra && s + i < end && (s[i] & 0xC0) == 0x80; ++i) cp = (cp << 6) | (s[i] & 0x3F);
+  // Cut short, overlong, a surrogate or past U+10FFFF: only the first byte is used up.
+  if (i <= extra || cp < min || (cp >= 0xD800 && cp < 0xE000) || cp > 0x10FFFF) {
+    *p = s + 1;
+    return -1;
+  }
+  *p = s + extra + 1;
+  return int(cp);
+}
+
+const DTexFontGlyph* DTexFont::Resolve(int code, bool* inAtlas) const {
+  *inAtlas = false;
+  if (code >= minChar_ && code <= maxChar_) {
+    const DTexFontGlyph* g = FindGlyph(code);
+    if (g) return g;
+  }
+  if (code >= 0 && code <= 255) return nullptr;
+  *inAtlas = true;
+  return AtlasGlyph(code);
+}
+
 float DTexFont::GetStringWidth(const char* text, int len) const {
   if (!text) return 0.0f;
   if (len < 0) len = int(strlen(text));
+  const unsigned char* p = reinterpret_cast<const unsigned char*>(text);
+  const unsigned char* end = p + len;
   float w = 0.0f;
-  for (int i = 0; i < len; ++i) w += MeasuredAdvance(static_cast<unsigned char>(text[i]));
+  bool inAtlas = false;
+  while (p < end) {
+    const DTexFontGlyph* g = Resolve(NextCode(&p, end), &inAtlas);
+    if (g) w += scaleX_ * g->advance + spacing_;
+  }
   return w;
 }
 

@@ -15,9 +15,19 @@
 // picture rows from the top) at the quad's edge y and the top edge at y + height, so the glyph
 // must be upside down inside its rectangle of the sheet (tools/glimra-fontsheet writes it so).
 //
-// Ownership: the font owns its glyph arrays (counted allocator) and its textures. Loading with
-// upload off reads the description and the sheet's size only, for measuring without OpenGL.
-// Not copyable; main thread only (Paint needs the application's OpenGL context current).
+// 8-bit text is UTF-8. A code the sheet has (inside min..max char) comes from the sheet; any
+// other code above 255 is rendered on first use from "DejaVu Sans" (or the face fontconfig picks
+// for that character) at the size whose line matches the sheet's, into an atlas texture of the
+// font, and drawn from there on the same baseline, in the same colour and flags. A character
+// no installed face has, and each byte that starts no valid UTF-8 sequence, is an outlined box.
+// The atlas grows from 256 x 64 to 256 x 1024 pixels; when that is full it starts empty again.
+// Only the rows that changed are uploaded. Without the face (warned once) every such code is a
+// box. Codes up to 255 without a sheet glyph draw nothing and measure 0, as before.
+//
+// Ownership: the font owns its glyph arrays (counted allocator), its textures and its atlas.
+// Loading with upload off reads the description and the sheet's size only, for measuring
+// without OpenGL. Not copyable; main thread only (Paint needs the application's OpenGL context
+// current).
 #pragma once
 
 #include <cstdint>
@@ -79,8 +89,8 @@ class DTexFont {
   // ---- Measuring ----
   // One character taken as a signed byte: codes 128-255 find no glyph and measure 0.
   float GetCharWidth(char c) const;
-  // Bytes read unsigned, up to `len` bytes (-1: to the terminating zero); codes outside
-  // min..max char or without a glyph count 0.
+  // UTF-8 text of `len` bytes (-1: to the terminating zero), measured as Paint draws it (see
+  // the header text); never reads past `len`.
   float GetStringWidth(const char* text, int len = -1) const;
   // The same over 16-bit codes.
   float GetStringWidth(const uint16_t* text, int len = -1) const;
@@ -88,9 +98,9 @@ class DTexFont {
   float GetHeight() const;
 
   // ---- Drawing (dtexfont_paint.cpp) ----
-  // Draws `len` bytes (-1: to the terminating zero) with the pen starting at (x, y) and answers
-  // the pen x after the text truncated toward zero; x unchanged without texture or text. Codes
-  // without a glyph are skipped silently; no min/max check.
+  // Draws `len` bytes (-1: to the terminating zero) of UTF-8 text with the pen starting at
+  // (x, y) and answers the pen x after the text truncated toward zero, x + GetStringWidth; x
+  // unchanged without texture or text.
   int Paint(const char* text, float x, float y, int len = -1);
   // 16-bit text: always modulated by the colour, codes outside min..max skipped, a code inside
   // without glyph warns "DTexFont: can't find char 0x%x"; colour and alpha drawn in two passes.
@@ -141,6 +151,10 @@ class DTexFont {
   struct TextureDeleter {
     void operator()(DBitMapTexture* t) const;
   };
+  struct Atlas;  // glyphs beyond the sheet (atlas file)
+  struct AtlasDeleter {
+    void operator()(Atlas* a) const;
+  };
   using GlyphArray = std::unique_ptr<DTexFontGlyph[], GlyphDeleter>;
   using TexturePtr = std::unique_ptr<DBitMapTexture, TextureDeleter>;
 
@@ -155,6 +169,18 @@ class DTexFont {
   void AddToRanges(int code);
   // Adds one glyph's advance plus spacing when min..max and a glyph allow it.
   float MeasuredAdvance(int code) const;
+  // The code point that starts at *p (before `end`), or -1 for a byte that starts no valid
+  // UTF-8 sequence; moves *p past what it read.
+  static int NextCode(const unsigned char** p, const unsigned char* end);
+  // The glyph `code` (or -1) is drawn with, and whether it lies in the atlas; null when it
+  // draws nothing.
+  const DTexFontGlyph* Resolve(int code, bool* inAtlas) const;
+  // The atlas glyph of `code`, rendered and placed on first use; the box when no face has it;
+  // null without a line height or memory (atlas file).
+  const DTexFontGlyph* AtlasGlyph(int code) const;
+  // Brings the atlas texture up to date; false when it cannot draw (atlas file).
+  bool UploadAtlas() const;
+  void SelectAtlas() const;
   // Emits the quad(s) of one glyph and answers the pen advance (paint file).
   float EmitGlyph(const DTexFontGlyph* g, float x, float y) const;
   // Sets the GL state both paint paths share (paint file).
@@ -176,6 +202,7 @@ class DTexFont {
   int rangeCount_ = 0;
   TexturePtr texture_;
   TexturePtr outlineTexture_;
+  mutable std::unique_ptr<Atlas, AtlasDeleter> atlas_;
   float sheetW_ = 0.0f, sheetH_ = 0.0f;
   float outlineW_ = 0.0f, outlineH_ = 0.0f;
   bool haveOutlineSheet_ = false;

@@ -4,6 +4,7 @@
 #include <GL/glext.h>
 
 #include <cstring>
+#include <vector>
 
 #include "d3/dtexfont.h"
 #include "d3/dtexture.h"
@@ -76,13 +77,33 @@ int DTexFont::Paint(const char* text, float x, float y, int len) {
   if (!texture_ || !text) return int(x);
   if (len < 0) len = int(strlen(text));
   if (len == 0) return int(x);
-  BeginPaint(color_ != QColor(255, 255, 255, 255));
-  glBegin(GL_QUADS);
-  for (int i = 0; i < len; ++i) {
-    const DTexFontGlyph* g = FindGlyph(static_cast<unsigned char>(text[i]));
-    if (g) x += EmitGlyph(g, x, y);
+  std::vector<int> codes;
+  const unsigned char* p = reinterpret_cast<const unsigned char*>(text);
+  for (const unsigned char* end = p + len; p < end;) codes.push_back(NextCode(&p, end));
+  // Atlas glyphs are all placed before its texture is brought up to date once.
+  bool inAtlas = false, anyInAtlas = false;
+  for (int code : codes) {
+    Resolve(code, &inAtlas);
+    anyInAtlas = anyInAtlas || inAtlas;
   }
-  glEnd();
+  const bool atlasDraws = anyInAtlas && UploadAtlas();
+  BeginPaint(color_ != QColor(255, 255, 255, 255));
+  // The sheet's glyphs, then the atlas's, each with its own texture bound.
+  const float start = x;
+  for (int pass = 0; pass < (atlasDraws ? 2 : 1); ++pass) {
+    if (pass == 1) SelectAtlas();
+    x = start;
+    glBegin(GL_QUADS);
+    for (int code : codes) {
+      const DTexFontGlyph* g = Resolve(code, &inAtlas);
+      if (!g) continue;
+      if (inAtlas == (pass == 1))
+        x += EmitGlyph(g, x, y);
+      else
+        x += scaleX_ * g->advance + spacing_;
+    }
+    glEnd();
+  }
   EndPaint();
   return int(x);
 }

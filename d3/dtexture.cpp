@@ -340,14 +340,18 @@ bool DBitMapTexture::FromBitMap(QBitMap* bitmap) {
   return DGlobal::CheckGLErrors("DBitmapTexture:FromBitMap()") == 0;
 }
 
-bool DBitMapTexture::Update(QBitMap* bitmap) {
+bool DBitMapTexture::Update(QBitMap* bitmap) { return UpdateRows(bitmap, 0, height_); }
+
+bool DBitMapTexture::UpdateRows(QBitMap* bitmap, int first, int count) {
   if (!DGlobal::IsOpenGLAvailable()) return false;
   if (!id_ || !bitmap || !bitmap->GetBuffer() || bitmap->GetDepth() != 32 ||
       bitmap->GetWidth() != width_ || bitmap->GetHeight() != height_ ||
-      4LL * width_ * height_ > bitmap->GetSize()) {
-    QWARN("DBitMapTexture::Update", "DBitmapTexture:Update(); bitmap %dx%d for texture %dx%d (%s)",
+      4LL * width_ * height_ > bitmap->GetSize() || first < 0 || count < 0 ||
+      first > height_ - count) {
+    QWARN("DBitMapTexture::Update",
+          "DBitmapTexture:Update(); bitmap %dx%d for texture %dx%d, rows '%d+%d' (%s)",
           bitmap ? bitmap->GetWidth() : 0, bitmap ? bitmap->GetHeight() : 0, width_, height_,
-          GetName());
+          first, count, GetName());
     return false;
   }
   Select();
@@ -355,8 +359,8 @@ bool DBitMapTexture::Update(QBitMap* bitmap) {
   glPixelStorei(GL_UNPACK_SKIP_ROWS, 0);
   glPixelStorei(GL_UNPACK_SKIP_PIXELS, 0);
   glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
-  glTexSubImage2D(target_, 0, 0, 0, width_, height_, GL_RGBA, GL_UNSIGNED_BYTE,
-                  bitmap->GetBuffer());
+  glTexSubImage2D(target_, 0, 0, first, width_, count, GL_RGBA, GL_UNSIGNED_BYTE,
+                  bitmap->GetBuffer() + size_t(first) * size_t(width_) * 4);
   if ((flags_ & MIPMAP) && DGlobal::Settings().autoMipmap && DGlobal::CanGenerateMipmaps())
     glGenerateMipmap(target_);
   return DGlobal::CheckGLErrors("DBitmapTexture:Update()") == 0;

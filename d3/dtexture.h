@@ -130,6 +130,9 @@ class DBitMapTexture : public DTexture {
   // have the same size: the next frame of an animation. False, with a warning, for another size
   // or no texture yet; GL errors as for FromBitMap.
   bool Update(QBitMap* bitmap);
+  // Replaces only rows first .. first + count - 1 (memory rows, bottom-up) with `bitmap`'s, of
+  // the texture's size; false with a warning as Update, or for rows outside the texture.
+  bool UpdateRows(QBitMap* bitmap, int first, int count);
 
   int GetBitMapWidth() const { return bitmapWidth_; }
   int GetBitMapHeight() const { return bitmapHeight_; }

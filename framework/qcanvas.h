@@ -59,8 +59,8 @@ class QCanvas : public QObject {
   // Borrowed; null means no text is drawn.
   void SetFont(QFont* font) { font_ = font; }
   QFont* GetFont() const { return font_; }
-  // Draws `len` bytes of `text` (-1: to the terminating zero) with the pen at (x, y), y being
-  // the text's top edge in 2D mode. Answers the pen x after the text; x when there is no
+  // Draws `len` bytes of UTF-8 `text` (-1: to the terminating zero) with the pen at (x, y), y
+  // being the text's top edge in 2D mode. Answers the pen x after the text; x when there is no
   // texture font, no text or no context.
   int Text(int x, int y, const char* text, int len = -1);
 

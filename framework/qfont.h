@@ -63,9 +63,9 @@ class QFont : public QObject {
   // One character. Texture font: taken as a signed byte (codes 128-255 measure 0). System font:
   // A + B when A > 0, else C + B when C > 0, else B, from the A, B, C widths.
   float GetWidth(char c);
-  // 8-bit text of `len` bytes (-1: to the terminating zero), read unsigned; 0 for an empty text
-  // or a length below 1. A system font adds the last character's width once more when that is
-  // negative.
+  // 8-bit text of `len` bytes (-1: to the terminating zero); 0 for an empty text or a length
+  // below 1. A texture font reads it as UTF-8 and measures what it draws. A system font reads
+  // the bytes unsigned and adds the last character's width once more when that is negative.
   float GetWidth(const char* text, int len = -1);
   // The same over 16-bit codes.
   float GetWidth(const uint16_t* text, int len = -1);

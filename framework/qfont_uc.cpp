@@ -337,3 +337,152 @@ void QFUC_ReleaseShared() {
   QFUC_Release(g_shared);
   g_shared = nullptr;
 }
+
+// ---------------------------------------------------------------------------------------------
+// Glyphs one at a time
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+constexpr int kMaxPicked = 8;
+constexpr FT_Int32 kGrayLoad = FT_LOAD_RENDER | FT_LOAD_TARGET_LIGHT;
+
+struct FaceDeleter {
+  void operator()(FT_FaceRec_* f) const { FT_Done_Face(f); }
+};
+using FacePtr = std::unique_ptr<FT_FaceRec_, FaceDeleter>;
+
+struct CharSetDeleter {
+  void operator()(FcCharSet* c) const { FcCharSetDestroy(c); }
+};
+
+int LineHeight(FT_Face face) {
+  const FT_Size_Metrics& m = face->size->metrics;
+  return int(std::ceil(double(m.ascender) / 64.0)) + int(std::ceil(double(-m.descender) / 64.0));
+}
+
+// The file fontconfig picks for `code` (its character set must hold it), preferring `family`.
+bool MatchFileFor(const std::string& family, uint32_t code, std::string* file, int* index) {
+  if (!InitFontconfig()) return false;
+  PatternPtr pat(FcPatternCreate());
+  std::unique_ptr<FcCharSet, CharSetDeleter> want(FcCharSetCreate());
+  if (!pat || !want || !FcCharSetAddChar(want.get(), code)) return false;
+  FcPatternAddString(pat.get(), FC_FAMILY, reinterpret_cast<const FcChar8*>(family.c_str()));
+  FcPatternAddCharSet(pat.get(), FC_CHARSET, want.get());
+  FcConfigSubstitute(nullptr, pat.get(), FcMatchPattern);
+  FcDefaultSubstitute(pat.get());
+  FcResult result = FcResultNoMatch;
+  PatternPtr match(FcFontMatch(nullptr, pat.get(), &result));
+  FcCharSet* has = nullptr;
+  FcChar8* path = nullptr;
+  if (!match || FcPatternGetCharSet(match.get(), FC_CHARSET, 0, &has) != FcResultMatch ||
+      !FcCharSetHasChar(has, code) ||
+      FcPatternGetString(match.get(), FC_FILE, 0, &path) != FcResultMatch || !path)
+    return false;
+  *file = reinterpret_cast<const char*>(path);
+  if (FcPatternGetInteger(match.get(), FC_INDEX, 0, index) != FcResultMatch) *index = 0;
+  return true;
+}
+
+// Copies the glyph in the slot; false for a bitmap that is not 1- or 8-bit grey.
+bool TakeCoverage(FT_Face face, QFontCoverage* out) {
+  const FT_GlyphSlot g = face->glyph;
+  const FT_Bitmap& bm = g->bitmap;
+  if (bm.pixel_mode != FT_PIXEL_MODE_GRAY && bm.pixel_mode != FT_PIXEL_MODE_MONO &&
+      bm.rows > 0 && bm.width > 0)
+    return false;
+  out->width = int(bm.width);
+  out->rows = int(bm.rows);
+  out->left = g->bitmap_left;
+  out->top = g->bitmap_top;
+  out->advance = float(g->advance.x) / 64.0f;
+  out->alpha.assign(size_t(out->width) * size_t(out->rows), 0);
+  for (int r = 0; r < out->rows; ++r) {
+    const unsigned char* src = bm.pitch >= 0
+                                   ? bm.buffer + size_t(r) * size_t(bm.pitch)
+                                   : bm.buffer + size_t(out->rows - 1 - r) * size_t(-bm.pitch);
+    uint8_t* dst = out->alpha.data() + size_t(r) * size_t(out->width);
+    for (int c = 0; c < out->width; ++c)
+      dst[c] = bm.pixel_mode == FT_PIXEL_MODE_GRAY ? src[c]
+                                                    : ((src[c / 8] >> (7 - c % 8)) & 1) * 255;
+  }
+  return true;
+}
+
+}  // namespace
+
+struct QFontGlyphSource::Impl {
+  struct Picked {
+    std::string file;
+    int index;
+    FacePtr face;
+  };
+  std::string family;
+  FacePtr face;
+  int pixels = 0;
+  int ascent = 0;
+  std::vector<Picked> picked;
+
+  FT_Face PickedFace(const std::string& file, int index) {
+    for (Picked& p : picked)
+      if (p.file == file && p.index == index) return p.face.get();
+    if (picked.size() >= size_t(kMaxPicked)) picked.clear();
+    int error = 0;
+    FT_Library lib = Library(&error);
+    FT_Face f = nullptr;
+    if (!lib || FT_New_Face(lib, file.c_str(), index, &f) != 0) return nullptr;
+    FacePtr owned(f);
+    // A face of fixed bitmap sizes only (colour emoji) cannot take the size: left out.
+    if (FT_Set_Pixel_Sizes(f, 0, FT_UInt(pixels)) != 0) return nullptr;
+    picked.push_back(Picked{file, index, std::move(owned)});
+    return f;
+  }
+};
+
+QFontGlyphSource::QFontGlyphSource() : impl_(new Impl) {}
+
+QFontGlyphSource::~QFontGlyphSource() = default;
+
+bool QFontGlyphSource::Open(const char* family, int lineHeight, int* error) {
+  int dummy = 0;
+  if (!error) error = &dummy;
+  *error = 0;
+  impl_.reset(new Impl);
+  FT_Library lib = Library(error);
+  if (!lib) return false;
+  std::string file;
+  int index = 0;
+  if (!MatchFile(family ? family : "", 0, 0, &file, &index)) {
+    *error = FT_Err_Cannot_Open_Resource;
+    return false;
+  }
+  FT_Face f = nullptr;
+  if ((*error = FT_New_Face(lib, file.c_str(), index, &f)) != 0) return false;
+  FacePtr face(f);
+  int pixels = std::max(lineHeight, 4);
+  for (; pixels > 4; --pixels)
+    if (FT_Set_Pixel_Sizes(f, 0, FT_UInt(pixels)) == 0 && LineHeight(f) <= lineHeight) break;
+  if ((*error = FT_Set_Pixel_Sizes(f, 0, FT_UInt(pixels))) != 0) return false;
+  impl_->family = family ? family : "";
+  impl_->pixels = pixels;
+  impl_->ascent = int(std::ceil(double(f->size->metrics.ascender) / 64.0));
+  impl_->face = std::move(face);
+  return true;
+}
+
+bool QFontGlyphSource::IsOpen() const { return impl_->face != nullptr; }
+
+int QFontGlyphSource::GetAscent() const { return impl_->ascent; }
+
+bool QFontGlyphSource::Render(uint32_t code, QFontCoverage* out) {
+  FT_Face face = impl_->face.get();
+  if (!face || !out) return false;
+  if (FT_Get_Char_Index(face, code) == 0) {
+    std::string file;
+    int index = 0;
+    if (!MatchFileFor(impl_->family, code, &file, &index)) return false;
+    face = impl_->PickedFace(file, index);
+    if (!face || FT_Get_Char_Index(face, code) == 0) return false;
+  }
+  return FT_Load_Char(face, code, kGrayLoad) == 0 && TakeCoverage(face, out);
+}

@@ -14,6 +14,8 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <vector>
 
 // Text metrics of a face at its size, in whole pixels.
 struct QFontMetrics {
@@ -86,3 +88,41 @@ QFontFace* QFUC_GetSharedFace();
 QFontMetrics QFUC_GetSharedMetrics();
 // Drops the shared face (process end, tests).
 void QFUC_ReleaseShared();
+
+// ---- Glyphs one at a time, as coverage for a texture font ----
+
+// One rendered glyph: 8-bit coverage, `width` x `rows`, top row first; `left` and `top` place it
+// against the pen and the baseline (top is the rows above the baseline).
+struct QFontCoverage {
+  std::vector<uint8_t> alpha;
+  int width = 0, rows = 0, left = 0, top = 0;
+  float advance = 0.0f;
+};
+
+// QFontGlyphSource: a face found by family name through fontconfig, and for each character it
+// lacks the face fontconfig picks for that character, all at one pixels-per-em size, rendered
+// anti-aliased by FreeType on demand. At most eight picked faces stay open; a ninth closes them
+// all first. Owns its faces; main thread only.
+class QFontGlyphSource {
+ public:
+  QFontGlyphSource();
+  ~QFontGlyphSource();
+  QFontGlyphSource(const QFontGlyphSource&) = delete;
+  QFontGlyphSource& operator=(const QFontGlyphSource&) = delete;
+
+  // Opens `family` at the largest size whose line (ascent and descent, each rounded up) is at
+  // most `lineHeight` pixels. False, with FreeType's error number in *error (the caller reports
+  // it), when fontconfig finds no file or FreeType cannot open it; the source then stays closed.
+  bool Open(const char* family, int lineHeight, int* error);
+  bool IsOpen() const;
+  // Rows of the named face above the baseline (rounded up); 0 when closed.
+  int GetAscent() const;
+  // `code` from the named face, else from the face fontconfig picks for it; false when no
+  // installed face maps it (fontconfig's character set and FreeType's map both asked) or the
+  // glyph has no 8-bit rendering (a colour-only face).
+  bool Render(uint32_t code, QFontCoverage* out);
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};

@@ -108,6 +108,8 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # adduser for the maintainer scripts; the rest comes from the program's shared libraries.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "adduser")
+# The face the information line draws characters beyond its sheet from (boxes without it).
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "fonts-dejavu-core")
 set(CPACK_STRIP_FILES ON)
 # Installed with DESTDIR, so that the rules above place the absolute paths inside the package.
 set(CPACK_SET_DESTDIR ON)

@@ -1,9 +1,11 @@
-// The overlay font on a real window: ink where the measured width says, upright in the 2D mode.
+// The overlay font on a real window: ink where the measured width says, upright in the 2D mode;
+// other scripts from the atlas, boxes for what no font has.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "d3/dtexfont.h"
 #include "framework/qcanvas.h"
@@ -87,6 +89,68 @@ TEST_F(DTexFontGui, InkSpansTheMeasuredWidthUpright) {
   int x = 0;
   while (!Ink(x, top)) ++x;
   EXPECT_LT(testgl::G(testgl::Pixel(x, top)), 40);
+}
+
+
+// The ink of `text` drawn alone at (10, 10), as rows of a 40 x 24 cell; empty when none.
+std::string InkPattern(QCanvas* canvas, const char* text, int len = -1) {
+  canvas->Clear();
+  canvas->Text(10, 10, text, len);
+  std::string cell;
+  bool any = false;
+  for (int y = 6; y < 30; ++y)
+    for (int x = 6; x < 46; ++x) {
+      cell += Ink(x, y) ? '#' : '.';
+      any = any || Ink(x, y);
+    }
+  return any ? cell : std::string();
+}
+
+TEST_F(DTexFontGui, OtherScriptsDrawTheirOwnGlyphsAndWhatNoFontHasOrBadBytesDrawBoxes) {
+  // Жизнь and Λόγος, a letter each.
+  const char* cyrillic[] = {"\xD0\x96", "\xD0\xB8", "\xD0\xB7", "\xD0\xBD", "\xD1\x8C"};
+  const char* greek[] = {"\xCE\x9B", "\xCF\x8C", "\xCE\xB3", "\xCE\xBF", "\xCF\x82"};
+  const char* unknown = "\xF4\x8F\xBF\xBD";  // U+10FFFD: private use, in no font
+  const std::string box = InkPattern(canvas_.get(), unknown);
+  ASSERT_FALSE(box.empty()) << "the box draws";
+  // An outline: the middle of its ink is empty, its top and bottom rows are solid.
+  int top = 24, bottom = -1, left = 40, right = -1;
+  for (int i = 0; i < int(box.size()); ++i)
+    if (box[size_t(i)] == '#') {
+      top = std::min(top, i / 40), bottom = std::max(bottom, i / 40);
+      left = std::min(left, i % 40), right = std::max(right, i % 40);
+    }
+  EXPECT_GE(bottom - top, 6);
+  EXPECT_GE(right - left, 4);
+  EXPECT_EQ(box[size_t((top + bottom) / 2 * 40 + (left + right) / 2)], '.');
+  for (int x = left; x <= right; ++x)
+    EXPECT_EQ(box[size_t(top * 40 + x)], '#') << x;
+  EXPECT_NE(box, InkPattern(canvas_.get(), "?"));
+
+  std::vector<std::string> seen = {box};
+  for (const char* const* word : {cyrillic, greek}) {
+    std::string text;
+    for (int i = 0; i < 5; ++i) {
+      const std::string ink = InkPattern(canvas_.get(), word[i]);
+      EXPECT_FALSE(ink.empty()) << word[i];
+      EXPECT_EQ(std::count(seen.begin(), seen.end(), ink), 0) << word[i] << " like another";
+      seen.push_back(ink);
+      text += word[i];
+    }
+    const float width = font_->GetWidth(text.c_str());
+    EXPECT_GT(width, 30.0f) << text;
+    canvas_->Clear();
+    EXPECT_EQ(canvas_->Text(10, 10, text.c_str()), int(10.0f + width)) << text;
+  }
+
+  // A stray byte, a sequence cut short by the length and an overlong form: one box a byte.
+  const float boxWidth = font_->GetWidth(unknown);
+  const std::vector<char> cut = {'A', '\xE2', '\x82'};
+  EXPECT_FLOAT_EQ(font_->GetWidth(cut.data(), 3), font_->GetWidth("A") + 2 * boxWidth);
+  EXPECT_FLOAT_EQ(font_->GetWidth("\xFF\xC0\xAF"), 3 * boxWidth);
+  EXPECT_EQ(InkPattern(canvas_.get(), "\xFF"), box);
+  canvas_->Clear();
+  EXPECT_EQ(canvas_->Text(10, 10, cut.data(), 3), int(10.0f + font_->GetWidth(cut.data(), 3)));
 }
 
 }  // namespace

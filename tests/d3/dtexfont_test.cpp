@@ -124,7 +124,7 @@ TEST_F(DTexFontTest, MeasuringByTheThreePaths) {
   EXPECT_FLOAT_EQ(font_.GetHeight(), 18.0f);  // first entry's height, not the others' 10
   EXPECT_FLOAT_EQ(font_.GetCharWidth('A'), 2.0f * 5.0f + 1.0f);
   EXPECT_FLOAT_EQ(font_.GetCharWidth(char(200)), 0.0f);  // a negative signed byte
-  EXPECT_FLOAT_EQ(font_.GetStringWidth("\xc8"), 11.0f);  // the same byte read unsigned
+  EXPECT_FLOAT_EQ(font_.GetStringWidth("\xc3\x88"), 11.0f);  // the same code as UTF-8
   EXPECT_FLOAT_EQ(font_.GetStringWidth("AAAA", 2), 22.0f);
   const uint16_t wide[] = {65, 150, 300, 0};  // 150 maps through the gap, 300 is above max
   EXPECT_FLOAT_EQ(font_.GetStringWidth(wide), 22.0f);

@@ -1,7 +1,11 @@
 // glimra from outside: stepping, "load" commands, the hand-off of a second start, an over-long
 // command, turned pictures, the effect keys written back to glimra.ini, and Escape.
+#include <algorithm>
+#include <cmath>
 #include <filesystem>
+#include <sstream>
 #include <utility>
+#include <vector>
 
 #include "support/e2e.h"
 
@@ -15,6 +19,47 @@ bool Ink(const Screen& s, int x0, int y0, int x1, int y1) {
     for (int x = x0; x < x1; ++x)
       if (Is(s.At(x, y), 0xFFFFFF, 30)) return true;
   return false;
+}
+
+// Per column of x0 .. x0 + w - 1, how much brighter than `ground` rows y0 .. y0 + 17 are.
+std::vector<double> InkColumns(const Screen& s, int x0, int y0, int w, int ground) {
+  std::vector<double> ink(size_t(std::max(w, 0)), 0.0);
+  for (int x = 0; x < w; ++x)
+    for (int y = y0; y < y0 + 18; ++y) ink[size_t(x)] += std::max(0, G(s.At(x0 + x, y)) - ground);
+  return ink;
+}
+
+// `text` as ImageMagick renders it from DejaVu Sans at 14 pixels, white ink per column; empty
+// when it cannot.
+std::vector<double> ReferenceInk(const std::string& text) {
+  std::istringstream in(Capture("convert -background black -fill white -font DejaVu-Sans "
+                                "-pointsize 14 label:'" + text + "' -depth 8 pgm:-"));
+  std::string magic;
+  int w = 0, h = 0, max = 0;
+  if (!(in >> magic >> w >> h >> max) || magic != "P5" || max != 255 || w <= 0) return {};
+  in.get();
+  std::string px(size_t(w) * size_t(h), '\0');
+  if (!in.read(&px[0], std::streamsize(px.size()))) return {};
+  std::vector<double> ink(size_t(w), 0.0);
+  for (size_t i = 0; i < px.size(); ++i) ink[i % size_t(w)] += static_cast<unsigned char>(px[i]);
+  return ink;
+}
+
+// The best correlation of `ref` with `screen` (taken from 4 columns earlier) over shifts of up
+// to 4 columns either way.
+double Match(const std::vector<double>& screen, const std::vector<double>& ref) {
+  double best = -1.0;
+  for (int shift = 0; shift <= 8; ++shift) {
+    double sa = 0, sb = 0, saa = 0, sbb = 0, sab = 0;
+    const double n = double(ref.size());
+    for (size_t i = 0; i < ref.size(); ++i) {
+      const double a = ref[i], b = i + size_t(shift) < screen.size() ? screen[i + shift] : 0.0;
+      sa += a, sb += b, saa += a * a, sbb += b * b, sab += a * b;
+    }
+    const double den = std::sqrt((saa - sa * sa / n) * (sbb - sb * sb / n));
+    if (den > 0) best = std::max(best, (sab - sa * sb / n) / den);
+  }
+  return best;
 }
 
 // A file or key and the colour it shows.
@@ -182,6 +227,27 @@ TEST_F(SlideshowE2E, RealFolderNamesLoadAsWrittenEffectKeysShowAndTurnedPictures
     EXPECT_TRUE(Sees(step.shows)) << step.key;
     EXPECT_EQ(p.Key(step.setting), step.value) << step.key;
   }
+
+  // Cyrillic and Greek names in the information line: the glyphs ImageMagick draws from the
+  // same face at the same size, not each other's and not boxes.
+  const std::string names[] = {"\xD0\x96\xD0\xB8\xD0\xB7\xD0\xBD\xD1\x8C",   // Жизнь
+                               "\xCE\x9B\xCF\x8C\xCE\xB3\xCE\xBF\xCF\x82"};  // Λόγος
+  std::vector<double> shown[2], ref[2];
+  for (int i = 0; i < 2; ++i) {
+    ref[i] = ReferenceInk(names[i]);
+    ASSERT_GT(ref[i].size(), 20u) << "ImageMagick's rendering of " << names[i];
+    // Green 0x20 on both, told apart by red and blue.
+    const uint32_t ground = i ? 0x302030 : 0x202020;
+    ASSERT_TRUE(Uniform(p.Path(names[i] + ".tga"), ground));
+    ASSERT_TRUE(p.Send("load " + names[i] + ".tga") &&
+                Sees([&](const Screen& s) { return Is(s.At(400, 300), ground, 4); }));
+    shown[i] = InkColumns(screen_, 6, 30, int(ref[i].size()) + 8, 0x20);
+  }
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_GT(Match(shown[i], ref[i]), 0.9) << names[i];
+    EXPECT_LT(Match(shown[i], ref[1 - i]), Match(shown[i], ref[i]) - 0.2) << names[i];
+  }
+  EXPECT_EQ(p.Log().find("show as boxes"), std::string::npos);
 
   // A half turn (orientation 3) fills the window.
   ASSERT_TRUE(p.Send("load o3.jpg"));
