@@ -275,6 +275,10 @@ class RaceManager {
   struct Slide {
     std::unique_ptr<DBitMapTexture, TextureRelease> texture;  // shared by reference count
     std::unique_ptr<DMesh> mesh;  // null without a window
+    // "effects.background=blur": the small blurred copy, and the strips left and right of the
+    // quad that show it (null where the quad leaves nothing free).
+    std::unique_ptr<DBitMapTexture, TextureRelease> back;
+    std::unique_ptr<DMesh> sides[2];
     LoadedPicture shape;
     explicit operator bool() const { return texture != nullptr; }
     // Lets go of both, the quad first: it draws the texture.
@@ -284,6 +288,11 @@ class RaceManager {
   // The quad for `picture`'s shape with its texture on it, filling the window's height as it is
   // now (which it records); null without a window or texture.
   std::unique_ptr<DMesh> MakeQuad(const Slide& picture);
+  // The strips of `picture`'s background beside its quad, for the window as it is now: the
+  // picture scaled to cover the window, turned as the quad is. None without a background.
+  void MakeSides(Slide* picture);
+  // Draws `picture`'s background strips darkened by "effects.blur_dim", at `weight` of a fade.
+  void PaintSides(const Slide& picture, float weight, bool add) const;
   // Writes a changed key to the configuration file at once, without asking.
   void SaveIni();
   // The catalogue's options from the configuration and the library's folder, and the index opened.
@@ -357,6 +366,9 @@ class RaceManager {
   // under the new one.
   int fadeMs = 0;
   Slide fadeSlide;
+  // "effects.background=blur" and what its colours are multiplied by (1 - "effects.blur_dim").
+  bool blurBackground = false;
+  float backgroundWeight = 1.0f;
   std::chrono::steady_clock::time_point fadeStart;
   bool fadeStarted = false;  // its first frame is out: `fadeStart` holds
   std::chrono::steady_clock::time_point frameAt;  // when the last frame was begun
