@@ -188,7 +188,7 @@ void RaceManager::Setup(const char* arg) {
     QWARN("RaceManager::Setup", "effects.background '%s' is neither black nor blur; black used",
           background.cstr());
   const double dim = ini->GetFloat("effects.blur_dim", 0.6);
-  const double heldDim = dim > 0.0 ? std::min(dim, 1.0) : 0.0;  // NaN too
+  const double heldDim = dim > 0.0 ? std::min(dim, 1.0) : 0.0;  // a NaN as 0
   if (heldDim != dim)
     QWARN("RaceManager::Setup", "effects.blur_dim '%g' is outside 0..1; %g used", dim, heldDim);
   backgroundWeight = float(1.0 - heldDim);

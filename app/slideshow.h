@@ -8,9 +8,10 @@
 // (for an animation, at the end of the loop the interval ends in), then runs the idle cycle, which
 // paints and presents a frame only when something changed.
 //
-// What stays true: the shown picture is one Slide (texture, quad and the shape they were made
-// from), replaced whole by each successful load (the one a fade leaves stays until it ends); a
-// failed load leaves the picture, `curFile` and the catalogue's position as they were. The
+// What stays true: the shown picture is one Slide (texture, quad, the blurred background's
+// texture and strips, and the shape they were made from), replaced whole by each successful load
+// (the one a fade leaves stays until it ends); a failed load leaves the picture, `curFile` and
+// the catalogue's position as they were. The
 // catalogue (app/catalogue.h) holds the names, each exactly as the listing (or the load) gave
 // it, since pictures are opened by that name, their order and the position in it. The
 // configuration is owned and stays open for the whole run, so the keys B, C and I can write
@@ -281,7 +282,7 @@ class RaceManager {
     std::unique_ptr<DMesh> sides[2];
     LoadedPicture shape;
     explicit operator bool() const { return texture != nullptr; }
-    // Lets go of both, the quad first: it draws the texture.
+    // Lets go of all of it, the quads first: they draw the textures.
     void Clear();
   };
 
