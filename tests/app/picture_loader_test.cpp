@@ -71,7 +71,7 @@ TEST(LoadPicture, DecodesToTheQuadsSizeTurnedAsAskedAndWithinTheTextureLimit) {
 }
 
 // Only where the sides are free: a 16th of the covered window, stored directions, the picture's
-// mean colour without its stripes, grey with it; handed over by the prefetcher.
+// mean colour without its stripes, grey with it.
 TEST(LoadPicture, BlursACoverOfAPictureThatLeavesTheSidesFree) {
   const TempDir tmp;
   const auto stripes = [](int x, int) { return (x / 8) % 2 ? 0xFF0000u : 0x0000FFu; };
@@ -113,13 +113,6 @@ TEST(LoadPicture, BlursACoverOfAPictureThatLeavesTheSidesFree) {
     EXPECT_NEAR(sum[0] / n, sum[2] / n, 12) << what;
     EXPECT_LT(step / n, 4.0) << what << ": the stripes show";
   }
-  LoadedPicture p;
-  LoadPicture(tall, Window(1920, 1080), false, &p);
-  EXPECT_FALSE(p.background) << "not asked for";
-  Prefetcher pre;
-  pre.Want({tall}, fit, false);
-  ASSERT_TRUE(Decoded(&pre, tall) && pre.Take(tall, fit, false, &p));
-  EXPECT_TRUE(p.background);
 }
 
 // Shrunk while it covers the new quad; not when it does not, is unwanted, grey or changed on disk.
