@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdio>
 #include <memory>
+#include <vector>
 
 #include "framework/image/qexif.h"
 #include "framework/qfile.h"
@@ -134,6 +135,84 @@ void NeedUnder(const LoadedPicture& picture, const ScreenFit& fit, int* needW, i
   *limit = std::min(QImage::MAX_SIZE, fit.maxTexture > 0 ? fit.maxTexture : QImage::MAX_SIZE);
 }
 
+// The background is made at a 16th of the covered window each way: the GPU's bilinear
+// magnification of so few texels is a blur of its own, and the passes cost nothing at that size.
+constexpr int kBackgroundShrink = 16;
+// Three box passes come close to a Gaussian; radius 3 gives a sigma of about 3.5 texels, some 55
+// window pixels: nothing of the picture's detail is left to compete with it.
+constexpr int kBlurPasses = 3, kBlurRadius = 3;
+
+// One box-blur pass over `n` values `stride` apart, the edge values held beyond the ends.
+void BoxBlurLine(int* v, int n, int stride, std::vector<int>* line) {
+  line->resize(size_t(n));
+  for (int i = 0; i < n; ++i) (*line)[size_t(i)] = v[size_t(i) * size_t(stride)];
+  const auto at = [&](int i) { return (*line)[size_t(std::min(std::max(i, 0), n - 1))]; };
+  constexpr int width = 2 * kBlurRadius + 1;
+  int sum = 0;
+  for (int i = -kBlurRadius; i <= kBlurRadius; ++i) sum += at(i);
+  for (int i = 0; i < n; ++i) {
+    v[size_t(i) * size_t(stride)] = (sum + width / 2) / width;
+    sum += at(i + kBlurRadius + 1) - at(i - kBlurRadius);
+  }
+}
+
+// The picture as it would cover the window, small and blurred, from its reduced `pixels`; null
+// when its quad leaves nothing of the window free (or has no size).
+std::unique_ptr<QBitMap> MakeBackground(const QBitMap& pixels, const LoadedPicture& p) {
+  int qw = 0, qh = 0;
+  p.QuadSize(&qw, &qh);
+  const int pw = pixels.GetWidth(), ph = pixels.GetHeight();
+  if (qw <= 0 || qh <= 0 || qw >= p.fit.windowWidth || pw <= 0 || ph <= 0 ||
+      int64_t(pixels.GetSize()) < int64_t(pw) * ph * 4)
+    return nullptr;
+  const double cover = std::max(double(p.fit.windowWidth) / qw, double(p.fit.windowHeight) / qh);
+  const int uw = std::max(1, int(qw * cover / kBackgroundShrink + 0.5));
+  const int uh = std::max(1, int(qh * cover / kBackgroundShrink + 0.5));
+  // Never more texels than the pixels have (a small picture): the box cannot enlarge.
+  const int sw = std::min(pw, p.Turned() ? uh : uw), sh = std::min(ph, p.Turned() ? uw : uh);
+
+  // Box reduction: each small texel the mean of the pixels its box holds, rows in memory order.
+  std::vector<int> small(size_t(sw) * sh * 3);
+  std::vector<int> column(static_cast<size_t>(pw)), perColumn(static_cast<size_t>(sw), 0);
+  for (int x = 0; x < pw; ++x) {
+    column[size_t(x)] = int(int64_t(x) * sw / pw);
+    ++perColumn[size_t(column[size_t(x)])];
+  }
+  std::vector<uint32_t> sum(size_t(sw) * 3);
+  const uint8_t* rows = pixels.GetBuffer();
+  for (int dy = 0; dy < sh; ++dy) {
+    const int y0 = int(int64_t(dy) * ph / sh), y1 = int(int64_t(dy + 1) * ph / sh);
+    std::fill(sum.begin(), sum.end(), 0u);
+    for (int y = y0; y < y1; ++y) {
+      const uint8_t* px = rows + size_t(y) * size_t(pw) * 4;
+      for (int x = 0; x < pw; ++x, px += 4) {
+        uint32_t* s = &sum[size_t(column[size_t(x)]) * 3];
+        s[0] += px[0], s[1] += px[1], s[2] += px[2];
+      }
+    }
+    for (int dx = 0; dx < sw; ++dx) {
+      const uint32_t n = uint32_t(perColumn[size_t(dx)]) * uint32_t(y1 - y0);
+      for (int c = 0; c < 3; ++c)
+        small[(size_t(dy) * sw + dx) * 3 + c] = int((sum[size_t(dx) * 3 + c] + n / 2) / n);
+    }
+  }
+  std::vector<int> line;
+  for (int pass = 0; pass < kBlurPasses; ++pass)
+    for (int c = 0; c < 3; ++c) {
+      for (int y = 0; y < sh; ++y) BoxBlurLine(&small[size_t(y) * sw * 3 + c], sw, 3, &line);
+      for (int x = 0; x < sw; ++x) BoxBlurLine(&small[size_t(x) * 3 + c], sh, sw * 3, &line);
+    }
+
+  std::unique_ptr<QBitMap> out(new QBitMap());
+  if (!out->Alloc(32, sw, sh)) return nullptr;
+  uint8_t* o = out->GetBuffer();
+  for (size_t i = 0; i < size_t(sw) * sh; ++i, o += 4) {
+    for (int c = 0; c < 3; ++c) o[c] = uint8_t(small[i * 3 + size_t(c)]);
+    o[3] = 255;
+  }
+  return out;
+}
+
 }  // namespace
 
 bool Covers(const LoadedPicture& picture, int pixW, int pixH, const ScreenFit& fit) {
@@ -156,6 +235,11 @@ bool Refit(LoadedPicture* picture, const ScreenFit& fit) {
   if ((tw < pixels->GetWidth() || th < pixels->GetHeight()) && !pixels->AreaReduce(tw, th))
     return false;
   picture->fit = fit;
+  // One made for the old window still fills the new one's sides, a little more or less blurred.
+  if (!fit.background)
+    picture->background.reset();
+  else if (!picture->background)
+    picture->background = MakeBackground(*pixels, *picture);
   return true;
 }
 
@@ -254,6 +338,11 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
   phase = Clock::now();
   if (grey) image->MakeGray();
   out->greyMs = MsSince(phase);
+
+  // From the finished pixels, so that it has their colours and grey.
+  phase = Clock::now();
+  if (fit.background) out->background = MakeBackground(*image, *out);
+  out->backgroundMs = MsSince(phase);
 
   out->pixels = std::move(image);
   out->ok = true;

@@ -17,6 +17,12 @@
 // and nothing is wrong with the picture. PNG and JPEG rows are reduced as they are decoded, so
 // a picture's memory is what QImage::MAX_DECODE_BYTES allows, the file included.
 //
+// A fit that asks for a background gives a picture that leaves part of the window free a small,
+// strongly blurred copy of itself as it would cover the whole window (a 16th of that size each
+// way, in stored directions like the pixels), made from the reduced pixels after the colour and
+// grey steps, so that it costs no decode of its own and is grey with the picture. A picture
+// whose quad covers the window gets none.
+//
 // An animated GIF or WebP comes with its animation, which holds the file's bytes and one canvas:
 // `pixels` is its first frame at the quad's size, and the later ones are asked of it at the same
 // size.
@@ -35,6 +41,7 @@ struct ScreenFit {
   int windowHeight = 0;
   double desktopAspect = 0;  // width / height of the desktop; 0: the window's own
   int maxTexture = 0;        // largest texture side; 0: no limit
+  bool background = false;   // a blurred copy fills the sides the picture leaves free
 };
 
 // The file a picture came from, to tell whether it has changed since.
@@ -55,10 +62,12 @@ struct LoadedPicture {
   bool grey = false;                // made black and white
   ScreenFit fit;                    // what it was made for
   FileStamp stamp;
+  std::unique_ptr<QBitMap> background;    // small, blurred, unturned; null: black sides
   std::unique_ptr<QAnimation> animation;  // null for a still picture
   int frameDelayMs = 0;                   // how long the first frame of an animation shows
-  // Milliseconds in each phase: reading, decoding, reducing, colour, grey, EXIF.
+  // Milliseconds in each phase: reading, decoding, reducing, colour, grey, EXIF, background.
   double readMs = 0, decodeMs = 0, reduceMs = 0, colourMs = 0, greyMs = 0, exifMs = 0;
+  double backgroundMs = 0;
 
   bool Turned() const { return orientation == 6 || orientation == 8; }
   // The quad's size on screen for this picture under `fit`, in whole pixels.
@@ -72,8 +81,9 @@ FileStamp StampOf(const char* path);
 // under `fit`: at least the quad's size, or all the picture has when that is less.
 bool Covers(const LoadedPicture& picture, int pixW, int pixH, const ScreenFit& fit);
 // Makes a loaded picture made for another screen `fit`'s own: shrunk to its new quad with the
-// area filter when larger. False, leaving it as it was, when its pixels no longer cover the
-// quad (it must be decoded again) or the reduction fails.
+// area filter when larger, its background made or dropped as the fit asks. False, leaving it as
+// it was, when its pixels no longer cover the quad (it must be decoded again) or the reduction
+// fails.
 bool Refit(LoadedPicture* picture, const ScreenFit& fit);
 
 // Loads `path` for `fit`, grey when asked. Never throws; `out->ok` tells. With `file`, the bytes

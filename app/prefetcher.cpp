@@ -7,7 +7,8 @@ namespace {
 
 bool SameFit(const ScreenFit& a, const ScreenFit& b) {
   return a.windowWidth == b.windowWidth && a.windowHeight == b.windowHeight &&
-         a.desktopAspect == b.desktopAspect && a.maxTexture == b.maxTexture;
+         a.desktopAspect == b.desktopAspect && a.maxTexture == b.maxTexture &&
+         a.background == b.background;
 }
 
 }  // namespace

@@ -113,6 +113,8 @@ void RaceManager::TextureRelease::operator()(DBitMapTexture* t) const {
 }
 
 void RaceManager::Slide::Clear() {
+  for (auto& side : sides) side.reset();
+  back.reset();
   mesh.reset();
   texture.reset();
   shape = LoadedPicture();
@@ -179,6 +181,17 @@ void RaceManager::Setup(const char* arg) {
   advanceMs = advance >= 0.05 && advance <= 1e6 ? int(advance * 1000.0 + 0.5) : 0;
   const int fade = ini->GetInt("effects.fade_ms", 0);
   fadeMs = fade > 0 ? std::min(fade, 60000) : 0;
+  qstring background;
+  ini->GetString("effects.background", &background, "black");
+  blurBackground = background == "blur";
+  if (!blurBackground && background != "black")
+    QWARN("RaceManager::Setup", "effects.background '%s' is neither black nor blur; black used",
+          background.cstr());
+  const double dim = ini->GetFloat("effects.blur_dim", 0.6);
+  const double heldDim = dim > 0.0 ? std::min(dim, 1.0) : 0.0;  // a NaN as 0
+  if (heldDim != dim)
+    QWARN("RaceManager::Setup", "effects.blur_dim '%g' is outside 0..1; %g used", dim, heldDim);
+  backgroundWeight = float(1.0 - heldDim);
   // Before the first picture: outside the hours nothing is decoded, the first one included.
   qstring hours;
   ini->GetString("display.schedule", &hours, "");
@@ -415,6 +428,7 @@ void RaceManager::StartFirstPicture(const char* arg, QApp* app, int width, int h
   const QRect desk = app ? app->GetDesktopRect() : QRect{0, 0, width, height};
   if (desk.wid > 0 && desk.hgt > 0) fit.desktopAspect = double(desk.wid) / desk.hgt;
   fit.maxTexture = QImage::MAX_SIZE;
+  fit.background = blurBackground;
   prefetcher->WantFile(path, file, fit, ini->GetBool("effects.black_and_white", false));
 }
 

@@ -8,9 +8,10 @@
 // (for an animation, at the end of the loop the interval ends in), then runs the idle cycle, which
 // paints and presents a frame only when something changed.
 //
-// What stays true: the shown picture is one Slide (texture, quad and the shape they were made
-// from), replaced whole by each successful load (the one a fade leaves stays until it ends); a
-// failed load leaves the picture, `curFile` and the catalogue's position as they were. The
+// What stays true: the shown picture is one Slide (texture, quad, the blurred background's
+// texture and strips, and the shape they were made from), replaced whole by each successful load
+// (the one a fade leaves stays until it ends); a failed load leaves the picture, `curFile` and
+// the catalogue's position as they were. The
 // catalogue (app/catalogue.h) holds the names, each exactly as the listing (or the load) gave
 // it, since pictures are opened by that name, their order and the position in it. The
 // configuration is owned and stays open for the whole run, so the keys B, C and I can write
@@ -275,15 +276,24 @@ class RaceManager {
   struct Slide {
     std::unique_ptr<DBitMapTexture, TextureRelease> texture;  // shared by reference count
     std::unique_ptr<DMesh> mesh;  // null without a window
+    // "effects.background=blur": the small blurred copy, and the strips left and right of the
+    // quad that show it (null where the quad leaves nothing free).
+    std::unique_ptr<DBitMapTexture, TextureRelease> back;
+    std::unique_ptr<DMesh> sides[2];
     LoadedPicture shape;
     explicit operator bool() const { return texture != nullptr; }
-    // Lets go of both, the quad first: it draws the texture.
+    // Lets go of all of it, the quads first: they draw the textures.
     void Clear();
   };
 
   // The quad for `picture`'s shape with its texture on it, filling the window's height as it is
   // now (which it records); null without a window or texture.
   std::unique_ptr<DMesh> MakeQuad(const Slide& picture);
+  // The strips of `picture`'s background beside its quad, for the window as it is now: the
+  // picture scaled to cover the window, turned as the quad is. None without a background.
+  void MakeSides(Slide* picture);
+  // Draws `picture`'s background strips darkened by "effects.blur_dim", at `weight` of a fade.
+  void PaintSides(const Slide& picture, float weight, bool add) const;
   // Writes a changed key to the configuration file at once, without asking.
   void SaveIni();
   // The catalogue's options from the configuration and the library's folder, and the index opened.
@@ -357,6 +367,9 @@ class RaceManager {
   // under the new one.
   int fadeMs = 0;
   Slide fadeSlide;
+  // "effects.background=blur" and what its colours are multiplied by (1 - "effects.blur_dim").
+  bool blurBackground = false;
+  float backgroundWeight = 1.0f;
   std::chrono::steady_clock::time_point fadeStart;
   bool fadeStarted = false;  // its first frame is out: `fadeStart` holds
   std::chrono::steady_clock::time_point frameAt;  // when the last frame was begun

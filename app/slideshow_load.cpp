@@ -62,6 +62,7 @@ ScreenFit RaceManager::CurrentFit() const {
   // Nothing decodes beyond the readers' limit anyway; the start predicts exactly this.
   const int glMax = DGlobal::MaxTextureSize();
   fit.maxTexture = glMax > 0 ? std::min(glMax, int(QImage::MAX_SIZE)) : 0;
+  fit.background = blurBackground;
   return fit;
 }
 
@@ -132,7 +133,15 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool shar
   slide.shape.width = picture->width, slide.shape.height = picture->height;
   slide.shape.orientation = picture->orientation;
   slide.mesh = MakeQuad(slide);
+  if (picture->background) {
+    slide.back.reset(new DBitMapTexture());
+    slide.back->SetName(path);
+    slide.back->UsePictureFiltering();
+    slide.back->FromBitMap(picture->background.get());
+    MakeSides(&slide);
+  }
   picture->pixels.reset();
+  picture->background.reset();
   // A new picture, or a sharper decode of the shown one, starts again from its first frame.
   animation = std::move(picture->animation);
   animFrame.reset();
@@ -181,11 +190,43 @@ std::unique_ptr<DMesh> RaceManager::MakeQuad(const Slide& picture) {
   return quad;
 }
 
+void RaceManager::MakeSides(Slide* picture) {
+  for (auto& side : picture->sides) side.reset();
+  const DMeshVertex* corner = picture->mesh ? picture->mesh->GetVertex(2) : nullptr;
+  if (!window || !picture->back || !corner) return;
+  // The strips share the quad's edges exactly, so that a fade adds each pixel once.
+  const float qx = corner->x, qy = corner->y;
+  const float w = float(window->GetWidth()), h = float(window->GetHeight());
+  if (2.0f * qx >= w) return;
+  // The picture as it would cover the window, centred like the quad, in its pixels.
+  const float cover = std::max(w / (2.0f * qx), h / (2.0f * qy));
+  const float cw = 2.0f * qx * cover, ch = 2.0f * qy * cover;
+  const float t0 = 0.5f - h / (2.0f * ch), t1 = 0.5f + h / (2.0f * ch);
+  const float edges[2][2] = {{-w / 2.0f, -qx}, {qx, w / 2.0f}};
+  for (int i = 0; i < 2; ++i) {
+    std::unique_ptr<DMesh> side(new DMesh(picture->shape.path.c_str()));
+    const float x0 = edges[i][0], x1 = edges[i][1];
+    if (!side->DefineRect(x0, -h / 2.0f, x1, h / 2.0f, 0.5f + x0 / cw, t0, 0.5f + x1 / cw, t1,
+                          TurnAngle(picture->shape.orientation)))
+      continue;
+    DBitMapTexture* back = picture->back.get();
+    side->SetPolygonTexture(0, back, QRect{0, 0, back->GetWidth(), back->GetHeight()});
+    picture->sides[i] = std::move(side);
+  }
+}
+
+void RaceManager::PaintSides(const Slide& picture, float weight, bool add) const {
+  for (const auto& side : picture.sides)
+    if (side) side->Paint(weight * backgroundWeight, add);
+}
+
 void RaceManager::FollowWindowSize() {
   if (!window || (window->GetWidth() == quadWindowWidth && window->GetHeight() == quadWindowHeight))
     return;
   if (slide.mesh) slide.mesh = MakeQuad(slide);
   if (fadeSlide.mesh) fadeSlide.mesh = MakeQuad(fadeSlide);
+  MakeSides(&slide);
+  MakeSides(&fadeSlide);
   quadWindowWidth = window->GetWidth();
   quadWindowHeight = window->GetHeight();
   QDBG("RaceManager::FollowWindowSize", "Window now %dx%d\n", quadWindowWidth, quadWindowHeight);
@@ -231,10 +272,13 @@ void RaceManager::Paint() {
       if (w >= 1.0) EndFade();
     }
     if (w < 1.0) {
+      PaintSides(fadeSlide, float(1.0 - w), false);
       fadeSlide.mesh->Paint(float(1.0 - w));
+      PaintSides(slide, float(w), true);
       slide.mesh->Paint(float(w), true);
       dirty = true;  // the next frame of the fade
     } else {
+      PaintSides(slide, 1.0f, false);
       slide.mesh->Paint();
     }
   }

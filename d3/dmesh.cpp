@@ -14,11 +14,21 @@ bool DMesh::DefineFlat2D(float w, float h, int turn) {
           double(w), double(h));
     return false;
   }
-  const float x = w / 2.0f, y = h / 2.0f;
-  quad_[0] = {-x, -y, 0.0f, 0.0f, 0.0f};
-  quad_[1] = {x, -y, 0.0f, 1.0f, 0.0f};
-  quad_[2] = {x, y, 0.0f, 1.0f, 1.0f};
-  quad_[3] = {-x, y, 0.0f, 0.0f, 1.0f};
+  return DefineRect(-w / 2.0f, -h / 2.0f, w / 2.0f, h / 2.0f, 0.0f, 0.0f, 1.0f, 1.0f, turn);
+}
+
+bool DMesh::DefineRect(float x0, float y0, float x1, float y1, float s0, float t0, float s1,
+                       float t1, int turn) {
+  polygons_ = 0;
+  if (!(x1 > x0) || !(y1 > y0)) {
+    QWARN("DMesh::DefineRect", "DMesh(%s): quad '%g,%g - %g,%g' is empty", GetName(), double(x0),
+          double(y0), double(x1), double(y1));
+    return false;
+  }
+  quad_[0] = {x0, y0, 0.0f, s0, t0};
+  quad_[1] = {x1, y0, 0.0f, s1, t0};
+  quad_[2] = {x1, y1, 0.0f, s1, t1};
+  quad_[3] = {x0, y1, 0.0f, s0, t1};
   // A corner at (u, v) of the turned picture shows texel (u', v') of the stored one; in memory
   // order a quarter turn clockwise puts stored (x, y) at (y, W - 1 - x).
   for (DMeshVertex& p : quad_) {

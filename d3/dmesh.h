@@ -6,7 +6,8 @@
 // coordinates (0,0), (1,0), (1,1), (0,1) (taken round for a turned picture). A polygon's
 // texture rectangle (texels, x and y from the texture's origin) chooses the part of the texture
 // those coordinates span; the whole texture is the rectangle (0, 0, texture width, texture
-// height).
+// height). DefineRect makes a quad anywhere in that plane showing a part of the turned texture:
+// the blurred background's strips beside the picture, which meet its quad edge to edge.
 //
 // Textures are borrowed: the owner keeps them alive while the mesh can be painted. Paint draws
 // with texturing on, blending off and the texels unmodulated, in whatever projection is set
@@ -36,6 +37,11 @@ class DMesh : public QObject {
   // round so that the quad shows the texture turned clockwise by that angle, as QBitMap::Rotate
   // would store it, without copying a pixel; other values show it as stored.
   bool DefineFlat2D(float w, float h, int turn = 0);
+  // Replaces the mesh by one quad from (x0, y0) to (x1, y1) showing the part (s0, t0) - (s1, t1)
+  // of the texture turned clockwise by `turn` (coordinates 0..1 of the turned texture, t up);
+  // false with a warning, the mesh empty, when x1 <= x0 or y1 <= y0.
+  bool DefineRect(float x0, float y0, float x1, float y1, float s0, float t0, float s1, float t1,
+                  int turn = 0);
   int GetPolygonCount() const { return polygons_; }
   // Vertex `i` of polygon 0; null outside.
   const DMeshVertex* GetVertex(int i) const;

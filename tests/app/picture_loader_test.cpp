@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <thread>
 #include <vector>
@@ -66,6 +67,51 @@ TEST(LoadPicture, DecodesToTheQuadsSizeTurnedAsAskedAndWithinTheTextureLimit) {
     EXPECT_EQ(std::vector<int>({p.orientation, w, h, p.pixels->GetWidth(), p.pixels->GetHeight()}),
               std::vector<int>({c.orientation, c.quadW, c.quadH, c.pixW, c.pixH}))
         << what;
+  }
+}
+
+// Only where the sides are free: a 16th of the covered window, stored directions, the picture's
+// mean colour without its stripes, grey with it.
+TEST(LoadPicture, BlursACoverOfAPictureThatLeavesTheSidesFree) {
+  const TempDir tmp;
+  const auto stripes = [](int x, int) { return (x / 8) % 2 ? 0xFF0000u : 0x0000FFu; };
+  const std::string tall = tmp.File("tall.jpg"), turned = tmp.File("turned.jpg");
+  const std::string wide = tmp.File("wide.jpg");
+  ASSERT_TRUE(e2e::WritePicture(tall, 600, 900, stripes) &&
+              e2e::WritePicture(wide, 1600, 900, stripes));
+  ASSERT_TRUE(e2e::WritePicture(turned, 900, 600, [&](int x, int y) { return stripes(y, x); }) &&
+              e2e::SetJpegOrientation(turned, 6));
+  ScreenFit fit = Window(1920, 1080);
+  fit.background = true;
+  const struct {
+    std::string file;
+    bool grey;
+    int w, h;  // 0: none made
+  } cases[] = {{tall, false, 120, 180}, {turned, false, 180, 120}, {tall, true, 120, 180},
+               {wide, false, 0, 0}};
+  for (const auto& c : cases) {
+    const std::string what = c.file + (c.grey ? " grey" : "");
+    LoadedPicture p;
+    LoadPicture(c.file, fit, c.grey, &p);
+    ASSERT_TRUE(p.ok) << what;
+    const QBitMap* b = p.background.get();
+    ASSERT_EQ(std::vector<int>({b ? b->GetWidth() : 0, b ? b->GetHeight() : 0}),
+              std::vector<int>({c.w, c.h})) << what;
+    if (!b) continue;
+    double sum[3] = {}, step = 0;
+    const uint8_t* px = b->GetBuffer();
+    for (int i = 0; i < c.w * c.h; ++i, px += 4) {
+      for (int k = 0; k < 3; ++k) sum[k] += px[k];
+      if (i % c.w) step += std::abs(px[0] - px[-4]) + std::abs(px[2] - px[-2]);
+      if (c.grey) {
+        ASSERT_TRUE(px[0] == px[1] && px[1] == px[2]) << what << " texel " << i;
+      }
+    }
+    const int n = c.w * c.h;
+    // Red and blue half and half; grey has them equal anyway.
+    EXPECT_NEAR(sum[0] / n, c.grey ? sum[1] / n : 127, 12) << what;
+    EXPECT_NEAR(sum[0] / n, sum[2] / n, 12) << what;
+    EXPECT_LT(step / n, 4.0) << what << ": the stripes show";
   }
 }
 

@@ -1,8 +1,9 @@
 // The picture pipeline from outside, on a 1920 x 1080 X server: the screen against ImageMagick's
-// resize, prefetched steps and a junk flood.
+// resize, prefetched steps with the blurred sides, and a junk flood.
 #include <chrono>
 #include <cmath>
 #include <thread>
+#include <tuple>
 #include <utility>
 
 #include "support/e2e.h"
@@ -29,6 +30,23 @@ double Difference(const Screen& s, int x0, int w, const std::string& picture, in
       sum += std::abs(R(c) - p[0]) + std::abs(G(c) - p[1]) + std::abs(B(c) - p[2]);
     }
   return sum / (3.0 * w * kH);
+}
+
+// The mean colour (0xRRGGBB, each channel rounded) of the sides a 720-wide picture leaves free,
+// and there the mean difference of horizontal neighbours per channel: the detail left.
+std::pair<uint32_t, double> Sides(const Screen& s) {
+  double sum[3] = {}, step = 0, n = 0;
+  for (int y = 20; y < kH - 20; ++y)
+    for (int x0 : {20, 1340})
+      for (int x = x0; x < x0 + 560; ++x, ++n) {
+        const uint32_t c = s.At(x, y), left = s.At(x - 1, y);
+        sum[0] += R(c), sum[1] += G(c), sum[2] += B(c);
+        step += (std::abs(R(c) - R(left)) + std::abs(G(c) - G(left)) +
+                 std::abs(B(c) - B(left))) / 3.0;
+      }
+  uint32_t mean = 0;
+  for (double v : sum) mean = mean << 8 | uint32_t(v / n + 0.5);
+  return {mean, step / n};
 }
 
 class PipelineE2E : public ScreenTest<kW, kH> {
@@ -77,7 +95,7 @@ TEST_F(PipelineE2E, WhatIsShownLooksLikeAHighQualityResizeAndJunkDoesNotHoldUpAC
   for (const auto& c : cases) {
     ASSERT_TRUE(&c == cases || p.Send(std::string("load ") + c.name));
     ASSERT_TRUE(Shown(&p, c.name)) << p.Log();
-    // Black beside the picture, picture at its edges.
+    // Black beside the picture (the default background), picture at its edges.
     EXPECT_TRUE(Sees([&](const Screen& s) {
       return s.At(c.x - 1, kH / 2) == 0 && s.At(c.x + c.w, kH / 2) == 0 &&
              s.At(c.x, kH / 2) != 0 && s.At(c.x + c.w - 1, kH / 2) != 0;
@@ -97,17 +115,23 @@ TEST_F(PipelineE2E, WhatIsShownLooksLikeAHighQualityResizeAndJunkDoesNotHoldUpAC
   EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(5));
 }
 
-TEST_F(PipelineE2E, StepsUsePrefetchedPictures) {
+TEST_F(PipelineE2E, StepsUsePrefetchedPicturesWithTheirBlurredSides) {
   Program p;
   Prepare(&p);
-  // Grain, so that each file is a few megabytes and a read of it cannot go unnoticed.
+  ASSERT_TRUE(p.SetKey("effects.background", "blur"));
+  // Grain, so that each file is a few megabytes and a read of it cannot go unnoticed; portrait,
+  // 720 x 1080 in the middle of the screen.
   const std::pair<const char*, uint32_t> files[] = {
       {"a.jpg", 0xC83232}, {"b.jpg", 0x32C832}, {"c.jpg", 0x3232C8}};
   for (const auto& [name, c] : files)
-    ASSERT_TRUE(WritePicture(p.Path(name), 3000, 2000,
+    ASSERT_TRUE(WritePicture(p.Path(name), 2000, 3000,
                              [c = c](int x, int y) { return c ^ (Photo(x, y) & 0x0F0F0F); }));
   ASSERT_GT(p.ReadFile("b.jpg").size(), 1000000u);
   ASSERT_TRUE(p.Start() && Shown(&p, "a.jpg")) << p.Log();
+  // The picture's colour at 1 - 0.6 (the default blur_dim), without its grain.
+  auto [colour, step] = Sides(screen_);
+  EXPECT_TRUE(Is(colour, 0x501414, 12)) << std::hex << colour;
+  EXPECT_LT(step, 1.0);
   // Time to decode b and c; a goes, so that the prefetch after the step has nothing to read.
   std::this_thread::sleep_for(std::chrono::seconds(3));
   ASSERT_EQ(unlink(p.Path("a.jpg").c_str()), 0);
@@ -118,6 +142,9 @@ TEST_F(PipelineE2E, StepsUsePrefetchedPictures) {
   EXPECT_NE(p.Log().find("(prefetched)"), std::string::npos) << p.Log();
   EXPECT_GE(before, 0);
   EXPECT_LT(ProcValue(p.Pid(), "io", "rchar:") - before, 100000) << "bytes read by the step";
+  std::tie(colour, step) = Sides(screen_);
+  EXPECT_TRUE(Is(colour, 0x145014, 12)) << std::hex << colour;
+  EXPECT_LT(step, 1.0);
 }
 
 }  // namespace
