@@ -46,6 +46,9 @@ class Prefetcher {
   bool Take(const std::string& path, const ScreenFit& fit, bool grey, LoadedPicture* out);
   // True when `path` is decoded and waits to be taken.
   bool Ready(const std::string& path);
+  // The own size and orientation of `path` when it is decoded and waits to be taken, so that
+  // its shape is known without a decode; false otherwise.
+  bool Shape(const std::string& path, int* width, int* height, int* orientation);
   // Drops what was made or is being made of `path` (its file changed, though perhaps not its
   // size or time); a later Want decodes it again.
   void Forget(const std::string& path);

@@ -31,6 +31,10 @@ bool DMesh::DefineFlat2D(float w, float h, int turn) {
   return true;
 }
 
+void DMesh::Shift(float dx, float dy) {
+  for (DMeshVertex& p : quad_) p.x += dx, p.y += dy;
+}
+
 const DMeshVertex* DMesh::GetVertex(int i) const {
   return polygons_ > 0 && i >= 0 && i < QUAD_VERTICES ? &quad_[i] : nullptr;
 }

@@ -36,6 +36,8 @@ class DMesh : public QObject {
   // round so that the quad shows the texture turned clockwise by that angle, as QBitMap::Rotate
   // would store it, without copying a pixel; other values show it as stored.
   bool DefineFlat2D(float w, float h, int turn = 0);
+  // Moves every vertex by (`dx`, `dy`): a quad beside another one (a portrait pair).
+  void Shift(float dx, float dy);
   int GetPolygonCount() const { return polygons_; }
   // Vertex `i` of polygon 0; null outside.
   const DMeshVertex* GetVertex(int i) const;
