@@ -104,6 +104,11 @@ void LoadedPicture::QuadSize(int* w, int* h) const {
                                             : double(fit.windowWidth) / double(fit.windowHeight);
   *w = int(f / desk * fit.windowWidth);
   *h = fit.windowHeight;
+  const int halfWidth = fit.windowWidth / 2;
+  if (fit.half && *w > halfWidth) {
+    *h = int(double(*h) * halfWidth / *w);
+    *w = halfWidth;
+  }
 }
 
 namespace {

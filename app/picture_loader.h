@@ -8,7 +8,8 @@
 //
 // The quad's size follows the picture's own width and height: it fills the window's height and
 // is w = f / (desktop width / desktop height) x window width wide, f being the picture's
-// proportions (turned for orientations 6 and 8). What is decoded never exceeds the largest
+// proportions (turned for orientations 6 and 8); one of a portrait pair is shrunk, proportions
+// kept, to half the window's width when it is wider. What is decoded never exceeds the largest
 // texture, and a picture that fits no texture is reduced until it does.
 //
 // A failed load is returned, not logged as "Can't load image": the caller says that when the
@@ -42,6 +43,7 @@ struct ScreenFit {
   double desktopAspect = 0;  // width / height of the desktop; 0: the window's own
   int maxTexture = 0;        // largest texture side; 0: no limit
   bool background = false;   // a blurred copy fills the sides the picture leaves free
+  bool half = false;         // one of a portrait pair: no wider than half the window either
 };
 
 // The file a picture came from, to tell whether it has changed since.

@@ -8,7 +8,7 @@ namespace {
 bool SameFit(const ScreenFit& a, const ScreenFit& b) {
   return a.windowWidth == b.windowWidth && a.windowHeight == b.windowHeight &&
          a.desktopAspect == b.desktopAspect && a.maxTexture == b.maxTexture &&
-         a.background == b.background;
+         a.background == b.background && a.half == b.half;
 }
 
 }  // namespace
@@ -95,6 +95,16 @@ bool Prefetcher::Ready(const std::string& path) {
   std::lock_guard<std::mutex> lock(mutex_);
   for (const auto& j : jobs_)
     if (j->path == path) return j->done;
+  return false;
+}
+
+bool Prefetcher::Shape(const std::string& path, int* width, int* height, int* orientation) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const auto& j : jobs_) {
+    if (j->path != path || !j->done || !j->result.ok) continue;
+    *width = j->result.width, *height = j->result.height, *orientation = j->result.orientation;
+    return true;
+  }
   return false;
 }
 

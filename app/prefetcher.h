@@ -1,13 +1,14 @@
 // Prefetcher: decodes the pictures the slideshow will probably show next (the catalogue's next
 // and previous ones) on a worker thread, so that a step only has to upload a finished bitmap.
 //
-// Memory stays bounded: only the pictures of the last Want are kept (two at most as the
-// controller uses it); anything else is dropped as soon as it is no longer wanted. A result is
-// handed over only for the same path and grey setting it was made for, and only while the
-// file's size and time are unchanged, so a file replaced on disk is read again. A picture made
-// for another screen fit (the window changed its size) is kept and handed over shrunk to the
-// new one while its pixels still cover it, and decoded again once they do not. A
-// picture that failed in the prefetch is handed over failed, for the caller to report then.
+// Memory stays bounded: only the pictures of the last Want are kept (two as the controller
+// uses it, four when the neighbours either way are portrait pairs); anything else is dropped
+// as soon as it is no longer wanted. A result is handed over only for the same path and grey
+// setting it was made for, and only while the file's size and time are unchanged, so a file
+// replaced on disk is read again. A picture made for another screen fit (the window changed its
+// size, or it is one of a portrait pair) is kept and handed over shrunk to the new one while
+// its pixels still cover it, and decoded again once they do not. A picture that failed in the
+// prefetch is handed over failed, for the caller to report then.
 //
 // The worker is the framework's QThread; the destructor stops it and waits for the picture it
 // is decoding, if any, which a stop request (QBitMap::RequestStop) cuts short; after a decode
@@ -46,6 +47,9 @@ class Prefetcher {
   bool Take(const std::string& path, const ScreenFit& fit, bool grey, LoadedPicture* out);
   // True when `path` is decoded and waits to be taken.
   bool Ready(const std::string& path);
+  // The own size and orientation of `path` when it is decoded and waits to be taken, so that
+  // its shape is known without a decode; false otherwise.
+  bool Shape(const std::string& path, int* width, int* height, int* orientation);
   // Drops what was made or is being made of `path` (its file changed, though perhaps not its
   // size or time); a later Want decodes it again.
   void Forget(const std::string& path);

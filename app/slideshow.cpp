@@ -10,6 +10,7 @@
 
 #include "app/command_channel.h"
 #include "app/commands.h"
+#include "app/portrait_pairs.h"
 #include "app/prefetcher.h"
 #include "app/remote_control.h"
 
@@ -113,6 +114,7 @@ void RaceManager::TextureRelease::operator()(DBitMapTexture* t) const {
 }
 
 void RaceManager::Slide::Clear() {
+  pair.reset();
   for (auto& side : sides) side.reset();
   back.reset();
   mesh.reset();
@@ -463,10 +465,22 @@ int RaceManager::CatalogueIndex(const char* path) const {
 
 void RaceManager::Step(int steps, bool show) {
   if (steps == 0 && catalogue->Count() > 0) return;
-  const int cur = catalogue->Step(steps);
+  bool pairNext = true;
+  if (PairsWanted()) {
+    pairNext = StepSlides(catalogue.get(), steps, slide.pair != nullptr, [this](int i) {
+      return Portrait(catalogue->Name(i)) == 1;
+    });
+  } else {
+    catalogue->Step(steps);
+  }
+  const int cur = catalogue->Current();
   if (cur < 0) return;
   curFile = catalogue->Name(cur);
-  if (show) LoadCurImage();
+  if (!show) return;
+  QDBG("RaceManager::Step", "Load image %d\n", cur);
+  mayPair = pairNext;
+  const std::string path(curFile.cstr());
+  LoadNewImage(path.c_str());
 }
 
 void RaceManager::SelectImage(const char* path) {

@@ -9,9 +9,10 @@
 // paints and presents a frame only when something changed.
 //
 // What stays true: the shown picture is one Slide (texture, quad, the blurred background's
-// texture and strips, and the shape they were made from), replaced whole by each successful load
-// (the one a fade leaves stays until it ends); a failed load leaves the picture, `curFile` and
-// the catalogue's position as they were. The
+// texture and strips, and the shape they were made from; with "effects.portrait_pairs" also a
+// second picture beside it), replaced whole by each successful load (the one a fade leaves stays
+// until it ends); a failed load leaves the picture, `curFile` and the catalogue's position as
+// they were. The
 // catalogue (app/catalogue.h) holds the names, each exactly as the listing (or the load) gave
 // it, since pictures are opened by that name, their order and the position in it. The
 // configuration is owned and stays open for the whole run, so the keys B, C and I can write
@@ -137,7 +138,9 @@ class RaceManager {
   // changes nothing. The picture's pixels are given to the texture and freed.
   // `prefetched` only tells the load-times line where the picture came from. `sharper` puts a
   // new decode of the shown picture in its place: no fade, and the advance goes on counting.
-  void ShowPicture(LoadedPicture* picture, bool prefetched = false, bool sharper = false);
+  // With a loaded `partner` the two are shown as a portrait pair, `picture` on the left.
+  void ShowPicture(LoadedPicture* picture, bool prefetched = false, bool sharper = false,
+                   LoadedPicture* partner = nullptr);
   // Follows the window's size when the desktop changed it (a window manager, a compositor, a
   // mode change): the quads of the shown and the fading picture are made again for it, one
   // frame is owed, and the neighbours are prefetched for it. When the shown picture's pixels no
@@ -146,7 +149,8 @@ class RaceManager {
   void FollowWindowSize();
   // The sharper decode FollowWindowSize asked for, when it is still needed.
   void Sharpen();
-  // Lets the prefetcher work on the catalogue's next and previous pictures (nothing without one).
+  // Lets the prefetcher work on the catalogue's next and previous pictures (nothing without one),
+  // both of a portrait pair.
   void PrefetchNeighbours();
   // Where pictures are shown now: the window, the desktop's proportions, the texture limit.
   ScreenFit CurrentFit() const;
@@ -270,9 +274,10 @@ class RaceManager {
   struct TextureRelease {
     void operator()(DBitMapTexture* t) const;
   };
-  // One picture on the screen: its texture and the quad showing it, replaced together, and
-  // what the quad was made from (size and orientation, no pixels), so that a new window size
-  // can make the quad again. Empty: no texture and no quad.
+  // What is shown together: one picture's texture and the quad showing it, replaced together,
+  // and what the quad was made from (size and orientation, no pixels), so that a new window size
+  // can make the quad again; for a portrait pair the right-hand picture is `pair`, so that a
+  // fade takes both. Empty: no texture and no quad.
   struct Slide {
     std::unique_ptr<DBitMapTexture, TextureRelease> texture;  // shared by reference count
     std::unique_ptr<DMesh> mesh;  // null without a window
@@ -281,19 +286,34 @@ class RaceManager {
     std::unique_ptr<DBitMapTexture, TextureRelease> back;
     std::unique_ptr<DMesh> sides[2];
     LoadedPicture shape;
+    std::unique_ptr<Slide> pair;  // null for a picture shown alone
     explicit operator bool() const { return texture != nullptr; }
-    // Lets go of all of it, the quads first: they draw the textures.
+    // Lets go of all of it (and of the pair), the quads first: they draw the textures.
     void Clear();
   };
 
   // The quad for `picture`'s shape with its texture on it, filling the window's height as it is
-  // now (which it records); null without a window or texture.
-  std::unique_ptr<DMesh> MakeQuad(const Slide& picture);
-  // The strips of `picture`'s background beside its quad, for the window as it is now: the
-  // picture scaled to cover the window, turned as the quad is. None without a background.
+  // now (which it records), or its half for `half`; null without a window or texture.
+  std::unique_ptr<DMesh> MakeQuad(const Slide& picture, bool half = false);
+  // The strips of `picture`'s background beside its quad (or its pair's two), for the window as
+  // it is now: the picture scaled to cover the window, turned as the quad is. None without a
+  // background.
   void MakeSides(Slide* picture);
   // Draws `picture`'s background strips darkened by "effects.blur_dim", at `weight` of a fade.
   void PaintSides(const Slide& picture, float weight, bool add) const;
+  // The quads of `s` for the window as it is now: one centred, or a pair side by side.
+  void PlaceQuads(Slide* s);
+  // "effects.portrait_pairs" is on and the window is wider than high.
+  bool PairsWanted() const;
+  // Whether the picture `path` is portrait: 1 or 0 from the prefetcher's decode or the file's
+  // head, -1 when neither tells.
+  int Portrait(const std::string& path);
+  // The catalogue's picture after `first` (loaded for `fit`) when both are portrait and may
+  // pair: decoded for its half into `partner`, and `first` shrunk to its own half. False
+  // (nothing changed) when they do not pair; a partner that fails to load is warned about.
+  bool LoadPartner(LoadedPicture* first, const ScreenFit& fit, bool grey, LoadedPicture* partner);
+  // The prefetched `path` for `fit`, else loaded now; true when it came from the prefetcher.
+  bool Fetch(const std::string& path, const ScreenFit& fit, bool grey, LoadedPicture* out);
   // Writes a changed key to the configuration file at once, without asking.
   void SaveIni();
   // The catalogue's options from the configuration and the library's folder, and the index opened.
@@ -328,6 +348,9 @@ class RaceManager {
   QShell* window = nullptr;
   qstring curFile;
   Slide slide;  // the shown picture
+  // The next load may show its picture paired with the next one (a step back that found no pair
+  // before shows the picture alone).
+  bool mayPair = true;
   std::unique_ptr<QFont> font;
   std::unique_ptr<Catalogue> catalogue;  // the names, their order and the position
   qstring folder;  // the scanned folder's real path, empty before a scan

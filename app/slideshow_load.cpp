@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "app/slideshow.h"
+#include "app/portrait_pairs.h"
 #include "app/prefetcher.h"
 #include "d3/dglobal.h"
 #include "d3/dmesh.h"
@@ -15,6 +16,7 @@
 #include "framework/qcanvas.h"
 #include "framework/qfont.h"
 #include "framework/image/qimage.h"
+#include "framework/image/qpicturefacts.h"
 #include "framework/qini.h"
 #include "framework/qmessage.h"
 #include "framework/qshell.h"
@@ -45,6 +47,8 @@ int TurnAngle(int orientation) {
 void RaceManager::LoadCurImage() {
   if (curFile.IsEmpty()) return;
   QDBG("RaceManager::LoadCurImage", "Load image %d\n", catalogue->Current());
+  // The shown picture again (another black and white, the display back on): paired as it was.
+  if (slide && slide.shape.path == curFile.cstr()) mayPair = slide.pair != nullptr;
   // LoadNewImage replaces curFile; it must not read from the string it overwrites.
   qstring path(curFile);
   LoadNewImage(path.cstr());
@@ -69,6 +73,8 @@ ScreenFit RaceManager::CurrentFit() const {
 void RaceManager::LoadNewImage(const char* pathArg) {
   // The path may point into the catalogue or curFile, both of which change below.
   const std::string path(pathArg ? pathArg : "");
+  const bool pairNext = mayPair;
+  mayPair = true;
   // In the dark the position moves; the picture is decoded when the display comes on.
   if (!displayOn) {
     SelectImage(path.c_str());
@@ -76,19 +82,81 @@ void RaceManager::LoadNewImage(const char* pathArg) {
   }
   const ScreenFit fit = CurrentFit();
   const bool grey = ini && ini->GetBool("effects.black_and_white", false);
-  LoadedPicture picture;
-  const bool prefetched = prefetcher && prefetcher->Take(path, fit, grey, &picture);
-  if (!prefetched) LoadPicture(path, fit, grey, &picture);
-  ShowPicture(&picture, prefetched);
+  LoadedPicture picture, partner;
+  const bool prefetched = Fetch(path, fit, grey, &picture);
+  const bool pair = pairNext && picture.ok && LoadPartner(&picture, fit, grey, &partner);
+  ShowPicture(&picture, prefetched, false, pair ? &partner : nullptr);
   // After the frame: the worker would otherwise take the processor from the paint.
   prefetchDue = true;
+}
+
+bool RaceManager::Fetch(const std::string& path, const ScreenFit& fit, bool grey,
+                        LoadedPicture* out) {
+  if (prefetcher && prefetcher->Take(path, fit, grey, out)) return true;
+  LoadPicture(path, fit, grey, out);
+  return false;
+}
+
+bool RaceManager::PairsWanted() const {
+  if (!ini || !ini->GetBool("effects.portrait_pairs", false)) return false;
+  const ScreenFit fit = CurrentFit();
+  return fit.windowWidth > fit.windowHeight;
+}
+
+int RaceManager::Portrait(const std::string& path) {
+  int w = 0, h = 0, orientation = 0;
+  if (prefetcher && prefetcher->Shape(path, &w, &h, &orientation))
+    return IsPortrait(w, h, orientation);
+  QPictureFacts facts;
+  if (QReadPictureFacts(path.c_str(), &facts) && facts.width > 0 && facts.height > 0)
+    return IsPortrait(facts.width, facts.height, facts.orientation);
+  return -1;
+}
+
+bool RaceManager::LoadPartner(LoadedPicture* first, const ScreenFit& fit, bool grey,
+                              LoadedPicture* partner) {
+  if (!PairsWanted() || !IsPortrait(first->width, first->height, first->orientation)) return false;
+  const int index = CatalogueIndex(first->path.c_str());
+  if (index < 0 || index + 1 >= catalogue->Count()) return false;
+  const std::string next(catalogue->Name(index + 1));
+  // A neighbour known to be landscape costs no decode; an unknown one is decoded to tell.
+  if (Portrait(next) == 0) return false;
+  ScreenFit half = fit;
+  half.half = true;
+  LoadedPicture loaded;
+  Fetch(next, half, grey, &loaded);
+  if (!loaded.ok) {
+    if (!loaded.stopped)
+      QWARN("RaceManager::LoadPartner", "Can't load image (%s); '%s' is shown alone", next.c_str(),
+            first->path.c_str());
+    return false;
+  }
+  if (!IsPortrait(loaded.width, loaded.height, loaded.orientation)) return false;
+  // Decoded for the whole window, the first is shrunk to its half (it always covers it).
+  Refit(first, half);
+  *partner = std::move(loaded);
+  return true;
 }
 
 void RaceManager::PrefetchNeighbours() {
   if (!prefetcher || !displayOn) return;
   std::vector<std::string> wanted;
   const int cur = catalogue->Current(), count = catalogue->Count();
-  if (cur >= 0 && count > 1) {
+  if (cur >= 0 && count > 1 && PairsWanted()) {
+    // The slides a step either way shows: both pictures of a pair.
+    const auto portrait = [this](int i) { return Portrait(catalogue->Name(i)) == 1; };
+    const auto pairsAt = [&](int i) { return i + 1 < count && portrait(i) && portrait(i + 1); };
+    const int next = (cur + (slide.pair ? 2 : 1)) % count;
+    const int prev = (cur - 1 + count) % count;
+    std::vector<int> indexes = {next};
+    if (pairsAt(next)) indexes.push_back(next + 1);
+    if (prev >= 1 && pairsAt(prev - 1)) indexes.push_back(prev - 1);
+    indexes.push_back(prev);
+    for (int i : indexes)
+      if (i != cur && (!slide.pair || i != cur + 1) &&
+          std::find(wanted.begin(), wanted.end(), catalogue->Name(i)) == wanted.end())
+        wanted.push_back(catalogue->Name(i));
+  } else if (cur >= 0 && count > 1) {
     wanted.push_back(catalogue->Name((cur + 1) % count));
     const int prev = (cur - 1 + count) % count;
     if (prev != (cur + 1) % count) wanted.push_back(catalogue->Name(prev));
@@ -96,7 +164,8 @@ void RaceManager::PrefetchNeighbours() {
   prefetcher->Want(wanted, CurrentFit(), ini && ini->GetBool("effects.black_and_white", false));
 }
 
-void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool sharper) {
+void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool sharper,
+                              LoadedPicture* partner) {
   const char* path = picture->path.c_str();
   if (!picture->ok) {
     // A load given up because the program is ending is no fault of the picture.
@@ -132,14 +201,26 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool shar
   slide.shape.path = picture->path;
   slide.shape.width = picture->width, slide.shape.height = picture->height;
   slide.shape.orientation = picture->orientation;
-  slide.mesh = MakeQuad(slide);
   if (picture->background) {
     slide.back.reset(new DBitMapTexture());
     slide.back->SetName(path);
     slide.back->UsePictureFiltering();
     slide.back->FromBitMap(picture->background.get());
-    MakeSides(&slide);
   }
+  if (partner) {
+    slide.pair.reset(new Slide());
+    Slide& right = *slide.pair;
+    right.texture.reset(new DBitMapTexture());
+    right.texture->SetName(partner->path.c_str());
+    right.texture->UsePictureFiltering();
+    right.texture->FromBitMap(partner->pixels.get());
+    right.shape.path = partner->path;
+    right.shape.width = partner->width, right.shape.height = partner->height;
+    right.shape.orientation = partner->orientation;
+    partner->pixels.reset();
+    QDBG("RaceManager::LoadNewImage", "Pair %s + %s\n", path, partner->path.c_str());
+  }
+  PlaceQuads(&slide);
   picture->pixels.reset();
   picture->background.reset();
   // A new picture, or a sharper decode of the shown one, starts again from its first frame.
@@ -172,7 +253,7 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool shar
   catalogue->Shown(path);
 }
 
-std::unique_ptr<DMesh> RaceManager::MakeQuad(const Slide& picture) {
+std::unique_ptr<DMesh> RaceManager::MakeQuad(const Slide& picture, bool half) {
   const LoadedPicture& shape = picture.shape;
   DBitMapTexture* pixels = picture.texture.get();
   if (!window || !pixels) return nullptr;
@@ -181,6 +262,7 @@ std::unique_ptr<DMesh> RaceManager::MakeQuad(const Slide& picture) {
   LoadedPicture sized;
   sized.width = shape.width, sized.height = shape.height, sized.orientation = shape.orientation;
   sized.fit = CurrentFit();
+  sized.fit.half = half;
   int quadW = 0, quadH = 0;
   sized.QuadSize(&quadW, &quadH);
   if (quadH <= 0) return nullptr;
@@ -192,20 +274,26 @@ std::unique_ptr<DMesh> RaceManager::MakeQuad(const Slide& picture) {
 
 void RaceManager::MakeSides(Slide* picture) {
   for (auto& side : picture->sides) side.reset();
-  const DMeshVertex* corner = picture->mesh ? picture->mesh->GetVertex(2) : nullptr;
-  if (!window || !picture->back || !corner) return;
-  // The strips share the quad's edges exactly, so that a fade adds each pixel once.
-  const float qx = corner->x, qy = corner->y;
+  if (!window || !picture->back || !picture->mesh) return;
+  // The picture's own quad, and what the quads cover: it, or both of a pair side by side.
+  const DMesh& quad = *picture->mesh;
+  const float qx = (quad.GetVertex(1)->x - quad.GetVertex(0)->x) / 2.0f;
+  const float qy = (quad.GetVertex(2)->y - quad.GetVertex(0)->y) / 2.0f;
+  const float left = quad.GetVertex(0)->x;
+  const float right = (picture->pair && picture->pair->mesh ? *picture->pair->mesh : quad)
+                          .GetVertex(1)->x;
   const float w = float(window->GetWidth()), h = float(window->GetHeight());
-  if (2.0f * qx >= w) return;
-  // The picture as it would cover the window, centred like the quad, in its pixels.
+  if (right - left >= w || qx <= 0.0f || qy <= 0.0f) return;
+  // The strips share the quads' edges exactly, so that a fade adds each pixel once. The picture
+  // as it would cover the window, centred on it, in its pixels.
   const float cover = std::max(w / (2.0f * qx), h / (2.0f * qy));
   const float cw = 2.0f * qx * cover, ch = 2.0f * qy * cover;
   const float t0 = 0.5f - h / (2.0f * ch), t1 = 0.5f + h / (2.0f * ch);
-  const float edges[2][2] = {{-w / 2.0f, -qx}, {qx, w / 2.0f}};
+  const float edges[2][2] = {{-w / 2.0f, left}, {right, w / 2.0f}};
   for (int i = 0; i < 2; ++i) {
-    std::unique_ptr<DMesh> side(new DMesh(picture->shape.path.c_str()));
     const float x0 = edges[i][0], x1 = edges[i][1];
+    if (x1 - x0 < 0.5f) continue;
+    std::unique_ptr<DMesh> side(new DMesh(picture->shape.path.c_str()));
     if (!side->DefineRect(x0, -h / 2.0f, x1, h / 2.0f, 0.5f + x0 / cw, t0, 0.5f + x1 / cw, t1,
                           TurnAngle(picture->shape.orientation)))
       continue;
@@ -220,13 +308,29 @@ void RaceManager::PaintSides(const Slide& picture, float weight, bool add) const
     if (side) side->Paint(weight * backgroundWeight, add);
 }
 
+void RaceManager::PlaceQuads(Slide* s) {
+  if (!s->pair) {
+    s->mesh = MakeQuad(*s);
+    MakeSides(s);
+    return;
+  }
+  s->mesh = MakeQuad(*s, true);
+  s->pair->mesh = MakeQuad(*s->pair, true);
+  if (!s->mesh || !s->pair->mesh) return;
+  // Side by side and centred together: the left one's centre lies half the right one's width
+  // left of the window's, and the other way round.
+  const float leftW = s->mesh->GetVertex(1)->x - s->mesh->GetVertex(0)->x;
+  const float rightW = s->pair->mesh->GetVertex(1)->x - s->pair->mesh->GetVertex(0)->x;
+  s->mesh->Shift(-rightW / 2.0f, 0.0f);
+  s->pair->mesh->Shift(leftW / 2.0f, 0.0f);
+  MakeSides(s);
+}
+
 void RaceManager::FollowWindowSize() {
   if (!window || (window->GetWidth() == quadWindowWidth && window->GetHeight() == quadWindowHeight))
     return;
-  if (slide.mesh) slide.mesh = MakeQuad(slide);
-  if (fadeSlide.mesh) fadeSlide.mesh = MakeQuad(fadeSlide);
-  MakeSides(&slide);
-  MakeSides(&fadeSlide);
+  if (slide.mesh) PlaceQuads(&slide);
+  if (fadeSlide.mesh) PlaceQuads(&fadeSlide);
   quadWindowWidth = window->GetWidth();
   quadWindowHeight = window->GetHeight();
   QDBG("RaceManager::FollowWindowSize", "Window now %dx%d\n", quadWindowWidth, quadWindowHeight);
@@ -235,8 +339,12 @@ void RaceManager::FollowWindowSize() {
   prefetchDue = true;
   // A window that is being dragged larger changes many times a second: the picture is decoded
   // again only once its size has stood still for a moment.
-  if (slide && !Covers(slide.shape, slide.texture->GetWidth(), slide.texture->GetHeight(),
-                       CurrentFit())) {
+  ScreenFit fit = CurrentFit();
+  fit.half = slide.pair != nullptr;
+  const auto covered = [&fit](const Slide& s) {
+    return Covers(s.shape, s.texture->GetWidth(), s.texture->GetHeight(), fit);
+  };
+  if (slide && (!covered(slide) || (slide.pair && !covered(*slide.pair)))) {
     sharpenDue = true;
     sharpenAt = std::chrono::steady_clock::now() + std::chrono::milliseconds(kSharpenAfterMs);
   }
@@ -245,15 +353,20 @@ void RaceManager::FollowWindowSize() {
 void RaceManager::Sharpen() {
   sharpenDue = false;
   if (!slide || curFile.IsEmpty()) return;
-  const ScreenFit fit = CurrentFit();
-  if (Covers(slide.shape, slide.texture->GetWidth(), slide.texture->GetHeight(), fit)) return;
+  ScreenFit fit = CurrentFit();
+  fit.half = slide.pair != nullptr;
+  const auto covered = [&fit](const Slide& s) {
+    return Covers(s.shape, s.texture->GetWidth(), s.texture->GetHeight(), fit);
+  };
+  if (covered(slide) && (!slide.pair || covered(*slide.pair))) return;
   const std::string path(curFile.cstr());
   const bool grey = ini && ini->GetBool("effects.black_and_white", false);
-  LoadedPicture picture;
-  const bool prefetched = prefetcher && prefetcher->Take(path, fit, grey, &picture);
-  if (!prefetched) LoadPicture(path, fit, grey, &picture);
-  // A picture that can no longer be read stays as it is shown.
-  if (picture.ok) ShowPicture(&picture, prefetched, true);
+  LoadedPicture picture, partner;
+  const bool prefetched = Fetch(path, fit, grey, &picture);
+  if (slide.pair) Fetch(slide.pair->shape.path, fit, grey, &partner);
+  // A picture that can no longer be read stays as it is shown; a pair's partner likewise
+  // leaves the first alone.
+  if (picture.ok) ShowPicture(&picture, prefetched, true, partner.ok ? &partner : nullptr);
 }
 
 void RaceManager::Paint() {
@@ -271,27 +384,45 @@ void RaceManager::Paint() {
       w = std::chrono::duration<double, std::milli>(now - fadeStart).count() / fadeMs;
       if (w >= 1.0) EndFade();
     }
+    // A pair's halves never overlap: each is drawn as its left partner is.
+    const auto paint = [this](const Slide& s, float weight, bool add) {
+      PaintSides(s, weight, add);
+      s.mesh->Paint(weight, add);
+      if (s.pair && s.pair->mesh) s.pair->mesh->Paint(weight, add);
+    };
     if (w < 1.0) {
-      PaintSides(fadeSlide, float(1.0 - w), false);
-      fadeSlide.mesh->Paint(float(1.0 - w));
-      PaintSides(slide, float(w), true);
-      slide.mesh->Paint(float(w), true);
+      paint(fadeSlide, float(1.0 - w), false);
+      paint(slide, float(w), true);
       dirty = true;  // the next frame of the fade
     } else {
-      PaintSides(slide, 1.0f, false);
-      slide.mesh->Paint();
+      paint(slide, 1.0f, false);
     }
   }
   if (!(flags & SHOW_INFO)) return;
   canvas->Set2D();
   canvas->SetFont(font.get());
   qstring line;
-  line.Format("File %d of %d", catalogue->Current() + 1, catalogue->Count());
+  if (slide.pair)
+    line.Format("File %d-%d of %d", catalogue->Current() + 1, catalogue->Current() + 2,
+                catalogue->Count());
+  else
+    line.Format("File %d of %d", catalogue->Current() + 1, catalogue->Count());
   DrawText(line.cstr(), 10, 10);
   if (slide) {
     qstring name(curFile);
     name.CutPath();
     line.Format("%s (%dx%d)", name.cstr(), shownWidth, shownHeight);
+    if (slide.pair) {
+      const LoadedPicture& right = slide.pair->shape;
+      qstring other(right.path.c_str());
+      other.CutPath();
+      qstring both;
+      // U+00B7, a middle dot, between the two.
+      both.Format("%s \xC2\xB7 %s (%dx%d)", line.cstr(), other.cstr(),
+                  right.Turned() ? right.height : right.width,
+                  right.Turned() ? right.width : right.height);
+      line = both;
+    }
     DrawText(line.cstr(), 10, 30);
   }
 }

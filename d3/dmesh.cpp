@@ -41,6 +41,10 @@ bool DMesh::DefineRect(float x0, float y0, float x1, float y1, float s0, float t
   return true;
 }
 
+void DMesh::Shift(float dx, float dy) {
+  for (DMeshVertex& p : quad_) p.x += dx, p.y += dy;
+}
+
 const DMeshVertex* DMesh::GetVertex(int i) const {
   return polygons_ > 0 && i >= 0 && i < QUAD_VERTICES ? &quad_[i] : nullptr;
 }

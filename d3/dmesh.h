@@ -42,6 +42,8 @@ class DMesh : public QObject {
   // false with a warning, the mesh empty, when x1 <= x0 or y1 <= y0.
   bool DefineRect(float x0, float y0, float x1, float y1, float s0, float t0, float s1, float t1,
                   int turn = 0);
+  // Moves every vertex by (`dx`, `dy`): a quad beside another one (a portrait pair).
+  void Shift(float dx, float dy);
   int GetPolygonCount() const { return polygons_; }
   // Vertex `i` of polygon 0; null outside.
   const DMeshVertex* GetVertex(int i) const;

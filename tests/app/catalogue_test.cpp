@@ -1,5 +1,7 @@
-// The catalogue of a library: its limit, ordered by date or shuffled, following changes.
+// The catalogue of a library: its limit, ordered by date or shuffled, following changes, stepped
+// by portrait pairs.
 #include "app/catalogue.h"
+#include "app/portrait_pairs.h"
 
 #include <gtest/gtest.h>
 #include <sys/time.h>
@@ -85,6 +87,33 @@ TEST_F(Library, OrdersByDateAndShufflesEachPictureOnceARound) {
   const std::string last = c.Name(c.Current());
   EXPECT_NE(c.Name(c.Step(1)), last);
   EXPECT_NE(Names(c), before);
+}
+
+// A pair moves two at a time, a landscape neighbour breaks one, a step back takes the pair before
+// or else one picture alone, and no pair runs over the end; shapes are judged turned upright.
+TEST_F(Library, StepsByPortraitPairs) {
+  const std::string shapes = "pplppp";  // a.jpg to f.jpg: portrait or landscape
+  for (size_t i = 0; i < shapes.size(); ++i) Picture(std::string(1, char('a' + i)) + ".jpg");
+  Catalogue c;
+  Open(&c, Catalogue::BY_NAME);
+  ASSERT_EQ(c.Count(), 6);
+  c.SetCurrent(0);
+  const auto portrait = [&](int i) { return shapes[size_t(i)] == 'p'; };
+  const struct {
+    int steps;
+    bool paired;
+    int at;
+    bool mayPair;
+  } moves[] = {{1, true, 2, true},   {1, false, 3, true},  {1, true, 5, true},
+               {1, false, 0, true},  {-1, true, 4, true},  {-1, true, 3, false},
+               {-1, false, 2, false}, {-1, false, 0, true}, {3, true, 5, true}};
+  for (const auto& m : moves) {
+    const int from = c.Current();
+    EXPECT_EQ(StepSlides(&c, m.steps, m.paired, portrait), m.mayPair) << from << " " << m.steps;
+    EXPECT_EQ(c.Current(), m.at) << from << " " << m.steps;
+  }
+  EXPECT_TRUE(IsPortrait(3, 4, 0) && IsPortrait(4, 3, 6) && IsPortrait(4, 3, 8));
+  EXPECT_FALSE(IsPortrait(3, 4, 6) || IsPortrait(4, 4, 0) || IsPortrait(0, 0, 0));
 }
 
 }  // namespace

@@ -22,6 +22,12 @@ ScreenFit Window(int w, int h, int maxTexture = 0) {
   fit.desktopAspect = 16.0 / 9.0;
   return fit;
 }
+// One of a portrait pair on a `w` x `h` window shaped like its desktop.
+ScreenFit Half(int w, int h) {
+  ScreenFit fit = Window(w, h);
+  fit.desktopAspect = 0, fit.half = true;
+  return fit;
+}
 
 // Waits (at most 10 s) until the prefetcher has `path` decoded.
 bool Decoded(Prefetcher* pre, const std::string& path) {
@@ -50,6 +56,9 @@ TEST(LoadPicture, DecodesToTheQuadsSizeTurnedAsAskedAndWithinTheTextureLimit) {
       {tmp.File("3.jpg"), Window(1280, 720), 3, 960, 720, 960, 720},
       {tmp.File("6.jpg"), Window(1280, 720), 6, 540, 720, 720, 540},
       {tmp.File("8.jpg"), Window(320, 180), 8, 135, 180, 180, 135},
+      // 450 x 600 on the whole window, narrowed to its half; a narrower one keeps the height.
+      {tmp.File("6.jpg"), Half(800, 600), 6, 400, 533, 533, 400},
+      {tmp.File("6.jpg"), Half(1280, 720), 6, 540, 720, 720, 540},
       {tmp.File("6.jpg"), Window(2560, 1440, 1200), 6, 1080, 1440, 1200, 900},
       {pano, Window(1280, 720, 2048), 0, 11520, 720, 2048, 128},
       // 48 x 64 stored, shown 64 x 48.

@@ -1,5 +1,6 @@
 // glimra from outside: stepping, "load" commands, the hand-off of a second start, an over-long
-// command, turned pictures, the effect keys written back to glimra.ini, and Escape.
+// command, turned pictures, the effect keys written back to glimra.ini, portrait pairs, and
+// Escape.
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
@@ -257,6 +258,43 @@ TEST_F(SlideshowE2E, RealFolderNamesLoadAsWrittenEffectKeysShowAndTurnedPictures
            s.At(797, 300);
   })) << p.Log();
 
+  ASSERT_TRUE(p.Keys("Escape"));
+  p.ExpectOrderlyExit();
+}
+
+// Two portrait pictures share the window, each on its half (the second one portrait only once
+// turned by its EXIF orientation); Right steps past both; a landscape neighbour and the last
+// portrait picture show alone; Left comes back to the pair.
+TEST_F(SlideshowE2E, PortraitPairsShareTheWindowAndStepTogether) {
+  Program p;
+  ASSERT_TRUE(p.Prepare() && p.SetKey("effects.portrait_pairs", "1"));
+  const auto portrait = [&p](const char* name, uint32_t c) {
+    return WritePicture(p.Path(name), 30, 40, [c](int, int) { return c; });
+  };
+  ASSERT_TRUE(portrait("a.tga", kRed) && WriteQuadrants(p.Path("b.jpg"), 6) &&
+              Uniform(p.Path("c.tga"), kBlue) && portrait("d.tga", kWhite));
+  // Each 400 x 533 (half the width), together centred; b turned: blue, red over white, green.
+  const auto pair = [](const Screen& s) {
+    return Is(s.At(200, 300), kRed) && Is(s.At(700, 170), kRed) && Is(s.At(500, 430), kWhite) &&
+           Is(s.At(700, 430), kGreen) && s.At(700, 15) == 0 && s.At(200, 585) == 0;
+  };
+  const auto alone = [](const Screen& s) {
+    return Is(s.At(400, 300), kWhite) && s.At(100, 300) == 0 && s.At(700, 300) == 0;
+  };
+  const auto blue = [](const Screen& s) { return Is(s.At(400, 300), kBlue); };
+  StartShowing(&p, nullptr, pair);
+  const std::pair<const char*, bool (*)(const Screen&)> steps[] = {
+      {"Right", blue}, {"Right", alone}, {"Right", pair},
+      {"Left", alone}, {"Left", blue},   {"Left", pair}};
+  for (const auto& step : steps) {
+    ASSERT_TRUE(p.Keys(step.first));
+    EXPECT_TRUE(Sees(step.second)) << step.first << " " << std::hex << screen_.At(400, 300);
+  }
+  // b.jpg never stood on its own, and the information line names both.
+  const std::string log = p.Log();
+  EXPECT_EQ(Count(log, "Pair a.tga + b.jpg"), 3) << log;
+  EXPECT_EQ(log.find("Load times (b.jpg"), std::string::npos) << log;
+  EXPECT_TRUE(Ink(screen_, 10, 10, 150, 28) && Ink(screen_, 200, 30, 300, 48));
   ASSERT_TRUE(p.Keys("Escape"));
   p.ExpectOrderlyExit();
 }
