@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "app/caption.h"
 #include "framework/image/qexif.h"
 #include "framework/qfile.h"
 #include "framework/image/qimage.h"
@@ -188,6 +189,8 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
   QExif exif;
   out->exifCode = exif.ReadFromJpeg(bytes.get(), size);
   out->orientation = exif.orientation;
+  out->taken = exif.dateTimeOriginal.cstr();
+  out->title = Caption::TitleOf(exif);
   out->exifMs = MsSince(phase);
   if (!bytes) return;
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "app/slideshow.h"
+#include "app/caption.h"
 #include "app/prefetcher.h"
 #include "d3/dglobal.h"
 #include "d3/dmesh.h"
@@ -132,6 +133,10 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool shar
   slide.shape.width = picture->width, slide.shape.height = picture->height;
   slide.shape.orientation = picture->orientation;
   slide.mesh = MakeQuad(slide);
+  if (captions) {
+    caption = captions->Make(picture->path, picture->taken.c_str(), picture->title.c_str());
+    QDBG("RaceManager::LoadNewImage", "Caption (%s): %s\n", path, caption.c_str());
+  }
   picture->pixels.reset();
   // A new picture, or a sharper decode of the shown one, starts again from its first frame.
   animation = std::move(picture->animation);
@@ -238,9 +243,15 @@ void RaceManager::Paint() {
       slide.mesh->Paint();
     }
   }
-  if (!(flags & SHOW_INFO)) return;
+  const bool captioned = slide && !caption.empty();
+  if (!(flags & SHOW_INFO) && !captioned) return;
   canvas->Set2D();
   canvas->SetFont(font.get());
+  // Centred at the bottom of the picture, which fills the window's height about its middle.
+  if (captioned && window)
+    DrawText(caption.c_str(), std::max(10, (window->GetWidth() - TextWidth(caption.c_str())) / 2),
+             window->GetHeight() - (font ? font->GetHeight() : 0) - 14);
+  if (!(flags & SHOW_INFO)) return;
   qstring line;
   line.Format("File %d of %d", catalogue->Current() + 1, catalogue->Count());
   DrawText(line.cstr(), 10, 10);
@@ -293,4 +304,11 @@ void RaceManager::DrawText(const char* text, int x, int y) {
   canvas->SetColor(255, 255, 255, 255);
   canvas->SetDrawFlag(0);
   canvas->Text(x, y, latin.cstr(), -1);
+}
+
+int RaceManager::TextWidth(const char* text) const {
+  if (!font) return 0;
+  qstring latin;
+  qUtf8ToLatin1(text, &latin);
+  return int(font->GetWidth(latin.cstr()) + 0.5f);
 }

@@ -1,7 +1,11 @@
 // glimra from outside: stepping, "load" commands, the hand-off of a second start, an over-long
 // command, turned pictures, the effect keys written back to glimra.ini, and Escape.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <utility>
+#include <vector>
 
 #include "support/e2e.h"
 
@@ -9,12 +13,16 @@ namespace {
 
 using namespace e2e;
 
-// Something near white in the rectangle: overlay text (white over a black shadow).
-bool Ink(const Screen& s, int x0, int y0, int x1, int y1) {
+// Where something is near white in the rectangle: overlay text (white over a black shadow).
+std::vector<bool> InkAt(const Screen& s, int x0, int y0, int x1, int y1) {
+  std::vector<bool> ink;
   for (int y = y0; y < y1; ++y)
-    for (int x = x0; x < x1; ++x)
-      if (Is(s.At(x, y), 0xFFFFFF, 30)) return true;
-  return false;
+    for (int x = x0; x < x1; ++x) ink.push_back(Is(s.At(x, y), 0xFFFFFF, 30));
+  return ink;
+}
+bool Ink(const Screen& s, int x0, int y0, int x1, int y1) {
+  const std::vector<bool> ink = InkAt(s, x0, y0, x1, y1);
+  return std::find(ink.begin(), ink.end(), true) != ink.end();
 }
 
 // A file or key and the colour it shows.
@@ -105,10 +113,11 @@ TEST_F(SlideshowE2E, StepsWrapCommandsLoadIgnoreOrFailASecondStartHandsOverAnOve
 }
 
 // Camera and UTF-8 names load by their own bytes, in listing order; an absolute start path is
-// its entry; the keypad steps; a long path loads; damaged JPEGs show what decoded.
+// its entry; the keypad steps; a long path loads; damaged JPEGs show what decoded; the caption
+// writes the date taken in the system's locale.
 TEST_F(SlideshowE2E, RealFolderNamesLoadAsWrittenEffectKeysShowAndTurnedPicturesStandUp) {
   Program p;
-  ASSERT_TRUE(p.Prepare());
+  ASSERT_TRUE(p.Prepare() && p.SetKey("effects.caption", "{date} \xC2\xB7 {folder}"));
   // Listing order: upper-cased bytes, so the UTF-8 name (0xC3...) comes last.
   const Shown files[] = {{"DSC 0002.Jpg", kRed}, {"IMG_0001.JPG", kGreen}, {"z.jpeg", kBlue},
                          {"\xC3\xA9t\xC3\xA9.tga", kWhite}};
@@ -191,6 +200,42 @@ TEST_F(SlideshowE2E, RealFolderNamesLoadAsWrittenEffectKeysShowAndTurnedPictures
            s.At(797, 300);
   })) << p.Log();
 
+  // Captions: without a date the folder alone; with one, both, centred at the bottom.
+  const std::string folder = p.Dir().substr(p.Dir().rfind('/') + 1);
+  EXPECT_NE(p.Log().find("Caption (g.tga): " + folder + "\n"), std::string::npos) << p.Log();
+  const std::string dated = p.Path("dated.jpg");
+  const auto caption = [&](const char* date) {
+    return "Caption (" + dated + "): " + date + " \xC2\xB7 " + folder + "\n";
+  };
+  ASSERT_TRUE(WriteFile(dated, ReadBytes(GLIMRA_SOURCE_DIR "/tests/data/exif/titled.jpg")));
+  ASSERT_TRUE(p.Send("load " + dated) && p.WaitForLog(caption("7 March 2021"), kStepMs))
+      << p.Log();
+  const auto bottom = [](const Screen& s) { return InkAt(s, 150, 530, 650, 600); };
+  usleep(300 * 1000);
+  ASSERT_TRUE(GrabScreen(&screen_));
+  const std::vector<bool> inC = bottom(screen_);
+  EXPECT_TRUE(Ink(screen_, 150, 530, 650, 600));
+  EXPECT_FALSE(Ink(screen_, 0, 530, 150, 600) || Ink(screen_, 650, 530, 800, 600));
+
+  ASSERT_TRUE(p.Keys("Escape"));
+  p.ExpectOrderlyExit();
+
+  // The same picture in German: another month's name, so other ink.
+  if (!Have("localedef")) {
+    std::printf("localedef is missing: the caption in de_DE.UTF-8 is not checked\n");
+    return;
+  }
+  TempDir locales("glimra_locale");
+  const std::string localedef = "localedef -i de_DE -f UTF-8 " + locales.Path() + "/de_DE.UTF-8";
+  ASSERT_EQ(system(localedef.c_str()), 0);
+  setenv("LOCPATH", locales.Path().c_str(), 1);
+  setenv("LC_ALL", "de_DE.UTF-8", 1);
+  const bool started = p.Start(dated.c_str());
+  unsetenv("LOCPATH"), unsetenv("LC_ALL");
+  ASSERT_TRUE(started && p.WaitForLog(caption("7 M\xC3\xA4rz 2021"), kStartMs)) << p.Log();
+  EXPECT_TRUE(Sees([&](const Screen& s) {
+    return Ink(s, 150, 530, 650, 600) && bottom(s) != inC;
+  })) << p.Log();
   ASSERT_TRUE(p.Keys("Escape"));
   p.ExpectOrderlyExit();
 }
