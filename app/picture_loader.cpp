@@ -9,6 +9,7 @@
 #include <memory>
 #include <vector>
 
+#include "app/caption.h"
 #include "framework/image/qexif.h"
 #include "framework/qfile.h"
 #include "framework/image/qimage.h"
@@ -277,6 +278,8 @@ void LoadPicture(const std::string& path, const ScreenFit& fit, bool grey, Loade
   QExif exif;
   out->exifCode = exif.ReadFromJpeg(bytes.get(), size);
   out->orientation = exif.orientation;
+  out->taken = exif.dateTimeOriginal.cstr();
+  out->title = Caption::TitleOf(exif);
   out->exifMs = MsSince(phase);
   if (!bytes) return;
 

@@ -61,6 +61,7 @@ struct LoadedPicture {
   int width = 0, height = 0;        // the picture's own size, unturned
   int orientation = 0;              // EXIF value, 0 when absent
   int exifCode = 0;                 // the EXIF reader's result code
+  std::string taken, title;         // EXIF date taken and the title, for the caption; "" if none
   bool grey = false;                // made black and white
   ScreenFit fit;                    // what it was made for
   FileStamp stamp;

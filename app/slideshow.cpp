@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "app/caption.h"
 #include "app/command_channel.h"
 #include "app/commands.h"
 #include "app/portrait_pairs.h"
@@ -178,6 +179,11 @@ void RaceManager::Setup(const char* arg) {
   if (idleSleepMs < 0) idleSleepMs = 0;
 
   if (ini->GetBool("effects.show_info", true)) flags |= SHOW_INFO;
+  qstring captionPattern, dateFormat;
+  ini->GetString("effects.caption", &captionPattern, "");
+  ini->GetString("effects.date_format", &dateFormat, Caption::DEFAULT_DATE_FORMAT);
+  if (!captionPattern.IsEmpty())
+    captions.reset(new Caption(captionPattern.cstr(), dateFormat.cstr()));
   // Signage additions, both off unless set: an advance of less than a frame would only spin.
   const double advance = ini->GetFloat("effects.advance_seconds", 0.0);
   advanceMs = advance >= 0.05 && advance <= 1e6 ? int(advance * 1000.0 + 0.5) : 0;

@@ -35,6 +35,7 @@
 #include "app/screen_shot.h"
 #include "framework/qstring.h"
 
+class Caption;
 class CommandChannel;
 class RemoteControl;
 class QApp;
@@ -166,6 +167,8 @@ class RaceManager {
   void NextFrame();
   // Overlay text (UTF-8) with a drop shadow at window pixel (x, y), y downward.
   void DrawText(const char* text, int x, int y);
+  // The width in window pixels DrawText gives `text`.
+  int TextWidth(const char* text) const;
 
   // ---- Effects and remote steps (keys B, C, I and the command channel) ----
   // Black and white on or off: written to the configuration file at once, then the shown
@@ -400,6 +403,9 @@ class RaceManager {
   bool dirty = true;  // the screen no longer shows the current state
   bool prefetchDue = false;  // the neighbours are to be prefetched once the frame is out
   int shownWidth = 0, shownHeight = 0;  // the shown picture's own size, turned upright
+  // "effects.caption": null without a pattern; the shown picture's line, "" when it has none.
+  std::unique_ptr<Caption> captions;
+  std::string caption;
   // The window size the quads were made for.
   int quadWindowWidth = 0, quadWindowHeight = 0;
   bool sharpenDue = false;  // FollowWindowSize found the shown picture's pixels too few

@@ -7,6 +7,7 @@
 
 #include "app/slideshow.h"
 #include "app/portrait_pairs.h"
+#include "app/caption.h"
 #include "app/prefetcher.h"
 #include "d3/dglobal.h"
 #include "d3/dmesh.h"
@@ -221,6 +222,10 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool shar
     QDBG("RaceManager::LoadNewImage", "Pair %s + %s\n", path, partner->path.c_str());
   }
   PlaceQuads(&slide);
+  if (captions) {
+    caption = captions->Make(picture->path, picture->taken.c_str(), picture->title.c_str());
+    QDBG("RaceManager::LoadNewImage", "Caption (%s): %s\n", path, caption.c_str());
+  }
   picture->pixels.reset();
   picture->background.reset();
   // A new picture, or a sharper decode of the shown one, starts again from its first frame.
@@ -398,9 +403,15 @@ void RaceManager::Paint() {
       paint(slide, 1.0f, false);
     }
   }
-  if (!(flags & SHOW_INFO)) return;
+  const bool captioned = slide && !caption.empty();
+  if (!(flags & SHOW_INFO) && !captioned) return;
   canvas->Set2D();
   canvas->SetFont(font.get());
+  // Centred at the bottom of the picture, which fills the window's height about its middle.
+  if (captioned && window)
+    DrawText(caption.c_str(), std::max(10, (window->GetWidth() - TextWidth(caption.c_str())) / 2),
+             window->GetHeight() - (font ? font->GetHeight() : 0) - 14);
+  if (!(flags & SHOW_INFO)) return;
   qstring line;
   if (slide.pair)
     line.Format("File %d-%d of %d", catalogue->Current() + 1, catalogue->Current() + 2,
@@ -466,4 +477,8 @@ void RaceManager::DrawText(const char* text, int x, int y) {
   canvas->SetColor(255, 255, 255, 255);
   canvas->SetDrawFlag(0);
   canvas->Text(x, y, text, -1);
+}
+
+int RaceManager::TextWidth(const char* text) const {
+  return font ? int(font->GetWidth(text) + 0.5f) : 0;
 }

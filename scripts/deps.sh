@@ -12,7 +12,7 @@ glimra_install_deps() {
     openbox cage grim xwayland
     clang-14 libclang-rt-14-dev
     imagemagick netpbm libimage-exiftool-perl libheif-examples webp libtiff-tools
-    dpkg-dev file lintian systemd man-db groff-base)
+    dpkg-dev file lintian systemd man-db groff-base locales)
   local missing=()
   for p in "${pkgs[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

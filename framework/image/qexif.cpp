@@ -1,5 +1,6 @@
 #include "framework/image/qexif.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -114,6 +115,73 @@ void TakeText(const Segment& s, const Entry& e, qstring* out) {
   *out = std::string(p, n).c_str();
 }
 
+// Appends code point `c` as UTF-8.
+void PutUtf8(uint32_t c, std::string* out) {
+  if (c < 0x80) {
+    out->push_back(char(c));
+  } else if (c < 0x800) {
+    out->push_back(char(0xC0 | c >> 6));
+    out->push_back(char(0x80 | (c & 0x3F)));
+  } else if (c < 0x10000) {
+    out->push_back(char(0xE0 | c >> 12));
+    out->push_back(char(0x80 | (c >> 6 & 0x3F)));
+    out->push_back(char(0x80 | (c & 0x3F)));
+  } else {
+    out->push_back(char(0xF0 | c >> 18));
+    out->push_back(char(0x80 | (c >> 12 & 0x3F)));
+    out->push_back(char(0x80 | (c >> 6 & 0x3F)));
+    out->push_back(char(0x80 | (c & 0x3F)));
+  }
+}
+
+// Windows writes its XP tags as UTF-16LE bytes in any block; the text ends at a zero unit, and
+// an odd last byte is no unit.
+void TakeUtf16Text(const Segment& s, const Entry& e, qstring* out) {
+  const uint8_t* p = s.data + e.valueAt;
+  const size_t units = e.count / 2;
+  std::string text;
+  for (size_t i = 0; i < units; ++i) {
+    uint32_t c = p[2 * i] | p[2 * i + 1] << 8;
+    if (c == 0) break;
+    if (c >= 0xD800 && c < 0xDC00 && i + 1 < units) {
+      const uint32_t low = p[2 * i + 2] | p[2 * i + 3] << 8;
+      if (low >= 0xDC00 && low < 0xE000) {
+        c = 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
+        ++i;
+      }
+    }
+    if (c >= 0xD800 && c < 0xE000) c = 0xFFFD;
+    PutUtf8(c, &text);
+  }
+  *out = text.c_str();
+}
+
+// The first comment segment before the scan, found by following the segments' lengths from the
+// start marker; `end` is where the file's data end.
+void TakeComment(const uint8_t* bytes, size_t end, qstring* out) {
+  size_t i = 2;
+  while (i + 4 <= end && bytes[i] == 0xFF) {
+    const uint8_t marker = bytes[i + 1];
+    if (marker == 0xFF) {  // fill byte
+      ++i;
+      continue;
+    }
+    if (marker == 0xDA || marker == 0xD9) return;  // the scan, or the end
+    if (marker == 0x01 || (marker >= 0xD0 && marker <= 0xD8)) {  // markers without a length
+      i += 2;
+      continue;
+    }
+    const size_t length = size_t(bytes[i + 2]) << 8 | bytes[i + 3];
+    if (length < 2 || length > end - i - 2) return;
+    if (marker == 0xFE) {
+      const char* text = reinterpret_cast<const char*>(bytes + i + 4);
+      *out = std::string(text, std::find(text, text + length - 2, '\0')).c_str();
+      return;
+    }
+    i += 2 + length;
+  }
+}
+
 // Where an IFD's entries begin, or 0 when the directory does not fit the segment. A directory
 // overlapping the TIFF header is read like any other: only the bounds matter. In an EXIF segment
 // `pos` is at least kTiffStart, so 0 never names a directory; in a bare TIFF block a directory
@@ -144,6 +212,7 @@ void TakeMainEntry(const Segment& s, const Entry& e, QExif* x, Links* links) {
     case 305: if (IsText(e)) TakeText(s, e, &x->software); break;
     case 306: if (IsText(e)) TakeText(s, e, &x->dateTime); break;
     case 33432: if (IsText(e)) TakeText(s, e, &x->rightsNotice); break;
+    case 40091: if (e.format == BYTE && e.hasValue) TakeUtf16Text(s, e, &x->windowsTitle); break;
     case 34665:
       if (IsUnsigned(e)) links->exifIfd = uint64_t{UnsignedAt(s, e, 0)} + s.base;
       break;
@@ -284,11 +353,16 @@ int32_t QExif::ReadFromJpeg(const uint8_t* bytes, size_t length) {
   // The markers are searched byte by byte; segment lengths are not followed.
   size_t i = 0;
   while (i + 1 < end && !(bytes[i] == 0xFF && bytes[i + 1] == 0xE1)) ++i;
-  if (i + 4 > end) return NO_EXIF;
-
-  size_t segment = static_cast<size_t>(bytes[i + 2]) << 8 | bytes[i + 3];
-  if (i + 2 + segment > end || segment < 16) return CORRUPT;
-  return ReadExifSegment(bytes + i + 4, end - (i + 4));
+  int32_t result = NO_EXIF;
+  if (i + 4 <= end) {
+    size_t segment = static_cast<size_t>(bytes[i + 2]) << 8 | bytes[i + 3];
+    result = i + 2 + segment > end || segment < 16
+                 ? CORRUPT
+                 : ReadExifSegment(bytes + i + 4, end - (i + 4));
+  }
+  // After the EXIF block, whose parse starts from a cleared record.
+  TakeComment(bytes, end, &comment);
+  return result;
 }
 
 int32_t QExif::ReadExifSegment(const uint8_t* data, size_t length) {

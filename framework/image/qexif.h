@@ -12,6 +12,11 @@
 // those two. No memory is allocated for values except the string fields' own copies. Text values
 // lose a final zero byte; a text stops at its first zero.
 //
+// Besides the EXIF block, ReadFromJpeg walks the segments before the first scan by their lengths
+// for the first comment (COM) segment; a length that runs past the data ends the walk there. The
+// Windows title (XPTitle, bytes of UTF-16LE whatever the block's byte order) becomes UTF-8, an
+// unpaired surrogate U+FFFD.
+//
 // Decoded forms: rationals become doubles (numerator / denominator, 0 when the denominator is 0).
 // Formats 7 (undefined), 9 (signed long) and 10 (signed rational) are accepted but carry no
 // decoded value: a rational field given a signed rational (as writers store the exposure bias)
@@ -66,7 +71,8 @@ class QExif {
   };
 
   // Parses a whole JPEG file held in memory; answers one of the Result codes. `bytes` may be
-  // null (1982). Only the first APP1 marker is examined.
+  // null (1982). Only the first APP1 marker is examined. `comment` is read even when the file
+  // has no EXIF block.
   int32_t ReadFromJpeg(const uint8_t* bytes, size_t length);
   // The same over a framework string's text. The string ends at its first zero byte, so only
   // that prefix of a file is seen (a JPEG usually answers 1982 or 1983 this way).
@@ -104,6 +110,10 @@ class QExif {
   qstring software;
   qstring dateTime;
   qstring rightsNotice;
+  qstring windowsTitle;  // XPTitle, as UTF-8
+
+  // ---- JPEG comment segment ----
+  qstring comment;  // its bytes as written, up to a zero
 
   // ---- EXIF sub-IFD ----
   double exposureTime = 0;      // seconds

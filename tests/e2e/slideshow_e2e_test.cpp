@@ -3,6 +3,8 @@
 // Escape.
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <sstream>
 #include <utility>
@@ -151,10 +153,11 @@ TEST_F(SlideshowE2E, StepsWrapCommandsLoadIgnoreOrFailASecondStartHandsOverAnOve
 }
 
 // Camera and UTF-8 names load by their own bytes, in listing order; an absolute start path is
-// its entry; the keypad steps; a long path loads; damaged JPEGs show what decoded.
+// its entry; the keypad steps; a long path loads; damaged JPEGs show what decoded; the caption
+// writes the date taken in the system's locale.
 TEST_F(SlideshowE2E, RealFolderNamesLoadAsWrittenEffectKeysShowAndTurnedPicturesStandUp) {
   Program p;
-  ASSERT_TRUE(p.Prepare());
+  ASSERT_TRUE(p.Prepare() && p.SetKey("effects.caption", "{date} \xC2\xB7 {folder}"));
   // Listing order: upper-cased bytes, so the UTF-8 name (0xC3...) comes last.
   const Shown files[] = {{"DSC 0002.Jpg", kRed}, {"IMG_0001.JPG", kGreen}, {"z.jpeg", kBlue},
                          {"\xC3\xA9t\xC3\xA9.tga", kWhite}};
@@ -258,6 +261,40 @@ TEST_F(SlideshowE2E, RealFolderNamesLoadAsWrittenEffectKeysShowAndTurnedPictures
            s.At(797, 300);
   })) << p.Log();
 
+  // Captions: without a date the folder alone; with one, both, centred at the bottom.
+  const std::string folder = p.Dir().substr(p.Dir().rfind('/') + 1), dated = p.Path("dated.jpg");
+  EXPECT_NE(p.Log().find("Caption (g.tga): " + folder + "\n"), std::string::npos) << p.Log();
+  const auto caption = [&](const char* date) {
+    return "Caption (" + dated + "): " + date + " \xC2\xB7 " + folder + "\n";
+  };
+  ASSERT_TRUE(WriteFile(dated, ReadBytes(GLIMRA_SOURCE_DIR "/tests/data/exif/titled.jpg")));
+  ASSERT_TRUE(p.Send("load " + dated) && p.WaitForLog(caption("7 March 2021"), kStepMs));
+  // Its bottom is blue.
+  EXPECT_TRUE(Sees([](const Screen& s) {
+    return B(s.At(5, 595)) > 180 && R(s.At(5, 595)) < 60 && Ink(s, 150, 530, 650, 600) &&
+           !Ink(s, 0, 530, 150, 600) && !Ink(s, 650, 530, 800, 600);
+  }));
+  // The bottom 70 rows, where the caption is.
+  const std::vector<uint32_t> inC(screen_.rgb.end() - 56000, screen_.rgb.end());
+  ASSERT_TRUE(p.Keys("Escape"));
+  p.ExpectOrderlyExit();
+
+  // The same picture in German: another month's name, so other ink.
+  if (!Have("localedef")) {
+    std::printf("localedef is missing: the caption in de_DE.UTF-8 is not checked\n");
+    return;
+  }
+  TempDir locales("glimra_locale");
+  const std::string localedef = "localedef -i de_DE -f UTF-8 " + locales.Path() + "/de_DE.UTF-8";
+  ASSERT_EQ(system(localedef.c_str()), 0);
+  setenv("LOCPATH", locales.Path().c_str(), 1);
+  setenv("LC_ALL", "de_DE.UTF-8", 1);
+  const bool started = p.Start(dated.c_str());
+  unsetenv("LOCPATH"), unsetenv("LC_ALL");
+  ASSERT_TRUE(started && p.WaitForLog(caption("7 M\xC3\xA4rz 2021"), kStartMs)) << p.Log();
+  EXPECT_TRUE(Sees([&](const Screen& s) {
+    return Ink(s, 150, 530, 650, 600) && !std::equal(inC.begin(), inC.end(), s.rgb.end() - 56000);
+  })) << p.Log();
   ASSERT_TRUE(p.Keys("Escape"));
   p.ExpectOrderlyExit();
 }

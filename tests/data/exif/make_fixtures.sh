@@ -64,3 +64,8 @@ et -ExifByteOrder=II -Orientation=3 \
   -GPSLatitude=33.8568 -GPSLatitudeRef=S -GPSLongitude=70.6693 -GPSLongitudeRef=W \
   -GPSAltitude=12.5 -GPSAltitudeRef=1 -GPSDOP=1.5 \
   described.jpg
+
+# A caption's facts without a description: the date taken, a Windows title in Greek and a JPEG
+# comment.
+cp plain.jpg titled.jpg
+et -DateTimeOriginal='2021:03:07 09:30:00' -XPTitle='Αθήνα' -Comment='Café' titled.jpg

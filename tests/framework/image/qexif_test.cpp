@@ -78,6 +78,41 @@ TEST(QExifJpeg, FixturesGiveTheirOrientationOrTheirFault) {
   EXPECT_EQ(x.ReadFromJpeg(b.data(), b.size()), QExif::CORRUPT);
 }
 
+TEST(QExifJpeg, TitlesAndCommentAreReadAsUtf8AndOnlyBeforeTheScan) {
+  QExif x;
+  const Bytes titled = Fixture("titled.jpg");
+  ASSERT_EQ(x.ReadFromJpeg(titled.data(), titled.size()), 0);
+  EXPECT_STREQ(x.windowsTitle.cstr(), "\xCE\x91\xCE\xB8\xCE\xAE\xCE\xBD\xCE\xB1");  // Αθήνα
+  EXPECT_STREQ(x.comment.cstr(), "Caf\xC3\xA9");
+  EXPECT_STREQ(x.dateTimeOriginal.cstr(), "2021:03:07 09:30:00");
+  EXPECT_TRUE(x.description.IsEmpty());
+
+  // A comment without an EXIF block; one whose length runs past the data, one after the scan's
+  // start, and a later read without one leave none.
+  const struct { Bytes jpeg; const char* comment; } cases[] = {
+      {{0xFF, 0xD8, 0xFF, 0xFE, 0, 5, 'a', 'b', 'c', 0xFF, 0xD9}, "abc"},
+      {{0xFF, 0xD8, 0xFF, 0xFE, 0, 50, 'a', 'b', 'c', 0xFF, 0xD9}, ""},
+      {{0xFF, 0xD8, 0xFF, 0xDA, 0, 2, 0xFF, 0xFE, 0, 5, 'a', 'b', 'c', 0xFF, 0xD9}, ""},
+      {{0xFF, 0xD8, 0xFF, 0xFE, 0, 6, 'x', 0, 'y', 'z', 0xFF, 0xD9}, "x"},
+      {titled, "Caf\xC3\xA9"},
+      {Fixture("plain.jpg"), ""}};
+  for (const auto& c : cases) {
+    x.ReadFromJpeg(c.jpeg.data(), c.jpeg.size());
+    EXPECT_STREQ(x.comment.cstr(), c.comment) << c.jpeg.size();
+  }
+
+  // The title's units: 'A', a surrogate pair (U+1F305), a lone low and a lone high surrogate,
+  // 'B', and an odd last byte that is no unit.
+  SegmentBuilder s;
+  s.U16(1);
+  s.Entry(40091, 1, 13, 26);
+  s.U32(0);
+  for (uint16_t unit : {0x41, 0xD83C, 0xDF05, 0xDC00, 0xD800, 0x42}) s.U16(unit);
+  s.b.push_back(0x43);
+  ASSERT_EQ(s.Parse(&x), 0);
+  EXPECT_STREQ(x.windowsTitle.cstr(), "A\xF0\x9F\x8C\x85\xEF\xBF\xBD\xEF\xBF\xBD" "B");
+}
+
 TEST(QExifSegment, HeaderAndDirectoryBounds) {
   QExif x;
   EXPECT_EQ(x.ReadExifSegment(nullptr, 20), QExif::NO_EXIF);
