@@ -35,6 +35,9 @@ struct ScreenFit {
   int windowHeight = 0;
   double desktopAspect = 0;  // width / height of the desktop; 0: the window's own
   int maxTexture = 0;        // largest texture side; 0: no limit
+  // The most a picture is enlarged inside its quad (pan and zoom): decoded to cover its quad
+  // this many times over.
+  double zoom = 1.0;
 };
 
 // The file a picture came from, to tell whether it has changed since.

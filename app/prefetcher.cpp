@@ -7,7 +7,7 @@ namespace {
 
 bool SameFit(const ScreenFit& a, const ScreenFit& b) {
   return a.windowWidth == b.windowWidth && a.windowHeight == b.windowHeight &&
-         a.desktopAspect == b.desktopAspect && a.maxTexture == b.maxTexture;
+         a.desktopAspect == b.desktopAspect && a.maxTexture == b.maxTexture && a.zoom == b.zoom;
 }
 
 }  // namespace
