@@ -62,6 +62,7 @@ TEST(ShippedIni, ReadsBackWithoutWarningsAndHoldsEveryKeyTheProgramReads) {
         "dev.udp_out", "dev.log_last", "dev.strict", "dev.opengl_checks", "dev.argument_tracing",
         "dev.qdbg_to_qlog", "dev.idle_sleep_ms", "dev.screen_file", "dev.fatal_box_seconds",
         "effects.advance_seconds", "effects.fade_ms", "app.watch_directory", "app.recursive",
+        "effects.pan_zoom",
         "app.max_pictures", "app.order", "app.resume", "app.index_file", "app.rescan_minutes",
         "network.allow", "display.schedule", "mqtt.host", "mqtt.port", "mqtt.tls",
         "mqtt.ca_file", "mqtt.cert_file", "mqtt.key_file", "mqtt.username", "mqtt.password_file",
