@@ -3,11 +3,10 @@
 // directory and runs the main loop: it sleeps until a key, a window event, a datagram, a change
 // of the watched folder or a stop signal comes, or the automatic advance, a fade's next frame,
 // an animation's next frame, a moving picture's next frame or the display schedule's next edge
-// is due (at most
-// "dev.idle_sleep_ms" when that is set); it follows the schedule and the folder, handles every key
-// and every waiting command, puts a due animation frame into the texture, takes a due advance step
-// (for an animation, at the end of the loop the interval ends in), then runs the idle cycle, which
-// paints and presents a frame only when something changed.
+// is due (at most "dev.idle_sleep_ms" when that is set); it follows the schedule and the folder,
+// handles every key and every waiting command, puts a due animation frame into the texture,
+// takes a due advance step (for an animation, at the end of the loop the interval ends in), then
+// runs the idle cycle, which paints and presents a frame only when something changed.
 //
 // What stays true: the shown picture is one Slide (texture, quad and the shape they were made
 // from), replaced whole by each successful load (the one a fade leaves stays until it ends); a

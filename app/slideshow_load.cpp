@@ -52,6 +52,8 @@ void RaceManager::LoadCurImage() {
 
 ScreenFit RaceManager::CurrentFit() const {
   ScreenFit fit;
+  // Room for the closest framing of pan and zoom.
+  if (panZoom && advanceMs > 0) fit.zoom = PanZoom::MAX_ZOOM;
   QApp* app = QGetApp();
   if (!window || !app) return fit;
   fit.windowWidth = window->GetWidth();
@@ -62,7 +64,6 @@ ScreenFit RaceManager::CurrentFit() const {
   // Nothing decodes beyond the readers' limit anyway; the start predicts exactly this.
   const int glMax = DGlobal::MaxTextureSize();
   fit.maxTexture = glMax > 0 ? std::min(glMax, int(QImage::MAX_SIZE)) : 0;
-  if (panZoom && advanceMs > 0) fit.zoom = PanZoom::MAX_ZOOM;
   return fit;
 }
 
