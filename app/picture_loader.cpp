@@ -48,10 +48,12 @@ QBlock ReadWhole(const char* path, const struct stat* st, size_t* size) {
   return data;
 }
 
-// The quad's size in the picture's stored (unturned) directions.
+// The pixels the quad needs in the picture's stored (unturned) directions: its size, times the
+// zoom it may be shown at.
 void StoredQuadSize(const LoadedPicture& p, int* w, int* h) {
   int qw = 0, qh = 0;
   p.QuadSize(&qw, &qh);
+  if (p.fit.zoom > 1.0) qw = int(qw * p.fit.zoom + 0.5), qh = int(qh * p.fit.zoom + 0.5);
   *w = p.Turned() ? qh : qw;
   *h = p.Turned() ? qw : qh;
 }

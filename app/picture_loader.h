@@ -44,6 +44,9 @@ struct ScreenFit {
   int maxTexture = 0;        // largest texture side; 0: no limit
   bool background = false;   // a blurred copy fills the sides the picture leaves free
   bool half = false;         // one of a portrait pair: no wider than half the window either
+  // The most a picture is enlarged inside its quad (pan and zoom): decoded to cover its quad
+  // this many times over.
+  double zoom = 1.0;
 };
 
 // The file a picture came from, to tell whether it has changed since.

@@ -8,7 +8,7 @@ namespace {
 bool SameFit(const ScreenFit& a, const ScreenFit& b) {
   return a.windowWidth == b.windowWidth && a.windowHeight == b.windowHeight &&
          a.desktopAspect == b.desktopAspect && a.maxTexture == b.maxTexture &&
-         a.background == b.background && a.half == b.half;
+         a.background == b.background && a.half == b.half && a.zoom == b.zoom;
 }
 
 }  // namespace

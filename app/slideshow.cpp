@@ -184,7 +184,7 @@ void RaceManager::Setup(const char* arg) {
   ini->GetString("effects.date_format", &dateFormat, Caption::DEFAULT_DATE_FORMAT);
   if (!captionPattern.IsEmpty())
     captions.reset(new Caption(captionPattern.cstr(), dateFormat.cstr()));
-  // Signage additions, both off unless set: an advance of less than a frame would only spin.
+  // Signage additions, all off unless set: an advance of less than a frame would only spin.
   const double advance = ini->GetFloat("effects.advance_seconds", 0.0);
   advanceMs = advance >= 0.05 && advance <= 1e6 ? int(advance * 1000.0 + 0.5) : 0;
   const int fade = ini->GetInt("effects.fade_ms", 0);
@@ -200,6 +200,7 @@ void RaceManager::Setup(const char* arg) {
   if (heldDim != dim)
     QWARN("RaceManager::Setup", "effects.blur_dim '%g' is outside 0..1; %g used", dim, heldDim);
   backgroundWeight = float(1.0 - heldDim);
+  panZoom = ini->GetBool("effects.pan_zoom", false);
   // Before the first picture: outside the hours nothing is decoded, the first one included.
   qstring hours;
   ini->GetString("display.schedule", &hours, "");
@@ -437,6 +438,7 @@ void RaceManager::StartFirstPicture(const char* arg, QApp* app, int width, int h
   if (desk.wid > 0 && desk.hgt > 0) fit.desktopAspect = double(desk.wid) / desk.hgt;
   fit.maxTexture = QImage::MAX_SIZE;
   fit.background = blurBackground;
+  fit.zoom = CurrentFit().zoom;  // as the show will ask for it
   prefetcher->WantFile(path, file, fit, ini->GetBool("effects.black_and_white", false));
 }
 
@@ -547,6 +549,10 @@ bool RaceManager::IsBlackAndWhite() const {
 void RaceManager::SetPaused(bool on) {
   if (paused == on) return;
   paused = on;
+  // The motion goes on from where the pause held it.
+  const auto now = std::chrono::steady_clock::now();
+  if (on) motionHeldAt = now;
+  else motionStart += now - motionHeldAt;
   QNOTE("RaceManager::SetPaused", on ? "Advance paused" : "Advance resumed");
   RestartAdvance();
 }
@@ -573,7 +579,7 @@ int RaceManager::SleepMs() const {
   // A fade draws a frame every 16 ms at the most; where the swap waits for the display's
   // refresh, that wait counts towards it.
   const auto now = steady_clock::now();
-  if (fadeStarted)
+  if (fadeStarted || Moving())
     atMost(std::max<long long>(0, 16 - duration_cast<milliseconds>(now - frameAt).count()));
   // An animation's advance waits for the end of its loop, which a frame's time brings.
   if (advanceMs > 0 && !paused && displayOn && !newPicture && !animation)
@@ -632,6 +638,9 @@ void RaceManager::Run() {
     if (advanceMs > 0 && !paused && displayOn && !g_stopSignal && !newPicture && !animation &&
         std::chrono::steady_clock::now() >= advanceAt)
       AdvanceStep();
+    // A moving picture's next frame, at the fade's pace.
+    if (Moving() && std::chrono::steady_clock::now() - frameAt >= std::chrono::milliseconds(16))
+      dirty = true;
     IdleProc();
     if (remote) remote->Update(*this);
     if (const int sig = g_stopSignal) {
@@ -676,6 +685,7 @@ void RaceManager::IdleProc() {
     // On the screen now: the advance and the first frame's time count from here.
     rm->newPicture = false;
     rm->RestartAdvance();
+    rm->motionStart = rm->motionHeldAt = std::chrono::steady_clock::now();
     rm->animNextAt = std::chrono::steady_clock::now() + std::chrono::milliseconds(rm->animDelayMs);
   }
   if (rm->prefetchDue) {

@@ -2,11 +2,11 @@
 // its window, opens the command channel and the MQTT remote control, keeps the catalogue of pictures of the working
 // directory and runs the main loop: it sleeps until a key, a window event, a datagram, a change
 // of the watched folder or a stop signal comes, or the automatic advance, a fade's next frame,
-// an animation's next frame or the display schedule's next edge is due (at most
-// "dev.idle_sleep_ms" when that is set); it follows the schedule and the folder, handles every key
-// and every waiting command, puts a due animation frame into the texture, takes a due advance step
-// (for an animation, at the end of the loop the interval ends in), then runs the idle cycle, which
-// paints and presents a frame only when something changed.
+// an animation's next frame, a moving picture's next frame or the display schedule's next edge
+// is due (at most "dev.idle_sleep_ms" when that is set); it follows the schedule and the folder,
+// handles every key and every waiting command, puts a due animation frame into the texture,
+// takes a due advance step (for an animation, at the end of the loop the interval ends in), then
+// runs the idle cycle, which paints and presents a frame only when something changed.
 //
 // What stays true: the shown picture is one Slide (texture, quad, the blurred background's
 // texture and strips, and the shape they were made from; with "effects.portrait_pairs" also a
@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "app/catalogue.h"
+#include "app/pan_zoom.h"
 #include "app/picture_loader.h"
 #include "app/schedule.h"
 #include "app/screen_shot.h"
@@ -190,8 +191,9 @@ class RaceManager {
   // no faster than the interval.
   void AdvanceStep();
   // How long the main loop may sleep before the next thing it has to do by itself (a frame
-  // owed, a fade's next frame, an animation's next frame, the advance, the schedule's next
-  // edge); at most the idle pause when one is set; -1 when nothing is due.
+  // owed, a fade's next frame, an animation's next frame, a moving picture's next frame, the
+  // advance, the schedule's next edge); at most the idle pause when one is set; -1 when nothing
+  // is due.
   int SleepMs() const;
 
   // ---- Display power ("display on/off", keys, "display.schedule") ----
@@ -317,6 +319,12 @@ class RaceManager {
   bool LoadPartner(LoadedPicture* first, const ScreenFit& fit, bool grey, LoadedPicture* partner);
   // The prefetched `path` for `fit`, else loaded now; true when it came from the prefetcher.
   bool Fetch(const std::string& path, const ScreenFit& fit, bool grey, LoadedPicture* out);
+  // Pan and zoom is on and the advance runs: the shown still picture has a motion.
+  bool HasMotion() const;
+  // The shown picture is on its way (not held, not at its end): frames are due.
+  bool Moving() const;
+  // How far the shown picture's motion has come, 0 to 1.
+  double MotionProgress() const;
   // Writes a changed key to the configuration file at once, without asking.
   void SaveIni();
   // The catalogue's options from the configuration and the library's folder, and the index opened.
@@ -389,6 +397,13 @@ class RaceManager {
   bool firstFrameOut = false;  // the start's first frame was drawn (a library's walk waits for it)
   int shownCount = 0;       // pictures shown so far, to tell a step that failed
   int failureCount = 0;     // loads that failed so far
+  // Pan and zoom ("effects.pan_zoom", only with the advance): the shown still picture moves
+  // through `motion` over the advance's interval from its first frame (`motionStart`); a pause
+  // holds it from `motionHeldAt` and moves the start on by the time held. A fading picture
+  // stands where it was.
+  bool panZoom = false;
+  PanZoom motion;
+  std::chrono::steady_clock::time_point motionStart, motionHeldAt;
   // Fade ("effects.fade_ms"; 0: a cut): while it runs, the previous picture is kept and drawn
   // under the new one.
   int fadeMs = 0;

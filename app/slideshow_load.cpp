@@ -57,6 +57,8 @@ void RaceManager::LoadCurImage() {
 
 ScreenFit RaceManager::CurrentFit() const {
   ScreenFit fit;
+  // Room for the closest framing of pan and zoom.
+  if (panZoom && advanceMs > 0) fit.zoom = PanZoom::MAX_ZOOM;
   QApp* app = QGetApp();
   if (!window || !app) return fit;
   fit.windowWidth = window->GetWidth();
@@ -251,6 +253,7 @@ void RaceManager::ShowPicture(LoadedPicture* picture, bool prefetched, bool shar
   if (sharper) return;
   sharpenDue = false;
   newPicture = true;
+  motion = PanZoom(path);
   ++shownCount;
   int index = CatalogueIndex(path);
   if (index == -1 && AddToDir(path)) index = catalogue->Count() - 1;
@@ -381,6 +384,12 @@ void RaceManager::Paint() {
   if (!displayOn) return;
   if (slide.mesh) {
     canvas->Set3D(QCanvas::DEFAULT_DISTANCE);
+    if (HasMotion()) {
+      const PanZoom::Framing f = motion.At(MotionProgress());
+      slide.mesh->SetTextureWindow(float(f.u0), float(f.v0), float(f.size), float(f.size));
+      if (slide.pair && slide.pair->mesh)
+        slide.pair->mesh->SetTextureWindow(float(f.u0), float(f.v0), float(f.size), float(f.size));
+    }
     // During a fade, a cross-fade over black: old * (1 - w) + new * w, wherever either quad lies.
     double w = 1.0;
     if (fadeSlide.mesh) {
@@ -436,6 +445,21 @@ void RaceManager::Paint() {
     }
     DrawText(line.cstr(), 10, 30);
   }
+}
+
+bool RaceManager::HasMotion() const {
+  return panZoom && advanceMs > 0 && slide.mesh && !animation;
+}
+
+bool RaceManager::Moving() const {
+  return HasMotion() && displayOn && !paused && !newPicture && MotionProgress() < 1.0;
+}
+
+double RaceManager::MotionProgress() const {
+  if (newPicture) return 0.0;
+  const auto at = paused ? motionHeldAt : std::chrono::steady_clock::now();
+  const double ms = std::chrono::duration<double, std::milli>(at - motionStart).count();
+  return std::min(1.0, std::max(0.0, ms / advanceMs));
 }
 
 void RaceManager::NextFrame() {

@@ -63,6 +63,10 @@ DTexture* DMesh::GetPolygonTexture(int poly) const {
   return poly >= 0 && poly < polygons_ ? texture_ : nullptr;
 }
 
+void DMesh::SetTextureWindow(float u0, float v0, float du, float dv) {
+  window_[0] = u0, window_[1] = v0, window_[2] = du, window_[3] = dv;
+}
+
 void DMesh::Paint(float weight, bool add) const {
   if (polygons_ == 0 || !DGlobal::IsOpenGLAvailable()) return;
   // Texture coordinates span the texture rectangle, in texels of the texture's own size.
@@ -96,7 +100,8 @@ void DMesh::Paint(float weight, bool add) const {
   }
   glBegin(GL_QUADS);
   for (const DMeshVertex& p : quad_) {
-    glTexCoord2f(u0 + p.u * du, v0 + p.v * dv);
+    const float u = window_[0] + p.u * window_[2], v = window_[1] + p.v * window_[3];
+    glTexCoord2f(u0 + u * du, v0 + v * dv);
     glVertex3f(p.x, p.y, p.z);
   }
   glEnd();

@@ -8,6 +8,8 @@
 // those coordinates span; the whole texture is the rectangle (0, 0, texture width, texture
 // height). DefineRect makes a quad anywhere in that plane showing a part of the turned texture:
 // the blurred background's strips beside the picture, which meet its quad edge to edge.
+// Within that rectangle, a texture window (fractions of it; the whole by default)
+// chooses the part the quad shows, so a picture can be shown enlarged inside its own quad.
 //
 // Textures are borrowed: the owner keeps them alive while the mesh can be painted. Paint draws
 // with texturing on, blending off and the texels unmodulated, in whatever projection is set
@@ -52,6 +54,10 @@ class DMesh : public QObject {
   // False with a warning for a polygon the mesh does not have.
   bool SetPolygonTexture(int poly, DTexture* texture, const QRect& texRect);
   DTexture* GetPolygonTexture(int poly) const;
+  // The part of the texture rectangle the quad shows: from (u0, v0), du x dv of it, in
+  // fractions; (0, 0, 1, 1) shows it whole. Kept as given: values outside [0, 1] repeat or
+  // clamp as the texture does.
+  void SetTextureWindow(float u0, float v0, float du, float dv);
 
   // Draws the polygons; nothing while OpenGL is unavailable or the mesh is empty.
   // With `weight` below 1 the texture's colours are scaled by it (a fade): drawn over what is
@@ -63,4 +69,5 @@ class DMesh : public QObject {
   DMeshVertex quad_[QUAD_VERTICES] = {};
   DTexture* texture_ = nullptr;
   QRect texRect_;
+  float window_[4] = {0.0f, 0.0f, 1.0f, 1.0f};  // u0, v0, du, dv
 };

@@ -16,9 +16,9 @@
 
 namespace {
 
-ScreenFit Window(int w, int h, int maxTexture = 0) {
+ScreenFit Window(int w, int h, int maxTexture = 0, double zoom = 1.0) {
   ScreenFit fit;
-  fit.windowWidth = w, fit.windowHeight = h, fit.maxTexture = maxTexture;
+  fit.windowWidth = w, fit.windowHeight = h, fit.maxTexture = maxTexture, fit.zoom = zoom;
   fit.desktopAspect = 16.0 / 9.0;
   return fit;
 }
@@ -36,7 +36,8 @@ bool Decoded(Prefetcher* pre, const std::string& path) {
   return pre->Ready(path);
 }
 
-// The quad's size in stored directions, within the picture and the texture limit; irot not redone.
+// The quad's size in stored directions (times the zoom), within the picture and the texture
+// limit; irot not redone.
 TEST(LoadPicture, DecodesToTheQuadsSizeTurnedAsAskedAndWithinTheTextureLimit) {
   const TempDir tmp;
   const std::string jpeg = tmp.File("0.jpg"), pano = tmp.File("pano.tga");
@@ -60,6 +61,9 @@ TEST(LoadPicture, DecodesToTheQuadsSizeTurnedAsAskedAndWithinTheTextureLimit) {
       {tmp.File("6.jpg"), Half(800, 600), 6, 400, 533, 533, 400},
       {tmp.File("6.jpg"), Half(1280, 720), 6, 540, 720, 720, 540},
       {tmp.File("6.jpg"), Window(2560, 1440, 1200), 6, 1080, 1440, 1200, 900},
+      // Room for pan and zoom: the quad stays, the pixels cover it 1.15 times over.
+      {jpeg, Window(1280, 720, 0, 1.15), 0, 960, 720, 1104, 828},
+      {tmp.File("6.jpg"), Window(1280, 720, 0, 1.15), 6, 540, 720, 828, 621},
       {pano, Window(1280, 720, 2048), 0, 11520, 720, 2048, 128},
       // 48 x 64 stored, shown 64 x 48.
       {kTestImages + "quad_o6.tif", Window(32, 24), 6, 24, 24, 24, 32},

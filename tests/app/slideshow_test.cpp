@@ -63,6 +63,7 @@ TEST(ShippedIni, ReadsBackWithoutWarningsAndHoldsEveryKeyTheProgramReads) {
         "dev.qdbg_to_qlog", "dev.idle_sleep_ms", "dev.screen_file", "dev.fatal_box_seconds",
         "effects.advance_seconds", "effects.fade_ms", "effects.background", "effects.blur_dim",
         "effects.portrait_pairs", "effects.caption", "effects.date_format",
+        "effects.pan_zoom",
         "app.watch_directory", "app.recursive", "app.max_pictures", "app.order", "app.resume",
         "app.index_file", "app.rescan_minutes",
         "network.allow", "display.schedule", "mqtt.host", "mqtt.port", "mqtt.tls",

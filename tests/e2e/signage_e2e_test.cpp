@@ -1,5 +1,6 @@
-// glimra as a sign: automatic advance, a fade that blends and then rests, the remote steps, a
-// burst of them worked off at the cost of a few, and a stop in the middle of a flood.
+// glimra as a sign: automatic advance, pan and zoom, a fade that blends and then rests, the
+// remote steps, a burst of them worked off at the cost of a few, and a stop in the middle of a
+// flood.
 #include <signal.h>
 
 #include <atomic>
@@ -64,6 +65,53 @@ TEST_F(SignageE2E, AdvanceCyclesThePicturesSkipsABadOneAKeyRestartsTheCountAndPa
   }
   ASSERT_TRUE(p.Send("resume"));
   EXPECT_TRUE(Shows(kBlue, 5000));
+  EXPECT_EQ(p.Escape(), 0);
+}
+
+TEST_F(SignageE2E, PanAndZoomMovesThePictureInsideItsPlaceAndPauseHoldsItStill) {
+  Program p;
+  ASSERT_TRUE(p.Prepare() && p.SetKey("effects.pan_zoom", "1") &&
+              p.SetKey("effects.advance_seconds", "10") && p.SetKey("effects.show_info", "0"));
+  // Portrait: its place is 450 x 600 in the middle, black beside it.
+  ASSERT_TRUE(WritePicture(p.Path("a.jpg"), 300, 400, Photo) && p.Start());
+  const auto framed = [](const Screen& s) {
+    for (int y = 0; y < 600; ++y)
+      for (int x = 0; x < 800; ++x) {
+        const uint32_t c = s.At(x, y);
+        // The photo's darkest pixel sums to 90.
+        if (x >= 178 && x < 622 && R(c) + G(c) + B(c) < 60) return false;
+        if ((x < 172 || x >= 628) && c != 0) return false;
+      }
+    return true;
+  };
+  // Pixels of the picture's place whose colour changed.
+  const auto changed = [](const Screen& a, const Screen& b) {
+    int n = 0;
+    for (int y = 0; y < 600; ++y)
+      for (int x = 178; x < 622; ++x) n += !Is(a.At(x, y), b.At(x, y), 8);
+    return n;
+  };
+  ASSERT_TRUE(Sees(framed, kStartMs)) << p.Log();
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  Screen before;
+  ASSERT_TRUE(GrabScreen(&before));
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  ASSERT_TRUE(GrabScreen(&screen_));
+  EXPECT_TRUE(framed(before) && framed(screen_));
+  const int moved = changed(before, screen_);
+  EXPECT_GT(moved, 444 * 600 / 5);
+
+  // Paused, it stands where it was, and nothing wakes the program.
+  ASSERT_TRUE(p.Send("pause") && p.WaitForLog("Advance paused", kStepMs));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  ASSERT_TRUE(GrabScreen(&before));
+  const Activity held = OverTwoSeconds(p.Pid());
+  ASSERT_TRUE(GrabScreen(&screen_));
+  EXPECT_TRUE(framed(screen_));
+  EXPECT_EQ(changed(before, screen_), 0);
+  EXPECT_LE(held.wakes, 2);
+  printf("pan and zoom: %d of %d pixels changed in a second; paused: %ld ms, %ld wakes in 2 s\n",
+         moved, 444 * 600, held.cpuMs, held.wakes);
   EXPECT_EQ(p.Escape(), 0);
 }
 
