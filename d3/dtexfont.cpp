@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "framework/qstring.h"
 #include "framework/image/qimage.h"
 #include "framework/qini.h"
 #include "framework/qmem.h"
@@ -220,33 +221,6 @@ float DTexFont::MeasuredAdvance(int code) const {
   return g ? scaleX_ * g->advance + spacing_ : 0.0f;
 }
 
-int DTexFont::NextCode(const unsigned char** p, const unsigned char* end) {
-  const unsigned char* s = *p;
-  const uint32_t c = *s;
-  int extra = 0;
-  uint32_t min = 0;
-  if (c >= 0xC2 && c < 0xE0) {
-    extra = 1, min = 0x80;
-  } else if (c >= 0xE0 && c < 0xF0) {
-    extra = 2, min = 0x800;
-  } else if (c >= 0xF0 && c < 0xF5) {
-    extra = 3, min = 0x10000;
-  } else {
-    *p = s + 1;
-    return c < 0x80 ? int(c) : -1;
-  }
-  uint32_t cp = c & (0x3Fu >> extra);
-  int i = 1;
-  for (; i <= extra && s + i < end && (s[i] & 0xC0) == 0x80; ++i) cp = (cp << 6) | (s[i] & 0x3F);
-  // Cut short, overlong, a surrogate or past U+10FFFF: only the first byte is used up.
-  if (i <= extra || cp < min || (cp >= 0xD800 && cp < 0xE000) || cp > 0x10FFFF) {
-    *p = s + 1;
-    return -1;
-  }
-  *p = s + extra + 1;
-  return int(cp);
-}
-
 const DTexFontGlyph* DTexFont::Resolve(int code, bool* inAtlas) const {
   *inAtlas = false;
   if (code >= minChar_ && code <= maxChar_) {
@@ -266,7 +240,7 @@ float DTexFont::GetStringWidth(const char* text, int len) const {
   float w = 0.0f;
   bool inAtlas = false;
   while (p < end) {
-    const DTexFontGlyph* g = Resolve(NextCode(&p, end), &inAtlas);
+    const DTexFontGlyph* g = Resolve(qutf8decode(&p, end), &inAtlas);
     if (g) w += scaleX_ * g->advance + spacing_;
   }
   return w;

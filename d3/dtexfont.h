@@ -169,9 +169,6 @@ class DTexFont {
   void AddToRanges(int code);
   // Adds one glyph's advance plus spacing when min..max and a glyph allow it.
   float MeasuredAdvance(int code) const;
-  // The code point that starts at *p (before `end`), or -1 for a byte that starts no valid
-  // UTF-8 sequence; moves *p past what it read.
-  static int NextCode(const unsigned char** p, const unsigned char* end);
   // The glyph `code` (or -1) is drawn with, and whether it lies in the atlas; null when it
   // draws nothing.
   const DTexFontGlyph* Resolve(int code, bool* inAtlas) const;

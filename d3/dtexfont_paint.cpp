@@ -8,6 +8,7 @@
 
 #include "d3/dtexfont.h"
 #include "d3/dtexture.h"
+#include "framework/qstring.h"
 #include "framework/qmessage.h"
 
 void DTexFont::TextureDeleter::operator()(DBitMapTexture* t) const { delete t; }
@@ -79,7 +80,7 @@ int DTexFont::Paint(const char* text, float x, float y, int len) {
   if (len == 0) return int(x);
   std::vector<int> codes;
   const unsigned char* p = reinterpret_cast<const unsigned char*>(text);
-  for (const unsigned char* end = p + len; p < end;) codes.push_back(NextCode(&p, end));
+  for (const unsigned char* end = p + len; p < end;) codes.push_back(qutf8decode(&p, end));
   // Atlas glyphs are all placed before its texture is brought up to date once.
   bool inAtlas = false, anyInAtlas = false;
   for (int code : codes) {

@@ -16,8 +16,6 @@
 namespace {
 const char kEmpty[] = "";
 const char kUnicodeNyi[] = "<unicodestr-nyi>";
-// Stands for a character that 8-bit text cannot hold.
-constexpr char kReplacement = '?';
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -64,7 +62,7 @@ int qnamecmp(const char* a, const char* b) {
 // UTF-8
 // ---------------------------------------------------------------------------------------------
 
-uint32_t qutf8next(const unsigned char** text) {
+int32_t qutf8decode(const unsigned char** text, const unsigned char* end) {
   const unsigned char* s = *text;
   const uint32_t c = *s;
   int extra = 0;
@@ -75,28 +73,28 @@ uint32_t qutf8next(const unsigned char** text) {
     extra = 2, min = 0x800;
   } else if (c >= 0xF0 && c < 0xF5) {
     extra = 3, min = 0x10000;
+  } else {
+    *text = s + 1;
+    return c < 0x80 ? int32_t(c) : -1;
   }
   uint32_t cp = c & (0x3Fu >> extra);
   int i = 1;
-  for (; i <= extra && (s[i] & 0xC0) == 0x80; ++i) cp = (cp << 6) | (s[i] & 0x3F);
-  // Overlong forms, surrogates and values past U+10FFFF are not text either.
-  if (extra == 0 || i <= extra || cp < min || (cp >= 0xD800 && cp < 0xE000) || cp > 0x10FFFF) {
+  // Without an end, the terminating zero (no continuation byte) stops the sequence.
+  for (; i <= extra && (!end || s + i < end) && (s[i] & 0xC0) == 0x80; ++i)
+    cp = (cp << 6) | (s[i] & 0x3F);
+  // Cut short, overlong, a surrogate or past U+10FFFF: only the first byte is used up.
+  if (i <= extra || cp < min || (cp >= 0xD800 && cp < 0xE000) || cp > 0x10FFFF) {
     *text = s + 1;
-    return c;
+    return -1;
   }
   *text = s + extra + 1;
-  return cp;
+  return int32_t(cp);
 }
 
-void qUtf8ToLatin1(const char* text, qstring* out) {
-  if (!out) return;
-  std::string latin;
-  const unsigned char* s = reinterpret_cast<const unsigned char*>(text ? text : "");
-  while (*s) {
-    const uint32_t cp = qutf8next(&s);
-    latin += cp <= 0xFF ? static_cast<char>(cp) : kReplacement;
-  }
-  *out = latin.c_str();
+uint32_t qutf8next(const unsigned char** text) {
+  const unsigned char first = **text;
+  const int32_t cp = qutf8decode(text, nullptr);
+  return cp < 0 ? first : uint32_t(cp);
 }
 
 // ---------------------------------------------------------------------------------------------

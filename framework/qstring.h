@@ -164,6 +164,6 @@ int qnamecmp(const char* a, const char* b);
 // byte that starts no valid UTF-8 sequence (stray, cut short, overlong, a surrogate) answers
 // itself and moves one byte.
 uint32_t qutf8next(const unsigned char** text);
-// UTF-8 text as the 8-bit (Latin-1) text the fonts draw: code points up to 255 stay, each
-// other code point becomes one '?', an invalid byte stands for itself.
-void qUtf8ToLatin1(const char* text, qstring* out);
+// As qutf8next, reading no byte at or past `end` (null: up to the terminating zero), and
+// answering -1 for a byte that starts no valid sequence.
+int32_t qutf8decode(const unsigned char** text, const unsigned char* end);

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -30,27 +31,34 @@ TEST(QStringPath, CutsAnswerWhetherTheyChangedTheString) {
   }
 }
 
-TEST(QStringUtf8, Latin1KeepsInvalidBytesAndMarksOtherCodePoints) {
-  // Latin-1 code points stay, others are one '?', and a byte starting no valid sequence (stray,
-  // cut short, overlong, surrogate, past U+10FFFF) is itself.
-  const std::pair<const char*, const char*> latin[] = {
-      {"\xC3\xA9t\xC3\xA9.jpg", "\xE9t\xE9.jpg"},
-      {"\xE2\x82\xAC 5 \xF0\x9F\x98\x80", "? 5 ?"},
-      {"\xE6\x97\xA5\xE6\x9C\xAC", "??"},
-      {"caf\xE9", "caf\xE9"},
-      {"\xC3", "\xC3"},
-      {"\xE2\x82x", "\xE2\x82x"},
-      {"\xC0\xAF", "\xC0\xAF"},
-      {"\xE0\x80\xAF", "\xE0\x80\xAF"},
-      {"\xED\xA0\x80", "\xED\xA0\x80"},
-      {"\xF4\x90\x80\x80", "\xF4\x90\x80\x80"},
-      {"\x80\xBF", "\x80\xBF"},
-      {"", ""}};
-  for (const auto& [in, want] : latin) {
-    qstring out;
-    qUtf8ToLatin1(in, &out);
-    EXPECT_STREQ(out.cstr(), want) << in;
+TEST(QStringUtf8, DecodesCodePointsAndMarksEachInvalidByte) {
+  // A byte starting no valid sequence (stray, cut short, overlong, surrogate, past U+10FFFF) is
+  // -1 and uses up itself only; nothing at or past the end is read.
+  const struct {
+    const char* in;
+    size_t len;
+    std::vector<int> want;
+  } cases[] = {
+      {"\xC3\xA9t", 3, {0xE9, 't'}},
+      {"\xE2\x82\xAC \xF0\x9F\x98\x80", 8, {0x20AC, ' ', 0x1F600}},
+      {"caf\xE9", 4, {'c', 'a', 'f', -1}},
+      {"\xE2\x82x", 3, {-1, -1, 'x'}},
+      {"\xC0\xAF", 2, {-1, -1}},
+      {"\xE0\x80\xAF", 3, {-1, -1, -1}},
+      {"\xED\xA0\x80", 3, {-1, -1, -1}},
+      {"\xF4\x90\x80\x80", 4, {-1, -1, -1, -1}},
+      {"\xCE\xBB", 1, {-1}},  // the end cuts a whole sequence short
+  };
+  for (const auto& c : cases) {
+    std::vector<int> got;
+    const auto* p = reinterpret_cast<const unsigned char*>(c.in);
+    for (const unsigned char* end = p + c.len; p < end;) got.push_back(qutf8decode(&p, end));
+    EXPECT_EQ(got, c.want) << c.in;
   }
+  // Zero-terminated, an invalid byte answers itself.
+  const auto* s = reinterpret_cast<const unsigned char*>("\xC3x");
+  EXPECT_EQ(qutf8next(&s), 0xC3u);
+  EXPECT_EQ(qutf8next(&s), uint32_t('x'));
 }
 
 TEST(QStringNames, CompareFoldsAsciiLettersOnly) {
