@@ -1,6 +1,6 @@
 // What the benchmarks that run the real program share: starting it from a runnable folder (in a
 // PID namespace of its own when asked, so that several copies run for one user), stopping it,
-// its peak memory, a datagram to its command port, and the colour at a point of an X screen.
+// the processor time it uses showing a picture, its peak memory, a datagram to its command port, and the colour at a point of an X screen.
 #pragma once
 
 #include <X11/Xlib.h>
@@ -18,7 +18,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace bench {
@@ -92,6 +94,47 @@ inline double PeakMb(pid_t pid) {
   while (std::getline(f, line))
     if (line.rfind("VmHWM:", 0) == 0) return atof(line.c_str() + 6) / 1024.0;
   return -1;
+}
+
+// Percentage of one core `dir`/glimra uses showing `photo`: started, once it logs the picture's
+// load times (it needs "dev.qdbg_to_qlog=1") and a second for the first frames to settle,
+// `seconds` of its processor time (utime + stime) over the wall time; then stopped. -1 when it
+// could not be run or showed nothing within a minute.
+inline double ShownCpuPercent(const std::string& dir, const std::string& photo, double seconds) {
+  const auto readAll = [](const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+  };
+  const pid_t pid = StartProgram(dir, photo.c_str());
+  if (pid <= 0) return -1;
+  // The command name in parentheses may hold blanks; the fields after it are fixed.
+  const auto ticks = [&] {
+    const std::string stat = readAll("/proc/" + std::to_string(pid) + "/stat");
+    const size_t close = stat.rfind(')');
+    if (close == std::string::npos) return -1L;
+    std::istringstream in(stat.substr(close + 2));
+    std::string field;
+    long used = 0;
+    for (int i = 3; i <= 15 && in >> field; ++i)
+      if (i == 14 || i == 15) used += atol(field.c_str());
+    return used;
+  };
+  double percent = -1;
+  const auto deadline = Clock::now() + std::chrono::seconds(60);
+  while (readAll(dir + "/QLOG.txt").find("Load times (") == std::string::npos &&
+         Clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  if (Clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    const long t0 = ticks();
+    const auto w0 = Clock::now();
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    const long t1 = ticks();
+    if (t0 >= 0 && t1 >= 0)
+      percent = 100.0 * double(t1 - t0) / double(sysconf(_SC_CLK_TCK)) / Seconds(w0, Clock::now());
+  }
+  StopProgram(pid);
+  return percent;
 }
 
 // One datagram of `text` to 127.0.0.1:`port`.

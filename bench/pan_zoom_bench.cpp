@@ -150,40 +150,7 @@ double ProgramCpuPercent(bool panZoom) {
   SetKey(ini, "effects.advance_seconds", "30");
   SetKey(ini, "effects.pan_zoom", panZoom ? "1" : "0");
   SetKey(ini, "dev.qdbg_to_qlog", "1");
-  const pid_t pid = bench::StartProgram(dir, kPhoto);
-  double percent = -1;
-  const auto deadline = Clock::now() + std::chrono::seconds(60);
-  const auto loaded = [&dir] {
-    std::ifstream f(dir + "/QLOG.txt");
-    const std::string log((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-    return log.find("Load times (") != std::string::npos;
-  };
-  while (pid > 0 && !loaded() && Clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  if (pid > 0 && Clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-    const auto ticks = [pid] {
-      std::ifstream f("/proc/" + std::to_string(pid) + "/stat");
-      const std::string stat((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-      const size_t close = stat.rfind(')');
-      if (close == std::string::npos) return -1L;
-      std::istringstream in(stat.substr(close + 2));
-      std::string field;
-      long utime = 0, stime = 0;
-      for (int i = 3; i <= 15 && in >> field; ++i) {
-        if (i == 14) utime = atol(field.c_str());
-        if (i == 15) stime = atol(field.c_str());
-      }
-      return utime + stime;
-    };
-    const long t0 = ticks();
-    const auto w0 = Clock::now();
-    std::this_thread::sleep_for(std::chrono::seconds(5));
-    const long t1 = ticks();
-    const double wall = std::chrono::duration<double>(Clock::now() - w0).count();
-    if (t0 >= 0 && t1 >= 0) percent = 100.0 * double(t1 - t0) / double(sysconf(_SC_CLK_TCK)) / wall;
-  }
-  if (pid > 0) bench::StopProgram(pid);
+  const double percent = bench::ShownCpuPercent(dir, kPhoto, 5.0);
   std::error_code ec;
   std::filesystem::remove_all(dir, ec);
   return percent;

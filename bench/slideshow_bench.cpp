@@ -41,6 +41,7 @@
 #include "app/command_channel.h"
 #include "app/slideshow.h"
 #include "bench/bench_photo.h"
+#include "bench/bench_program.h"
 #include "d3/dtexture.h"
 #include "framework/qapp.h"
 #include "framework/qini.h"
@@ -193,27 +194,6 @@ void BM_RawDecode(benchmark::State& state, const Photo* p) {
 // Idle CPU of the running program
 // ---------------------------------------------------------------------------------------------
 
-std::string ReadAll(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-}
-
-// utime + stime of `pid` in clock ticks; -1 when it cannot be read.
-long CpuTicks(pid_t pid) {
-  const std::string stat = ReadAll("/proc/" + std::to_string(pid) + "/stat");
-  // The command name in parentheses may hold blanks; the fields after it are fixed.
-  const size_t close = stat.rfind(')');
-  if (close == std::string::npos) return -1;
-  std::istringstream in(stat.substr(close + 2));
-  std::string field;
-  long utime = 0, stime = 0;
-  for (int i = 3; i <= 15 && in >> field; ++i) {
-    if (i == 14) utime = atol(field.c_str());
-    if (i == 15) stime = atol(field.c_str());
-  }
-  return utime + stime;
-}
-
 void SetKey(const std::string& ini, const char* key, const std::string& value) {
   QIni file(ini.c_str());
   file.SetString(key, value.c_str());
@@ -223,53 +203,16 @@ void SetKey(const std::string& ini, const char* key, const std::string& value) {
 // Percentage of one core used by glimra while it shows `photo` and waits; -1 when it could not
 // be run.
 double IdleCpuPercent(const std::string& photo, double seconds) {
-  char self[4096];
-  const ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-  if (n <= 0) return -1;
-  self[n] = 0;
-  const fs::path build = fs::path(self).parent_path().parent_path();
   // Lower case: the program lower-cases its own folder before making it current.
   const std::string dir = "/tmp/glimra-slideshow-bench-run-" + std::to_string(getpid());
-  std::error_code ec;
-  fs::create_directory(dir, ec);
-  fs::copy_file(build / "glimra", dir + "/glimra", ec);
-  if (ec) return -1;
-  fs::copy_file(build / "glimra.ini", dir + "/glimra.ini", ec);
-  fs::copy(build / "fonts", dir + "/fonts", fs::copy_options::recursive, ec);
-  if (ec) return -1;
+  if (!bench::CopyRunnable(dir)) return -1;
   const std::string ini = dir + "/glimra.ini";
   SetKey(ini, "network.port", std::to_string(g_rig.port + 1));
   SetKey(ini, "resolution.width", std::to_string(kWindowW));
   SetKey(ini, "resolution.height", std::to_string(kWindowH));
   SetKey(ini, "dev.qdbg_to_qlog", "1");
-
-  const pid_t pid = fork();
-  if (pid < 0) return -1;
-  if (pid == 0) {
-    if (chdir(dir.c_str()) != 0) _exit(126);
-    const int null = open("/dev/null", O_WRONLY);
-    if (null >= 0) dup2(null, 1), dup2(null, 2);
-    execl((dir + "/glimra").c_str(), "glimra", photo.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  double percent = -1;
-  const auto deadline = Clock::now() + std::chrono::seconds(60);
-  while (ReadAll(dir + "/QLOG.txt").find("Load times (") == std::string::npos &&
-         Clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  if (Clock::now() < deadline) {
-    // The first frames after a load are still settling.
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-    const long t0 = CpuTicks(pid);
-    const auto w0 = Clock::now();
-    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-    const long t1 = CpuTicks(pid);
-    const double wall = std::chrono::duration<double>(Clock::now() - w0).count();
-    if (t0 >= 0 && t1 >= 0)
-      percent = 100.0 * double(t1 - t0) / double(sysconf(_SC_CLK_TCK)) / wall;
-  }
-  kill(pid, SIGTERM);
-  waitpid(pid, nullptr, 0);
+  const double percent = bench::ShownCpuPercent(dir, photo, seconds);
+  std::error_code ec;
   fs::remove_all(dir, ec);
   return percent;
 }
