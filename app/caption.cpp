@@ -11,6 +11,7 @@
 
 #include "framework/image/qexif.h"
 #include "framework/qmessage.h"
+#include "framework/qstring.h"
 
 namespace {
 
@@ -35,6 +36,15 @@ void SetCalendarDays(struct tm* t) {
   static const int offsets[] = {0, 3, 2, 5, 0, 3, 5, 1, 4, 6, 2, 4};
   const int yy = m < 3 ? y - 1 : y;
   t->tm_wday = (yy + yy / 4 - yy / 100 + yy / 400 + offsets[m - 1] + t->tm_mday) % 7;
+}
+
+// At most `max` characters of UTF-8 `s`, and "…" when it was longer: a title may run to kilobytes,
+// and each of its characters would be rendered for every frame.
+std::string CutToChars(const std::string& s, size_t max) {
+  const auto* begin = reinterpret_cast<const unsigned char*>(s.data());
+  const unsigned char *p = begin, *end = begin + s.size();
+  for (size_t n = 0; p < end && n < max; ++n) qutf8decode(&p, end);
+  return p < end ? s.substr(0, size_t(p - begin)) + "\xE2\x80\xA6" : s;
 }
 
 // Where a name's last component starts: after its last '/'.
@@ -139,7 +149,7 @@ std::string Caption::Make(const std::string& path, const char* exifDate, const c
   facts.folder = FolderOf(path);
   facts.name = LastComponent(path);
   facts.title = title ? title : "";
-  return Compose(facts);
+  return CutToChars(Compose(facts), MAX_CHARS);
 }
 
 std::string Caption::FolderOf(const std::string& path) {

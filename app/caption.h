@@ -44,7 +44,10 @@ class Caption {
   // An EXIF date ("YYYY:MM:DD HH:MM:SS", the time optional) in the date format, spaces trimmed;
   // "" for a text that is no date (cameras write zeros when their clock was never set).
   std::string Date(const char* exif) const;
-  // The caption of the picture at `path` with its EXIF date taken and title (either may be "").
+  // The longest caption, in characters; a longer one is cut and ends in "…".
+  static constexpr size_t MAX_CHARS = 200;
+  // The caption of the picture at `path` with its EXIF date taken and title (either may be ""),
+  // at most MAX_CHARS characters.
   std::string Make(const std::string& path, const char* exifDate, const char* title) const;
 
   // The last component of `path`'s folder; ".", ".." and a path without folder are looked up in
