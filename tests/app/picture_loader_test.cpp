@@ -51,7 +51,6 @@ TEST(LoadPicture, DecodesToTheQuadsSizeTurnedAsAskedAndWithinTheTextureLimit) {
     int orientation, quadW, quadH, pixW, pixH;
   } cases[] = {
       {jpeg, Window(320, 180), 0, 240, 180, 240, 180},
-      {jpeg, Window(1280, 720), 0, 960, 720, 960, 720},
       {jpeg, Window(2560, 1440), 0, 1920, 1440, 1920, 1440},
       {jpeg, Window(6400, 3600), 0, 4800, 3600, 3200, 2400},
       {tmp.File("3.jpg"), Window(1280, 720), 3, 960, 720, 960, 720},

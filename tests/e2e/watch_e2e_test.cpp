@@ -38,6 +38,7 @@ TEST_F(WatchE2E, PicturesJoinWhenCompleteAndLeaveWithoutAnError) {
   const std::string dir = p.Path("S");
   ASSERT_TRUE(p.SetKey("app.startup_directory", dir.c_str()) && fs::create_directory(dir));
   const auto in = [&dir](const char* name) { return dir + "/" + name; };
+  const auto right = [&](uint32_t shown) { return p.Keys("Right") && Shows(shown); };
   // The pictures to copy in wait outside the folder.
   TempDir spare("watch_e2e");
   ASSERT_TRUE(Uniform(spare.File("a.tga"), kRed) && Uniform(spare.File("b.tga"), kGreen) &&
@@ -66,16 +67,14 @@ TEST_F(WatchE2E, PicturesJoinWhenCompleteAndLeaveWithoutAnError) {
   EXPECT_TRUE(Sees([&](const Screen& s) {
     return Is(s.At(400, 300), kBlue) && InfoLine(s) != oneListed;
   })) << "the information line's count";
-  ASSERT_TRUE(p.Keys("Right"));
-  EXPECT_TRUE(Shows(kRed));
+  EXPECT_TRUE(right(kRed));
   EXPECT_EQ(p.Log().find("(b.tga"), std::string::npos) << p.Log();
 
   // b complete: the next Right shows it.
   ASSERT_EQ(fwrite(b.data() + half, 1, b.size() - half, f), b.size() - half);
   ASSERT_EQ(fclose(f), 0);
   ASSERT_TRUE(Listed(p, 3)) << p.Log();
-  ASSERT_TRUE(p.Keys("Right"));
-  EXPECT_TRUE(Shows(kGreen));
+  EXPECT_TRUE(right(kGreen));
 
   // z, prefetched blue, replaced by a white one of the same size and time: the step shows white.
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -83,15 +82,13 @@ TEST_F(WatchE2E, PicturesJoinWhenCompleteAndLeaveWithoutAnError) {
   fs::last_write_time(in("z.white"), fs::last_write_time(in("z.tga")));
   fs::rename(in("z.white"), in("z.tga"));
   ASSERT_TRUE(Listed(p, 3, 2)) << p.Log();
-  ASSERT_TRUE(p.Keys("Right"));
-  EXPECT_TRUE(Shows(kWhite));
+  EXPECT_TRUE(right(kWhite));
 
   // The shown z and the next one, a, go: z stays on the screen, and Right goes on to b.
   ASSERT_TRUE(fs::remove(in("z.tga")) && fs::remove(in("a.tga")));
   ASSERT_TRUE(Listed(p, 1)) << p.Log();
   EXPECT_TRUE(Shows(kWhite));
-  ASSERT_TRUE(p.Keys("Right"));
-  EXPECT_TRUE(Shows(kGreen));
+  EXPECT_TRUE(right(kGreen));
 
   std::string log = p.Log();
   EXPECT_EQ(log.find("Can't load image"), std::string::npos) << log;
@@ -106,13 +103,10 @@ TEST_F(WatchE2E, PicturesJoinWhenCompleteAndLeaveWithoutAnError) {
   ASSERT_EQ(symlink("/nowhere.tga", in("e.tga").c_str()), 0);
   ASSERT_EQ(symlink(spare.Path().c_str(), in("f.tga").c_str()), 0);
   ASSERT_TRUE(Listed(p, 3, threes + 1)) << p.Log();
-  ASSERT_TRUE(p.Keys("Right"));
-  EXPECT_TRUE(Shows(kBlue));
-  ASSERT_TRUE(p.Keys("Right"));
-  EXPECT_TRUE(Shows(kRed));
+  EXPECT_TRUE(right(kBlue));
+  EXPECT_TRUE(right(kRed));
   // After d the list wraps round to b: the dead-end links are not in it.
-  ASSERT_TRUE(p.Keys("Right"));
-  EXPECT_TRUE(Shows(kGreen)) << p.Log();
+  EXPECT_TRUE(right(kGreen)) << p.Log();
 
   // Replaced the way signs are updated: said, entered, its first picture shown.
   const std::string cwd = "/proc/" + std::to_string(p.Pid()) + "/cwd";
