@@ -74,6 +74,14 @@ TEST(Caption, ExifDatesAreWrittenInTheFormatAndFolderAndTitleComeFromThePicture)
   EXPECT_EQ(Caption::TitleOf(exif), "Harbour");
   exif.windowsTitle = "";
   EXPECT_EQ(Caption::TitleOf(exif), "Comment");
+
+  // A long title is cut after whole characters (two-byte ones here) and ends in an ellipsis.
+  std::string greek;
+  for (size_t i = 0; i < Caption::MAX_CHARS + 50; ++i) greek += "\xCE\xBB";
+  const Caption title("{title}", nullptr, "C");
+  EXPECT_EQ(title.Make("a.jpg", "", greek.c_str()),
+            greek.substr(0, 2 * Caption::MAX_CHARS) + "\xE2\x80\xA6");
+  EXPECT_EQ(title.Make("a.jpg", "", "short"), "short");
 }
 
 }  // namespace
