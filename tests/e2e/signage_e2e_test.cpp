@@ -121,7 +121,9 @@ TEST_F(SignageE2E, AFolderOfBadPicturesIsTriedNoFasterThanTheInterval) {
   ASSERT_TRUE(WriteFile(p.Path("a.jpg"), "not a picture") &&
               WriteFile(p.Path("b.jpg"), "no picture either"));
   ASSERT_TRUE(p.Start() && p.WaitForLog("Can't load image (b.jpg)", kStartMs)) << p.Log();
-  EXPECT_LE(OverTwoSeconds(p.Pid()).cpuMs, 100);
+  // A loop that retried at once would burn most of the 2 s; four tries cost 20-70 ms alone and
+  // up to 110 ms under the sanitizers beside other tests.
+  EXPECT_LE(OverTwoSeconds(p.Pid()).cpuMs, 250);
   ASSERT_TRUE(p.Send("next"));  // still answering
   EXPECT_EQ(p.Escape(), 0);
 }
